@@ -1,0 +1,303 @@
+// The life of the library: start-up, the interval check, and the tear-down, all on the thread that the host has called
+// fxm_init_manager on. The tear-down mirrors the start-up, so the two read side by side.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "access/fxm_tags.h"
+#include "access/fxm_wreg.h"
+#include "core/fxm_config.h"
+#include "core/fxm_loglevel.h"
+#include "core/fxm_state.h"
+#include "diag/fxm_stats.h"
+#include "diag/fxm_stdump.h"
+#include "events/fxm_event.h"
+#include "events/fxm_linkstate.h"
+#include "fxm_log4cxxif.h"
+#include "registry/fxm_blacklist.h"
+#include "registry/fxm_keepalive.h"
+#include "registry/fxm_tables.h"
+#include "wire/fxm_port.h"
+#include "wire/fxm_recv.h"
+
+constexpr size_t FXM_CONF_PATH_BUFFER = 512;
+
+// ----------------------------------------------------------------------------------------------------- interval check
+
+// The main loop of the library. Only the ticks count towards the period, not the time that a pass takes.
+static int _fxm_interval_check()
+{
+    const uint32_t tick = g_config.devinfo_flag_check_interval;
+    const uint32_t period = g_config.devinfo_check_interval;
+    uint64_t elapsed = 0;
+    fxm_log_info("%s: start.", __func__);
+    while (!_fxm_stopping()) {
+        Sleep(tick);
+        elapsed += tick;
+        if (elapsed < period)
+            continue;
+        fxm_log_trace("%s: DEVINFO interval check start", __func__);
+        {
+            fxm_fx_guard_t guard;
+            _devinfo_keepalive_check();
+        }
+        fxm_log_trace("%s: DEVINFO interval check end", __func__);
+        elapsed = 0;
+    }
+    fxm_log_info("%s: end.", __func__);
+    return 0;
+}
+
+// --------------------------------------------------------------------------------------------------------- subsystems
+
+// Brought up in this order and released in reverse.
+static const struct {
+    int (*init)();
+    void (*fini)();
+} subsystems[] = {
+    {_fxm_stats_init, _fxm_stats_fini},
+    {_fxm_fx_init, [] { _fxm_fx_fini(); }},
+    {_fxm_blacklist_init, [] { _fxm_blacklist_fini(); }},
+    {_fxm_event_cb_init, [] { _fxm_event_cb_fini(); }},
+    {_fxm_cmp_init, [] { _fxm_cmp_fini(); }},
+    {_fxm_reg_init, _fxm_reg_fini},
+};
+constexpr size_t SUBSYSTEMS = sizeof(subsystems) / sizeof(subsystems[0]);
+
+// Brings them up; *made tells how many stand afterwards. 0 or the value of the first failure.
+static int _init_subsystems(size_t *made)
+{
+    for (*made = 0; *made < SUBSYSTEMS; ++*made) {
+        const int err = subsystems[*made].init();
+        if (err != 0)
+            return err;
+    }
+    return 0;
+}
+
+static void _fini_subsystems(size_t made)
+{
+    while (made-- > 0)
+        subsystems[made].fini();
+}
+
+// -------------------------------------------------------------------------------------------------- ports and workers
+
+// What a run has opened and started; joins and closes follow it exactly.
+struct run_t {
+    bool port_open[FXM_PORT_NUM];
+    fxm_thread_t recv[FXM_PORT_NUM];
+    fxm_thread_t event_task;
+    fxm_thread_t watch_link;
+    fxm_thread_t stats_task;
+};
+
+// Opens the configured ports. One is enough: the other's failure is forgotten then. 0, or the error of the last one tried.
+static int _open_ports(const char *func, run_t *run)
+{
+    _fxm_ports_clear();
+    int err = 0;
+    for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
+        if (port > 0 && _fxm_config_port_num() <= port)
+            break;
+        const int open_err = _fxm_socket_open(port);
+        run->port_open[port] = open_err == 0;
+        if (open_err == 0)
+            continue;
+        fxm_log_error("%s: Failed to _fxm_socket_open(). port=%u, err=%d", func, port, open_err);
+        err = open_err;
+    }
+    return run->port_open[0] || run->port_open[1] ? 0 : err;
+}
+
+static void _close_ports(const run_t *run)
+{
+    for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
+        if (run->port_open[port])
+            _fxm_socket_close(port);
+    }
+}
+
+static bool _start_worker(const char *func, const char *name, fxm_thread_t *thread, fxm_thread_start_t start, void *arg)
+{
+    const int err = _fxm_thread_create(thread, start, arg);
+    if (err == 0)
+        return true;
+    fxm_log_error("%s: Failed to _fxm_thread_create(%s). err=%d", func, name, err);
+    return false;
+}
+
+// Starts the workers; one receive thread is enough. False: not all that are needed run, and the stop has been asked for.
+static bool _start_workers(const char *func, run_t *run)
+{
+    static const char *const recv_names[FXM_PORT_NUM] = {"recv port0", "recv port1"};
+    bool receiving = false;
+    for (uintptr_t port = 0; port < FXM_PORT_NUM; ++port) {
+        if (run->port_open[port] && _start_worker(func, recv_names[port], &run->recv[port], _fxm_recv_task,
+                                                  reinterpret_cast<void *>(port)))
+            receiving = true;
+    }
+    if (receiving && _start_worker(func, "event_task", &run->event_task, _fxm_event_task, nullptr) &&
+        _start_worker(func, "watch_link", &run->watch_link, _fxm_watch_linkstate, nullptr) &&
+        _start_worker(func, "stats_task", &run->stats_task, _fxm_stats_task, nullptr))
+        return true;
+    _fxm_fini_manager();
+    _fxm_event_set(&g_terminate_event);
+    return false;
+}
+
+static void _join_workers(run_t *run)
+{
+    _fxm_thread_join(&run->stats_task);
+    _fxm_thread_join(&run->watch_link);
+    _fxm_thread_join(&run->event_task);
+    for (fxm_thread_t &thread : run->recv)
+        _fxm_thread_join(&thread);
+}
+
+// From the terminate event to its closing, with the whole of a run between them. 0 or EPROTO.
+static int _run_workers(const char *func, run_t *run)
+{
+    const int err = _fxm_terminate_event_create();
+    if (err != 0) {
+        fxm_log_error("%s: Failed to _fxm_terminate_event_create(). err=%d", func, err);
+        return EPROTO;
+    }
+    internal_err.store(0);
+    if (_start_workers(func, run)) {
+        // g_fini_flag stands as the start set it, unless a worker has failed or the host has asked for the stop in the
+        // meantime: that stop must not be lost, for workers have seen it and are gone.
+        g_start_flag.store(FXM_OFF);
+        g_init_flag.store(FXM_ON);
+        g_init_guard.store(1);
+        fxm_log_info("%s: Initialization was completed.", func);
+        fxm_log_sys("Starting FXM LFI");
+        _fxm_interval_check();
+        _fxm_event_set(&g_stats_event);
+        _fxm_event_set(&g_terminate_event);
+    }
+    _join_workers(run);
+    // Calls that have found the library running go on using ports, tags and tables until they return.
+    _fxm_wait_calls();
+    _fxm_event_destroy(&g_terminate_event);
+    return 0;
+}
+
+// ------------------------------------------------------------------------------------------------- exported functions
+
+// "conf/fxm.conf" below `dir`. 0 or EPROTO.
+static int _make_conf_filename(const char *func, const char *dir, char (&path)[FXM_CONF_PATH_BUFFER])
+{
+    static const char *const name = "conf/fxm.conf";
+    if (dir == nullptr || dir[0] == '\0') {
+        snprintf(path, sizeof(path), "C:/Program Files/QOR/FXM/%s", name);
+        return 0;
+    }
+    // "/", the name and the terminating zero.
+    if (strlen(dir) + strlen(name) + 2 > sizeof(path)) {
+        fxm_log_error("%s: Failed to make_conf_filename()", func);
+        return EPROTO;
+    }
+    snprintf(path, sizeof(path), "%s/%s", dir, name);
+    return 0;
+}
+
+// Arguments, logging, configuration: what comes before there is anything to release. An FXM_API_ code.
+static int _prepare(const char *func, const char *dir, int32_t log_level)
+{
+    if (!_fxm_loglevel_valid(log_level))
+        return FXM_API_EINVAL;
+    if (dir != nullptr && dir[0] != '\0' && _fxm_dir_exist(dir) != 0)
+        return FXM_API_EINVAL;
+    const int log_result = fxm_log_init(dir);
+    if (log_result != 0)
+        return log_result;
+    _fxm_config_default();
+    char path[FXM_CONF_PATH_BUFFER];
+    if (_make_conf_filename(func, dir, path) != 0)
+        return FXM_API_EPROTO;
+    const int err = _fxm_config_read(path);
+    if (err != 0 && err != ENOENT) {
+        fxm_log_error("%s: Failed to _fxm_config_read() err=%d", func, err);
+        return FXM_API_EPROTO;
+    }
+    _fxm_set_loglevel(log_level);
+    return FXM_API_SUCCESS;
+}
+
+// Takes the guard. A second call, at whatever moment, is told that the library is busy and touches nothing.
+static bool _enter_start()
+{
+    if (g_init_flag.load() == FXM_ON)
+        return false;
+    int free_guard = 1;
+    if (!g_init_guard.compare_exchange_strong(free_guard, 0))
+        return false;
+    // Between the look at the flag and the guard another start may have completed.
+    if (g_init_flag.load() == FXM_ON) {
+        g_init_guard.store(1);
+        return false;
+    }
+    g_start_flag.store(FXM_OFF);
+    g_fini_flag.store(FXM_OFF);
+    return true;
+}
+
+int fxm_init_manager(const char *dir, int32_t log_level)
+{
+    if (!_enter_start())
+        return _fxm_stats_api(FXM_ROW_INIT_MANAGER, FXM_API_EBUSY);
+    const int refused = _prepare(__func__, dir, log_level);
+    if (refused != FXM_API_SUCCESS) {
+        g_init_guard.store(1);
+        return refused;
+    }
+
+    run_t run = {};
+    size_t made = 0;
+    int err = _init_subsystems(&made);
+    if (err == 0) {
+        err = _open_ports(__func__, &run);
+        if (err == 0) {
+            err = _run_workers(__func__, &run);
+            _close_ports(&run);
+        }
+    }
+    _fini_subsystems(made);
+    _fxm_config_fini();
+
+    // Taken before the flags are released: from then on the word may be another start's.
+    const int stop_err = internal_err.exchange(0);
+    g_init_flag.store(FXM_OFF);
+    g_start_flag.store(FXM_OFF);
+    g_init_guard.store(1);
+    if (stop_err != 0) {
+        fxm_log_info("%s: Internal err is detected. internal_err=%d", __func__, stop_err);
+        err = stop_err;
+    }
+    const int result = _fxm_errno_to_result(err);
+    fxm_log_sys("FXM LFI stopped");
+    fxm_log_info("%s: (OUT) ret=%d", __func__, result);
+    return result;
+}
+
+int fxm_start_manager(void)
+{
+    fxm_call_t call;
+    fxm_log_info("%s: (IN)", __func__);
+    int result = FXM_API_ENOSYS;
+    if (call.running) {
+        g_start_flag.store(FXM_ON);
+        result = FXM_API_SUCCESS;
+    }
+    fxm_log_info("%s: (OUT) ret=%d", __func__, result);
+    return _fxm_stats_api(FXM_ROW_START_MANAGER, result);
+}
+
+int fxm_fini_manager(void)
+{
+    fxm_log_info("%s: (IN)", __func__);
+    g_fini_flag.store(FXM_ON);
+    fxm_log_info("%s: (OUT) ret=%d", __func__, FXM_API_SUCCESS);
+    return _fxm_stats_api(FXM_ROW_FINI_MANAGER, FXM_API_SUCCESS);
+}

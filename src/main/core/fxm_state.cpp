@@ -1,0 +1,75 @@
+// State words, calls in progress, result mapping. Used by every thread.
+#include "core/fxm_state.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "fxm_log4cxxif.h"
+
+std::atomic<int> g_init_flag{FXM_OFF};
+std::atomic<int> g_start_flag{FXM_OFF};
+std::atomic<int> g_fini_flag{FXM_OFF};
+std::atomic<int> g_init_guard{1};
+std::atomic<int> internal_err{0};
+
+fxm_event_t g_terminate_event;
+
+static std::atomic<uint32_t> calls_in_progress{0};
+
+int _fxm_terminate_event_create() { return _fxm_event_init_waitable(&g_terminate_event); }
+
+fxm_call_t::fxm_call_t()
+{
+    calls_in_progress.fetch_add(1);
+    running = g_init_flag.load() == FXM_ON && g_fini_flag.load() == FXM_OFF;
+}
+
+fxm_call_t::~fxm_call_t() { calls_in_progress.fetch_sub(1); }
+
+void _fxm_wait_calls()
+{
+    while (calls_in_progress.load() != 0)
+        Sleep(1);
+}
+
+void _fxm_sleep(uint32_t ms)
+{
+    while (ms > 0 && !_fxm_stopping()) {
+        const uint32_t slice = std::min(ms, FXM_STOP_SLICE);
+        Sleep(slice);
+        ms -= slice;
+    }
+}
+
+int _fxm_errno_to_result(int err)
+{
+    switch (err) {
+    case 0:
+        return FXM_API_SUCCESS;
+    case EINVAL:
+        return FXM_API_EINVAL;
+    case ERANGE:
+        return FXM_API_ERANGE;
+    case ENOENT:
+        return FXM_API_ENOENT;
+    case ENOLINK:
+        return FXM_API_ENOLINK;
+    case ENOMEM:
+        return FXM_API_ENOMEM;
+    case ETIMEDOUT:
+        return FXM_API_ETIMEDOUT;
+    case EBUSY:
+        return FXM_API_EBUSY;
+    case ENOSYS:
+        return FXM_API_ENOSYS;
+    default:
+        return FXM_API_EPROTO;
+    }
+}
+
+void _fxm_fini_manager()
+{
+    fxm_log_fatal("%s: LFI will terminate by reason of internal error.", __func__);
+    g_fini_flag.store(FXM_ON);
+    internal_err.store(EPROTO);
+}

@@ -1,0 +1,55 @@
+// What every exported function and every worker shares: the state words, the count of calls in progress, the mapping of
+// internal errors to result codes, and the internal-error stop.
+#ifndef FXM_STATE_H
+#define FXM_STATE_H
+
+#include <atomic>
+#include <cstdint>
+
+#include "fxm.h"
+#include "platform/fxm_platform.h"
+
+constexpr int FXM_ON = 0;
+constexpr int FXM_OFF = 1;
+
+// Process-wide words, read and written without a lock by every thread. Sequentially consistent, because a call counts
+// itself in and then looks at the flags, while the stop sets a flag and then looks at the count: one of the two must see
+// the other.
+extern std::atomic<int> g_init_flag;  // ON from the moment all workers run until the end of the tear-down
+extern std::atomic<int> g_start_flag; // ON after fxm_start_manager; while OFF every received frame is dropped
+extern std::atomic<int> g_fini_flag;  // ON: stop. Every loop of the library runs only while it is OFF
+extern std::atomic<int> g_init_guard; // 1 free, 0 a start-up is under way
+extern std::atomic<int> internal_err; // EPROTO after an internal-error stop, else 0
+
+// Receive threads and link watcher wait on it beside their own source. Auto-reset and signalled once a stop: it wakes
+// one of them, the others end with their wait of at most 1000 ms.
+extern fxm_event_t g_terminate_event;
+constexpr uint32_t FXM_WORKER_WAIT = 1000;
+
+int _fxm_terminate_event_create(); // 0 or EPROTO
+
+inline bool _fxm_stopping() { return g_fini_flag.load() == FXM_ON; }
+
+// A call of an exported function in progress, from its entry to its return. The tear-down closes ports, tables and locks
+// only when no call is inside (_fxm_wait_calls), so a call that has found the library running may use them to its end.
+struct fxm_call_t {
+    fxm_call_t();
+    ~fxm_call_t();
+    fxm_call_t(const fxm_call_t &) = delete;
+    fxm_call_t &operator=(const fxm_call_t &) = delete;
+    bool running; // the test of the state at entry
+};
+
+// Waits until every call has left. Their waits end by themselves when g_fini_flag is ON, each within FXM_STOP_SLICE.
+void _fxm_wait_calls();
+
+// Sleeps on behalf of a call; a stop cuts it short. No wait of a call outlives the stop by more than a slice.
+constexpr uint32_t FXM_STOP_SLICE = 100;
+void _fxm_sleep(uint32_t ms);
+
+int _fxm_errno_to_result(int err);
+
+// The internal-error stop, for any thread of the library.
+void _fxm_fini_manager();
+
+#endif

@@ -1,0 +1,68 @@
+// The counters. Called by every thread.
+#include "diag/fxm_stats.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "fxm_log4cxxif.h"
+
+fxm_mutex_t g_stats_lock;
+fxm_stats_t g_stats;
+fxm_event_t g_stats_event;
+
+int _fxm_stats_init()
+{
+    fxm_log_info("%s: start.", __func__);
+    {
+        fxm_mutex_guard_t guard(&g_stats_lock);
+        g_stats = {};
+    }
+    int err = _fxm_mutex_init_st(&g_stats_lock);
+    if (err != 0) {
+        fxm_log_error("%s: Failed to _fxm_mutex_init_st(). err=%d", __func__, err);
+    } else if ((err = _fxm_event_init(&g_stats_event)) != 0) {
+        fxm_log_error("%s: Failed to _fxm_event_init(). err=%d", __func__, err);
+        _fxm_mutex_destroy(&g_stats_lock);
+    }
+    fxm_log_info("%s: end. ret=%d", __func__, err);
+    return err;
+}
+
+void _fxm_stats_fini()
+{
+    fxm_log_info("%s: start.", __func__);
+    _fxm_event_destroy(&g_stats_event);
+    _fxm_mutex_destroy(&g_stats_lock);
+    fxm_log_info("%s: end.", __func__);
+}
+
+int _fxm_stats_api(fxm_api_row_t row, int result)
+{
+    _fxm_stats_add(&g_stats.api_total[result]);
+    _fxm_stats_add(&g_stats.api_detail[row][result]);
+    return result;
+}
+
+void _fxm_stats_frame(uint32_t port, fxm_stats_frame_t kind, fxm_stats_frame_t total)
+{
+    _fxm_stats_add(&g_stats.port_frames[port][kind]);
+    _fxm_stats_add(&g_stats.port_frames[port][total]);
+}
+
+void *_fxm_mem_alloc(fxm_mem_t account, size_t size)
+{
+    void *memory = fxm_platform.allocate(size);
+    if (memory != nullptr)
+        memset(memory, 0, size);
+    _fxm_stats_add(memory != nullptr ? &g_stats.mem[account].alloc : &g_stats.alloc_fail);
+    return memory;
+}
+
+void _fxm_mem_free(fxm_mem_t account, void *memory)
+{
+    if (memory == nullptr)
+        return;
+    free(memory);
+    _fxm_stats_add(&g_stats.mem[account].free);
+}

@@ -1,0 +1,355 @@
+// Event queue and callbacks. Producers are the receive threads, the interval check and the link watcher; the one consumer
+// is the event task, on which every callback runs; host threads register and unregister.
+#include "events/fxm_event.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <iterator>
+
+#include "core/fxm_rbtree.h"
+#include "core/fxm_state.h"
+#include "diag/fxm_stats.h"
+#include "fxm_log4cxxif.h"
+
+// Circular, doubly linked, the first members of what they link. A head or a fresh node links to itself.
+struct fxm_list_t {
+    fxm_list_t *next;
+    fxm_list_t *prev;
+};
+
+struct fxm_evt_node_t {
+    fxm_list_t evt_link; // evt_next, evt_prev
+    int32_t evt_type;
+    uint64_t evt_id;
+};
+
+// One registration; its address is the handle that the host holds. cbi_func is null once it was unregistered from within
+// a callback of its own list, which then still walks over it.
+struct fxm_cbinfo_t {
+    fxm_list_t cbi_link; // cbi_next, cbi_prev
+    fxm_callback_t cbi_func;
+    uint64_t cbi_arg;
+    int32_t cbi_type;
+    fxm_rbnode_t cbi_live; // link in live_handles
+    uint64_t cbi_handle;   // its own address, the key there
+};
+
+static struct {
+    fxm_list_t head;
+    // Guards the list. Held to link or unlink one node, under fx_lock by the producers; under it the stats lock only.
+    fxm_mutex_t lock;
+} fxm_event_queue;
+
+// Wakes the event task. The task's wait ends within EVENT_WAIT in any case, so a lost signal delays and no more.
+static fxm_event_t event_sig;
+constexpr uint32_t EVENT_WAIT = 1000;
+
+static struct {
+    fxm_list_t head; // in order of registration
+    // Guards the list. The event task holds it across all callbacks of one event, so that a function is not called any
+    // more once its unregistration has returned on another thread; re-entrant, because a callback may register and
+    // unregister for its own kind. Under it: handle_lock, the stats lock, and whatever a callback takes through the
+    // exported functions, which is why nobody takes it with another lock held.
+    fxm_mutex_t lock;
+    bool walking; // the event task is among the registrations: unlink later
+} cb_evt_tbl[FXM_EVT_KINDS];
+
+// The registrations that the host may hold, by address, so that a stale or foreign handle is told from a live one without
+// reading through it.
+static fxm_rbtree_t live_handles;
+// Guards live_handles. Held for one map operation, under an entry's lock or alone; nothing is taken under it.
+static fxm_mutex_t handle_lock;
+
+// ------------------------------------------------------------------------------------------------------------- lists
+
+static void _list_init(fxm_list_t *head) { head->next = head->prev = head; }
+
+static void _list_append(fxm_list_t *head, fxm_list_t *link)
+{
+    link->next = head;
+    link->prev = head->prev;
+    head->prev->next = link;
+    head->prev = link;
+}
+
+static void _list_unlink(fxm_list_t *link)
+{
+    link->prev->next = link->next;
+    link->next->prev = link->prev;
+    _list_init(link);
+}
+
+static fxm_evt_node_t *_evt_of(fxm_list_t *link) { return reinterpret_cast<fxm_evt_node_t *>(link); }
+
+static fxm_cbinfo_t *_cbi_of(fxm_list_t *link) { return reinterpret_cast<fxm_cbinfo_t *>(link); }
+
+static_assert(offsetof(fxm_evt_node_t, evt_link) == 0 && offsetof(fxm_cbinfo_t, cbi_link) == 0);
+static_assert(offsetof(fxm_cbinfo_t, cbi_handle) == offsetof(fxm_cbinfo_t, cbi_live) + sizeof(fxm_rbnode_t));
+
+static const void *_handle_key(const fxm_rbnode_t *link) { return link + 1; }
+
+// ----------------------------------------------------------------------------------------------- creation and release
+
+static fxm_evt_node_t *_evt_node_create(int32_t type, uint64_t id)
+{
+    auto *node = static_cast<fxm_evt_node_t *>(_fxm_mem_alloc(FXM_MEM_EVT_NODE, sizeof(fxm_evt_node_t)));
+    if (node == nullptr)
+        return nullptr;
+    _list_init(&node->evt_link);
+    node->evt_type = type;
+    node->evt_id = id;
+    return node;
+}
+
+static void _evt_node_destroy(fxm_evt_node_t *node) { _fxm_mem_free(FXM_MEM_EVT_NODE, node); }
+
+static fxm_cbinfo_t *_cbinfo_create(int32_t type, fxm_callback_t func, uint64_t arg)
+{
+    auto *info = static_cast<fxm_cbinfo_t *>(_fxm_mem_alloc(FXM_MEM_CBINFO, sizeof(fxm_cbinfo_t)));
+    if (info == nullptr) {
+        fxm_log_error("%s: can't alloc memory for fxm_cbinfo_t", __func__);
+        return nullptr;
+    }
+    _list_init(&info->cbi_link);
+    info->cbi_func = func;
+    info->cbi_arg = arg;
+    info->cbi_type = type;
+    info->cbi_handle = reinterpret_cast<uintptr_t>(info);
+    return info;
+}
+
+static void _cbinfo_destroy(fxm_cbinfo_t *info) { _fxm_mem_free(FXM_MEM_CBINFO, info); }
+
+// --------------------------------------------------------------------------------------------------------- lifecycle
+
+// Makes the mutexes of the table. 0, or EPROTO with none of them left.
+static int _make_table(const char *func)
+{
+    for (size_t i = 0; i < std::size(cb_evt_tbl); ++i) {
+        _list_init(&cb_evt_tbl[i].head);
+        cb_evt_tbl[i].walking = false;
+        const int err = _fxm_mutex_init(&cb_evt_tbl[i].lock);
+        if (err == 0)
+            continue;
+        fxm_log_error("%s: Failed to _fxm_mutex_init() for cb_evt_tbl. err=%d, i=%d", func, err, static_cast<int>(i));
+        while (i-- > 0)
+            _fxm_mutex_destroy(&cb_evt_tbl[i].lock);
+        return err;
+    }
+    return 0;
+}
+
+int _fxm_event_cb_init()
+{
+    fxm_log_info("%s: start.", __func__);
+    _list_init(&fxm_event_queue.head);
+    _fxm_rbtree_init(&live_handles, _fxm_rbtree_compare_u64, _handle_key);
+    int err = _fxm_mutex_init_st(&fxm_event_queue.lock);
+    if (err != 0) {
+        fxm_log_error("%s: Failed to _fxm_mutex_init_st() for fxm_event_queue. err=%d", __func__, err);
+    } else if ((err = _fxm_event_init(&event_sig)) != 0) {
+        fxm_log_error("%s: Failed to _fxm_event_init() for event_sig. err=%d", __func__, err);
+        _fxm_mutex_destroy(&fxm_event_queue.lock);
+    } else if ((err = _make_table(__func__)) != 0) {
+        _fxm_event_destroy(&event_sig);
+        _fxm_mutex_destroy(&fxm_event_queue.lock);
+    }
+    fxm_log_info("%s: end. ret=%d", __func__, err);
+    return err;
+}
+
+// The oldest event, or null.
+static fxm_evt_node_t *_take_event()
+{
+    fxm_mutex_guard_t guard(&fxm_event_queue.lock);
+    fxm_list_t *link = fxm_event_queue.head.next;
+    if (link == &fxm_event_queue.head)
+        return nullptr;
+    _list_unlink(link);
+    return _evt_of(link);
+}
+
+int _fxm_event_cb_fini()
+{
+    fxm_log_info("%s: start.", __func__);
+    while (fxm_evt_node_t *node = _take_event())
+        _evt_node_destroy(node);
+    _fxm_mutex_destroy(&fxm_event_queue.lock);
+    for (auto &entry : cb_evt_tbl) {
+        {
+            fxm_mutex_guard_t guard(&entry.lock);
+            while (entry.head.next != &entry.head) {
+                fxm_list_t *link = entry.head.next;
+                _list_unlink(link);
+                _cbinfo_destroy(_cbi_of(link));
+            }
+        }
+        _fxm_mutex_destroy(&entry.lock);
+    }
+    _fxm_event_destroy(&event_sig);
+    fxm_log_info("%s: end.", __func__);
+    return 0;
+}
+
+// ------------------------------------------------------------------------------------------------------------- queue
+
+int _fxm_add_event(int32_t type, uint64_t id)
+{
+    fxm_evt_node_t *node = _evt_node_create(type, id);
+    if (node == nullptr) {
+        fxm_log_error("%s: can't alloc memory for fxm_evt_node_t", __func__);
+        return ENOMEM;
+    }
+    {
+        fxm_mutex_guard_t guard(&fxm_event_queue.lock);
+        _list_append(&fxm_event_queue.head, &node->evt_link);
+        // From here on the node is the event task's.
+        _fxm_stats_add(&g_stats.evt_count[type]);
+    }
+    _fxm_event_set(&event_sig);
+    return 0;
+}
+
+void _fxm_raise_event(const char *func, int32_t type, uint64_t id)
+{
+    static const char *const names[FXM_EVT_KINDS] = {
+        "FXM_EVT_NEWDEVINFO",      "FXM_EVT_UPDATEDEVINFO",   "FXM_EVT_CONNECTIONCHANGE",
+        "FXM_EVT_MAJORMINORERROR", "FXM_EVT_PATHSTATECHANGE", "FXM_EVT_CHANNELSTATECHANGE",
+    };
+    if (_fxm_add_event(type, id) != 0)
+        fxm_log_warn("%s: Failed to _fxm_add_event(%s) id=0x%.12llx", func, names[type], _ull(id));
+}
+
+// ---------------------------------------------------------------------------------------------------------- delivery
+
+static void _fxm_do_callback(fxm_callback_t func, uint64_t arg, uint64_t id, int32_t type)
+{
+    fxm_log_debug("%s: start. id=0x%.12llx, event_type=%d, cb_func=%p", __func__, _ull(id), type,
+                  reinterpret_cast<void *>(func));
+    _fxm_stats_add(&g_stats.cb_called);
+    func(id, type, arg);
+    _fxm_stats_add(&g_stats.cb_returned);
+    fxm_log_debug("%s: end.", __func__);
+}
+
+// Calls every registration of the event's kind, those among them that a callback adds. Those that a callback ends stay
+// linked until the walk is over and are passed over.
+static void _deliver(const fxm_evt_node_t *node)
+{
+    auto &entry = cb_evt_tbl[node->evt_type];
+    fxm_mutex_guard_t guard(&entry.lock);
+    entry.walking = true;
+    for (fxm_list_t *link = entry.head.next; link != &entry.head; link = link->next) {
+        const fxm_cbinfo_t *info = _cbi_of(link);
+        if (info->cbi_func != nullptr)
+            _fxm_do_callback(info->cbi_func, info->cbi_arg, node->evt_id, node->evt_type);
+    }
+    entry.walking = false;
+    for (fxm_list_t *link = entry.head.next, *next = nullptr; link != &entry.head; link = next) {
+        next = link->next;
+        if (_cbi_of(link)->cbi_func == nullptr) {
+            _list_unlink(link);
+            _cbinfo_destroy(_cbi_of(link));
+        }
+    }
+}
+
+static void _fxm_event_dispatch()
+{
+    while (fxm_evt_node_t *node = _take_event()) {
+        _deliver(node);
+        _evt_node_destroy(node);
+    }
+}
+
+static void _fxm_event_task_com()
+{
+    fxm_log_info("%s: start.", __func__);
+    while (!_fxm_stopping()) {
+        const int err = _fxm_event_timedwait(&event_sig, EVENT_WAIT);
+        if (err != 0 && err != ETIMEDOUT) {
+            fxm_log_fatal("%s: Failed to _fxm_event_timedwait(). err=%d", __func__, EPROTO);
+            _fxm_fini_manager();
+            break;
+        }
+        _fxm_event_dispatch();
+    }
+    fxm_log_info("%s: end.", __func__);
+}
+
+void *_fxm_event_task(void *)
+{
+    _fxm_event_task_com();
+    return nullptr;
+}
+
+// ------------------------------------------------------------------------------------------------------ registration
+
+static int _register_callback(const char *func, int32_t type, fxm_callback_t callback, uint64_t arg, void **cbid)
+{
+    if (type < 0 || type >= static_cast<int32_t>(FXM_EVT_KINDS) || callback == nullptr || cbid == nullptr)
+        return EINVAL;
+    fxm_cbinfo_t *info = _cbinfo_create(type, callback, arg);
+    if (info == nullptr) {
+        fxm_log_error("%s: Failed to _cbinfo_create().", func);
+        return ENOMEM;
+    }
+    fxm_mutex_guard_t guard(&cb_evt_tbl[type].lock);
+    {
+        fxm_mutex_guard_t handle_guard(&handle_lock);
+        _fxm_rbtree_put(&live_handles, &info->cbi_live);
+    }
+    _list_append(&cb_evt_tbl[type].head, &info->cbi_link);
+    *cbid = info;
+    return 0;
+}
+
+int fxm_register_callback(int32_t type, fxm_callback_t func, uint64_t arg, void **cbid)
+{
+    fxm_call_t call;
+    fxm_log_info("%s: (IN) type=%d", __func__, type);
+    const int result = _fxm_errno_to_result(call.running ? _register_callback(__func__, type, func, arg, cbid) : ENOSYS);
+    if (result == FXM_API_SUCCESS)
+        fxm_log_info("%s: (OUT) ret=%d, type=%d, cbid=%p", __func__, result, type, *cbid);
+    else
+        fxm_log_info("%s: (OUT) ret=%d, type=%d", __func__, result, type);
+    return _fxm_stats_api(FXM_ROW_REGISTER_CALLBACK, result);
+}
+
+// Takes a handle out of the live ones and gives its kind; -1 for a handle that is not live. Of two threads that end one
+// registration at once, one gets the kind.
+static int32_t _end_handle(const void *cbid)
+{
+    const uint64_t handle = reinterpret_cast<uintptr_t>(cbid);
+    fxm_mutex_guard_t guard(&handle_lock);
+    fxm_rbnode_t *link = _fxm_rbtree_find(&live_handles, &handle);
+    if (link == nullptr)
+        return -1;
+    _fxm_rbtree_delete(&live_handles, link);
+    return _fxm_rbtree_record<fxm_cbinfo_t>(link, offsetof(fxm_cbinfo_t, cbi_live))->cbi_type;
+}
+
+static int _unregister_callback(void *cbid)
+{
+    const int32_t type = cbid != nullptr ? _end_handle(cbid) : -1;
+    if (type < 0)
+        return EINVAL;
+    auto *info = static_cast<fxm_cbinfo_t *>(cbid);
+    fxm_mutex_guard_t guard(&cb_evt_tbl[type].lock);
+    if (cb_evt_tbl[type].walking) {
+        info->cbi_func = nullptr; // called from a callback of this list: the walk frees it
+        return 0;
+    }
+    _list_unlink(&info->cbi_link);
+    _cbinfo_destroy(info);
+    return 0;
+}
+
+int fxm_unregister_callback(void *cbid)
+{
+    fxm_call_t call;
+    fxm_log_info("%s: (IN) cbid=%p", __func__, cbid);
+    const int result = _fxm_errno_to_result(call.running ? _unregister_callback(cbid) : ENOSYS);
+    fxm_log_info("%s: (OUT) ret=%d", __func__, result);
+    return _fxm_stats_api(FXM_ROW_UNREGISTER_CALLBACK, result);
+}

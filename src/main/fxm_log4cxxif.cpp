@@ -1,0 +1,123 @@
+// The log adapter. log4cxx reports by exceptions; none of them leaves this file.
+#include "fxm_log4cxxif.h"
+
+#include <log4cxx/file.h>
+#include <log4cxx/helpers/exception.h>
+#include <log4cxx/helpers/messagebuffer.h>
+#include <log4cxx/level.h>
+#include <log4cxx/logger.h>
+#include <log4cxx/propertyconfigurator.h>
+#include <log4cxx/spi/location/locationinfo.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <type_traits>
+
+#include "fxm.h"
+#include "platform/fxm_platform.h"
+
+std::atomic<fxm_log_level_t> g_log_level{FXM_LOG_INFO};
+
+// Looked up while the library is being loaded, released when it is unloaded. A worker may still log when the process
+// exits without a stop, so `open` falls first.
+static struct fxm_loggers_t {
+    log4cxx::LoggerPtr logger[3] = {log4cxx::Logger::getLogger("logfile"), log4cxx::Logger::getLogger("syslogfile"),
+                                    log4cxx::Logger::getLogger("statslogfile")};
+    std::atomic<bool> open{true};
+    ~fxm_loggers_t() { open.store(false); }
+} loggers;
+
+constexpr size_t FXM_LOG_BUFFER = 512;
+constexpr size_t FXM_LOG_PATH_BUFFER = 512;
+
+const char *_fxm_loglevel_name(fxm_log_level_t level)
+{
+    static const char *const names[] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG", "TRACE"};
+    return level >= FXM_LOG_FATAL && level <= FXM_LOG_TRACE ? names[level] : "";
+}
+
+// The location that log4cxx is told: always this adapter, with a line of its own for each level. log4cxx 1.0 has added an
+// argument for the file's short name.
+template <typename Location> static Location _location(const char *function, int line)
+{
+    static const char *const file = "src\\main\\fxm_log4cxxif";
+    if constexpr (std::is_constructible_v<Location, const char *, const char *, const char *, int>)
+        return Location(file, "fxm_log4cxxif", function, line);
+    else
+        return Location(file, function, line);
+}
+
+void _fxm_output_log(fxm_logger_t logger, const char *message, fxm_log_level_t level) noexcept
+try {
+    if (!loggers.open.load(std::memory_order_relaxed))
+        return;
+    const log4cxx::LoggerPtr &target = loggers.logger[logger];
+    log4cxx::helpers::MessageBuffer text;
+    const auto force = [&](const log4cxx::LevelPtr &log4cxx_level, int line) {
+        target->forcedLog(log4cxx_level, text.str(text << message),
+                          _location<log4cxx::spi::LocationInfo>(__PRETTY_FUNCTION__, line));
+    };
+    switch (level) {
+    case FXM_LOG_FATAL:
+        if (target->isFatalEnabled())
+            force(log4cxx::Level::getFatal(), 1);
+        break;
+    case FXM_LOG_ERROR:
+        if (target->isErrorEnabled())
+            force(log4cxx::Level::getError(), 2);
+        break;
+    case FXM_LOG_WARN:
+        if (target->isWarnEnabled())
+            force(log4cxx::Level::getWarn(), 3);
+        break;
+    case FXM_LOG_INFO:
+        if (target->isInfoEnabled())
+            force(log4cxx::Level::getInfo(), 4);
+        break;
+    case FXM_LOG_DEBUG:
+        if (target->isDebugEnabled())
+            force(log4cxx::Level::getDebug(), 5);
+        break;
+    case FXM_LOG_TRACE:
+        if (target->isTraceEnabled())
+            force(log4cxx::Level::getTrace(), 6);
+        break;
+    default:
+        break;
+    }
+} catch (...) {
+    // A log that cannot be written is no reason to stop a fabric, and nobody is left to be told.
+}
+
+void _fxm_format_log(fxm_logger_t logger, fxm_log_level_t level, const char *format, ...) noexcept
+{
+    char message[FXM_LOG_BUFFER];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(message, sizeof(message), format, args);
+    va_end(args);
+    _fxm_output_log(logger, message, level);
+}
+
+int fxm_log_init(const char *dir)
+{
+    static const char *const name = "conf/fxm_log4c_win.properties";
+    char path[FXM_LOG_PATH_BUFFER] = "C:/Program Files/QOR/FXM/conf/fxm_log4c_win.properties";
+    if (dir != nullptr && dir[0] != '\0') {
+        // "/", the name and the terminating zero.
+        if (strlen(dir) + strlen(name) + 2 > sizeof(path))
+            return FXM_API_EPROTO;
+        snprintf(path, sizeof(path), "%s/%s", dir, name);
+    }
+    if (_fxm_file_exist(path) != 0)
+        return FXM_API_EPROTO;
+    try {
+        log4cxx::PropertyConfigurator::configure(log4cxx::File(path));
+        fxm_log_info("%s: Log initialize is done. logconfig_filepath:%s", __func__, dir != nullptr ? dir : "(null)");
+    } catch (const std::exception &) {
+        // A broken properties file leaves logging as log4cxx left it; the library runs all the same.
+    }
+    return 0;
+}

@@ -1,0 +1,254 @@
+// Locks, events, threads, clock, file tests and the two-source wait on Linux. Called by every thread of the library.
+#include "platform/fxm_platform.h"
+
+#include <linux/futex.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <ctime>
+
+#include "platform/fxm_platform_net.h"
+
+static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t), "the futex word is the atomic itself");
+
+static thread_local uint32_t last_error;
+
+void _fxm_set_last_error(int err) { last_error = static_cast<uint32_t>(err); }
+
+static uint32_t _last_error() { return last_error; }
+
+// ------------------------------------------------------------------------------------------------------------- locks
+
+static bool _mutex_make(pthread_mutex_t *handle, bool initialise)
+{
+    if (!initialise)
+        return true;
+    pthread_mutexattr_t attr;
+    if (pthread_mutexattr_init(&attr) != 0)
+        return false;
+    const bool made =
+        pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) == 0 && pthread_mutex_init(handle, &attr) == 0;
+    pthread_mutexattr_destroy(&attr);
+    return made;
+}
+
+int _fxm_mutex_init_st(fxm_mutex_t *mutex) { return fxm_platform.mutex_make(&mutex->handle, false) ? 0 : EPROTO; }
+
+int _fxm_mutex_init(fxm_mutex_t *mutex)
+{
+    if (!fxm_platform.mutex_make(&mutex->handle, true))
+        return EPROTO;
+    mutex->owned = true;
+    return 0;
+}
+
+void _fxm_mutex_destroy(fxm_mutex_t *mutex)
+{
+    if (!mutex->owned)
+        return;
+    mutex->owned = false;
+    pthread_mutex_destroy(&mutex->handle);
+}
+
+int _fxm_mutex_lock(fxm_mutex_t *mutex) { return pthread_mutex_lock(&mutex->handle) == 0 ? 0 : EPROTO; }
+
+void _fxm_mutex_unlock(fxm_mutex_t *mutex) { pthread_mutex_unlock(&mutex->handle); }
+
+// ------------------------------------------------------------------------------------------------------------ events
+
+static timespec _monotonic_in(uint32_t ms)
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    now.tv_sec += static_cast<time_t>(ms / 1000);
+    now.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+    if (now.tv_nsec >= 1000000000L) {
+        now.tv_nsec -= 1000000000L;
+        now.tv_sec += 1;
+    }
+    return now;
+}
+
+static int64_t _ms_until(const timespec *deadline)
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t ns = (static_cast<int64_t>(deadline->tv_sec) - now.tv_sec) * 1000000000 + deadline->tv_nsec - now.tv_nsec;
+    return ns <= 0 ? 0 : (ns + 999999) / 1000000;
+}
+
+static bool _event_make(int *fd, bool waitable)
+{
+    *fd = waitable ? eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC) : -1;
+    return !waitable || *fd >= 0;
+}
+
+static int _event_init(fxm_event_t *event, bool waitable)
+{
+    int fd = -1;
+    if (!fxm_platform.event_make(&fd, waitable))
+        return EPROTO;
+    event->signalled.store(0);
+    event->fd.store(fd);
+    return 0;
+}
+
+int _fxm_event_init(fxm_event_t *event) { return _event_init(event, false); }
+
+int _fxm_event_init_waitable(fxm_event_t *event) { return _event_init(event, true); }
+
+void _fxm_event_destroy(fxm_event_t *event)
+{
+    const int fd = event->fd.exchange(-1);
+    if (fd >= 0)
+        close(fd);
+}
+
+void _fxm_event_set(fxm_event_t *event)
+{
+    const int fd = event->fd.load();
+    if (fd >= 0) {
+        event->signalled.store(1);
+        const uint64_t one = 1;
+        // A full counter means that the event is signalled already, so the result tells nothing.
+        [[maybe_unused]] const ssize_t written = write(fd, &one, sizeof(one));
+        return;
+    }
+    // Sequentially consistent against the waiter's increment and its test of the word: either it sees the signal, or
+    // its count is seen here.
+    if (event->signalled.exchange(1) == 0 && event->waiters.load() != 0)
+        syscall(SYS_futex, &event->signalled, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+// Takes the signal of an event that has a descriptor. The hint falls before the descriptor is read: a signal that comes
+// between the two raises it again.
+static bool _waitable_take(fxm_event_t *event)
+{
+    event->signalled.store(0);
+    uint64_t count = 0;
+    return read(event->fd.load(), &count, sizeof(count)) == static_cast<ssize_t>(sizeof(count));
+}
+
+int _fxm_event_timedwait(fxm_event_t *event, uint32_t ms)
+{
+    const timespec deadline = _monotonic_in(ms);
+    event->waiters.fetch_add(1);
+    int result = 0;
+    while (event->signalled.exchange(0) == 0) {
+        const long rc = syscall(SYS_futex, &event->signalled, FUTEX_WAIT_BITSET_PRIVATE, 0, &deadline, nullptr,
+                                FUTEX_BITSET_MATCH_ANY);
+        if (rc == 0 || errno == EAGAIN || errno == EINTR)
+            continue;
+        // A signal may fall into the moment between the time-out and here; it must not be left for the next wait.
+        if (event->signalled.exchange(0) == 0)
+            result = errno == ETIMEDOUT ? ETIMEDOUT : EPROTO;
+        break;
+    }
+    event->waiters.fetch_sub(1);
+    return result;
+}
+
+// ----------------------------------------------------------------------------------------------------------- threads
+
+static bool _thread_make(pthread_t *handle, fxm_thread_start_t start, void *arg)
+{
+    return pthread_create(handle, nullptr, start, arg) == 0;
+}
+
+int _fxm_thread_create(fxm_thread_t *thread, fxm_thread_start_t start, void *arg)
+{
+    thread->running = fxm_platform.thread_make(&thread->handle, start, arg);
+    return thread->running ? 0 : EPROTO;
+}
+
+void _fxm_thread_join(fxm_thread_t *thread)
+{
+    if (!thread->running)
+        return;
+    pthread_join(thread->handle, nullptr);
+    thread->running = false;
+}
+
+// ------------------------------------------------------------------------------------------------- clock, files, heap
+
+void Sleep(uint32_t ms)
+{
+    const timespec deadline = _monotonic_in(ms);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    }
+}
+
+static uint64_t _wall_clock_ms()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
+uint64_t _fxm_get_time_ms() { return fxm_platform.wall_clock_ms(); }
+
+static bool _has_mode(const char *path, mode_t mode)
+{
+    struct stat info {};
+    return path != nullptr && stat(path, &info) == 0 && (info.st_mode & S_IFMT) == mode;
+}
+
+int _fxm_file_exist(const char *path) { return _has_mode(path, S_IFREG) ? 0 : ENOENT; }
+
+int _fxm_dir_exist(const char *path) { return _has_mode(path, S_IFDIR) ? 0 : EINVAL; }
+
+// --------------------------------------------------------------------------------------------------- two-source wait
+
+static uint32_t _wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms)
+{
+    if (first->signalled.load() != 0 && _waitable_take(first))
+        return FXM_WAIT_FIRST;
+    if (second->ready)
+        return FXM_WAIT_SECOND;
+
+    const timespec deadline = _monotonic_in(ms);
+    for (int64_t left = ms;; left = _ms_until(&deadline)) {
+        // A negative descriptor is passed over by poll: a source that is not armed waits on the event alone.
+        pollfd fds[2] = {{first->fd.load(), POLLIN, 0}, {second->fd, POLLIN, 0}};
+        const int rc = poll(fds, 2, static_cast<int>(left > INT_MAX ? INT_MAX : left));
+        if (rc < 0 && errno != EINTR) {
+            _fxm_set_last_error(errno);
+            return FXM_WAIT_FAILED;
+        }
+        // Of several threads that poll one event, the one whose read succeeds has taken it.
+        if (rc > 0 && fds[0].revents != 0 && _waitable_take(first))
+            return FXM_WAIT_FIRST;
+        // An error on the descriptor wakes as well: the owner's read finds out what it is.
+        if (rc > 0 && fds[1].revents != 0 && (second->take == nullptr || second->take(second)))
+            return FXM_WAIT_SECOND;
+        if (left == 0)
+            return FXM_WAIT_TIMEOUT;
+    }
+}
+
+uint32_t _fxm_wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms)
+{
+    return fxm_platform.wait_two(first, second, ms);
+}
+
+uint32_t _fxm_last_error() { return fxm_platform.last_error(); }
+
+uint32_t _fxm_get_adapters(fxm_adapter_t *list, uint32_t *size) { return fxm_platform.get_adapters(list, size); }
+
+bool _fxm_notice_create(fxm_notice_t *notice) { return fxm_platform.notice_create(notice); }
+
+bool _fxm_notice_arm(fxm_notice_t *notice) { return fxm_platform.notice_arm(notice); }
+
+int _fxm_capture_mintocopy(pcap *handle) { return fxm_platform.capture_mintocopy(handle); }
+
+fxm_platform_calls_t fxm_platform = {
+    _mutex_make, _event_make, _thread_make,           _wall_clock_ms,          malloc,
+    _wait_two,   _last_error, _fxm_netlink_adapters, _fxm_netlink_notice_create, _fxm_netlink_notice_arm,
+    _fxm_pcap_mintocopy,
+};

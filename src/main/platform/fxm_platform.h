@@ -1,0 +1,160 @@
+// What the library needs of an operating system: locks, events, threads, clock, file tests, memory, the two-source wait,
+// the list of adapters and the notice of a changed link. The bottom layer: it knows nothing of cards and logs nothing.
+// No other file includes a system header for these. A failure of a system service is EPROTO.
+#ifndef FXM_PLATFORM_H
+#define FXM_PLATFORM_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+// ------------------------------------------------------------------------------------------------------------- locks
+
+// Re-entrant for the thread that holds it. A process-wide lock (_fxm_mutex_init_st) is constant-initialised and good
+// from load to unload of the library: host threads count their calls under one before the first start and after a stop,
+// so making and closing it must not touch the lock itself. A lock in a table or a node has a life of its own.
+struct fxm_mutex_t {
+    pthread_mutex_t handle = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+    bool owned = false; // made by _fxm_mutex_init and not yet destroyed
+};
+
+int _fxm_mutex_init_st(fxm_mutex_t *mutex);
+int _fxm_mutex_init(fxm_mutex_t *mutex);
+void _fxm_mutex_destroy(fxm_mutex_t *mutex);
+int _fxm_mutex_lock(fxm_mutex_t *mutex);
+void _fxm_mutex_unlock(fxm_mutex_t *mutex);
+
+struct fxm_mutex_guard_t {
+    explicit fxm_mutex_guard_t(fxm_mutex_t *guarded) : mutex(guarded) { _fxm_mutex_lock(mutex); }
+    ~fxm_mutex_guard_t() { _fxm_mutex_unlock(mutex); }
+    fxm_mutex_guard_t(const fxm_mutex_guard_t &) = delete;
+    fxm_mutex_guard_t &operator=(const fxm_mutex_guard_t &) = delete;
+    fxm_mutex_t *mutex;
+};
+
+// ------------------------------------------------------------------------------------------------------------ events
+
+// Auto-reset: a signal without a waiter stays until the next wait takes it, a second one before that is lost, and of
+// several waiters one is released. It is one word and a futex, so a Completion wakes its waiter with one system call
+// and nothing is there to be used after destruction. Only an event that shares a wait with another source has a
+// descriptor.
+struct fxm_event_t {
+    std::atomic<uint32_t> signalled{0}; // the futex word; with a descriptor, a hint that spares a system call
+    std::atomic<uint32_t> waiters{0};
+    std::atomic<int> fd{-1};
+};
+
+int _fxm_event_init(fxm_event_t *event);
+int _fxm_event_init_waitable(fxm_event_t *event); // with a descriptor, for _fxm_wait_two
+void _fxm_event_destroy(fxm_event_t *event);
+void _fxm_event_set(fxm_event_t *event);
+int _fxm_event_timedwait(fxm_event_t *event, uint32_t ms); // 0, ETIMEDOUT, EPROTO
+
+// ----------------------------------------------------------------------------------------------------------- threads
+
+struct fxm_thread_t {
+    pthread_t handle{};
+    bool running = false;
+};
+
+typedef void *(*fxm_thread_start_t)(void *arg);
+
+int _fxm_thread_create(fxm_thread_t *thread, fxm_thread_start_t start, void *arg); // 0 or EPROTO
+void _fxm_thread_join(fxm_thread_t *thread);
+
+// ------------------------------------------------------------------------------------------------- clock, files, heap
+
+void Sleep(uint32_t ms);           // monotonic
+uint64_t _fxm_get_time_ms();       // wall clock, milliseconds since 1970-01-01 UTC
+int _fxm_file_exist(const char *path); // 0 a regular file, else ENOENT
+int _fxm_dir_exist(const char *path);  // 0 a directory, else EINVAL
+
+// --------------------------------------------------------------------------------------------------- two-source wait
+
+constexpr uint32_t FXM_WAIT_FIRST = 0;
+constexpr uint32_t FXM_WAIT_SECOND = 1;
+constexpr uint32_t FXM_WAIT_TIMEOUT = 258;
+constexpr uint32_t FXM_WAIT_FAILED = 0xFFFFFFFF;
+
+// The second source of a wait: a descriptor, and what its owner knows without asking the system. `ready` belongs to the
+// one thread that waits. A wait looks at the first source, then at `ready`, and only then sleeps.
+struct fxm_wait_source_t {
+    int fd = -1;
+    bool ready = false;
+    bool (*take)(fxm_wait_source_t *source) = nullptr; // called when fd is readable; false: not a signal after all
+};
+
+// Waits for either, at most `ms`: FXM_WAIT_FIRST (which resets the event), FXM_WAIT_SECOND, FXM_WAIT_TIMEOUT or
+// FXM_WAIT_FAILED, with the reason in _fxm_last_error.
+uint32_t _fxm_wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms);
+uint32_t _fxm_last_error(); // of the calling thread's last failed platform call
+
+// ---------------------------------------------------------------------------------------------------------- adapters
+
+constexpr uint32_t FXM_ADAPTER_OVERFLOW = 111;   // the buffer is too small; *size is what is needed
+constexpr uint32_t FXM_IF_TYPE_LOOPBACK = 24;
+constexpr uint32_t FXM_IF_OPER_UP = 1;
+constexpr uint32_t FXM_IF_OPER_DOWN = 2;
+
+struct fxm_adapter_t {
+    fxm_adapter_t *Next;
+    uint32_t IfIndex;
+    uint32_t IfType; // 24 loopback, 6 Ethernet
+    uint32_t PhysicalAddressLength;
+    uint8_t PhysicalAddress[32];
+    uint32_t OperStatus; // 1 up: set up, and operational, or with carrier where the driver tells no more
+    char AdapterName[16];
+};
+
+// Fills `list` with the adapters of the machine, in one buffer of *size bytes. 0, FXM_ADAPTER_OVERFLOW, or another
+// system error. With a null list and *size 0 it only tells the size.
+uint32_t _fxm_get_adapters(fxm_adapter_t *list, uint32_t *size);
+uint32_t _fxm_adapter_index(const char *name); // interface index, 0 when there is no such interface
+
+// ------------------------------------------------------------------------------------------------ notice of a change
+
+constexpr uint32_t FXM_ERROR_IO_PENDING = 997;
+
+// A manual-reset event with a one-shot notice. The kernel's messages about links and addresses stand behind it; those
+// that come while it is not armed are kept and signal as soon as it is armed and waited for, so no change is missed.
+struct fxm_notice_t {
+    fxm_wait_source_t source; // its descriptor is -1 while the notice is not armed
+    int netlink_fd = -1;
+};
+
+bool _fxm_notice_create(fxm_notice_t *notice); // not signalled, not armed
+void _fxm_notice_close(fxm_notice_t *notice);
+bool _fxm_notice_arm(fxm_notice_t *notice); // false, with FXM_ERROR_IO_PENDING as last error, is the normal answer
+void _fxm_notice_reset(fxm_notice_t *notice);
+
+// ------------------------------------------------------------------------------------------------------------ capture
+
+struct pcap;
+
+// Makes the capture hand over every single frame as soon as it is there, and a read that finds none return at once: a
+// blocking handle hangs past time-out and stop once the interface was set down. 0 or -1.
+int _fxm_capture_mintocopy(pcap *handle);
+int _fxm_capture_event(pcap *handle); // the descriptor to wait on
+
+// ---------------------------------------------------------------------------------------------------------- stand-ins
+
+// The calls that a test may replace before it starts the library, to see what the logic makes of a failing or strange
+// system. The library itself never writes to it.
+struct fxm_platform_calls_t {
+    bool (*mutex_make)(pthread_mutex_t *handle, bool initialise);
+    bool (*event_make)(int *fd, bool waitable);
+    bool (*thread_make)(pthread_t *handle, fxm_thread_start_t start, void *arg);
+    uint64_t (*wall_clock_ms)();
+    void *(*allocate)(size_t size);
+    uint32_t (*wait_two)(fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms);
+    uint32_t (*last_error)();
+    uint32_t (*get_adapters)(fxm_adapter_t *list, uint32_t *size);
+    bool (*notice_create)(fxm_notice_t *notice);
+    bool (*notice_arm)(fxm_notice_t *notice);
+    int (*capture_mintocopy)(pcap *handle);
+};
+extern fxm_platform_calls_t fxm_platform;
+
+#endif

@@ -1,0 +1,359 @@
+// DEVINFO and NOTIFY processing: the only writer of a record's fields other than channel states and times. Runs on the
+// receive threads. A candidate record is filled from the frame without a lock; the look-up, the comparison with the
+// stored record and the queueing of events run under fx_lock, so two ports that hear one card take turns.
+#include "registry/fxm_devinfo.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "access/fxm_wreg.h"
+#include "core/fxm_config.h"
+#include "events/fxm_event.h"
+#include "fxm_log4cxxif.h"
+#include "registry/fxm_blacklist.h"
+#include "registry/fxm_tables.h"
+#include "wire/fxm_frame.h"
+
+// The channel and the moment of the frame at hand.
+struct arrival_t {
+    uint32_t port;
+    uint32_t mac_index;
+    uint64_t now;
+};
+
+// -------------------------------------------------------------------------------------------- from frame to candidate
+
+static void _set_config(const uint8_t *frame, size_t block, fxm_pci_config_t *config)
+{
+    config->fcp_pri_bus_num = u8(frame, in_block(block, CFG_PRI_BUS));
+    config->fcp_sec_bus_num = u8(frame, in_block(block, CFG_SEC_BUS));
+    config->fcp_sub_bus_num = u8(frame, in_block(block, CFG_SUB_BUS));
+    config->fcp_command = u8(frame, in_block(block, CFG_COMMAND));
+    config->fcp_memory_base = le16(frame, in_block(block, CFG_MEM_BASE));
+    config->fcp_memory_limit = le16(frame, in_block(block, CFG_MEM_LIMIT));
+    config->fcp_pre_memory_base = le16(frame, in_block(block, CFG_PRE_BASE));
+    config->fcp_pre_memory_limit = le16(frame, in_block(block, CFG_PRE_LIMIT));
+    config->fcp_pre_base_upper = le32(frame, in_block(block, CFG_PRE_BASE_UP));
+    config->fcp_pre_limit_upper = le32(frame, in_block(block, CFG_PRE_LIMIT_UP));
+}
+
+static void _set_common_devinfo(const arrival_t &arrival, const uint8_t *frame, uint8_t mode, fxm_card_data_t *card)
+{
+    const uint8_t flags = u8(frame, DEV_FLAGS);
+    const uint8_t status2 = u8(frame, DEV_STATUS2);
+    const uint16_t tci =
+        mode == FXM_VLAN_MODE_NORMAL ? be16(frame, ETH_TAG_TCI) : be16(frame, ETH_CHANGE_TCI);
+
+    card->fcd_id = _fxm_frame_id(frame);
+    put_mac48(card->fcd_macaddr, mac48_at{0}, card->fcd_id);
+    card->fcd_type = u8(frame, DEV_VER);
+    card->fcd_updatetime = arrival.now;
+    card->fcd_recvtime[arrival.port][arrival.mac_index] = arrival.now;
+    card->fcd_state[arrival.port][arrival.mac_index] = 1;
+    card->fcd_uidsw = (flags & FXM_FLAG_UIDSW) != 0 ? 1 : 0;
+    card->fcd_power = (flags & FXM_FLAG_POWER) != 0 ? 1 : 0;
+    card->fcd_port0_link = (status2 & FXM_STATUS2_PORT0) != 0 ? 1 : 0;
+    card->fcd_port1_link = (status2 & FXM_STATUS2_PORT1) != 0 ? 1 : 0;
+    card->fcd_vlan_id = tci & FXM_VLAN_MASK;
+    raw(card->fcd_swstatus, frame, DEV_SW_STATUS);
+    card->fcd_vlan_mode = mode;
+    card->fcd_flowid = u8(frame, DEV_FLOW_ID);
+    card->fcd_linkstatus = u8(frame, DEV_LINK_STATUS);
+    card->fcd_int_vector = u8(frame, DEV_INT_VECTOR);
+    card->fcd_ver = status2 & FXM_STATUS2_VER;
+}
+
+static void _set_port_devinfo(const uint8_t *frame, fxm_down_port_t *down_ports)
+{
+    const uint8_t subtype = u8(frame, FRAME_SUBTYPE);
+    const uint32_t entries =
+        subtype == FXM_SUBTYPE_DEVINFO || subtype == FXM_SUBTYPE_NOTIFY ? FXSV_DOWN_PORTS_10G : FXSV_DOWN_PORTS_40G;
+    for (uint32_t i = 0; i < entries; ++i) {
+        const size_t entry = FXSV_DOWN_PORTS + i * FXSV_DOWN_PORT_SIZE;
+        raw(down_ports[i].fdp_port_status, frame, in_block(entry, DOWN_STATUS));
+        raw(down_ports[i].fdp_io_mac, frame, in_block(entry, DOWN_IO_MAC));
+        if ((down_ports[i].fdp_port_status[1] & FXM_CONNECTED) != 0)
+            _set_config(frame, entry + DOWN_CONFIG, &down_ports[i].fdp_config);
+    }
+}
+
+static void _set_fxio_body(const uint8_t *frame, fxm_fxio_t *fxio)
+{
+    const bool multiroot = fxio->fio_card.fcd_ver == FXM_VER_MULTIROOT;
+    const uint8_t flags = u8(frame, DEV_FLAGS);
+    const uint8_t fault_a = (flags & FXM_FLAG_FAULT_A) != 0 ? 1 : 0;
+    const uint8_t fault_b = (flags & FXM_FLAG_FAULT_B) != 0 ? 1 : 0;
+
+    fxio->fio_class_code = le24(frame, IO_CLASS_CODE);
+    fxio->fio_device_id = le16(frame, IO_DEVICE_ID);
+    fxio->fio_vendor_id = le16(frame, IO_VENDOR_ID);
+    raw(fxio->fio_sermacaddr, frame, IO_SER_MAC);
+    raw(fxio->fio_substate, frame, IO_SUBSTATE);
+    fxio->fio_pcie_presence = (u8(frame, DEV_STATUS2) & FXM_STATUS2_PCIE) != 0 ? 1 : 0;
+    fxio->fio_link0fault = multiroot ? fault_b : fault_a;
+    fxio->fio_link1fault = multiroot ? fault_a : fault_b;
+    if (multiroot)
+        fxio->fio_mr_resource_num = be16(frame, IO_RESOURCE_NUM);
+}
+
+// ------------------------------------------------------------------------------------- what differs between the classes
+
+// Clears the status bits whose change is no news under update_evt_mask 2.
+static void _mask_status(uint8_t *status)
+{
+    status[0] &= 0xF8;
+    status[1] &= 0xFE;
+}
+
+static void _mask_record(fxm_fxsv_t *fxsv)
+{
+    for (fxm_down_port_t &port : fxsv->fsv_down_port)
+        _mask_status(port.fdp_port_status);
+}
+
+static void _mask_record(fxm_fxio_t *fxio) { _mask_status(fxio->fio_substate); }
+
+static bool _connection_differs(const uint8_t *status1, const uint8_t *status2)
+{
+    return ((status1[1] ^ status2[1]) & FXM_CONNECTED) != 0;
+}
+
+static bool _connection_changed(const fxm_fxsv_t *stored, const fxm_fxsv_t *candidate)
+{
+    // By the card's generation, not by the frame's: a 40G frame of a 1G/10G card fills 16 entries and counts with 8.
+    const uint32_t entries = candidate->fsv_card.fcd_type != 0 ? FXSV_DOWN_PORTS_40G : FXSV_DOWN_PORTS_10G;
+    for (uint32_t i = 0; i < entries; ++i) {
+        if (_connection_differs(stored->fsv_down_port[i].fdp_port_status, candidate->fsv_down_port[i].fdp_port_status))
+            return true;
+    }
+    return false;
+}
+
+static bool _connection_changed(const fxm_fxio_t *stored, const fxm_fxio_t *candidate)
+{
+    return _connection_differs(stored->fio_substate, candidate->fio_substate);
+}
+
+static bool _path_changed(const fxm_fxsv_t *, const fxm_fxsv_t *) { return false; } // an FXSV card has no such flags
+
+static bool _path_changed(const fxm_fxio_t *stored, const fxm_fxio_t *candidate)
+{
+    return stored->fio_link0fault != candidate->fio_link0fault || stored->fio_link1fault != candidate->fio_link1fault;
+}
+
+// --------------------------------------------------------------------------------------------------------------- add
+
+template <typename Class, typename Set>
+static void _add_devinfo(const char *func, const typename Class::record_t *candidate, Set set)
+{
+    const fxm_card_data_t &card = Class::card(*candidate);
+    const uint64_t id = card.fcd_id;
+
+    // A card in the tables always has its write lock. It is never taken away, so a card that was deleted has it already.
+    int err = _fxm_create_reg_lock_node(id);
+    if (err != 0 && err != EEXIST) {
+        fxm_log_warn("%s: Failed to _fxm_create_reg_lock_node(). Drop DEVINFO Frame. err=%d, id=0x%.12llx", func, err,
+                     _ull(id));
+        return;
+    }
+    {
+        // Held across the look-up and the set, so that a card being stopped is either seen here or found in its table.
+        fxm_blacklist_guard_t guard;
+        if (_fxm_blacklist_lookup(id))
+            return;
+        err = set(id, candidate, FXM_WATCH, FXM_TBL_ALL);
+        if (err != 0) {
+            fxm_log_error("%s: Failed to %s(). err=%d, id=0x%.12llx", func, Class::set_name, err, _ull(id));
+            return;
+        }
+        fxm_log_info("%s: %s information is added. id=0x%.12llx, " FXM_CHANNELS_FORMAT, func, Class::word, _ull(id),
+                     FXM_CHANNELS_ARGS(card));
+    }
+    _fxm_raise_event(func, FXM_EVT_NEWDEVINFO, id);
+    if (card.fcd_int_vector != 0)
+        _fxm_raise_event(func, FXM_EVT_MAJORMINORERROR, id);
+}
+
+static void _add_fxsv_devinfo(const fxm_fxsv_t *candidate)
+{
+    _add_devinfo<fxsv_class>(__func__, candidate, _fxm_set_fxsv);
+}
+
+static void _add_fxio_devinfo(const fxm_fxio_t *candidate)
+{
+    _add_devinfo<fxio_class>(__func__, candidate, _fxm_set_fxio);
+}
+
+// ------------------------------------------------------------------------------------------------------------ update
+
+// Records start as zeroed memory and are copied as bytes, so equal frames give equal bytes, padding included.
+template <typename Record> static bool _records_differ(const char *func, const Record *stored, const Record *candidate)
+{
+    if (g_config.update_evt_mask == 2) {
+        Record masked_stored;
+        Record masked_candidate;
+        memcpy(&masked_stored, stored, sizeof(Record));
+        memcpy(&masked_candidate, candidate, sizeof(Record));
+        _mask_record(&masked_stored);
+        _mask_record(&masked_candidate);
+        return memcmp(&masked_stored, &masked_candidate, sizeof(Record)) != 0;
+    }
+    if (g_config.update_evt_mask != 1)
+        fxm_log_warn("%s: Invalid config parameter. update_evt_mask=%u", func, g_config.update_evt_mask);
+    return memcmp(stored, candidate, sizeof(Record)) != 0;
+}
+
+// Carries over what the frame does not hold, and finds out what has changed.
+template <typename Class>
+static void _update_state(const char *func, const arrival_t &arrival, const typename Class::record_t *stored,
+                          typename Class::record_t *candidate, bool *updated, bool *state_changed)
+{
+    fxm_card_data_t &card = Class::card(*candidate);
+    const fxm_card_data_t &old = Class::card(*stored);
+    memcpy(card.fcd_recvtime, old.fcd_recvtime, sizeof(card.fcd_recvtime));
+    memcpy(card.fcd_state, old.fcd_state, sizeof(card.fcd_state));
+    card.fcd_updatetime = old.fcd_updatetime;
+
+    uint32_t &state = card.fcd_state[arrival.port][arrival.mac_index];
+    *state_changed = state == 0;
+    if (*state_changed)
+        state = 1;
+    *updated = _records_differ(func, stored, candidate);
+    if (*updated)
+        card.fcd_updatetime = arrival.now;
+    // Behind the comparison: the passing of time alone is no difference.
+    card.fcd_recvtime[arrival.port][arrival.mac_index] = arrival.now;
+}
+
+static void _update_fxsv_state(const arrival_t &arrival, const fxm_fxsv_t *stored, fxm_fxsv_t *candidate, bool *updated,
+                               bool *state_changed)
+{
+    _update_state<fxsv_class>(__func__, arrival, stored, candidate, updated, state_changed);
+}
+
+static void _update_fxio_state(const arrival_t &arrival, const fxm_fxio_t *stored, fxm_fxio_t *candidate, bool *updated,
+                               bool *state_changed)
+{
+    _update_state<fxio_class>(__func__, arrival, stored, candidate, updated, state_changed);
+}
+
+template <typename Class>
+static void _compare_events(const char *func, const typename Class::record_t *stored,
+                            const typename Class::record_t *candidate, bool state_changed)
+{
+    const fxm_card_data_t &card = Class::card(*candidate);
+    if (_connection_changed(stored, candidate))
+        _fxm_raise_event(func, FXM_EVT_CONNECTIONCHANGE, card.fcd_id);
+    if ((card.fcd_int_vector & ~Class::card(*stored).fcd_int_vector) != 0)
+        _fxm_raise_event(func, FXM_EVT_MAJORMINORERROR, card.fcd_id);
+    if (_path_changed(stored, candidate))
+        _fxm_raise_event(func, FXM_EVT_PATHSTATECHANGE, card.fcd_id);
+    if (state_changed)
+        _fxm_raise_event(func, FXM_EVT_CHANNELSTATECHANGE, card.fcd_id);
+}
+
+template <typename Class, typename UpdateState, typename Set>
+static void _update_devinfo(const char *func, const arrival_t &arrival, const typename Class::record_t *stored,
+                            typename Class::record_t *candidate, uint32_t ignore_state, UpdateState update_state,
+                            Set set)
+{
+    const fxm_card_data_t &card = Class::card(*candidate);
+    const uint64_t id = card.fcd_id;
+    bool updated = true;
+    bool state_changed = true;
+    const char *state_name = "WATCH";
+
+    switch (ignore_state) {
+    case FXM_IGNORE:
+        return;
+    case FXM_WATCH:
+        update_state(arrival, stored, candidate, &updated, &state_changed);
+        break;
+    case FXM_WATCH_RESTART:
+        // The candidate replaces the record whole: of the channels this frame's alone is up.
+        state_name = "WATCH_RESTART";
+        break;
+    default:
+        fxm_log_warn("%s: Unknown ignore_state. state=%u", func, ignore_state);
+        return;
+    }
+
+    const int err = set(id, candidate, FXM_WATCH, FXM_TBL_ALL);
+    if (err != 0) {
+        fxm_log_error("%s: Failed to %s(). err=%d, id=0x%.12llx, ignore_state=%s", func, Class::set_name, err, _ull(id),
+                      state_name);
+        return;
+    }
+    fxm_log_trace("%s: %s information is updated. id=0x%.12llx, ignore_state=%s", func, Class::word, _ull(id),
+                  state_name);
+    if (state_changed)
+        fxm_log_info("%s: %s id=0x%.12llx state change to connect. %s" FXM_CHANNELS_FORMAT, func, Class::word, _ull(id),
+                     ignore_state == FXM_WATCH_RESTART ? "ignore_state=WATCH_RESTART, " : "", FXM_CHANNELS_ARGS(card));
+    if (updated)
+        _fxm_raise_event(func, FXM_EVT_UPDATEDEVINFO, id);
+    _compare_events<Class>(func, stored, candidate, state_changed);
+}
+
+static void _update_fxsv_devinfo(const arrival_t &arrival, const fxm_fxsv_t *stored, fxm_fxsv_t *candidate,
+                                 uint32_t ignore_state)
+{
+    _update_devinfo<fxsv_class>(__func__, arrival, stored, candidate, ignore_state, _update_fxsv_state, _fxm_set_fxsv);
+}
+
+static void _update_fxio_devinfo(const arrival_t &arrival, const fxm_fxio_t *stored, fxm_fxio_t *candidate,
+                                 uint32_t ignore_state)
+{
+    _update_devinfo<fxio_class>(__func__, arrival, stored, candidate, ignore_state, _update_fxio_state, _fxm_set_fxio);
+}
+
+// --------------------------------------------------------------------------------------------------------------- set
+
+template <typename Class, typename Get, typename Add, typename Update>
+static void _set_devinfo(const char *func, const arrival_t &arrival, typename Class::record_t *candidate, Get get,
+                         Add add, Update update)
+{
+    fxm_fx_guard_t guard;
+    typename Class::record_t stored;
+    uint32_t ignore_state = FXM_WATCH;
+    const int err =
+        get(Class::card(*candidate).fcd_id, &stored, &ignore_state, FXM_TBL_RECORD | FXM_TBL_IGNORE_STATE);
+    if (err == ENOENT)
+        add(candidate);
+    else if (err == 0)
+        update(arrival, &stored, candidate, ignore_state);
+    else
+        fxm_log_warn("%s: Failed to %s(). err=%d", func, Class::get_name, err);
+}
+
+static void _set_fxsv_devinfo(const arrival_t &arrival, fxm_fxsv_t *candidate)
+{
+    _set_devinfo<fxsv_class>(__func__, arrival, candidate, _fxm_get_fxsv, _add_fxsv_devinfo, _update_fxsv_devinfo);
+}
+
+static void _set_fxio_devinfo(const arrival_t &arrival, fxm_fxio_t *candidate)
+{
+    _set_devinfo<fxio_class>(__func__, arrival, candidate, _fxm_get_fxio, _add_fxio_devinfo, _update_fxio_devinfo);
+}
+
+int _fxm_recv_devinfo(uint32_t port, const uint8_t *frame, uint8_t mode)
+{
+    const arrival_t arrival = {port, _fxm_frame_mac_index(frame), _fxm_get_time_ms()};
+    const uint8_t host = u8(frame, DEV_HOST);
+    if (host == FXM_HOST_FXSV) {
+        fxm_fxsv_t candidate;
+        memset(&candidate, 0, sizeof(candidate)); // padding too
+        _set_common_devinfo(arrival, frame, mode, &candidate.fsv_card);
+        _set_config(frame, FXSV_UP_PORT, &candidate.fsv_up_port);
+        _set_port_devinfo(frame, candidate.fsv_down_port);
+        _set_fxsv_devinfo(arrival, &candidate);
+    } else if (host == FXM_HOST_FXIO) {
+        fxm_fxio_t candidate;
+        memset(&candidate, 0, sizeof(candidate));
+        _set_common_devinfo(arrival, frame, mode, &candidate.fio_card);
+        _set_fxio_body(frame, &candidate);
+        _set_fxio_devinfo(arrival, &candidate);
+    } else {
+        fxm_log_trace("%s: Unknwon PEB. host=0x%.2X", __func__, host);
+    }
+    return 0;
+}

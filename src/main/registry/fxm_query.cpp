@@ -1,0 +1,216 @@
+// How the host sees the registry: one record, lists of ids, and the removal of a card. Host threads, callbacks among them.
+// Each look-up or walk holds fx_lock from its first step to its last and gives out copies.
+#include <cerrno>
+#include <cstdint>
+
+#include "core/fxm_config.h"
+#include "core/fxm_state.h"
+#include "diag/fxm_stats.h"
+#include "fxm_log4cxxif.h"
+#include "registry/fxm_tables.h"
+
+// -------------------------------------------------------------------------------------------------------- one record
+
+template <typename Class, typename Get>
+static int _get_api(const char *func, fxm_api_row_t row, uint64_t id, typename Class::record_t *out, Get get)
+{
+    fxm_call_t call;
+    fxm_log_info("%s: (IN). id=0x%.12llx", func, _ull(id));
+    int err = 0;
+    if (!call.running) {
+        err = ENOSYS;
+    } else if (out == nullptr) {
+        err = EINVAL;
+    } else {
+        fxm_fx_guard_t guard;
+        err = get(id, out, nullptr, FXM_TBL_RECORD);
+    }
+    const int result = _fxm_errno_to_result(err);
+    fxm_log_info("%s: (OUT). ret=%d id=0x%.12llx", func, result, _ull(id));
+    return _fxm_stats_api(row, result);
+}
+
+int fxm_get_fxsv(uint64_t id, fxm_fxsv_t *out)
+{
+    return _get_api<fxsv_class>(__func__, FXM_ROW_GET_FXSV, id, out, _fxm_get_fxsv);
+}
+
+int fxm_get_fxio(uint64_t id, fxm_fxio_t *out)
+{
+    return _get_api<fxio_class>(__func__, FXM_ROW_GET_FXIO, id, out, _fxm_get_fxio);
+}
+
+// ------------------------------------------------------------------------------------------------------------ delete
+
+template <typename Remove> static int _delete_api(const char *func, fxm_api_row_t row, uint64_t id, Remove remove)
+{
+    fxm_call_t call;
+    fxm_log_info("%s: (IN). id=0x%.12llx", func, _ull(id));
+    int err = ENOSYS;
+    if (call.running) {
+        fxm_fx_guard_t guard;
+        err = remove(id);
+    }
+    const int result = _fxm_errno_to_result(err);
+    fxm_log_info("%s: (OUT). ret=%d id=0x%.12llx", func, result, _ull(id));
+    return _fxm_stats_api(row, result);
+}
+
+int fxm_delete_fxsv(uint64_t id) { return _delete_api(__func__, FXM_ROW_DELETE_FXSV, id, _fxm_remove_fxsv); }
+
+int fxm_delete_fxio(uint64_t id) { return _delete_api(__func__, FXM_ROW_DELETE_FXIO, id, _fxm_remove_fxio); }
+
+// ---------------------------------------------------------------------------------------------------------- id lists
+
+static uint64_t *_idlist_create(uint32_t entries)
+{
+    return static_cast<uint64_t *>(_fxm_mem_alloc(FXM_MEM_IDLIST, sizeof(uint64_t) * entries));
+}
+
+static void _idlist_destroy(uint64_t *list) { _fxm_mem_free(FXM_MEM_IDLIST, list); }
+
+// One list under one holding of fx_lock, so that the count and the list agree: `expected` tells how many cards match
+// before the walk, `matches` picks them.
+template <typename Class, typename Expected, typename Matches>
+static int _list_ids(const char *func, uint64_t **list, uint32_t *count, Expected expected, Matches matches)
+{
+    const uint32_t limit = *count != 0 ? *count : g_config.id_list_upper_limit;
+    fxm_fx_guard_t guard;
+    const uint32_t entries = expected();
+    if (entries == 0) {
+        *list = nullptr;
+        *count = 0;
+        return 0;
+    }
+    if (limit < entries) {
+        *count = entries;
+        return ERANGE;
+    }
+    uint64_t *ids = _idlist_create(entries);
+    if (ids == nullptr)
+        return ENOMEM;
+    uint32_t written = 0;
+    _fxm_each_node<Class>([&](typename Class::node_t *node) {
+        const fxm_card_data_t &card = Class::card(Class::record(node));
+        if (!matches(card))
+            return true;
+        if (written == entries) {
+            fxm_log_warn("%s: Get ID more than allocate size. num_tmp=%d", func, static_cast<int>(entries));
+            return false;
+        }
+        ids[written++] = card.fcd_id;
+        return true;
+    });
+    *list = ids;
+    *count = written;
+    return 0;
+}
+
+template <typename Class> static int _all_ids(const char *func, uint64_t **list, uint32_t *count)
+{
+    return _list_ids<Class>(
+        func, list, count, [] { return Class::total(); }, [](const fxm_card_data_t &) { return true; });
+}
+
+template <typename Class> static int _update_ids(const char *func, uint64_t time, uint64_t **list, uint32_t *count)
+{
+    const auto matches = [=](const fxm_card_data_t &card) { return card.fcd_updatetime >= time; };
+    const auto expected = [=] {
+        uint32_t matching = 0;
+        _fxm_each_node<Class>([&](typename Class::node_t *node) {
+            matching += matches(Class::card(Class::record(node))) ? 1 : 0;
+            return true;
+        });
+        return matching;
+    };
+    return _list_ids<Class>(func, list, count, expected, matches);
+}
+
+template <typename Class> static int _group_ids(const char *func, uint16_t groupid, uint64_t **list, uint32_t *count)
+{
+    return _list_ids<Class>(
+        func, list, count, [=] { return Class::groups()[groupid]; },
+        [=](const fxm_card_data_t &card) { return card.fcd_vlan_id == groupid; });
+}
+
+// The common shape of the queries without a group.
+template <typename Work>
+static int _ids_api(const char *func, fxm_api_row_t row, uint64_t **list, uint32_t *count, Work work)
+{
+    fxm_call_t call;
+    fxm_log_info("%s: (IN)", func);
+    int err = 0;
+    if (!call.running)
+        err = ENOSYS;
+    else if (list == nullptr || count == nullptr)
+        err = EINVAL;
+    else
+        err = work();
+    const int result = _fxm_errno_to_result(err);
+    fxm_log_info("%s: (OUT) ret=%d", func, result);
+    return _fxm_stats_api(row, result);
+}
+
+template <typename Class>
+static int _group_ids_api(const char *func, fxm_api_row_t row, uint16_t groupid, uint64_t **list, uint32_t *count)
+{
+    constexpr uint16_t first_group = 1;
+    constexpr uint16_t last_group = 4094;
+    fxm_call_t call;
+    fxm_log_info("%s: (IN) groupid=%u", func, groupid);
+    int err = 0;
+    if (!call.running)
+        err = ENOSYS;
+    else if (list == nullptr || count == nullptr || groupid < first_group || groupid > last_group)
+        err = EINVAL;
+    else
+        err = _group_ids<Class>(func, groupid, list, count);
+    const int result = _fxm_errno_to_result(err);
+    fxm_log_info("%s: (OUT) ret=%d, groupid=%u", func, result, groupid);
+    return _fxm_stats_api(row, result);
+}
+
+int fxm_get_fxsvids(uint64_t **list, uint32_t *count)
+{
+    const char *func = __func__;
+    return _ids_api(func, FXM_ROW_GET_FXSVIDS, list, count, [=] { return _all_ids<fxsv_class>(func, list, count); });
+}
+
+int fxm_get_fxioids(uint64_t **list, uint32_t *count)
+{
+    const char *func = __func__;
+    return _ids_api(func, FXM_ROW_GET_FXIOIDS, list, count, [=] { return _all_ids<fxio_class>(func, list, count); });
+}
+
+int fxm_get_update_fxsvids(uint64_t time, uint64_t **list, uint32_t *count)
+{
+    const char *func = __func__;
+    return _ids_api(func, FXM_ROW_GET_UPDATE_FXSVIDS, list, count,
+                    [=] { return _update_ids<fxsv_class>(func, time, list, count); });
+}
+
+int fxm_get_update_fxioids(uint64_t time, uint64_t **list, uint32_t *count)
+{
+    const char *func = __func__;
+    return _ids_api(func, FXM_ROW_GET_UPDATE_FXIOIDS, list, count,
+                    [=] { return _update_ids<fxio_class>(func, time, list, count); });
+}
+
+int fxm_get_group_fxsvids(uint16_t groupid, uint64_t **list, uint32_t *count)
+{
+    return _group_ids_api<fxsv_class>(__func__, FXM_ROW_GET_GROUP_FXSVIDS, groupid, list, count);
+}
+
+int fxm_get_group_fxioids(uint16_t groupid, uint64_t **list, uint32_t *count)
+{
+    return _group_ids_api<fxio_class>(__func__, FXM_ROW_GET_GROUP_FXIOIDS, groupid, list, count);
+}
+
+int fxm_free_idlist(uint64_t *list)
+{
+    fxm_call_t call;
+    fxm_log_info("%s: (IN)", __func__);
+    _idlist_destroy(list);
+    fxm_log_info("%s: (OUT) ret=%d", __func__, FXM_API_SUCCESS);
+    return _fxm_stats_api(FXM_ROW_FREE_IDLIST, FXM_API_SUCCESS);
+}

@@ -1,0 +1,55 @@
+// Opening by configuration, closing and sending. Opened and closed on the caller's thread of fxm_init_manager; any thread
+// sends.
+#include "wire/fxm_port.h"
+
+#include <cerrno>
+
+#include "core/fxm_config.h"
+#include "fxm_log4cxxif.h"
+
+fxm_port_t fxm_ports[FXM_PORT_NUM];
+
+// One for each port; held across one pcap_sendpacket, by any sender, under whatever it holds; nothing is taken under it.
+//
+// Sends and the receive thread use one capture handle at once. On Linux libpcap's injection is one send(2) on the
+// descriptor and its reading touches the mapped ring alone, so the two do not meet, and a receive thread needs no lock.
+// What two of them could meet in is the handle's error text, which a failing send writes: the lock keeps the senders
+// apart there, and nobody reads the text of either side. A second handle for sending would need no lock, but the first
+// one would then capture every frame that the library sends.
+static fxm_mutex_t send_lock[FXM_PORT_NUM];
+
+void _fxm_ports_clear()
+{
+    for (fxm_port_t &port : fxm_ports) {
+        port.pt_mac = 0;
+        port.pt_link = 0;
+        port.pt_pcap = nullptr;
+        port.pt_if_index = 0;
+    }
+}
+
+int _fxm_socket_open(uint32_t number)
+{
+    uint32_t if_index = number == 0 ? g_config.ether_port0_ifindex : g_config.ether_port1_ifindex;
+    // A name without an interface becomes index 0, which no interface has: it goes the same road to ENOENT.
+    if (!_fxm_config_ports_by_index())
+        if_index = _fxm_adapter_index(number == 0 ? g_config.ether_port0_name : g_config.ether_port1_name);
+    return _fxm_socket_open_win(if_index, &fxm_ports[number]);
+}
+
+void _fxm_socket_close(uint32_t number)
+{
+    if (fxm_ports[number].pt_pcap != nullptr)
+        pcap_close(fxm_ports[number].pt_pcap);
+    fxm_ports[number].pt_pcap = nullptr;
+}
+
+int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length)
+{
+    fxm_mutex_guard_t guard(&send_lock[port]);
+    if (pcap_sendpacket(fxm_ports[port].pt_pcap, frame, static_cast<int>(length)) != 0) {
+        fxm_log_error("%s: Failed to pcap_sendpacket().", __func__);
+        return EPROTO;
+    }
+    return 0;
+}

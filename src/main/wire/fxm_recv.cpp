@@ -1,0 +1,211 @@
+// Reading, checking and dispatching of received frames. Runs on the receive threads.
+#include "wire/fxm_recv.h"
+
+#include <cerrno>
+#include <cstdint>
+
+#include "access/fxm_tags.h"
+#include "core/fxm_config.h"
+#include "core/fxm_state.h"
+#include "diag/fxm_stats.h"
+#include "fxm_log4cxxif.h"
+#include "registry/fxm_devinfo.h"
+#include "wire/fxm_frame.h"
+#include "wire/fxm_port.h"
+
+fxm_wait_source_t fxm_recv_source[2];
+
+// One read. The length is that on the wire; what was captured of the frame reaches as far as any check or handler reads.
+static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length)
+{
+    pcap_pkthdr *header = nullptr;
+    const int rc = pcap_next_ex(fxm_ports[port].pt_pcap, &header, frame);
+    fxm_recv_source[port].ready = rc == 1;
+    if (rc == 1) {
+        *length = header->len;
+        return 0;
+    }
+    if (rc == 0)
+        return ETIMEDOUT;
+    if (rc == -1)
+        fxm_log_fatal("%s: Failed to pcap_next_ex().", __func__);
+    else
+        fxm_log_error("%s: Failed to pcap_next_ex(). err = %d", __func__, rc);
+    return EPROTO;
+}
+
+// The least length of a frame by subtype, host and low nibble of the second status byte; all three lie within the 28
+// bytes that every frame has.
+static uint32_t _min_length(const uint8_t *frame)
+{
+    const uint8_t subtype = u8(frame, FRAME_SUBTYPE);
+    if (subtype == FXM_SUBTYPE_COMP)
+        return FXM_LEN_MIN;
+    switch (u8(frame, DEV_HOST)) {
+    case FXM_HOST_FXSV:
+        return subtype == FXM_SUBTYPE_DEVINFO || subtype == FXM_SUBTYPE_NOTIFY ? FXM_LEN_FXSV : FXM_LEN_FXSV40;
+    case FXM_HOST_FXIO:
+        return (u8(frame, DEV_STATUS2) & FXM_STATUS2_VER) == FXM_VER_MULTIROOT ? FXM_LEN_FXIO_MR : FXM_LEN_FXIO;
+    default:
+        return FXM_LEN_MIN;
+    }
+}
+
+static bool _priority_is_ours(uint8_t tci_first_byte) { return (tci_first_byte & FXM_PRIORITY_MASK) == FXM_PRIORITY; }
+
+static int _check_tagged(const char *func, const uint8_t *frame)
+{
+    const uint8_t pri = frame[ETH_TAG_TCI.at];
+    if (!_priority_is_ours(pri)) {
+        fxm_log_trace("%s: priority is not 100(bit). pri=0x%.2X", func, pri);
+        return -1;
+    }
+    const uint16_t type = be16(frame, ETH_TAG_TYPE);
+    if (type != g_config.ether_type) {
+        fxm_log_trace("%s: Ether type is mismatch. type=0x%.4X", func, type);
+        return -1;
+    }
+    return 0;
+}
+
+static int _check_change(const char *func, const uint8_t *frame)
+{
+    const uint16_t type = be16(frame, ETH_CHANGE_TYPE);
+    if (type != g_config.ether_type) {
+        fxm_log_trace("%s: Ether type is mismatch.(VlanTag change mode) type=0x%.4X", func, type);
+        return -1;
+    }
+    const uint16_t tpid = be16(frame, ETH_CHANGE_TPID);
+    if (tpid != FXM_TPID) {
+        fxm_log_trace("%s: TPID type is mismatch.(VlanTag change mode) tpid=0x%.4X", func, tpid);
+        return -1;
+    }
+    const uint8_t pri = frame[ETH_CHANGE_TCI.at];
+    if (!_priority_is_ours(pri)) {
+        fxm_log_trace("%s: priority is not 100(bit).(VlanTag change mode) pri=0x%.2X", func, pri);
+        return -1;
+    }
+    return 0;
+}
+
+int _check_frame(const uint8_t *frame, uint32_t length, uint8_t *mode)
+{
+    if (length < FXM_LEN_MIN) {
+        fxm_log_trace("%s: Recv size is too short. len=%llu", __func__, _ull(length));
+        return -1;
+    }
+    const bool tagged = be16(frame, ETH_TAG_TPID) == FXM_TPID;
+    if ((tagged ? _check_tagged(__func__, frame) : _check_change(__func__, frame)) != 0)
+        return -1;
+    *mode = tagged ? FXM_VLAN_MODE_NORMAL : FXM_VLAN_MODE_CHANGE;
+
+    const uint8_t subtype = u8(frame, FRAME_SUBTYPE);
+    switch (subtype) {
+    case FXM_SUBTYPE_DEVINFO:
+    case FXM_SUBTYPE_NOTIFY:
+    case FXM_SUBTYPE_DEVINFO40:
+    case FXM_SUBTYPE_NOTIFY40:
+    case FXM_SUBTYPE_COMP:
+        break;
+    default:
+        fxm_log_trace("%s: Subtype is mismatch. subtype=0x%.2X", __func__, subtype);
+        return -1;
+    }
+
+    const uint32_t least = _min_length(frame);
+    if (length < least) {
+        fxm_log_trace("%s: Recv size is not enough. subtype=0x%.2X, recv_size=%llu, msg_size=%llu", __func__, subtype,
+                      _ull(length), _ull(least));
+        return -1;
+    }
+
+    // A card of the 40G generation announces itself in the 40G form only.
+    const uint32_t ver = u8(frame, DEV_VER);
+    if (subtype == FXM_SUBTYPE_DEVINFO && ver != 0) {
+        fxm_log_trace("%s: Drop 1G/10G DEVINFO to send from (ver=%u) FX card.", __func__, ver);
+        return -1;
+    }
+    if (subtype == FXM_SUBTYPE_NOTIFY && ver != 0) {
+        fxm_log_trace("%s: Drop 1G/10G NOTIFY to send from (ver=%u) FX card.", __func__, ver);
+        return -1;
+    }
+    return 0;
+}
+
+static void _fxm_recv_completion(uint32_t port, const uint8_t *frame)
+{
+    _fxm_recv_comp(u8(frame, COMP_TAG), port, mac48(frame, ETH_SRC), le32(frame, COMP_DATA));
+}
+
+static void _dispatch_frame(uint32_t port, const uint8_t *frame, uint8_t mode)
+{
+    fxm_stats_frame_t kind = FXM_STATS_R_TOTAL;
+    switch (u8(frame, FRAME_SUBTYPE)) {
+    case FXM_SUBTYPE_DEVINFO:
+        fxm_log_trace("%s: 1G/10G DEVINFO is received.", __func__);
+        kind = FXM_STATS_R_DEV;
+        break;
+    case FXM_SUBTYPE_NOTIFY:
+        fxm_log_trace("%s: 1G/10G NOTIFY is received.", __func__);
+        kind = FXM_STATS_R_NOTI;
+        break;
+    case FXM_SUBTYPE_DEVINFO40:
+        fxm_log_trace("%s: 40G DEVINFO is received.", __func__);
+        kind = FXM_STATS_R_DEV40;
+        break;
+    case FXM_SUBTYPE_NOTIFY40:
+        fxm_log_trace("%s: 40G NOTIFY is received.", __func__);
+        kind = FXM_STATS_R_NOTI40;
+        break;
+    case FXM_SUBTYPE_COMP:
+        fxm_log_trace("%s: Completion is received.", __func__);
+        kind = FXM_STATS_R_COMP;
+        break;
+    default:
+        fxm_log_trace("%s: Unknown frame is received. subtype=%.2X", __func__, u8(frame, FRAME_SUBTYPE));
+        return;
+    }
+    if (kind == FXM_STATS_R_COMP)
+        _fxm_recv_completion(port, frame);
+    else
+        _fxm_recv_devinfo(port, frame, mode);
+    _fxm_stats_frame(port, kind, FXM_STATS_R_TOTAL);
+}
+
+int _fxm_recv_frame(uint32_t port)
+{
+    const int port_num = static_cast<int>(port);
+    const int ret = 0;
+    fxm_log_trace("%s: start. port_num=%d, ret=%d", __func__, port_num, ret);
+    const uint8_t *frame = nullptr;
+    uint32_t length = 0;
+    const int err = _fxm_recv_pcap(port, &frame, &length);
+    if (err == ETIMEDOUT) {
+        fxm_log_debug("%s: _fxm_recv_pcap() returned ETIMEDOUT. port_num=%d", __func__, port_num);
+        return ret;
+    }
+    if (err != 0) {
+        fxm_log_error("%s: Failed to _fxm_recv_pcap(). port_num=%d", __func__, port_num);
+        return -1;
+    }
+    if (g_start_flag.load() != FXM_ON) {
+        fxm_log_trace("%s: Drop packet because start flag is not set. port_num=%d", __func__, port_num);
+        return ret;
+    }
+    uint8_t mode = FXM_VLAN_MODE_NORMAL;
+    if (_check_frame(frame, length, &mode) == 0)
+        _dispatch_frame(port, frame, mode);
+    fxm_log_trace("%s: end. port_num=%d, ret=%d", __func__, port_num, ret);
+    return ret;
+}
+
+void *_fxm_recv_task(void *arg)
+{
+    const auto port = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
+    const fxm_port_t &record = fxm_ports[port];
+    const int if_index = static_cast<int>(record.pt_if_index);
+    fxm_log_info("%s: start. if_index=%d, mac=%.12llx", __func__, if_index, _ull(record.pt_mac));
+    _fxm_recv_win(port);
+    fxm_log_info("%s: end. if_index=%d, mac=%.12llx", __func__, if_index, _ull(record.pt_mac));
+    return nullptr;
+}

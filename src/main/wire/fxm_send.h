@@ -1,0 +1,18 @@
+// The five frames to a card, one function each. Each picks the first connected channel of the caller's copy of the card,
+// builds the frame on its stack and hands it to the port: no wait, no retry, no lock but the port's and the counters'.
+// Any thread. Results: 0, ENOLINK no connected channel, EPROTO the capture library refused the frame.
+#ifndef FXM_SEND_H
+#define FXM_SEND_H
+
+#include <cstdint>
+
+#include "fxm.h"
+
+int _fxm_send_reset(const fxm_card_data_t *card, uint8_t status);
+int _fxm_send_mms(const fxm_card_data_t *card, uint32_t page, const void *data); // 128 bytes of data
+int _fxm_send_vlanset(const fxm_card_data_t *card, uint16_t vlanid);
+int _fxm_send_regwrite(const fxm_card_data_t *card, uint32_t addr, uint32_t data);
+// *mac and *port, written on 0, tell where the Completion must come from: the destination as it was sent.
+int _fxm_send_regread(const fxm_card_data_t *card, uint32_t addr, uint32_t tag, uint64_t *mac, uint32_t *port);
+
+#endif
