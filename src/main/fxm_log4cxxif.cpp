@@ -38,8 +38,8 @@ const char *_fxm_loglevel_name(fxm_log_level_t level)
     return level >= FXM_LOG_FATAL && level <= FXM_LOG_TRACE ? names[level] : "";
 }
 
-// The location that log4cxx is told: always this adapter, with a line of its own for each level. log4cxx 1.0 has added an
-// argument for the file's short name.
+// The location that log4cxx is told: always this adapter, with a line of its own for each level. log4cxx 1.0 has added
+// an argument for the file's short name.
 template <typename Location> static Location _location(const char *function, int line)
 {
     static const char *const file = "src\\main\\fxm_log4cxxif";

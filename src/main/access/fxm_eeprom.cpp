@@ -15,7 +15,8 @@
 constexpr uint32_t FXM_EEPROM_LAST = FXM_EEPROM_SIZE - 4;
 constexpr uint32_t FXM_ALL_HOLDERS = 0xFFFF;
 
-// ----------------------------------------------------------------------------------------------- lock around a transfer
+// ----------------------------------------------------------------------------------------------- lock around a
+// transfer
 
 static int _get_locktype(const char *func, const fxm_card_data_t *card, const fxm_retry_t &retry, uint32_t *locktype)
 {
@@ -119,9 +120,8 @@ int fxm_read_eeprom(uint64_t id, uint32_t addr, uint32_t *data, const fxm_retry_
     } else {
         const fxm_retry_t retry = _fxm_retry_of(retry_param);
         err = _fxm_card_operation(func, id, flags, FXM_WRITE_LOCK, [=](fxm_card_data_t *card) {
-            return _transfer_word(func, "_fxm_read_eeprom", card, retry, flags, [=] {
-                return _fxm_read_eeprom(card, addr, data, retry.timeout, retry.retries);
-            });
+            return _transfer_word(func, "_fxm_read_eeprom", card, retry, flags,
+                                  [=] { return _fxm_read_eeprom(card, addr, data, retry.timeout, retry.retries); });
         });
     }
     const int result = _fxm_errno_to_result(err);
@@ -190,8 +190,8 @@ int fxm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t 
     return _fxm_stats_api(FXM_ROW_DUMP_EEPROM, result);
 }
 
-// What has been left standing: with the ID lock all holders go, with the bit lock the other holder's bits, and the own bit
-// stays as it is.
+// What has been left standing: with the ID lock all holders go, with the bit lock the other holder's bits, and the own
+// bit stays as it is.
 static int _unlock_card(const char *func, uint64_t id)
 {
     const fxm_retry_t retry = _fxm_retry_of(nullptr);

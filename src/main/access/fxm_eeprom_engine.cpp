@@ -29,10 +29,13 @@ constexpr uint32_t FXM_EEPROM_FINISHED = 1u << 28;
 constexpr uint32_t FXM_EEPROM_REFUSED = 1u << 29; // with FINISHED
 constexpr uint32_t FXM_EEPROM_READY = 1u << 30;
 
-static bool _is_ready(uint32_t status) { return (status & (FXM_EEPROM_READY | FXM_EEPROM_OCCUPIED)) == FXM_EEPROM_READY; }
+static bool _is_ready(uint32_t status)
+{
+    return (status & (FXM_EEPROM_READY | FXM_EEPROM_OCCUPIED)) == FXM_EEPROM_READY;
+}
 
-// Two values live in this file only: EAGAIN, an access that did not come to an end and may be tried again, and EACCES, one
-// that the engine refused.
+// Two values live in this file only: EAGAIN, an access that did not come to an end and may be tried again, and EACCES,
+// one that the engine refused.
 static int _again_unless_fatal(int err) { return err == 0 || _fxm_fatal(err) ? err : EAGAIN; }
 
 // The word of the limits that every register access of a transfer gets.
@@ -56,8 +59,8 @@ static int _write_ctl(const fxm_card_data_t *card, const limits_t &limits, uint3
 static int _check_access_impl(const fxm_card_data_t *card, uint32_t address_value, uint32_t command,
                               const limits_t &limits)
 {
-    int err = _fxm_write_register(card, _engine(card).addr, address_value, limits.timeout, limits.retries,
-                                  FXM_FLAG_VERIFY);
+    int err =
+        _fxm_write_register(card, _engine(card).addr, address_value, limits.timeout, limits.retries, FXM_FLAG_VERIFY);
     if (err == 0)
         err = _write_ctl(card, limits, command);
     for (uint32_t count = 0; err == 0;) {

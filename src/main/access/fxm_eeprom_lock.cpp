@@ -1,5 +1,5 @@
-// Both kinds of EEPROM lock. The library keeps no record of a lock: it lives in the card's registers and in the caller's
-// knowledge of what it took.
+// Both kinds of EEPROM lock. The library keeps no record of a lock: it lives in the card's registers and in the
+// caller's knowledge of what it took.
 #include "access/fxm_eeprom_lock.h"
 
 #include <cerrno>
@@ -115,8 +115,8 @@ int _fxm_lock_eeprom(const fxm_card_data_t *card, uint32_t timeout, uint32_t ret
 
 // ----------------------------------------------------------------------------------------------------------- ID lock
 
-// Writes `value` to `reg` until the pending register satisfies `done`: the card has taken the request, or the release. No
-// pause after a failed access.
+// Writes `value` to `reg` until the pending register satisfies `done`: the card has taken the request, or the release.
+// No pause after a failed access.
 template <typename Done>
 static int _write_until_pending(const fxm_card_data_t *card, uint32_t reg, uint32_t value, uint32_t timeout,
                                 uint32_t retries, Done done)

@@ -1,5 +1,6 @@
-// The lock on the card that keeps other managers out of its EEPROM: a bit lock, or an ID lock with an arbiter, as the card
-// says. Threads of the host, which hold the card's write lock, so one thread of the library at a time plays it on a card.
+// The lock on the card that keeps other managers out of its EEPROM: a bit lock, or an ID lock with an arbiter, as the
+// card says. Threads of the host, which hold the card's write lock, so one thread of the library at a time plays it on
+// a card.
 #ifndef FXM_EEPROM_LOCK_H
 #define FXM_EEPROM_LOCK_H
 

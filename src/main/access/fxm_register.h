@@ -55,8 +55,8 @@ struct fxm_retry_text_t {
 // Copies the card of `id`, of either class, under fx_lock: 0, ENOENT, EPROTO.
 int _fxm_copy_card(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state);
 
-// What the ignore state means for an operation: ENOLINK for a card out of monitoring, unless the live check is asked for.
-// Then the copy loses its channels, for the check cannot rely on them.
+// What the ignore state means for an operation: ENOLINK for a card out of monitoring, unless the live check is asked
+// for. Then the copy loses its channels, for the check cannot rely on them.
 int _fxm_apply_ignore_state(uint32_t ignore_state, uint32_t flags, fxm_card_data_t *card);
 
 // Runs the live check if the flags ask for it. A failure is logged under `func`.
@@ -64,8 +64,8 @@ int _fxm_front_livecheck(const char *func, uint32_t flags, fxm_card_data_t *card
 
 enum fxm_write_lock_t { FXM_NO_WRITE_LOCK, FXM_WRITE_LOCK };
 
-// From the copy of the card to the result of `work(card)`: look-up, ignore state, write lock, live check. Gives an errno
-// value; failures are logged under `func`.
+// From the copy of the card to the result of `work(card)`: look-up, ignore state, write lock, live check. Gives an
+// errno value; failures are logged under `func`.
 template <typename Work>
 int _fxm_card_operation(const char *func, uint64_t id, uint32_t flags, fxm_write_lock_t write_lock, Work work)
 {

@@ -25,7 +25,7 @@ static struct {
     uint32_t cmp_last_tag;
     fxm_event_t cmp_event[FXM_TAGS];
     uint32_t cmp_state[FXM_TAGS];
-    uint64_t cmp_mac[FXM_TAGS];  // where the Completion must come from, bit 0 as it was asked
+    uint64_t cmp_mac[FXM_TAGS]; // where the Completion must come from, bit 0 as it was asked
     uint32_t cmp_data[FXM_TAGS];
     uint32_t cmp_port[FXM_TAGS]; // the port that the Register Read left through
     uint32_t cmp_in_use[FXM_TAGS];

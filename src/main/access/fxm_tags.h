@@ -14,8 +14,8 @@ int _fxm_cmp_fini(); // 0; wakes whoever waits
 int _fxm_get_tag(uint32_t *tag); // 0, or -1 when all are in use
 void _fxm_release_tag(uint32_t tag);
 void _fxm_set_comp_recv_wait(uint32_t tag, uint64_t mac, uint32_t port); // arms: the answer must come from there
-int _fxm_sigwait_comp(uint32_t tag, uint32_t timeout);  // 0, ETIMEDOUT, EPROTO; a stop ends it early with ETIMEDOUT
-int _fxm_get_readreg(uint32_t tag, uint32_t *data);     // 0, ENOENT no Completion yet, EPROTO
+int _fxm_sigwait_comp(uint32_t tag, uint32_t timeout); // 0, ETIMEDOUT, EPROTO; a stop ends it early with ETIMEDOUT
+int _fxm_get_readreg(uint32_t tag, uint32_t *data);    // 0, ENOENT no Completion yet, EPROTO
 
 // A Completion has come: receive threads.
 void _fxm_recv_comp(uint32_t tag, uint32_t port, uint64_t mac, uint32_t data);

@@ -1,5 +1,5 @@
-// The write locks: one for each card id ever seen, so that two host threads do not hold write-type conversations with one
-// card at once. A lock outlives its card and a stop of the library.
+// The write locks: one for each card id ever seen, so that two host threads do not hold write-type conversations with
+// one card at once. A lock outlives its card and a stop of the library.
 #ifndef FXM_WREG_H
 #define FXM_WREG_H
 

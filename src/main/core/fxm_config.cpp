@@ -1,5 +1,5 @@
-// Reading, checking and showing the configuration. Runs on the caller's thread of fxm_init_manager; the dump also runs on
-// the threads that write a status dump.
+// Reading, checking and showing the configuration. Runs on the caller's thread of fxm_init_manager; the dump also runs
+// on the threads that write a status dump.
 #include "core/fxm_config.h"
 
 #include <cctype>

@@ -1,6 +1,6 @@
 // The filter of the log at run time. Host threads, and fxm_init_manager once a start.
-#include "core/fxm_config.h"
 #include "core/fxm_loglevel.h"
+#include "core/fxm_config.h"
 #include "core/fxm_state.h"
 #include "diag/fxm_stats.h"
 

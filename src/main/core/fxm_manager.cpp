@@ -92,7 +92,8 @@ struct run_t {
     fxm_thread_t stats_task;
 };
 
-// Opens the configured ports. One is enough: the other's failure is forgotten then. 0, or the error of the last one tried.
+// Opens the configured ports. One is enough: the other's failure is forgotten then. 0, or the error of the last one
+// tried.
 static int _open_ports(const char *func, run_t *run)
 {
     _fxm_ports_clear();
@@ -127,14 +128,15 @@ static bool _start_worker(const char *func, const char *name, fxm_thread_t *thre
     return false;
 }
 
-// Starts the workers; one receive thread is enough. False: not all that are needed run, and the stop has been asked for.
+// Starts the workers; one receive thread is enough. False: not all that are needed run, and the stop has been asked
+// for.
 static bool _start_workers(const char *func, run_t *run)
 {
     static const char *const recv_names[FXM_PORT_NUM] = {"recv port0", "recv port1"};
     bool receiving = false;
     for (uintptr_t port = 0; port < FXM_PORT_NUM; ++port) {
-        if (run->port_open[port] && _start_worker(func, recv_names[port], &run->recv[port], _fxm_recv_task,
-                                                  reinterpret_cast<void *>(port)))
+        if (run->port_open[port] &&
+            _start_worker(func, recv_names[port], &run->recv[port], _fxm_recv_task, reinterpret_cast<void *>(port)))
             receiving = true;
     }
     if (receiving && _start_worker(func, "event_task", &run->event_task, _fxm_event_task, nullptr) &&

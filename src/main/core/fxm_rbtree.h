@@ -1,5 +1,5 @@
-// The ordered map: a red-black tree with intrusive links, keyed by what get_key finds. It allocates and owns nothing; the
-// owner of the records frees them and the owner's lock guards every call.
+// The ordered map: a red-black tree with intrusive links, keyed by what get_key finds. It allocates and owns nothing;
+// the owner of the records frees them and the owner's lock guards every call.
 #ifndef FXM_RBTREE_H
 #define FXM_RBTREE_H
 

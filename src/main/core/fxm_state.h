@@ -13,8 +13,8 @@ constexpr int FXM_ON = 0;
 constexpr int FXM_OFF = 1;
 
 // Process-wide words, read and written without a lock by every thread. Sequentially consistent, because a call counts
-// itself in and then looks at the flags, while the stop sets a flag and then looks at the count: one of the two must see
-// the other.
+// itself in and then looks at the flags, while the stop sets a flag and then looks at the count: one of the two must
+// see the other.
 extern std::atomic<int> g_init_flag;  // ON from the moment all workers run until the end of the tear-down
 extern std::atomic<int> g_start_flag; // ON after fxm_start_manager; while OFF every received frame is dropped
 extern std::atomic<int> g_fini_flag;  // ON: stop. Every loop of the library runs only while it is OFF
@@ -30,8 +30,9 @@ int _fxm_terminate_event_create(); // 0 or EPROTO
 
 inline bool _fxm_stopping() { return g_fini_flag.load() == FXM_ON; }
 
-// A call of an exported function in progress, from its entry to its return. The tear-down closes ports, tables and locks
-// only when no call is inside (_fxm_wait_calls), so a call that has found the library running may use them to its end.
+// A call of an exported function in progress, from its entry to its return. The tear-down closes ports, tables and
+// locks only when no call is inside (_fxm_wait_calls), so a call that has found the library running may use them to its
+// end.
 struct fxm_call_t {
     fxm_call_t();
     ~fxm_call_t();

@@ -92,9 +92,9 @@ struct fxm_stats_t {
     uint32_t port_total_down[FXM_PORTS];
 };
 
-// Guards g_stats. Taken last in every order and briefly, by whoever counts, under any other lock; nothing is taken under
-// it. The status dump holds it for one section at a time. It outlives a stop, so a call that is counted before the first
-// start or after a stop counts under it like any other, and the next start wipes the figure.
+// Guards g_stats. Taken last in every order and briefly, by whoever counts, under any other lock; nothing is taken
+// under it. The status dump holds it for one section at a time. It outlives a stop, so a call that is counted before
+// the first start or after a stop counts under it like any other, and the next start wipes the figure.
 extern fxm_mutex_t g_stats_lock;
 extern fxm_stats_t g_stats;
 

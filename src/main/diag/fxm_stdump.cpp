@@ -76,9 +76,9 @@ static const char *_ignore_name(uint32_t ignore_state)
 }
 
 // The columns that both classes have; FXIO adds the resource number.
-#define CARD_HEAD "    %14s %4s %5s %3s %7s %8s %9s"
-#define CARD_RULE "    -------------- ---- ----- --- ------- -------- ---------"
-#define CARD_ROW  "    0x%.12llx %4u %5s %3u %7s %8s %9s"
+#define CARD_HEAD      "    %14s %4s %5s %3s %7s %8s %9s"
+#define CARD_RULE      "    -------------- ---- ----- --- ------- -------- ---------"
+#define CARD_ROW       "    0x%.12llx %4u %5s %3u %7s %8s %9s"
 #define CARD_HEAD_ARGS "ID", "G-ID", "TYPE", "VER", "CONNECT", "IG-STATE", "VLAN MODE"
 #define CARD_ROW_ARGS(card, connect, ignore_state)                                                                     \
     _ull((card).fcd_id), (card).fcd_vlan_id, (card).fcd_type != 0 ? "40G" : "1/10G", (card).fcd_ver + 1u, connect,     \
@@ -283,9 +283,9 @@ static void _dump_events()
 static void _dump_frames()
 {
     static const char *const names[FXM_STATS_FRAMES] = {
-        "FXM_STATS_R_TOTAL", "FXM_STATS_R_DEV",     "FXM_STATS_R_DEV40", "FXM_STATS_R_NOTI",
-        "FXM_STATS_R_NOTI40", "FXM_STATS_R_COMP",   "FXM_STATS_T_TOTAL", "FXM_STATS_T_VLANSET",
-        "FXM_STATS_T_REGR",  "FXM_STATS_T_REGW",    "FXM_STATS_T_RESET", "FXM_STATS_T_MMS",
+        "FXM_STATS_R_TOTAL",  "FXM_STATS_R_DEV",  "FXM_STATS_R_DEV40", "FXM_STATS_R_NOTI",
+        "FXM_STATS_R_NOTI40", "FXM_STATS_R_COMP", "FXM_STATS_T_TOTAL", "FXM_STATS_T_VLANSET",
+        "FXM_STATS_T_REGR",   "FXM_STATS_T_REGW", "FXM_STATS_T_RESET", "FXM_STATS_T_MMS",
     };
     fxm_mutex_guard_t guard(&g_stats_lock);
     fxm_log_stats("  - Fenxar message send/receive statistics");
@@ -303,14 +303,37 @@ static const char *const code_names[FXM_API_CODES] = {
 };
 
 static const char *const row_names[FXM_API_ROWS] = {
-    "fxm_get_fxsvids()",       "fxm_get_update_fxsvids()", "fxm_get_group_fxsvids()",   "fxm_get_fxioids()",
-    "fxm_get_update_fxioids()", "fxm_get_group_fxioids()", "fxm_get_fxsv()",            "fxm_get_fxio()",
-    "fxm_delete_fxsv()",       "fxm_delete_fxio()",        "fxm_set_vlanid()",          "fxm_send_resetframe()",
-    "fxm_write_mmspage()",     "fxm_read_register()",      "fxm_write_register()",      "fxm_modify_register()",
-    "fxm_dump_register()",     "fxm_read_eeprom()",        "fxm_write_eeprom()",        "fxm_dump_eeprom()",
-    "fxm_unlock_eeprom()",     "fxm_stop_monitor()",       "fxm_restart_monitor()",     "fxm_register_callback()",
-    "fxm_unregister_callback()", "fxm_free_idlist()",      "fxm_set_loglevel()",        "fxm_init_manager()",
-    "fxm_start_manager()",     "fxm_fini_manager()",       "fxm_stdump()",
+    "fxm_get_fxsvids()",
+    "fxm_get_update_fxsvids()",
+    "fxm_get_group_fxsvids()",
+    "fxm_get_fxioids()",
+    "fxm_get_update_fxioids()",
+    "fxm_get_group_fxioids()",
+    "fxm_get_fxsv()",
+    "fxm_get_fxio()",
+    "fxm_delete_fxsv()",
+    "fxm_delete_fxio()",
+    "fxm_set_vlanid()",
+    "fxm_send_resetframe()",
+    "fxm_write_mmspage()",
+    "fxm_read_register()",
+    "fxm_write_register()",
+    "fxm_modify_register()",
+    "fxm_dump_register()",
+    "fxm_read_eeprom()",
+    "fxm_write_eeprom()",
+    "fxm_dump_eeprom()",
+    "fxm_unlock_eeprom()",
+    "fxm_stop_monitor()",
+    "fxm_restart_monitor()",
+    "fxm_register_callback()",
+    "fxm_unregister_callback()",
+    "fxm_free_idlist()",
+    "fxm_set_loglevel()",
+    "fxm_init_manager()",
+    "fxm_start_manager()",
+    "fxm_fini_manager()",
+    "fxm_stdump()",
 };
 
 static void _dump_results(uint32_t verbose)

@@ -1,5 +1,5 @@
-// Event queue and callbacks. Producers are the receive threads, the interval check and the link watcher; the one consumer
-// is the event task, on which every callback runs; host threads register and unregister.
+// Event queue and callbacks. Producers are the receive threads, the interval check and the link watcher; the one
+// consumer is the event task, on which every callback runs; host threads register and unregister.
 #include "events/fxm_event.h"
 
 #include <cerrno>
@@ -23,8 +23,8 @@ struct fxm_evt_node_t {
     uint64_t evt_id;
 };
 
-// One registration; its address is the handle that the host holds. cbi_func is null once it was unregistered from within
-// a callback of its own list, which then still walks over it.
+// One registration; its address is the handle that the host holds. cbi_func is null once it was unregistered from
+// within a callback of its own list, which then still walks over it.
 struct fxm_cbinfo_t {
     fxm_list_t cbi_link; // cbi_next, cbi_prev
     fxm_callback_t cbi_func;
@@ -54,8 +54,8 @@ static struct {
     bool walking; // the event task is among the registrations: unlink later
 } cb_evt_tbl[FXM_EVT_KINDS];
 
-// The registrations that the host may hold, by address, so that a stale or foreign handle is told from a live one without
-// reading through it.
+// The registrations that the host may hold, by address, so that a stale or foreign handle is told from a live one
+// without reading through it.
 static fxm_rbtree_t live_handles;
 // Guards live_handles. Held for one map operation, under an entry's lock or alone; nothing is taken under it.
 static fxm_mutex_t handle_lock;
@@ -308,7 +308,8 @@ int fxm_register_callback(int32_t type, fxm_callback_t func, uint64_t arg, void 
 {
     fxm_call_t call;
     fxm_log_info("%s: (IN) type=%d", __func__, type);
-    const int result = _fxm_errno_to_result(call.running ? _register_callback(__func__, type, func, arg, cbid) : ENOSYS);
+    const int result =
+        _fxm_errno_to_result(call.running ? _register_callback(__func__, type, func, arg, cbid) : ENOSYS);
     if (result == FXM_API_SUCCESS)
         fxm_log_info("%s: (OUT) ret=%d, type=%d, cbid=%p", __func__, result, type, *cbid);
     else

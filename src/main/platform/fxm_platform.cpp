@@ -79,7 +79,8 @@ static int64_t _ms_until(const timespec *deadline)
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    const int64_t ns = (static_cast<int64_t>(deadline->tv_sec) - now.tv_sec) * 1000000000 + deadline->tv_nsec - now.tv_nsec;
+    const int64_t ns =
+        (static_cast<int64_t>(deadline->tv_sec) - now.tv_sec) * 1000000000 + deadline->tv_nsec - now.tv_nsec;
     return ns <= 0 ? 0 : (ns + 999999) / 1000000;
 }
 
@@ -195,7 +196,8 @@ uint64_t _fxm_get_time_ms() { return fxm_platform.wall_clock_ms(); }
 
 static bool _has_mode(const char *path, mode_t mode)
 {
-    struct stat info {};
+    struct stat info {
+    };
     return path != nullptr && stat(path, &info) == 0 && (info.st_mode & S_IFMT) == mode;
 }
 
@@ -248,7 +250,15 @@ bool _fxm_notice_arm(fxm_notice_t *notice) { return fxm_platform.notice_arm(noti
 int _fxm_capture_mintocopy(pcap *handle) { return fxm_platform.capture_mintocopy(handle); }
 
 fxm_platform_calls_t fxm_platform = {
-    _mutex_make, _event_make, _thread_make,           _wall_clock_ms,          malloc,
-    _wait_two,   _last_error, _fxm_netlink_adapters, _fxm_netlink_notice_create, _fxm_netlink_notice_arm,
+    _mutex_make,
+    _event_make,
+    _thread_make,
+    _wall_clock_ms,
+    malloc,
+    _wait_two,
+    _last_error,
+    _fxm_netlink_adapters,
+    _fxm_netlink_notice_create,
+    _fxm_netlink_notice_arm,
     _fxm_pcap_mintocopy,
 };

@@ -1,6 +1,6 @@
-// What the library needs of an operating system: locks, events, threads, clock, file tests, memory, the two-source wait,
-// the list of adapters and the notice of a changed link. The bottom layer: it knows nothing of cards and logs nothing.
-// No other file includes a system header for these. A failure of a system service is EPROTO.
+// What the library needs of an operating system: locks, events, threads, clock, file tests, memory, the two-source
+// wait, the list of adapters and the notice of a changed link. The bottom layer: it knows nothing of cards and logs
+// nothing. No other file includes a system header for these. A failure of a system service is EPROTO.
 #ifndef FXM_PLATFORM_H
 #define FXM_PLATFORM_H
 
@@ -66,8 +66,8 @@ void _fxm_thread_join(fxm_thread_t *thread);
 
 // ------------------------------------------------------------------------------------------------- clock, files, heap
 
-void Sleep(uint32_t ms);           // monotonic
-uint64_t _fxm_get_time_ms();       // wall clock, milliseconds since 1970-01-01 UTC
+void Sleep(uint32_t ms);               // monotonic
+uint64_t _fxm_get_time_ms();           // wall clock, milliseconds since 1970-01-01 UTC
 int _fxm_file_exist(const char *path); // 0 a regular file, else ENOENT
 int _fxm_dir_exist(const char *path);  // 0 a directory, else EINVAL
 
@@ -93,7 +93,7 @@ uint32_t _fxm_last_error(); // of the calling thread's last failed platform call
 
 // ---------------------------------------------------------------------------------------------------------- adapters
 
-constexpr uint32_t FXM_ADAPTER_OVERFLOW = 111;   // the buffer is too small; *size is what is needed
+constexpr uint32_t FXM_ADAPTER_OVERFLOW = 111; // the buffer is too small; *size is what is needed
 constexpr uint32_t FXM_IF_TYPE_LOOPBACK = 24;
 constexpr uint32_t FXM_IF_OPER_UP = 1;
 constexpr uint32_t FXM_IF_OPER_DOWN = 2;

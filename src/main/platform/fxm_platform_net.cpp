@@ -1,5 +1,5 @@
-// Adapters and the notice of a changed link, from the kernel's rtnetlink, and the waitable capture. The list is asked for on the thread that opens
-// the ports and on the link watcher; the notice belongs to the link watcher alone.
+// Adapters and the notice of a changed link, from the kernel's rtnetlink, and the waitable capture. The list is asked
+// for on the thread that opens the ports and on the link watcher; the notice belongs to the link watcher alone.
 #include "platform/fxm_platform_net.h"
 
 #include <linux/if.h>
@@ -42,7 +42,7 @@ static uint32_t _oper_status(const ifinfomsg *info, uint8_t operstate)
     const bool up = (info->ifi_flags & IFF_UP) != 0;
     const bool carrier = (info->ifi_flags & IFF_LOWER_UP) != 0;
     return up && (operstate == IF_OPER_UP || (operstate == IF_OPER_UNKNOWN && carrier)) ? FXM_IF_OPER_UP
-                                                                                         : FXM_IF_OPER_DOWN;
+                                                                                        : FXM_IF_OPER_DOWN;
 }
 
 static void _read_link(const nlmsghdr *header, fxm_adapter_t *out)
@@ -68,8 +68,8 @@ static void _read_link(const nlmsghdr *header, fxm_adapter_t *out)
     out->OperStatus = _oper_status(info, operstate);
 }
 
-// Reads the answer to _ask_links; entries past `capacity` are only counted. 0 or an errno value. The kernel marks a list
-// that changed under its hands (NLM_F_DUMP_INTR); that is told as EAGAIN.
+// Reads the answer to _ask_links; entries past `capacity` are only counted. 0 or an errno value. The kernel marks a
+// list that changed under its hands (NLM_F_DUMP_INTR); that is told as EAGAIN.
 static int _read_links(int fd, fxm_adapter_t *list, uint32_t capacity, uint32_t *count)
 {
     alignas(nlmsghdr) uint8_t buffer[32768];

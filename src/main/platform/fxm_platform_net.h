@@ -1,4 +1,5 @@
-// The half of the platform layer that speaks rtnetlink and libpcap; included by the other half only, which hands its functions out.
+// The half of the platform layer that speaks rtnetlink and libpcap; included by the other half only, which hands its
+// functions out.
 #ifndef FXM_PLATFORM_NET_H
 #define FXM_PLATFORM_NET_H
 

@@ -72,7 +72,8 @@ static const fxm_adapter_t *_find_usable(const char *func, const fxm_adapter_t *
     return nullptr;
 }
 
-// Opens `device` so that every frame is delivered at once; pcap_open_live would hold frames back for up to its time-out.
+// Opens `device` so that every frame is delivered at once; pcap_open_live would hold frames back for up to its
+// time-out.
 static pcap_t *_open_capture(const char *device, char *errbuf)
 {
     pcap_t *handle = pcap_create(device, errbuf);
@@ -93,8 +94,8 @@ static pcap_t *_open_capture(const char *device, char *errbuf)
     return nullptr;
 }
 
-// The device of exactly that name, else the first whose name contains it: names with a prefix are found, and eth1 is not
-// taken for eth10.
+// The device of exactly that name, else the first whose name contains it: names with a prefix are found, and eth1 is
+// not taken for eth10.
 static const pcap_if_t *_find_device(const pcap_if_t *devices, const char *adapter_name)
 {
     for (const pcap_if_t *device = devices; device != nullptr; device = device->next) {

@@ -91,7 +91,8 @@ void _fxm_blacklist_dump()
     fxm_log_stats(" ");
 }
 
-// The caller does not say the class, so both tables are tried; EINVAL from the one that does not hold the id is expected.
+// The caller does not say the class, so both tables are tried; EINVAL from the one that does not hold the id is
+// expected.
 static void _set_ignore_state(uint64_t id, uint32_t ignore_state, uint32_t flags)
 {
     _fxm_set_fxsv(id, nullptr, ignore_state, flags);

@@ -41,8 +41,7 @@ static void _set_common_devinfo(const arrival_t &arrival, const uint8_t *frame, 
 {
     const uint8_t flags = u8(frame, DEV_FLAGS);
     const uint8_t status2 = u8(frame, DEV_STATUS2);
-    const uint16_t tci =
-        mode == FXM_VLAN_MODE_NORMAL ? be16(frame, ETH_TAG_TCI) : be16(frame, ETH_CHANGE_TCI);
+    const uint16_t tci = mode == FXM_VLAN_MODE_NORMAL ? be16(frame, ETH_TAG_TCI) : be16(frame, ETH_CHANGE_TCI);
 
     card->fcd_id = _fxm_frame_id(frame);
     put_mac48(card->fcd_macaddr, mac48_at{0}, card->fcd_id);
@@ -96,7 +95,8 @@ static void _set_fxio_body(const uint8_t *frame, fxm_fxio_t *fxio)
         fxio->fio_mr_resource_num = be16(frame, IO_RESOURCE_NUM);
 }
 
-// ------------------------------------------------------------------------------------- what differs between the classes
+// ------------------------------------------------------------------------------------- what differs between the
+// classes
 
 // Clears the status bits whose change is no news under update_evt_mask 2.
 static void _mask_status(uint8_t *status)
@@ -149,7 +149,8 @@ static void _add_devinfo(const char *func, const typename Class::record_t *candi
     const fxm_card_data_t &card = Class::card(*candidate);
     const uint64_t id = card.fcd_id;
 
-    // A card in the tables always has its write lock. It is never taken away, so a card that was deleted has it already.
+    // A card in the tables always has its write lock. It is never taken away, so a card that was deleted has it
+    // already.
     int err = _fxm_create_reg_lock_node(id);
     if (err != 0 && err != EEXIST) {
         fxm_log_warn("%s: Failed to _fxm_create_reg_lock_node(). Drop DEVINFO Frame. err=%d, id=0x%.12llx", func, err,
@@ -187,6 +188,11 @@ static void _add_fxio_devinfo(const fxm_fxio_t *candidate)
 // ------------------------------------------------------------------------------------------------------------ update
 
 // Records start as zeroed memory and are copied as bytes, so equal frames give equal bytes, padding included.
+template <typename Record> static bool _bytes_differ(const Record *record1, const Record *record2)
+{
+    return memcmp(record1, record2, sizeof(Record)) != 0; // NOLINT(bugprone-suspicious-memory-comparison)
+}
+
 template <typename Record> static bool _records_differ(const char *func, const Record *stored, const Record *candidate)
 {
     if (g_config.update_evt_mask == 2) {
@@ -196,11 +202,11 @@ template <typename Record> static bool _records_differ(const char *func, const R
         memcpy(&masked_candidate, candidate, sizeof(Record));
         _mask_record(&masked_stored);
         _mask_record(&masked_candidate);
-        return memcmp(&masked_stored, &masked_candidate, sizeof(Record)) != 0;
+        return _bytes_differ(&masked_stored, &masked_candidate);
     }
     if (g_config.update_evt_mask != 1)
         fxm_log_warn("%s: Invalid config parameter. update_evt_mask=%u", func, g_config.update_evt_mask);
-    return memcmp(stored, candidate, sizeof(Record)) != 0;
+    return _bytes_differ(stored, candidate);
 }
 
 // Carries over what the frame does not hold, and finds out what has changed.
@@ -315,8 +321,7 @@ static void _set_devinfo(const char *func, const arrival_t &arrival, typename Cl
     fxm_fx_guard_t guard;
     typename Class::record_t stored;
     uint32_t ignore_state = FXM_WATCH;
-    const int err =
-        get(Class::card(*candidate).fcd_id, &stored, &ignore_state, FXM_TBL_RECORD | FXM_TBL_IGNORE_STATE);
+    const int err = get(Class::card(*candidate).fcd_id, &stored, &ignore_state, FXM_TBL_RECORD | FXM_TBL_IGNORE_STATE);
     if (err == ENOENT)
         add(candidate);
     else if (err == 0)

@@ -1,5 +1,5 @@
-// How the host sees the registry: one record, lists of ids, and the removal of a card. Host threads, callbacks among them.
-// Each look-up or walk holds fx_lock from its first step to its last and gives out copies.
+// How the host sees the registry: one record, lists of ids, and the removal of a card. Host threads, callbacks among
+// them. Each look-up or walk holds fx_lock from its first step to its last and gives out copies.
 #include <cerrno>
 #include <cstdint>
 

@@ -24,7 +24,10 @@ template <typename Class> static const void *_get_key(const fxm_rbnode_t *link)
     return reinterpret_cast<const uint8_t *>(link) - Class::link_offset;
 }
 
-static uint32_t *_group(uint32_t *groups, uint16_t vlan_id) { return &groups[std::min<uint32_t>(vlan_id, FXM_GROUPS - 1)]; }
+static uint32_t *_group(uint32_t *groups, uint16_t vlan_id)
+{
+    return &groups[std::min<uint32_t>(vlan_id, FXM_GROUPS - 1)];
+}
 
 // ------------------------------------------------------------------------------------------------------------- nodes
 

@@ -111,7 +111,8 @@ struct fxm_fx_guard_t {
 
 // All below run with fx_lock held by the caller.
 
-// Copies out of the node of `id`: 0, ENOENT, EINVAL (a null output that a flag asks for, or a flag that is not allowed).
+// Copies out of the node of `id`: 0, ENOENT, EINVAL (a null output that a flag asks for, or a flag that is not
+// allowed).
 int _fxm_get_fxsv(uint64_t id, fxm_fxsv_t *record, uint32_t *ignore_state, uint32_t flags);
 int _fxm_get_fxio(uint64_t id, fxm_fxio_t *record, uint32_t *ignore_state, uint32_t flags);
 
@@ -123,8 +124,8 @@ int _fxm_set_fxio(uint64_t id, const fxm_fxio_t *record, uint32_t ignore_state, 
 int _fxm_remove_fxsv(uint64_t id);
 int _fxm_remove_fxio(uint64_t id);
 
-// The road of all card operations from an id to what they need, whatever the class; an id in both tables is answered from
-// the FXSV table. card and resource_num may be null. 0, ENOENT, EPROTO.
+// The road of all card operations from an id to what they need, whatever the class; an id in both tables is answered
+// from the FXSV table. card and resource_num may be null. 0, ENOENT, EPROTO.
 int _fxm_get_fxdev_rid(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state, uint16_t *resource_num);
 
 template <typename Class> typename Class::node_t *_fxm_node_of(fxm_rbnode_t *link)

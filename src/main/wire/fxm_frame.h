@@ -13,14 +13,16 @@
 
 // -------------------------------------------------------------------------------------------------------- accessors
 
+// clang-format off
 struct u8_at { size_t at; };
 struct be16_at { size_t at; };
 struct be32_at { size_t at; };
 struct le16_at { size_t at; };
 struct le24_at { size_t at; };
 struct le32_at { size_t at; };
-struct mac48_at { size_t at; };                 // six bytes, also as one number, first byte highest
+struct mac48_at { size_t at; }; // six bytes, also as one number, first byte highest
 template <size_t Size> struct raw_at { size_t at; }; // bytes in wire order
+// clang-format on
 
 inline uint8_t u8(const uint8_t *f, u8_at x) { return f[x.at]; }
 inline uint16_t be16(const uint8_t *f, be16_at x) { return static_cast<uint16_t>(f[x.at] << 8 | f[x.at + 1]); }
@@ -67,6 +69,9 @@ inline void put_mac48(uint8_t *f, mac48_at x, uint64_t mac)
 
 // The same field of a block that starts at `base`: configuration blocks and down-port entries repeat in a frame.
 template <typename Field> constexpr Field in_block(size_t base, Field x) { return Field{base + x.at}; }
+
+// From here to the lengths these are tables, to be read beside the wire.
+// clang-format off
 
 // ----------------------------------------------------------------------------------------- Ethernet header, 0 to 17
 
@@ -198,13 +203,14 @@ constexpr uint32_t FXM_LEN_FXIO_MR = 46;
 constexpr uint32_t FXM_LEN_OUT = 60;      // Ethernet minimum without FCS; the library pads for itself
 constexpr uint32_t FXM_LEN_OUT_MMS = 156;
 constexpr uint32_t FXM_MMS_PAGE_SIZE = 128;
+// clang-format on
 static_assert(FXM_LEN_FXSV == 272 && FXM_LEN_FXSV40 == 496);
 static_assert(MMS_DATA.at + FXM_MMS_PAGE_SIZE == FXM_LEN_OUT_MMS);
 
 // ---------------------------------------------------------------------------------------------------- operations
 
-// Card id and MAC index of a DEVINFO or NOTIFY. A card with a non-zero DEV_VER sends from two MACs that differ in bit 0;
-// both give the even one as id.
+// Card id and MAC index of a DEVINFO or NOTIFY. A card with a non-zero DEV_VER sends from two MACs that differ in bit
+// 0; both give the even one as id.
 inline uint64_t _fxm_frame_id(const uint8_t *frame)
 {
     const uint64_t mac = mac48(frame, ETH_SRC);

@@ -1,5 +1,5 @@
-// Opening by configuration, closing and sending. Opened and closed on the caller's thread of fxm_init_manager; any thread
-// sends.
+// Opening by configuration, closing and sending. Opened and closed on the caller's thread of fxm_init_manager; any
+// thread sends.
 #include "wire/fxm_port.h"
 
 #include <cerrno>
@@ -9,7 +9,8 @@
 
 fxm_port_t fxm_ports[FXM_PORT_NUM];
 
-// One for each port; held across one pcap_sendpacket, by any sender, under whatever it holds; nothing is taken under it.
+// One for each port; held across one pcap_sendpacket, by any sender, under whatever it holds; nothing is taken under
+// it.
 //
 // Sends and the receive thread use one capture handle at once. On Linux libpcap's injection is one send(2) on the
 // descriptor and its reading touches the mapped ring alone, so the two do not meet, and a receive thread needs no lock.

@@ -11,8 +11,8 @@
 
 #include "platform/fxm_platform.h"
 
-// Filled when a port is opened, before any worker starts, and zero otherwise. pt_mac, pt_pcap and pt_if_index stay until
-// the tear-down, so all threads read them without a lock.
+// Filled when a port is opened, before any worker starts, and zero otherwise. pt_mac, pt_pcap and pt_if_index stay
+// until the tear-down, so all threads read them without a lock.
 struct fxm_port_t {
     uint64_t pt_mac;               // the port's own MAC, packed as a card id
     std::atomic<uint32_t> pt_link; // 1 up, else down; after the opening the link watcher alone writes it

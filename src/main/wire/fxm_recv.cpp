@@ -15,7 +15,8 @@
 
 fxm_wait_source_t fxm_recv_source[2];
 
-// One read. The length is that on the wire; what was captured of the frame reaches as far as any check or handler reads.
+// One read. The length is that on the wire; what was captured of the frame reaches as far as any check or handler
+// reads.
 static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length)
 {
     pcap_pkthdr *header = nullptr;

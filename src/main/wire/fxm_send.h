@@ -1,6 +1,6 @@
-// The five frames to a card, one function each. Each picks the first connected channel of the caller's copy of the card,
-// builds the frame on its stack and hands it to the port: no wait, no retry, no lock but the port's and the counters'.
-// Any thread. Results: 0, ENOLINK no connected channel, EPROTO the capture library refused the frame.
+// The five frames to a card, one function each. Each picks the first connected channel of the caller's copy of the
+// card, builds the frame on its stack and hands it to the port: no wait, no retry, no lock but the port's and the
+// counters'. Any thread. Results: 0, ENOLINK no connected channel, EPROTO the capture library refused the frame.
 #ifndef FXM_SEND_H
 #define FXM_SEND_H
 
