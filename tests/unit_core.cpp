@@ -1,0 +1,188 @@
+// The parts that stand alone: the ordered map against std::map, the events, the tag table.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <map>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "access/fxm_tags.h"
+#include "core/fxm_config.h"
+#include "core/fxm_rbtree.h"
+#include "platform/fxm_platform.h"
+
+namespace
+{
+
+struct entry_t {
+    fxm_rbnode_t link;
+    uint64_t key;
+};
+
+const void *key_of(const fxm_rbnode_t *link) { return link + 1; }
+
+entry_t *entry_of(fxm_rbnode_t *link) { return reinterpret_cast<entry_t *>(link); }
+
+// The number of black nodes on every path, or -1 where a rule is broken.
+int black_height(const fxm_rbnode_t *node, const fxm_rbnode_t *parent)
+{
+    if (node == nullptr)
+        return 1;
+    if (node->parent != parent)
+        return -1;
+    if (node->color == 1 && parent != nullptr && parent->color == 1)
+        return -1;
+    const int left = black_height(node->left, node);
+    const int right = black_height(node->right, node);
+    if (left < 0 || left != right)
+        return -1;
+    return left + (node->color == 0 ? 1 : 0);
+}
+
+void expect_same(const fxm_rbtree_t &tree, const std::map<uint64_t, entry_t *> &model)
+{
+    ASSERT_TRUE(tree.root == nullptr || tree.root->color == 0) << "the root is not black";
+    ASSERT_GE(black_height(tree.root, nullptr), 1) << "not a red-black tree any more, " << model.size() << " entries";
+    auto expected = model.begin();
+    for (fxm_rbnode_t *link = _fxm_rbtree_first(&tree); link != nullptr; link = _fxm_rbtree_next(link), ++expected) {
+        ASSERT_NE(expected, model.end());
+        ASSERT_EQ(entry_of(link), expected->second) << "a record has moved or is out of order";
+    }
+    ASSERT_EQ(expected, model.end()) << "the walk ended early";
+}
+
+TEST(ordered_map, any_mix_of_puts_and_deletes_keeps_order_balance_and_addresses)
+{
+    std::mt19937_64 random(20261124);
+    std::vector<entry_t> pool(400);
+    std::map<uint64_t, entry_t *> model;
+    fxm_rbtree_t tree;
+    _fxm_rbtree_init(&tree, _fxm_rbtree_compare_u64, key_of);
+    std::vector<entry_t *> free_entries;
+    for (entry_t &entry : pool)
+        free_entries.push_back(&entry);
+
+    for (int step = 0; step < 20000; ++step) {
+        // Few distinct keys, some with the top bit set, so that duplicates and unsigned order both come up.
+        const uint64_t key = (random() % 600) | (random() % 3 == 0 ? uint64_t{1} << 63 : 0);
+        // Phases of growing and shrinking reach both the full and the empty map.
+        if (random() % 100 < (step / 2000 % 2 == 0 ? 65u : 35u) && !free_entries.empty()) {
+            entry_t *entry = free_entries.back();
+            entry->key = key;
+            const int expected = model.contains(key) ? EEXIST : 0;
+            ASSERT_EQ(_fxm_rbtree_put(&tree, &entry->link), expected);
+            if (expected == 0) {
+                free_entries.pop_back();
+                model[key] = entry;
+            }
+        } else if (!model.empty()) {
+            auto victim = model.lower_bound(key);
+            if (victim == model.end())
+                victim = model.begin();
+            fxm_rbnode_t *link = _fxm_rbtree_find(&tree, &victim->first);
+            ASSERT_EQ(entry_of(link), victim->second);
+            _fxm_rbtree_delete(&tree, link);
+            free_entries.push_back(victim->second);
+            model.erase(victim);
+        }
+        ASSERT_NO_FATAL_FAILURE(expect_same(tree, model)) << "step " << step;
+    }
+
+    static size_t destroyed;
+    destroyed = 0;
+    _fxm_rbtree_clear(&tree, [](fxm_rbnode_t *) { ++destroyed; });
+    EXPECT_EQ(destroyed, model.size());
+    EXPECT_EQ(_fxm_rbtree_first(&tree), nullptr);
+}
+
+TEST(event, a_signal_is_kept_for_one_wait_and_counted_once)
+{
+    for (const bool waitable : {false, true}) {
+        fxm_event_t event;
+        ASSERT_EQ(waitable ? _fxm_event_init_waitable(&event) : _fxm_event_init(&event), 0);
+        _fxm_event_set(&event);
+        _fxm_event_set(&event);
+        fxm_wait_source_t never;
+        const auto taken = [&] {
+            return waitable ? _fxm_wait_two(&event, &never, 1) == FXM_WAIT_FIRST : _fxm_event_timedwait(&event, 1) == 0;
+        };
+        EXPECT_TRUE(taken()) << "the signal before the wait was lost";
+        EXPECT_FALSE(taken()) << "two signals released two waits";
+        _fxm_event_destroy(&event);
+    }
+}
+
+TEST(event, every_signal_of_a_handshake_releases_one_waiter)
+{
+    fxm_event_t ping;
+    fxm_event_t pong;
+    ASSERT_EQ(_fxm_event_init(&ping), 0);
+    ASSERT_EQ(_fxm_event_init(&pong), 0);
+    constexpr int rounds = 20000;
+    int answered = 0;
+    std::thread other([&] {
+        while (answered < rounds && _fxm_event_timedwait(&ping, 30000) == 0) {
+            ++answered;
+            _fxm_event_set(&pong);
+        }
+    });
+    int heard = 0;
+    while (heard < rounds) {
+        _fxm_event_set(&ping);
+        if (_fxm_event_timedwait(&pong, 30000) != 0)
+            break;
+        ++heard;
+    }
+    other.join();
+    EXPECT_EQ(heard, rounds) << "a signal was lost between two threads";
+}
+
+TEST(tags, the_search_is_cyclic_and_ends_with_the_tag_that_was_last)
+{
+    _fxm_config_default();
+    g_config.tag_min = 10;
+    g_config.tag_max = 12;
+    ASSERT_EQ(_fxm_cmp_init(), 0);
+    uint32_t tag = 0;
+    const auto next = [&] { return _fxm_get_tag(&tag) == 0 ? static_cast<int>(tag) : -1; };
+    EXPECT_EQ(next(), 11) << "the first tag is the one above the least";
+    EXPECT_EQ(next(), 12);
+    EXPECT_EQ(next(), 10);
+    EXPECT_EQ(next(), -1) << "all are in use";
+    _fxm_release_tag(10);
+    EXPECT_EQ(next(), 10) << "the last one handed out is the only one free";
+    _fxm_release_tag(12);
+    _fxm_release_tag(11);
+    EXPECT_EQ(next(), 11);
+    _fxm_cmp_fini();
+}
+
+TEST(tags, only_the_answer_from_the_port_and_mac_that_were_asked_is_taken_and_the_first_one_stays)
+{
+    _fxm_config_default();
+    ASSERT_EQ(_fxm_cmp_init(), 0);
+    uint32_t tag = 0;
+    uint32_t data = 0xDEAD;
+    ASSERT_EQ(_fxm_get_tag(&tag), 0);
+    _fxm_recv_comp(tag, 1, 0x21, 1);
+    EXPECT_EQ(_fxm_get_readreg(tag, &data), ENOENT) << "an answer before the arming counts for nothing";
+    _fxm_set_comp_recv_wait(tag, 0x21, 1);
+    _fxm_recv_comp(tag, 0, 0x21, 2);     // other port
+    _fxm_recv_comp(tag, 1, 0x20, 3);     // other MAC of the card
+    _fxm_recv_comp(tag + 1, 1, 0x21, 4); // other tag
+    EXPECT_EQ(_fxm_sigwait_comp(tag, 1), ETIMEDOUT);
+    EXPECT_EQ(_fxm_get_readreg(tag, &data), ENOENT);
+    EXPECT_EQ(data, 0xDEADu) << "the output is written with an answer only";
+    _fxm_recv_comp(tag, 1, 0x21, 5);
+    _fxm_recv_comp(tag, 1, 0x21, 6);
+    _fxm_set_comp_recv_wait(tag, 0x21, 1); // a resend must not wipe the answer
+    EXPECT_EQ(_fxm_sigwait_comp(tag, 1), 0);
+    ASSERT_EQ(_fxm_get_readreg(tag, &data), 0);
+    EXPECT_EQ(data, 5u);
+    _fxm_release_tag(tag);
+    EXPECT_EQ(_fxm_get_readreg(tag, &data), ENOENT);
+    _fxm_cmp_fini();
+}
+
+} // namespace

@@ -1,0 +1,351 @@
+// What the logic makes of a failing or strange system: the calls of the platform layer are stood in for.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "core/fxm_config.h"
+#include "core/fxm_state.h"
+#include "diag/fxm_stats.h"
+#include "events/fxm_event.h"
+#include "events/fxm_linkstate.h"
+#include "fxm_log4cxxif.h"
+#include "platform/fxm_platform.h"
+#include "registry/fxm_keepalive.h"
+#include "registry/fxm_tables.h"
+#include "wire/fxm_port.h"
+#include "wire/fxm_recv.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+// Gives each test the real calls back, a log of its own, and fresh counters.
+class platform_stand_in : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        char name[] = "/tmp/fxm-unit-XXXXXX";
+        ASSERT_NE(mkdtemp(name), nullptr);
+        dir = name;
+        fs::create_directory(dir / "conf");
+        std::ofstream(dir / "conf/fxm_log4c_win.properties")
+            << "log4j.logger.logfile=TRACE, L\n"
+               "log4j.appender.L=org.apache.log4j.FileAppender\n"
+               "log4j.appender.L.File="
+            << (dir / "log").string()
+            << "\nlog4j.appender.L.layout=org.apache.log4j.PatternLayout\n"
+               "log4j.appender.L.layout.ConversionPattern=%p %m%n\n";
+        ASSERT_EQ(fxm_log_init(dir.c_str()), 0);
+        g_log_level = FXM_LOG_TRACE;
+        _fxm_config_default();
+        _fxm_stats_init();
+        _fxm_ports_clear();
+        g_fini_flag = FXM_OFF;
+        internal_err = 0;
+        calls.clear();
+        adapters.clear();
+    }
+
+    void TearDown() override
+    {
+        fxm_platform = real;
+        g_log_level = FXM_LOG_INFO;
+        g_fini_flag = FXM_OFF;
+        internal_err = 0;
+        fs::remove_all(dir);
+    }
+
+    bool logged(const std::string &line) const
+    {
+        std::ifstream log(dir / "log");
+        for (std::string text; std::getline(log, text);) {
+            if (text == line)
+                return true;
+        }
+        return false;
+    }
+
+    static uint32_t in_use() { return g_stats.mem[FXM_MEM_ADDRS].alloc - g_stats.mem[FXM_MEM_ADDRS].free; }
+
+    static void add_adapter(uint32_t index, uint32_t type, uint32_t length, uint32_t status, const char *name)
+    {
+        fxm_adapter_t adapter{};
+        adapter.IfIndex = index;
+        adapter.IfType = type;
+        adapter.PhysicalAddressLength = length;
+        for (uint8_t i = 0; i < length; ++i)
+            adapter.PhysicalAddress[i] = static_cast<uint8_t>(0x11 * (i + 1));
+        adapter.OperStatus = status;
+        snprintf(adapter.AdapterName, sizeof(adapter.AdapterName), "%s", name);
+        adapters.push_back(adapter);
+    }
+
+    static uint32_t give_adapters(fxm_adapter_t *list, uint32_t *size)
+    {
+        const uint32_t answer = calls.empty() ? 0 : calls.front();
+        if (!calls.empty())
+            calls.erase(calls.begin());
+        const auto needed = static_cast<uint32_t>(adapters.size() * sizeof(fxm_adapter_t));
+        if (answer != 0 || list == nullptr) {
+            *size = needed;
+            return answer != 0 ? answer : FXM_ADAPTER_OVERFLOW;
+        }
+        memcpy(list, adapters.data(), needed);
+        for (size_t i = 0; i + 1 < adapters.size(); ++i)
+            list[i].Next = &list[i + 1];
+        return 0;
+    }
+
+    const fxm_platform_calls_t real = fxm_platform;
+    fs::path dir;
+    static inline std::vector<uint32_t> calls; // answers to come, 0 for the list as it is
+    static inline std::vector<fxm_adapter_t> adapters;
+};
+
+TEST_F(platform_stand_in, adapter_list_that_grows_once_is_fetched_and_twice_is_a_failure)
+{
+    add_adapter(7, 6, 6, FXM_IF_OPER_UP, "port");
+    fxm_ports[0].pt_if_index = 7;
+    fxm_platform.get_adapters = give_adapters;
+    uint32_t state = 9;
+
+    calls = {0, FXM_ADAPTER_OVERFLOW, 0};
+    EXPECT_EQ(_fxm_get_linkstate_win(0, &state), 0);
+    EXPECT_EQ(state, 1u);
+
+    state = 9;
+    calls = {0, FXM_ADAPTER_OVERFLOW, FXM_ADAPTER_OVERFLOW};
+    EXPECT_EQ(_fxm_get_linkstate_win(0, &state), EPROTO);
+    EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: Failed to GetAdaptersAddresses() err=111"));
+    EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: end. ret=71"));
+
+    calls = {0, 8};
+    EXPECT_EQ(_fxm_get_linkstate_win(0, &state), EPROTO);
+    EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: Failed to GetAdaptersAddresses() err=8"));
+
+    calls = {5};
+    EXPECT_EQ(_fxm_get_linkstate_win(0, &state), EPROTO);
+    EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: ERROR_BUFFER_OVERFLOW was not returned to "
+                       "GetAdaptersAddresses(). err=5"));
+
+    fxm_ports[0].pt_if_index = 8;
+    EXPECT_EQ(_fxm_get_linkstate_win(0, &state), ENOENT);
+    fxm_platform.allocate = [](size_t) -> void * { return nullptr; };
+    EXPECT_EQ(_fxm_get_linkstate_win(0, &state), ENOMEM);
+    EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: Failed to malloc()"));
+    EXPECT_EQ(state, 9u) << "a failed reading has written its output";
+    EXPECT_EQ(in_use(), 0u) << "an adapter list has leaked";
+}
+
+TEST_F(platform_stand_in, port_opens_on_the_first_usable_adapter_of_its_index)
+{
+    add_adapter(3, FXM_IF_TYPE_LOOPBACK, 6, FXM_IF_OPER_UP, "no-such-device");
+    fxm_platform.get_adapters = give_adapters;
+    EXPECT_EQ(_fxm_socket_open_win(3, &fxm_ports[0]), ENOENT);
+    EXPECT_TRUE(logged("WARN _fxm_socket_open_win: Interface is loopback. if_index=3"));
+    EXPECT_TRUE(logged("ERROR _fxm_socket_open_win: end. ret=2"));
+
+    // An adapter that the capture library does not list: found here, refused there.
+    add_adapter(3, 6, 0, FXM_IF_OPER_UP, "no-address");
+    add_adapter(3, 6, 6, FXM_IF_OPER_UP, "no-such-device");
+    EXPECT_EQ(_fxm_socket_open_win(3, &fxm_ports[0]), EPROTO);
+    EXPECT_TRUE(logged("WARN _fxm_socket_open_win: PhysicalAddressLength is 0. if_index=3"));
+    EXPECT_TRUE(logged("ERROR _fxm_socket_open_win: Failed to get_pcap(). err=2"));
+    EXPECT_EQ(fxm_ports[0].pt_mac, 0u) << "a port that failed to open has left its record filled";
+    EXPECT_EQ(fxm_ports[0].pt_if_index, 0u);
+
+    // The first two entries do not do, the third opens: all eight bytes of a long address count.
+    adapters.pop_back();
+    add_adapter(3, 6, 8, FXM_IF_OPER_DOWN, "lo");
+    ASSERT_EQ(_fxm_socket_open_win(3, &fxm_ports[0]), 0) << "needs the right to capture";
+    EXPECT_EQ(fxm_ports[0].pt_mac, 0x1122334455667788u);
+    EXPECT_EQ(fxm_ports[0].pt_link.load(), 0u) << "a port without link opens, and is down";
+    EXPECT_EQ(fxm_ports[0].pt_if_index, 3u);
+    _fxm_socket_close(0);
+    EXPECT_EQ(in_use(), 0u);
+}
+
+// Answers of the wait, one after the other; the last one stops the loop.
+std::vector<uint32_t> waits;
+
+uint32_t give_wait(fxm_event_t *, fxm_wait_source_t *, uint32_t ms)
+{
+    EXPECT_EQ(ms, 1000u);
+    const uint32_t answer = waits.front();
+    waits.erase(waits.begin());
+    if (waits.empty())
+        g_fini_flag = FXM_ON;
+    return answer;
+}
+
+TEST_F(platform_stand_in, link_watcher_stops_the_library_when_it_cannot_watch)
+{
+    fxm_platform.get_adapters = give_adapters;
+    fxm_platform.last_error = [] { return 5u; };
+    fxm_platform.notice_create = [](fxm_notice_t *) { return false; };
+    _fxm_watch_linkstate_win();
+    EXPECT_TRUE(logged("FATAL _fxm_watch_linkstate_win: Failed to WSACreateEvent()."));
+    EXPECT_TRUE(logged("FATAL _fxm_fini_manager: LFI will terminate by reason of internal error."));
+    EXPECT_EQ(internal_err.load(), EPROTO);
+    EXPECT_EQ(g_fini_flag.load(), FXM_ON);
+
+    g_fini_flag = FXM_OFF;
+    internal_err = 0;
+    fxm_platform.notice_create = [](fxm_notice_t *) { return true; };
+    fxm_platform.notice_arm = [](fxm_notice_t *) { return false; };
+    _fxm_watch_linkstate_win();
+    EXPECT_TRUE(logged("FATAL _fxm_watch_linkstate_win: Failed to NotifyAddrChange(). err = 5"));
+    EXPECT_EQ(internal_err.load(), EPROTO);
+
+    g_fini_flag = FXM_OFF;
+    internal_err = 0;
+    fxm_platform.notice_arm = [](fxm_notice_t *) { return true; };
+    fxm_platform.wait_two = give_wait;
+    waits = {FXM_WAIT_TIMEOUT, 77, FXM_WAIT_FAILED, FXM_WAIT_TIMEOUT};
+    _fxm_watch_linkstate_win();
+    EXPECT_TRUE(logged("TRACE _fxm_watch_linkstate_win: WaitForMultipleObjects() returned WAIT_TIMEOUT."));
+    EXPECT_TRUE(logged("TRACE _fxm_watch_linkstate_win: WaitForMultipleObjects() returned 77."));
+    EXPECT_TRUE(logged("FATAL _fxm_watch_linkstate_win: WaitForMultipleObjects() returned WAIT_FAILED. lasterr=5"));
+    EXPECT_EQ(internal_err.load(), EPROTO);
+}
+
+TEST_F(platform_stand_in, link_watcher_reads_on_a_notice_and_on_nothing_else)
+{
+    static int readings;
+    readings = 0;
+    fxm_platform.get_adapters = [](fxm_adapter_t *list, uint32_t *size) {
+        readings += list != nullptr ? 1 : 0;
+        return give_adapters(list, size);
+    };
+    add_adapter(0, 6, 6, FXM_IF_OPER_DOWN, "port");
+    g_config.use_port_num_linux = 1;
+    static int armed;
+    armed = 0;
+    fxm_platform.notice_create = [](fxm_notice_t *) { return true; };
+    fxm_platform.notice_arm = [](fxm_notice_t *) {
+        ++armed;
+        return true;
+    };
+    fxm_platform.wait_two = give_wait;
+    waits = {FXM_WAIT_TIMEOUT, FXM_WAIT_SECOND, FXM_WAIT_TIMEOUT, FXM_WAIT_SECOND, FXM_WAIT_TIMEOUT};
+    _fxm_watch_linkstate_win();
+    EXPECT_EQ(readings, 3) << "one at the start and one for each notice, of the one port in use";
+    EXPECT_EQ(armed, 3);
+    EXPECT_EQ(internal_err.load(), 0);
+}
+
+TEST_F(platform_stand_in, receive_thread_stops_the_library_when_its_wait_fails)
+{
+    fxm_platform.capture_mintocopy = [](pcap *) { return -1; };
+    fxm_platform.last_error = [] { return 9u; };
+    fxm_platform.wait_two = give_wait;
+    fxm_ports[1].pt_pcap = nullptr;
+    pcap_t *dead = pcap_open_dead(DLT_EN10MB, 1024);
+    fxm_ports[1].pt_pcap = dead;
+    waits = {FXM_WAIT_TIMEOUT, 77, FXM_WAIT_FAILED, FXM_WAIT_TIMEOUT};
+    _fxm_recv_win(1);
+    EXPECT_TRUE(logged("ERROR _fxm_recv_win: failed to pcap_setmintocopy(). port_num=1"));
+    EXPECT_TRUE(logged("TRACE _fxm_recv_win: WaitForMultipleObjects() returned WAIT_TIMEOUT. port_num=1"));
+    EXPECT_TRUE(logged("TRACE _fxm_recv_win: WaitForMultipleObjects() returned 77. port_num=1"));
+    EXPECT_TRUE(logged("FATAL _fxm_recv_win: WaitForMultipleObjects() returned WAIT_FAILED. lasterr=9, port_num=1"));
+    EXPECT_EQ(internal_err.load(), EPROTO);
+    pcap_close(dead);
+}
+
+// ------------------------------------------------------------------------------------------------------------- clock
+
+uint64_t clock_now;
+
+TEST_F(platform_stand_in, clock_steps_expire_channels_early_or_late_and_break_nothing)
+{
+    ASSERT_EQ(_fxm_fx_init(), 0);
+    ASSERT_EQ(_fxm_event_cb_init(), 0);
+    fxm_platform.wall_clock_ms = [] { return clock_now; };
+    fxm_fxsv_t card;
+    memset(&card, 0, sizeof(card));
+    card.fsv_card.fcd_id = 0x10;
+    card.fsv_card.fcd_state[1][0] = 1;
+    card.fsv_card.fcd_recvtime[1][0] = 100000;
+    const auto state_at = [&](uint64_t now) {
+        clock_now = now;
+        fxm_fx_guard_t guard;
+        _devinfo_keepalive_check();
+        fxm_fxsv_t seen;
+        EXPECT_EQ(_fxm_get_fxsv(0x10, &seen, nullptr, FXM_TBL_RECORD), 0);
+        return seen.fsv_card.fcd_state[1][0];
+    };
+    {
+        fxm_fx_guard_t guard;
+        ASSERT_EQ(_fxm_set_fxsv(0x10, &card, FXM_WATCH, FXM_TBL_ALL), 0);
+    }
+    EXPECT_EQ(state_at(50000), 1u) << "a clock set back delays the expiry";
+    EXPECT_EQ(state_at(104999), 1u) << "one millisecond before the expiry";
+    EXPECT_EQ(state_at(105000), 0u) << "exactly at the expiry";
+    {
+        fxm_fx_guard_t guard;
+        ASSERT_EQ(_fxm_set_fxsv(0x10, &card, FXM_IGNORE, FXM_TBL_ALL), 0);
+    }
+    EXPECT_EQ(state_at(900000), 1u) << "a card out of monitoring does not age";
+    {
+        fxm_fx_guard_t guard;
+        ASSERT_EQ(_fxm_set_fxsv(0x10, nullptr, FXM_WATCH_RESTART, FXM_TBL_IGNORE_STATE | FXM_TBL_CHECK_COUNT), 0);
+    }
+    for (int pass = 1; pass <= 5; ++pass)
+        EXPECT_EQ(state_at(900000), 1u) << "restarted, pass " << pass;
+    EXPECT_EQ(state_at(900000), 0u) << "restarted and silent, sixth pass";
+    _fxm_event_cb_fini();
+    _fxm_fx_fini();
+}
+
+// ------------------------------------------------------------------------------------------------ failing resources
+
+TEST_F(platform_stand_in, start_that_fails_half_way_leaves_nothing_and_a_later_start_works)
+{
+    static int mutexes;
+    static int events;
+    static int fail_mutex;
+    static int fail_event;
+    std::ofstream(dir / "conf/fxm.conf") << "ether_port = no-such-port\n";
+    fxm_platform.mutex_make = [](pthread_mutex_t *handle, bool initialise) {
+        return ++mutexes != fail_mutex && (!initialise || pthread_mutex_init(handle, nullptr) == 0);
+    };
+    fxm_platform.event_make = [](int *fd, bool) {
+        *fd = -1;
+        return ++events != fail_event;
+    };
+    const auto start = [&](int mutex, int event) {
+        mutexes = events = 0;
+        fail_mutex = mutex;
+        fail_event = event;
+        return fxm_init_manager(dir.c_str(), FXM_LOG_TRACE);
+    };
+    // Stats, registry, blacklist, event queue, six entries, tags, write locks: twelve locks, which fail one after the
+    // other until nothing fails any more but the port.
+    int failing = 1;
+    while (start(failing, 0) == FXM_API_EPROTO)
+        ++failing;
+    EXPECT_EQ(failing, 13);
+    EXPECT_EQ(events, 258) << "stats, event task and 256 tags";
+    for (const int i : {1, 2, 3, 4, 258})
+        EXPECT_EQ(start(0, i), FXM_API_EPROTO) << "event " << i;
+    EXPECT_EQ(start(0, 0), FXM_API_ENOENT);
+    EXPECT_TRUE(logged("ERROR _fxm_stats_init: Failed to _fxm_mutex_init_st(). err=71"));
+    EXPECT_TRUE(logged("ERROR _fxm_stats_init: Failed to _fxm_event_init(). err=71"));
+    EXPECT_TRUE(logged("ERROR _fxm_fx_init: Failed to _fxm_mutex_init_st()"));
+    EXPECT_TRUE(logged("ERROR _fxm_event_cb_init: Failed to _fxm_mutex_init_st() for fxm_event_queue. err=71"));
+    EXPECT_TRUE(logged("ERROR _fxm_event_cb_init: Failed to _fxm_mutex_init() for cb_evt_tbl. err=71, i=3"));
+    EXPECT_TRUE(logged("ERROR _fxm_event_cb_init: Failed to _fxm_event_init() for event_sig. err=71"));
+    EXPECT_TRUE(logged("ERROR _fxm_cmp_init: Failed to _fxm_event_init()"));
+    EXPECT_TRUE(logged("ERROR _fxm_reg_init: Failed to _fxm_mutex_init_st()"));
+}
+
+} // namespace
