@@ -290,8 +290,8 @@ FXM_EXPORT int fxm_free_idlist(uint64_t *list);
  * already; FXM_API_ENOMEM; FXM_API_EPROTO. */
 FXM_EXPORT int fxm_stop_monitor(uint64_t id);
 
-/* Puts the card `id` back into monitoring. The next frame takes it up again with that frame's channel alone; a card that
- * stays silent is declared disconnected after `devinfo_expire_time`. Does not block. FXM_API_SUCCESS. */
+/* Puts the card `id` back into monitoring. The next frame takes it up again with that frame's channel alone; a card
+ * that stays silent is declared disconnected after `devinfo_expire_time`. Does not block. FXM_API_SUCCESS. */
 FXM_EXPORT int fxm_restart_monitor(uint64_t id);
 
 /* --------------------------------------------------------------------------------------------------- callbacks */
@@ -322,7 +322,7 @@ FXM_EXPORT int fxm_unregister_callback(void *cbid);
  * Results of all four, besides FXM_API_SUCCESS:
  *   FXM_API_EINVAL     address no multiple of 4, null pointer, retry_int 0; no frame left.
  *   FXM_API_ENOENT     no such card in either table.
- *   FXM_API_ENOLINK    no connected channel; out of monitoring without FXM_FLAG_LIVECHECK; or the check found no answer.
+ *   FXM_API_ENOLINK    no connected channel; out of monitoring without FXM_FLAG_LIVECHECK; the check found no answer.
  *   FXM_API_ETIMEDOUT  no answer after all attempts, or the value did not verify.
  *   FXM_API_EPROTO     no free request tag, or the port refused the frame.
  *   FXM_API_ENOSYS     also when the library stopped during the call. A write may have taken effect then.
@@ -359,9 +359,9 @@ FXM_EXPORT int fxm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endad
  * FXM_API_EPROTO, also when the card was deleted meanwhile. */
 FXM_EXPORT int fxm_set_vlanid(uint64_t id, uint16_t vlanid, const fxm_retry_param_t *retry_param, uint32_t flags);
 
-/* Sends a Reset with `status`, whose meaning is the card's, to the configured `broadcast_mac` through the channel and on
- * the VLAN of the card `id`. retry_param and flags are logged and not used. Does not block. FXM_API_SUCCESS the frame
- * left; FXM_API_ENOENT; FXM_API_ENOLINK no connected channel or out of monitoring; FXM_API_EPROTO. */
+/* Sends a Reset with `status`, whose meaning is the card's, to the configured `broadcast_mac` through the channel and
+ * on the VLAN of the card `id`. retry_param and flags are logged and not used. Does not block. FXM_API_SUCCESS the
+ * frame left; FXM_API_ENOENT; FXM_API_ENOLINK no connected channel or out of monitoring; FXM_API_EPROTO. */
 FXM_EXPORT int fxm_send_resetframe(uint64_t id, uint8_t status, const fxm_retry_param_t *retry_param, uint32_t flags);
 
 /* Sends page number `page`, 0 to 1023, of 128 bytes at `data`, to the multi-root FXIO card `id`. flags:
