@@ -214,6 +214,9 @@ static uint32_t _wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_
     if (second->ready)
         return FXM_WAIT_SECOND;
 
+    const bool looks_again = second->look_again != 0 && second->look_again < ms;
+    if (looks_again)
+        ms = second->look_again;
     const timespec deadline = _monotonic_in(ms);
     for (int64_t left = ms;; left = _ms_until(&deadline)) {
         // A negative descriptor is passed over by poll: a source that is not armed waits on the event alone.
@@ -230,7 +233,7 @@ static uint32_t _wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_
         if (rc > 0 && fds[1].revents != 0 && (second->take == nullptr || second->take(second)))
             return FXM_WAIT_SECOND;
         if (left == 0)
-            return FXM_WAIT_TIMEOUT;
+            return looks_again ? FXM_WAIT_SECOND : FXM_WAIT_TIMEOUT;
     }
 }
 

@@ -78,12 +78,13 @@ constexpr uint32_t FXM_WAIT_SECOND = 1;
 constexpr uint32_t FXM_WAIT_TIMEOUT = 258;
 constexpr uint32_t FXM_WAIT_FAILED = 0xFFFFFFFF;
 
-// The second source of a wait: a descriptor, and what its owner knows without asking the system. `ready` belongs to the
-// one thread that waits. A wait looks at the first source, then at `ready`, and only then sleeps.
+// The second source of a wait: a descriptor, and what its owner knows without asking the system. It belongs to the one
+// thread that waits. A wait looks at the first source, then at `ready`, and only then sleeps.
 struct fxm_wait_source_t {
     int fd = -1;
     bool ready = false;
     bool (*take)(fxm_wait_source_t *source) = nullptr; // called when fd is readable; false: not a signal after all
+    uint32_t look_again = 0; // ms after which it counts as signalled though fd is silent; 0 never
 };
 
 // Waits for either, at most `ms`: FXM_WAIT_FIRST (which resets the event), FXM_WAIT_SECOND, FXM_WAIT_TIMEOUT or
@@ -137,6 +138,12 @@ struct pcap;
 // blocking handle hangs past time-out and stop once the interface was set down. 0 or -1.
 int _fxm_capture_mintocopy(pcap *handle);
 int _fxm_capture_event(pcap *handle); // the descriptor to wait on
+
+// What a read tells about the next wait. As long as reads give frames, the capture counts as signalled without a system
+// call: beside a full ring the kernel's poll can sleep while frames wait. Once the interface went down, its deletion
+// makes the descriptor readable no more, and only a read finds out: the capture then counts as signalled now and then.
+constexpr uint32_t FXM_CAPTURE_DOWN_LOOK = 100;
+void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool got_frame);
 
 // ---------------------------------------------------------------------------------------------------------- stand-ins
 

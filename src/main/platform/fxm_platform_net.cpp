@@ -163,7 +163,7 @@ bool _fxm_netlink_notice_create(fxm_notice_t *notice)
         close(fd);
         return false;
     }
-    notice->source = {-1, false, _take_notices};
+    notice->source = {-1, false, _take_notices, 0};
     notice->netlink_fd = fd;
     return true;
 }
@@ -197,3 +197,10 @@ int _fxm_pcap_mintocopy(pcap *handle)
 }
 
 int _fxm_capture_event(pcap *handle) { return pcap_get_selectable_fd(handle); }
+
+void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool got_frame)
+{
+    source->ready = got_frame;
+    // libpcap asks for reads without a signal from the moment on that it saw the interface go down.
+    source->look_again = pcap_get_required_select_timeout(handle) != nullptr ? FXM_CAPTURE_DOWN_LOOK : 0;
+}

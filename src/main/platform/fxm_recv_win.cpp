@@ -13,7 +13,7 @@ void _fxm_recv_win(uint32_t port)
     pcap_t *handle = fxm_ports[port].pt_pcap;
     if (_fxm_capture_mintocopy(handle) != 0)
         fxm_log_error("%s: failed to pcap_setmintocopy(). port_num=%d", __func__, port_num);
-    fxm_recv_source[port] = {_fxm_capture_event(handle), false, nullptr};
+    fxm_recv_source[port] = {_fxm_capture_event(handle), false, nullptr, 0};
 
     while (!_fxm_stopping()) {
         const uint32_t answer = _fxm_wait_two(&g_terminate_event, &fxm_recv_source[port], FXM_WORKER_WAIT);

@@ -20,8 +20,9 @@ fxm_wait_source_t fxm_recv_source[2];
 static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length)
 {
     pcap_pkthdr *header = nullptr;
-    const int rc = pcap_next_ex(fxm_ports[port].pt_pcap, &header, frame);
-    fxm_recv_source[port].ready = rc == 1;
+    pcap_t *handle = fxm_ports[port].pt_pcap;
+    const int rc = pcap_next_ex(handle, &header, frame);
+    _fxm_capture_read_done(handle, &fxm_recv_source[port], rc == 1);
     if (rc == 1) {
         *length = header->len;
         return 0;

@@ -7,8 +7,8 @@
 
 #include "platform/fxm_platform.h"
 
-// What each receive thread waits on beside the terminate event. `ready` is true while the last read gave a frame: as
-// long as frames keep coming the thread reads on without asking the kernel, and the read that finds none ends that.
+// What each receive thread waits on beside the terminate event. As long as frames keep coming the thread reads on
+// without asking the kernel, and the read that finds none ends that.
 extern fxm_wait_source_t fxm_recv_source[2];
 
 void *_fxm_recv_task(void *port);   // thread entry; the port number as pointer
