@@ -135,7 +135,9 @@ void _fxm_notice_reset(fxm_notice_t *notice);
 struct pcap;
 
 // Makes the capture hand over every single frame as soon as it is there, and a read that finds none return at once: a
-// blocking handle hangs past time-out and stop once the interface was set down. 0 or -1.
+// blocking handle hangs past time-out and stop once the interface was set down. A send may wait for room in the port's
+// queue, FXM_CAPTURE_SEND_WAIT ms at most. 0 or -1.
+constexpr int FXM_CAPTURE_SEND_WAIT = 50;
 int _fxm_capture_mintocopy(pcap *handle);
 int _fxm_capture_event(pcap *handle); // the descriptor to wait on
 

@@ -2,6 +2,7 @@
 // for on the thread that opens the ports and on the link watcher; the notice belongs to the link watcher alone.
 #include "platform/fxm_platform_net.h"
 
+#include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_arp.h>
 #include <linux/netlink.h>
@@ -193,7 +194,15 @@ void _fxm_notice_reset(fxm_notice_t *notice)
 int _fxm_pcap_mintocopy(pcap *handle)
 {
     char errbuf[PCAP_ERRBUF_SIZE];
-    return pcap_setnonblock(handle, 1, errbuf) == 0 ? 0 : -1;
+    if (pcap_setnonblock(handle, 1, errbuf) != 0)
+        return -1;
+    // Reading goes through the mapped ring, so the descriptor itself blocks for the senders alone: a burst that fills a
+    // congested port's queue waits for room, it is not refused.
+    const int fd = pcap_fileno(handle);
+    const timeval limit = {0, FXM_CAPTURE_SEND_WAIT * 1000};
+    const int flags = fcntl(fd, F_GETFL);
+    const bool blocking = flags >= 0 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
+    return blocking && setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == 0 ? 0 : -1;
 }
 
 int _fxm_capture_event(pcap *handle) { return pcap_get_selectable_fd(handle); }
