@@ -95,6 +95,7 @@ enum {
 
 /* The `type` of fxm_register_callback and of every callback. An event carries a card id and nothing else: the callback
  * reads the card with fxm_get_fxsv or fxm_get_fxio and sees it as it is then, which may be newer than the change. */
+typedef int32_t fxm_event_type_t;
 enum {
     FXM_EVT_NEWDEVINFO = 0,        /* a card's first frame has put it into its table */
     FXM_EVT_UPDATEDEVINFO = 1,     /* a card's record has changed, a channel has gone up or down, monitoring is back */
@@ -106,6 +107,7 @@ enum {
 
 /* ------------------------------------------------------------------------------------------------- log levels */
 
+typedef int32_t fxm_log_level_t;
 enum {
     FXM_LOG_CONFIGURED = -1, /* as an argument only: the `log_level` of the configuration file */
     FXM_LOG_FATAL = 0,
@@ -229,9 +231,9 @@ FXM_EXPORT int fxm_init_manager(const char *dir, int32_t log_level);
 FXM_EXPORT int fxm_start_manager(void);
 
 /* Asks for the stop and returns FXM_API_SUCCESS at once, whatever the state. The stop is complete when fxm_init_manager
- * returns, at most one `devinfo_flag_check_interval` (100 ms) and 1000 ms later, plus the callback under way. A call
- * before any start does nothing lasting; a call while fxm_init_manager is starting up stops the library as soon as it
- * is up. */
+ * returns, at most one `devinfo_flag_check_interval` (100 ms) and 1000 ms later, plus the callbacks of the events that
+ * are queued. A call before any start does nothing lasting; a call while fxm_init_manager is starting up stops the
+ * library as soon as it is up. */
 FXM_EXPORT int fxm_fini_manager(void);
 
 /* Sets the filter of the log, FXM_LOG_FATAL to FXM_LOG_TRACE; FXM_LOG_CONFIGURED goes back to the configured level.
@@ -345,8 +347,8 @@ FXM_EXPORT int fxm_modify_register(uint64_t id, uint32_t addr, uint32_t data, ui
                                    const fxm_retry_param_t *retry_param, uint32_t flags);
 
 /* Reads the registers from startaddr up to, but not including, endaddr into buffer. *size in: bytes of buffer, at least
- * endaddr - startaddr; out: bytes read, also when the call failed half way; 0 after FXM_API_EINVAL and FXM_API_ENOSYS.
- * endaddr must lie above startaddr. Blocks like that many reads. flags: FXM_FLAG_LIVECHECK. */
+ * endaddr - startaddr; out: bytes read, also when the call failed half way; 0 when it was refused. endaddr must lie
+ * above startaddr. Blocks like that many reads. flags: FXM_FLAG_LIVECHECK. */
 FXM_EXPORT int fxm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t *buffer, uint64_t *size,
                                  const fxm_retry_param_t *retry_param, uint32_t flags);
 

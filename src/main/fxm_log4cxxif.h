@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstdint>
 
-typedef int32_t fxm_log_level_t; // -1 to 5, FXM_LOG_CONFIGURED to FXM_LOG_TRACE of fxm.h
+#include "fxm.h"
 
 // The filter, 0 to 5; 3 in a fresh process, kept over a stop. Relaxed: a level change needs no order with anything.
 extern std::atomic<fxm_log_level_t> g_log_level;

@@ -58,18 +58,11 @@ int fxm_set_vlanid(uint64_t id, uint16_t vlanid, const fxm_retry_param_t *retry_
     fxm_call_t call;
     fxm_log_info("%s: (IN). id=0x%.12llx, vlanid=%u, %s, flags=0x%.8X", __func__, _ull(id), vlanid,
                  fxm_retry_text_t(retry_param).text, flags);
-    int err = 0;
-    if (!call.running) {
-        err = ENOSYS;
-    } else if (vlanid < FXM_VLAN_FIRST || vlanid > FXM_VLAN_LAST || !_fxm_retry_valid(retry_param)) {
-        err = EINVAL;
-    } else {
-        const fxm_retry_t retry = _fxm_retry_of(retry_param);
-        err = _fxm_card_operation(__func__, id, flags, FXM_NO_WRITE_LOCK, [=](fxm_card_data_t *card) {
-            return _fxm_set_vlanid(card, vlanid, retry.timeout, retry.retries, flags);
-        });
-    }
-    const int result = _fxm_errno_to_result(err);
+    const bool valid = vlanid >= FXM_VLAN_FIRST && vlanid <= FXM_VLAN_LAST;
+    const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &retry) {
+        return _fxm_set_vlanid(card, vlanid, retry.timeout, retry.retries, flags);
+    };
+    const int result = _fxm_card_api(call, __func__, id, valid, retry_param, flags, FXM_NO_WRITE_LOCK, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx, vlanid=%u", __func__, result, _ull(id), vlanid);
     return _fxm_stats_api(FXM_ROW_SET_VLANID, result);
 }

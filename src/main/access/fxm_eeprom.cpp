@@ -15,8 +15,7 @@
 constexpr uint32_t FXM_EEPROM_LAST = FXM_EEPROM_SIZE - 4;
 constexpr uint32_t FXM_ALL_HOLDERS = 0xFFFF;
 
-// ----------------------------------------------------------------------------------------------- lock around a
-// transfer
+// --------------------------------------------------------------------------------------------- lock around a transfer
 
 static int _get_locktype(const char *func, const fxm_card_data_t *card, const fxm_retry_t &retry, uint32_t *locktype)
 {
@@ -106,25 +105,20 @@ static int _fxm_dump_eeprom(const fxm_card_data_t *card, uint32_t startaddr, uin
 
 // -------------------------------------------------------------------------------------------------- exported functions
 
+static bool _word_address(uint32_t addr) { return addr <= FXM_EEPROM_LAST && _aligned(addr); }
+
 int fxm_read_eeprom(uint64_t id, uint32_t addr, uint32_t *data, const fxm_retry_param_t *retry_param, uint32_t flags)
 {
     fxm_call_t call;
     const char *func = __func__;
     fxm_log_info("%s: (IN). id=0x%.12llx, addr=0x%.8X, %s, flags=0x%.8X", func, _ull(id), addr,
                  fxm_retry_text_t(retry_param).text, flags);
-    int err = 0;
-    if (!call.running) {
-        err = ENOSYS;
-    } else if (addr > FXM_EEPROM_LAST || !_aligned(addr) || data == nullptr || !_fxm_retry_valid(retry_param)) {
-        err = EINVAL;
-    } else {
-        const fxm_retry_t retry = _fxm_retry_of(retry_param);
-        err = _fxm_card_operation(func, id, flags, FXM_WRITE_LOCK, [=](fxm_card_data_t *card) {
-            return _transfer_word(func, "_fxm_read_eeprom", card, retry, flags,
-                                  [=] { return _fxm_read_eeprom(card, addr, data, retry.timeout, retry.retries); });
-        });
-    }
-    const int result = _fxm_errno_to_result(err);
+    const bool valid = _word_address(addr) && data != nullptr;
+    const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &retry) {
+        return _transfer_word(func, "_fxm_read_eeprom", card, retry, flags,
+                              [=] { return _fxm_read_eeprom(card, addr, data, retry.timeout, retry.retries); });
+    };
+    const int result = _fxm_card_api(call, func, id, valid, retry_param, flags, FXM_WRITE_LOCK, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx", func, result, _ull(id));
     return _fxm_stats_api(FXM_ROW_READ_EEPROM, result);
 }
@@ -135,28 +129,13 @@ int fxm_write_eeprom(uint64_t id, uint32_t addr, uint32_t data, const fxm_retry_
     const char *func = __func__;
     fxm_log_info("%s: (IN). id=0x%.12llx, addr=0x%.8X, data=0x%.8X, %s, flags=0x%.8X", func, _ull(id), addr, data,
                  fxm_retry_text_t(retry_param).text, flags);
-    int err = 0;
-    if (!call.running) {
-        err = ENOSYS;
-    } else if (addr > FXM_EEPROM_LAST || !_aligned(addr) || !_fxm_retry_valid(retry_param)) {
-        err = EINVAL;
-    } else {
-        const fxm_retry_t retry = _fxm_retry_of(retry_param);
-        err = _fxm_card_operation(func, id, flags, FXM_WRITE_LOCK, [=](fxm_card_data_t *card) {
-            return _transfer_word(func, "_fxm_write_eeprom", card, retry, flags, [=] {
-                return _fxm_write_eeprom(card, addr, data, retry.timeout, retry.retries, flags);
-            });
-        });
-    }
-    const int result = _fxm_errno_to_result(err);
+    const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &retry) {
+        return _transfer_word(func, "_fxm_write_eeprom", card, retry, flags,
+                              [=] { return _fxm_write_eeprom(card, addr, data, retry.timeout, retry.retries, flags); });
+    };
+    const int result = _fxm_card_api(call, func, id, _word_address(addr), retry_param, flags, FXM_WRITE_LOCK, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx", func, result, _ull(id));
     return _fxm_stats_api(FXM_ROW_WRITE_EEPROM, result);
-}
-
-static bool _range_valid(uint32_t startaddr, uint32_t endaddr, const uint32_t *buffer, uint64_t size)
-{
-    return startaddr <= FXM_EEPROM_LAST && endaddr <= FXM_EEPROM_SIZE && _aligned(startaddr) && _aligned(endaddr) &&
-           endaddr > startaddr && size >= endaddr - startaddr && buffer != nullptr;
 }
 
 int fxm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t *buffer, uint64_t *size,
@@ -166,26 +145,15 @@ int fxm_dump_eeprom(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t 
     const char *func = __func__;
     fxm_log_info("%s: (IN). id=0x%.12llx, startaddr=0x%.8X, endaddr=0x%.8X, %s, flags=0x%.8X", func, _ull(id),
                  startaddr, endaddr, fxm_retry_text_t(retry_param).text, flags);
-    const uint64_t capacity = size != nullptr ? *size : 0;
-    if (size != nullptr)
-        *size = 0;
-    int err = 0;
-    if (!call.running) {
-        err = ENOSYS;
-    } else if (size == nullptr || !_range_valid(startaddr, endaddr, buffer, capacity) ||
-               !_fxm_retry_valid(retry_param)) {
-        err = EINVAL;
-    } else {
-        const fxm_retry_t retry = _fxm_retry_of(retry_param);
-        err = _fxm_card_operation(func, id, flags, FXM_WRITE_LOCK, [=](fxm_card_data_t *card) {
-            const int failure =
-                _fxm_dump_eeprom(card, startaddr, endaddr, buffer, size, retry.timeout, retry.retries, flags);
-            if (failure != 0)
-                fxm_log_error("%s: Failed to _fxm_dump_eeprom(). err=%d", func, failure);
-            return failure;
-        });
-    }
-    const int result = _fxm_errno_to_result(err);
+    const bool within = _word_address(startaddr) && endaddr <= FXM_EEPROM_SIZE && _aligned(endaddr);
+    const bool valid = _fxm_take_size(size, startaddr, endaddr) && within && buffer != nullptr;
+    const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &retry) {
+        const int err = _fxm_dump_eeprom(card, startaddr, endaddr, buffer, size, retry.timeout, retry.retries, flags);
+        if (err != 0)
+            fxm_log_error("%s: Failed to _fxm_dump_eeprom(). err=%d", func, err);
+        return err;
+    };
+    const int result = _fxm_card_api(call, func, id, valid, retry_param, flags, FXM_WRITE_LOCK, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx", func, result, _ull(id));
     return _fxm_stats_api(FXM_ROW_DUMP_EEPROM, result);
 }

@@ -97,6 +97,8 @@ int _fxm_lock_eeprom(const fxm_card_data_t *card, uint32_t timeout, uint32_t ret
             if (err == EBUSY)
                 _fxm_sleep(g_config.eeprom_retry_interval);
         }
+        if (!_fxm_fatal(err) && _fxm_stopping())
+            return ENOSYS; // the stop has cut the last pause short
         if (_fxm_fatal(err) || (flags & FXM_FLAG_FORCELOCK) == 0) {
             fxm_log_trace("%s: Failed to _fxm_lock_eeprom_impl(). err=%d", __func__, err);
             return err;
@@ -138,7 +140,7 @@ static int _write_until_pending(const fxm_card_data_t *card, uint32_t reg, uint3
             return 0;
         _fxm_sleep(g_config.eeprom_retry_interval);
     }
-    return ETIMEDOUT;
+    return _fxm_stopping() ? ENOSYS : ETIMEDOUT;
 }
 
 static int _fxm_lock_request_id(const fxm_card_data_t *card, uint32_t timeout, uint32_t retries)
@@ -171,6 +173,8 @@ static int _fxm_lock_check_id(const fxm_card_data_t *card, uint32_t timeout, uin
                 return 0;
             _fxm_sleep(g_config.eeprom_retry_interval);
         }
+        if (_fxm_stopping())
+            return ENOSYS;
         if (err != 0) {
             fxm_log_trace("%s: Failed to _fxm_read_register(). err=%d", __func__, err);
             return err;

@@ -29,6 +29,15 @@ fxm_retry_text_t::fxm_retry_text_t(const fxm_retry_param_t *retry_param)
         snprintf(text, sizeof(text), "retry_cnt=%u, retry_int=%u", retry_param->retry_cnt, retry_param->retry_int);
 }
 
+bool _fxm_take_size(uint64_t *size, uint32_t startaddr, uint32_t endaddr)
+{
+    if (size == nullptr)
+        return false;
+    const uint64_t capacity = *size;
+    *size = 0;
+    return endaddr > startaddr && capacity >= endaddr - startaddr;
+}
+
 int _fxm_copy_card(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state)
 {
     fxm_fx_guard_t guard;
@@ -212,18 +221,11 @@ int fxm_read_register(uint64_t id, uint32_t addr, uint32_t *data, const fxm_retr
     fxm_call_t call;
     fxm_log_info("%s: (IN). id=0x%.12llx, addr=0x%.8X, %s, flags=0x%.8X", __func__, _ull(id), addr,
                  fxm_retry_text_t(retry_param).text, flags);
-    int err = 0;
-    if (!call.running) {
-        err = ENOSYS;
-    } else if (!_aligned(addr) || data == nullptr || !_fxm_retry_valid(retry_param)) {
-        err = EINVAL;
-    } else {
-        const fxm_retry_t retry = _fxm_retry_of(retry_param);
-        err = _fxm_card_operation(__func__, id, flags, FXM_NO_WRITE_LOCK, [=](fxm_card_data_t *card) {
-            return _fxm_read_register(card, addr, data, retry.timeout, retry.retries);
-        });
-    }
-    const int result = _fxm_errno_to_result(err);
+    const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &retry) {
+        return _fxm_read_register(card, addr, data, retry.timeout, retry.retries);
+    };
+    const int result = _fxm_card_api(call, __func__, id, _aligned(addr) && data != nullptr, retry_param, flags,
+                                     FXM_NO_WRITE_LOCK, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx", __func__, result, _ull(id));
     return _fxm_stats_api(FXM_ROW_READ_REGISTER, result);
 }
@@ -233,18 +235,10 @@ int fxm_write_register(uint64_t id, uint32_t addr, uint32_t data, const fxm_retr
     fxm_call_t call;
     fxm_log_info("%s: (IN). id=0x%.12llx, addr=0x%.8X, data=0x%.8X, %s, flags=0x%.8X", __func__, _ull(id), addr, data,
                  fxm_retry_text_t(retry_param).text, flags);
-    int err = 0;
-    if (!call.running) {
-        err = ENOSYS;
-    } else if (!_aligned(addr) || !_fxm_retry_valid(retry_param)) {
-        err = EINVAL;
-    } else {
-        const fxm_retry_t retry = _fxm_retry_of(retry_param);
-        err = _fxm_card_operation(__func__, id, flags, FXM_WRITE_LOCK, [=](fxm_card_data_t *card) {
-            return _fxm_write_register(card, addr, data, retry.timeout, retry.retries, flags);
-        });
-    }
-    const int result = _fxm_errno_to_result(err);
+    const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &retry) {
+        return _fxm_write_register(card, addr, data, retry.timeout, retry.retries, flags);
+    };
+    const int result = _fxm_card_api(call, __func__, id, _aligned(addr), retry_param, flags, FXM_WRITE_LOCK, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx", __func__, result, _ull(id));
     return _fxm_stats_api(FXM_ROW_WRITE_REGISTER, result);
 }
@@ -255,27 +249,12 @@ int fxm_modify_register(uint64_t id, uint32_t addr, uint32_t data, uint32_t mask
     fxm_call_t call;
     fxm_log_info("%s: (IN). id=0x%.12llx, addr=0x%.8X, data=0x%.8X, mask=0x%.8X, %s, flags=0x%.8X", __func__, _ull(id),
                  addr, data, mask, fxm_retry_text_t(retry_param).text, flags);
-    int err = 0;
-    if (!call.running) {
-        err = ENOSYS;
-    } else if (!_aligned(addr) || !_fxm_retry_valid(retry_param)) {
-        err = EINVAL;
-    } else {
-        const fxm_retry_t retry = _fxm_retry_of(retry_param);
-        err = _fxm_card_operation(__func__, id, flags, FXM_WRITE_LOCK, [=](fxm_card_data_t *card) {
-            return _fxm_modify_register(card, addr, data, mask, retry.timeout, retry.retries, flags);
-        });
-    }
-    const int result = _fxm_errno_to_result(err);
+    const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &retry) {
+        return _fxm_modify_register(card, addr, data, mask, retry.timeout, retry.retries, flags);
+    };
+    const int result = _fxm_card_api(call, __func__, id, _aligned(addr), retry_param, flags, FXM_WRITE_LOCK, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx", __func__, result, _ull(id));
     return _fxm_stats_api(FXM_ROW_MODIFY_REGISTER, result);
-}
-
-static bool _dump_arguments_valid(uint32_t startaddr, uint32_t endaddr, const uint32_t *buffer, uint64_t size,
-                                  const fxm_retry_param_t *retry_param)
-{
-    return _aligned(startaddr) && _aligned(endaddr) && endaddr > startaddr && size >= endaddr - startaddr &&
-           buffer != nullptr && _fxm_retry_valid(retry_param);
 }
 
 int fxm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_t *buffer, uint64_t *size,
@@ -284,21 +263,12 @@ int fxm_dump_register(uint64_t id, uint32_t startaddr, uint32_t endaddr, uint32_
     fxm_call_t call;
     fxm_log_info("%s: (IN). id=0x%.12llx, startaddr=0x%.8X, endaddr=0x%.8X, %s, flags=0x%.8X", __func__, _ull(id),
                  startaddr, endaddr, fxm_retry_text_t(retry_param).text, flags);
-    const uint64_t capacity = size != nullptr ? *size : 0;
-    if (size != nullptr)
-        *size = 0;
-    int err = 0;
-    if (!call.running) {
-        err = ENOSYS;
-    } else if (size == nullptr || !_dump_arguments_valid(startaddr, endaddr, buffer, capacity, retry_param)) {
-        err = EINVAL;
-    } else {
-        const fxm_retry_t retry = _fxm_retry_of(retry_param);
-        err = _fxm_card_operation(__func__, id, flags, FXM_NO_WRITE_LOCK, [=](fxm_card_data_t *card) {
-            return _fxm_dump_register(card, startaddr, endaddr, buffer, size, retry.timeout, retry.retries);
-        });
-    }
-    const int result = _fxm_errno_to_result(err);
+    const bool aligned = _aligned(startaddr) && _aligned(endaddr);
+    const bool valid = _fxm_take_size(size, startaddr, endaddr) && aligned && buffer != nullptr;
+    const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &retry) {
+        return _fxm_dump_register(card, startaddr, endaddr, buffer, size, retry.timeout, retry.retries);
+    };
+    const int result = _fxm_card_api(call, __func__, id, valid, retry_param, flags, FXM_NO_WRITE_LOCK, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx", __func__, result, _ull(id));
     return _fxm_stats_api(FXM_ROW_DUMP_REGISTER, result);
 }

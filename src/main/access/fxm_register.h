@@ -41,16 +41,15 @@ struct fxm_retry_t {
 // The caller's record, or the configured values for null.
 fxm_retry_t _fxm_retry_of(const fxm_retry_param_t *retry_param);
 
-inline bool _fxm_retry_valid(const fxm_retry_param_t *retry_param)
-{
-    return retry_param == nullptr || retry_param->retry_int != 0;
-}
-
 // "retry_cnt=%u, retry_int=%u" or "retry_param=NULL", for the (IN) lines.
 struct fxm_retry_text_t {
     explicit fxm_retry_text_t(const fxm_retry_param_t *retry_param);
     char text[48];
 };
+
+// The in/out size of a dump: whether it holds the range, which must not be empty. It becomes 0, for a dump that is
+// refused or fails tells so with it.
+bool _fxm_take_size(uint64_t *size, uint32_t startaddr, uint32_t endaddr);
 
 // Copies the card of `id`, of either class, under fx_lock: 0, ENOENT, EPROTO.
 int _fxm_copy_card(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state);
@@ -93,6 +92,21 @@ int _fxm_card_operation(const char *func, uint64_t id, uint32_t flags, fxm_write
     if (write_lock == FXM_WRITE_LOCK)
         FXM_WREG_UNLOCK(id);
     return err;
+}
+
+// What an exported operation on a card does between its (IN) and its (OUT) line: the test of the state, of the
+// arguments (`valid` are the operation's own), and `work(card, retry)`. Gives a result code.
+template <typename Work>
+int _fxm_card_api(const fxm_call_t &call, const char *func, uint64_t id, bool valid,
+                  const fxm_retry_param_t *retry_param, uint32_t flags, fxm_write_lock_t write_lock, Work work)
+{
+    if (!call.running)
+        return FXM_API_ENOSYS;
+    if (!valid || (retry_param != nullptr && retry_param->retry_int == 0))
+        return FXM_API_EINVAL;
+    const fxm_retry_t retry = _fxm_retry_of(retry_param);
+    return _fxm_errno_to_result(
+        _fxm_card_operation(func, id, flags, write_lock, [&](fxm_card_data_t *card) { return work(card, retry); }));
 }
 
 #endif

@@ -13,8 +13,8 @@ struct fxm_wreg_node_t {
     fxm_rbnode_t wn_link;
     uint64_t wn_id;
     // The card's write lock. Serialises the write-type conversations with a card, across live check, frames, retries
-    // and sleeps. Taken with neither fx_lock nor wreg_lock held; under it cmp_lock, a port's send lock and the stats
-    // lock, briefly and one at a time, never fx_lock.
+    // and sleeps. Taken with neither fx_lock nor wreg_lock held; under it cmp_lock, a port's send lock, the stats lock
+    // and, to look itself up for the release, wreg_lock, briefly and one at a time, never fx_lock.
     fxm_mutex_t wn_lock;
 };
 

@@ -21,10 +21,18 @@ int _fxm_terminate_event_create() { return _fxm_event_init_waitable(&g_terminate
 fxm_call_t::fxm_call_t()
 {
     calls_in_progress.fetch_add(1);
-    running = g_init_flag.load() == FXM_ON && g_fini_flag.load() == FXM_OFF;
+    // In this order: read the other way round, with a stop and the next start between the two, they would let a call
+    // into a library that is starting.
+    running = g_fini_flag.load() == FXM_OFF && g_init_flag.load() == FXM_ON;
+    if (!running)
+        calls_in_progress.fetch_sub(1);
 }
 
-fxm_call_t::~fxm_call_t() { calls_in_progress.fetch_sub(1); }
+fxm_call_t::~fxm_call_t()
+{
+    if (running)
+        calls_in_progress.fetch_sub(1);
+}
 
 void _fxm_wait_calls()
 {

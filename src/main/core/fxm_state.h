@@ -32,7 +32,8 @@ inline bool _fxm_stopping() { return g_fini_flag.load() == FXM_ON; }
 
 // A call of an exported function in progress, from its entry to its return. The tear-down closes ports, tables and
 // locks only when no call is inside (_fxm_wait_calls), so a call that has found the library running may use them to its
-// end.
+// end. A call that has not is none: it uses what outlives a stop, and hosts that go on calling must not hold the
+// tear-down up.
 struct fxm_call_t {
     fxm_call_t();
     ~fxm_call_t();

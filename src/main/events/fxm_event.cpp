@@ -285,7 +285,9 @@ void *_fxm_event_task(void *)
 
 // ------------------------------------------------------------------------------------------------------ registration
 
-static int _register_callback(const char *func, int32_t type, fxm_callback_t callback, uint64_t arg, void **cbid)
+// *handle is the registration, for the log: the host's own variable may be changed by the first callback already.
+static int _register_callback(const char *func, int32_t type, fxm_callback_t callback, uint64_t arg, void **cbid,
+                              const void **handle)
 {
     if (type < 0 || type >= static_cast<int32_t>(FXM_EVT_KINDS) || callback == nullptr || cbid == nullptr)
         return EINVAL;
@@ -301,6 +303,7 @@ static int _register_callback(const char *func, int32_t type, fxm_callback_t cal
     }
     _list_append(&cb_evt_tbl[type].head, &info->cbi_link);
     *cbid = info;
+    *handle = info;
     return 0;
 }
 
@@ -308,10 +311,11 @@ int fxm_register_callback(int32_t type, fxm_callback_t func, uint64_t arg, void 
 {
     fxm_call_t call;
     fxm_log_info("%s: (IN) type=%d", __func__, type);
+    const void *handle = nullptr;
     const int result =
-        _fxm_errno_to_result(call.running ? _register_callback(__func__, type, func, arg, cbid) : ENOSYS);
+        _fxm_errno_to_result(call.running ? _register_callback(__func__, type, func, arg, cbid, &handle) : ENOSYS);
     if (result == FXM_API_SUCCESS)
-        fxm_log_info("%s: (OUT) ret=%d, type=%d, cbid=%p", __func__, result, type, *cbid);
+        fxm_log_info("%s: (OUT) ret=%d, type=%d, cbid=%p", __func__, result, type, handle);
     else
         fxm_log_info("%s: (OUT) ret=%d, type=%d", __func__, result, type);
     return _fxm_stats_api(FXM_ROW_REGISTER_CALLBACK, result);

@@ -62,7 +62,7 @@ void _fxm_mutex_unlock(fxm_mutex_t *mutex) { pthread_mutex_unlock(&mutex->handle
 
 // ------------------------------------------------------------------------------------------------------------ events
 
-static timespec _monotonic_in(uint32_t ms)
+timespec _fxm_monotonic_in(uint32_t ms)
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -75,7 +75,7 @@ static timespec _monotonic_in(uint32_t ms)
     return now;
 }
 
-static int64_t _ms_until(const timespec *deadline)
+int64_t _fxm_ms_until(const timespec *deadline)
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -138,7 +138,7 @@ static bool _waitable_take(fxm_event_t *event)
 
 int _fxm_event_timedwait(fxm_event_t *event, uint32_t ms)
 {
-    const timespec deadline = _monotonic_in(ms);
+    const timespec deadline = _fxm_monotonic_in(ms);
     event->waiters.fetch_add(1);
     int result = 0;
     while (event->signalled.exchange(0) == 0) {
@@ -180,7 +180,7 @@ void _fxm_thread_join(fxm_thread_t *thread)
 
 void Sleep(uint32_t ms)
 {
-    const timespec deadline = _monotonic_in(ms);
+    const timespec deadline = _fxm_monotonic_in(ms);
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
     }
 }
@@ -217,8 +217,8 @@ static uint32_t _wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_
     const bool looks_again = second->look_again != 0 && second->look_again < ms;
     if (looks_again)
         ms = second->look_again;
-    const timespec deadline = _monotonic_in(ms);
-    for (int64_t left = ms;; left = _ms_until(&deadline)) {
+    const timespec deadline = _fxm_monotonic_in(ms);
+    for (int64_t left = ms;; left = _fxm_ms_until(&deadline)) {
         // A negative descriptor is passed over by poll: a source that is not armed waits on the event alone.
         pollfd fds[2] = {{first->fd.load(), POLLIN, 0}, {second->fd, POLLIN, 0}};
         const int rc = poll(fds, 2, static_cast<int>(left > INT_MAX ? INT_MAX : left));

@@ -135,11 +135,12 @@ void _fxm_notice_reset(fxm_notice_t *notice);
 struct pcap;
 
 // Makes the capture hand over every single frame as soon as it is there, and a read that finds none return at once: a
-// blocking handle hangs past time-out and stop once the interface was set down. A send may wait for room in the port's
-// queue, FXM_CAPTURE_SEND_WAIT ms at most. 0 or -1.
-constexpr int FXM_CAPTURE_SEND_WAIT = 50;
+// blocking handle hangs past time-out and stop once the interface was set down. Its sends do not block either. 0 or -1.
 int _fxm_capture_mintocopy(pcap *handle);
 int _fxm_capture_event(pcap *handle); // the descriptor to wait on
+
+// Waits at most `ms` until a frame may be sent again. What is left of the time, 0 when it is over.
+uint32_t _fxm_capture_wait_room(pcap *handle, uint32_t ms);
 
 // What a read tells about the next wait. As long as reads give frames, the capture counts as signalled without a system
 // call: beside a full ring the kernel's poll can sleep while frames wait. Once the interface went down, its deletion

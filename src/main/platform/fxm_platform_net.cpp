@@ -2,12 +2,12 @@
 // for on the thread that opens the ports and on the link watcher; the notice belongs to the link watcher alone.
 #include "platform/fxm_platform_net.h"
 
-#include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_arp.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <pcap/pcap.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -194,15 +194,7 @@ void _fxm_notice_reset(fxm_notice_t *notice)
 int _fxm_pcap_mintocopy(pcap *handle)
 {
     char errbuf[PCAP_ERRBUF_SIZE];
-    if (pcap_setnonblock(handle, 1, errbuf) != 0)
-        return -1;
-    // Reading goes through the mapped ring, so the descriptor itself blocks for the senders alone: a burst that fills a
-    // congested port's queue waits for room, it is not refused.
-    const int fd = pcap_fileno(handle);
-    const timeval limit = {0, FXM_CAPTURE_SEND_WAIT * 1000};
-    const int flags = fcntl(fd, F_GETFL);
-    const bool blocking = flags >= 0 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
-    return blocking && setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == 0 ? 0 : -1;
+    return pcap_setnonblock(handle, 1, errbuf) == 0 ? 0 : -1;
 }
 
 int _fxm_capture_event(pcap *handle) { return pcap_get_selectable_fd(handle); }
@@ -212,4 +204,14 @@ void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool got_fr
     source->ready = got_frame;
     // libpcap asks for reads without a signal from the moment on that it saw the interface go down.
     source->look_again = pcap_get_required_select_timeout(handle) != nullptr ? FXM_CAPTURE_DOWN_LOOK : 0;
+}
+
+uint32_t _fxm_capture_wait_room(pcap *handle, uint32_t ms)
+{
+    const timespec deadline = _fxm_monotonic_in(ms);
+    pollfd fd = {pcap_fileno(handle), POLLOUT, 0};
+    if (poll(&fd, 1, static_cast<int>(ms)) <= 0)
+        return 0;
+    // At least one less, so that a sender who never gets the room he saw ends too.
+    return std::min(ms - 1, static_cast<uint32_t>(_fxm_ms_until(&deadline)));
 }

@@ -49,8 +49,8 @@ static void _set_common_devinfo(const arrival_t &arrival, const uint8_t *frame, 
     card->fcd_updatetime = arrival.now;
     card->fcd_recvtime[arrival.port][arrival.mac_index] = arrival.now;
     card->fcd_state[arrival.port][arrival.mac_index] = 1;
-    card->fcd_uidsw = (flags & FXM_FLAG_UIDSW) != 0 ? 1 : 0;
-    card->fcd_power = (flags & FXM_FLAG_POWER) != 0 ? 1 : 0;
+    card->fcd_uidsw = (flags & FXM_DEV_UIDSW) != 0 ? 1 : 0;
+    card->fcd_power = (flags & FXM_DEV_POWER) != 0 ? 1 : 0;
     card->fcd_port0_link = (status2 & FXM_STATUS2_PORT0) != 0 ? 1 : 0;
     card->fcd_port1_link = (status2 & FXM_STATUS2_PORT1) != 0 ? 1 : 0;
     card->fcd_vlan_id = tci & FXM_VLAN_MASK;
@@ -80,8 +80,8 @@ static void _set_fxio_body(const uint8_t *frame, fxm_fxio_t *fxio)
 {
     const bool multiroot = fxio->fio_card.fcd_ver == FXM_VER_MULTIROOT;
     const uint8_t flags = u8(frame, DEV_FLAGS);
-    const uint8_t fault_a = (flags & FXM_FLAG_FAULT_A) != 0 ? 1 : 0;
-    const uint8_t fault_b = (flags & FXM_FLAG_FAULT_B) != 0 ? 1 : 0;
+    const uint8_t fault_a = (flags & FXM_DEV_FAULT_A) != 0 ? 1 : 0;
+    const uint8_t fault_b = (flags & FXM_DEV_FAULT_B) != 0 ? 1 : 0;
 
     fxio->fio_class_code = le24(frame, IO_CLASS_CODE);
     fxio->fio_device_id = le16(frame, IO_DEVICE_ID);
@@ -95,8 +95,7 @@ static void _set_fxio_body(const uint8_t *frame, fxm_fxio_t *fxio)
         fxio->fio_mr_resource_num = be16(frame, IO_RESOURCE_NUM);
 }
 
-// ------------------------------------------------------------------------------------- what differs between the
-// classes
+// ------------------------------------------------------------------------------- what differs between the classes
 
 // Clears the status bits whose change is no news under update_evt_mask 2.
 static void _mask_status(uint8_t *status)

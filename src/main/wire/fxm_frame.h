@@ -124,10 +124,10 @@ constexpr u8_at     DEV_INT_VECTOR    {27};  // interrupt vector
 constexpr uint8_t FXM_HOST_FXSV = 0;
 constexpr uint8_t FXM_HOST_FXIO = 1;
 
-constexpr uint8_t FXM_FLAG_FAULT_A  = 1u << 0; // DEV_FLAGS: link fault, of link 0, or of link 1 on a multi-root card
-constexpr uint8_t FXM_FLAG_FAULT_B  = 1u << 1; // link fault, of the other link
-constexpr uint8_t FXM_FLAG_UIDSW    = 1u << 2;
-constexpr uint8_t FXM_FLAG_POWER    = 1u << 3;
+constexpr uint8_t FXM_DEV_FAULT_A   = 1u << 0; // DEV_FLAGS: link fault, of link 0, or of link 1 on a multi-root card
+constexpr uint8_t FXM_DEV_FAULT_B   = 1u << 1; // link fault, of the other link
+constexpr uint8_t FXM_DEV_UIDSW     = 1u << 2;
+constexpr uint8_t FXM_DEV_POWER     = 1u << 3;
 constexpr uint8_t FXM_STATUS2_VER   = 0x0F;    // DEV_STATUS2: card version, not DEV_VER
 constexpr uint8_t FXM_STATUS2_PORT0 = 1u << 5;
 constexpr uint8_t FXM_STATUS2_PORT1 = 1u << 6;

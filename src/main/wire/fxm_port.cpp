@@ -5,9 +5,12 @@
 #include <cerrno>
 
 #include "core/fxm_config.h"
+#include "core/fxm_state.h"
 #include "fxm_log4cxxif.h"
 
 fxm_port_t fxm_ports[FXM_PORT_NUM];
+
+constexpr uint32_t FXM_SEND_WAIT = 50; // ms at most that a frame waits for room
 
 // One for each port; held across one pcap_sendpacket, by any sender, under whatever it holds; nothing is taken under
 // it.
@@ -45,10 +48,26 @@ void _fxm_socket_close(uint32_t number)
     fxm_ports[number].pt_pcap = nullptr;
 }
 
-int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length)
+// One try: 0, or the system's error.
+static int _try_send(uint32_t port, const uint8_t *frame, uint32_t length)
 {
     fxm_mutex_guard_t guard(&send_lock[port]);
-    if (pcap_sendpacket(fxm_ports[port].pt_pcap, frame, static_cast<int>(length)) != 0) {
+    errno = 0;
+    const int rc = pcap_sendpacket(fxm_ports[port].pt_pcap, frame, static_cast<int>(length));
+    return rc == 0 ? 0 : (errno != 0 ? errno : EPROTO);
+}
+
+int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length)
+{
+    // A congested port has no room in its queue for a moment: no reason to refuse a frame. All senders wait at the same
+    // time, outside the lock, and none of them past a stop.
+    uint32_t left = FXM_SEND_WAIT;
+    int err = _try_send(port, frame, length);
+    while (err == EAGAIN && left > 0 && !_fxm_stopping()) {
+        left = _fxm_capture_wait_room(fxm_ports[port].pt_pcap, left);
+        err = _try_send(port, frame, length);
+    }
+    if (err != 0) {
         fxm_log_error("%s: Failed to pcap_sendpacket().", __func__);
         return EPROTO;
     }

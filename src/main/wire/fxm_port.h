@@ -1,6 +1,6 @@
 // The two Ethernet ports of the library, and the three things that touch the capture library for a port: opening it,
-// reading its link state, and putting a frame on it. The functions marked _win keep the steps of the platform that they
-// were first written for, over the calls of fxm_platform.h; they stand in platform/fxm_port_win.cpp.
+// reading its link state, and putting a frame on it. The functions marked _win are the steps over the calls of
+// fxm_platform.h; they stand in platform/fxm_port_win.cpp.
 #ifndef FXM_PORT_H
 #define FXM_PORT_H
 
