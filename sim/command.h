@@ -1,0 +1,18 @@
+// The commands of standard input and of scenarios. Each is done when it is answered.
+#ifndef SIM_COMMAND_H
+#define SIM_COMMAND_H
+
+#include "card.h"
+
+#include <string_view>
+
+// Carries out one command and gives its answer, one line without its end: "ok", "ok ..." or "error: ...".
+std::string command_run(std::string_view line);
+
+// Carries out all commands of a file. On failure `why` names the line.
+bool command_scenario(const char *path, std::string &why);
+
+// Set once `quit` has been asked for.
+extern bool command_quit;
+
+#endif

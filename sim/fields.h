@@ -1,0 +1,12 @@
+// The fields of a card that commands set: FIELD=VALUE.
+#ifndef SIM_FIELDS_H
+#define SIM_FIELDS_H
+
+#include "card.h"
+
+#include <string_view>
+
+// Sets one field of the card. On failure the card is as it was, and `why` says what is wrong.
+bool field_set(card_t &card, std::string_view assignment, std::string &why);
+
+#endif

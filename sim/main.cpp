@@ -1,0 +1,176 @@
+// The simulator's one thread: a loop that waits for frames, commands and times. Frames come first, since the far side
+// measures how long an answer takes.
+#include "announce.h"
+#include "command.h"
+#include "frames.h"
+#include "receive.h"
+#include "text.h"
+#include "timers.h"
+#include "wire.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <getopt.h>
+#include <poll.h>
+#include <unistd.h>
+
+enum { DONE = 0, FAILED = 1, USAGE = 2 };
+
+static const char _usage_text[] =
+    "Usage: fxmsim --port0 IF [--port1 IF] [--scenario FILE] [--period MS] [--ethertype N]\n"
+    "Plays the cards at the far end of one or two cables. Commands come on standard input.\n"
+    "  --port0 IF, --port1 IF   the interfaces at the cards' end\n"
+    "  --scenario FILE          commands to begin with\n"
+    "  --period MS              how often each card announces itself on each of its channels (1000)\n"
+    "  --ethertype N            the EtherType of the fabric (0x88B6)\n";
+
+struct options_t {
+    const char *port[PORTS] = {};
+    const char *scenario = nullptr;
+    u64 period = 1000;
+};
+
+static bool _options(int argc, char **argv, options_t &options, int &status)
+{
+    enum { PORT0, PORT1, SCENARIO, PERIOD, ETHERTYPE, HELP };
+    static const option known[] = {
+        {"port0", required_argument, nullptr, PORT0},
+        {"port1", required_argument, nullptr, PORT1},
+        {"scenario", required_argument, nullptr, SCENARIO},
+        {"period", required_argument, nullptr, PERIOD},
+        {"ethertype", required_argument, nullptr, ETHERTYPE},
+        {"help", no_argument, nullptr, HELP},
+        {},
+    };
+    status = USAGE;
+    for (int c = 0; (c = getopt_long(argc, argv, "", known, nullptr)) >= 0;) {
+        u64 number = 0;
+        if (c == PORT0 || c == PORT1) {
+            options.port[c - PORT0] = optarg;
+        } else if (c == SCENARIO) {
+            options.scenario = optarg;
+        } else if (c == PERIOD) {
+            if (!text_number(optarg, UINT32_MAX, options.period) || options.period == 0) {
+                std::fprintf(stderr, "fxmsim: --period %s: expected milliseconds from 1 on\n", optarg);
+                return false;
+            }
+        } else if (c == ETHERTYPE) {
+            if (!text_number(optarg, UINT16_MAX, number)) {
+                std::fprintf(stderr, "fxmsim: --ethertype %s: expected a number of 16 bits\n", optarg);
+                return false;
+            }
+            frame_ether_type = static_cast<u16>(number);
+        } else {
+            std::fputs(_usage_text, c == HELP ? stdout : stderr);
+            status = c == HELP ? DONE : USAGE;
+            return false;
+        }
+    }
+    if (optind < argc || !options.port[0]) {
+        std::fputs(_usage_text, stderr);
+        return false;
+    }
+    return true;
+}
+
+static volatile sig_atomic_t _stopped;
+
+// Outside ppoll the signals are blocked, so that one just before the wait still ends it.
+static sigset_t _catch_signals()
+{
+    struct sigaction action {
+    };
+    action.sa_handler = [](int) { _stopped = 1; };
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    sigset_t stop;
+    sigset_t before;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGINT);
+    sigprocmask(SIG_BLOCK, &stop, &before);
+    return before;
+}
+
+static bool _say(const std::string &answer)
+{
+    return std::fputs((answer + "\n").c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+}
+
+static constexpr size_t LINE_MAX_ = 65536;
+
+// What standard input has now; false at its end, on quit, and if nobody takes the answers.
+static bool _take_input(std::string &pending)
+{
+    static char chunk[LINE_MAX_];
+    const ssize_t got = read(STDIN_FILENO, chunk, sizeof chunk);
+    if (got < 0 && (errno == EINTR || errno == EAGAIN))
+        return true;
+    if (got > 0)
+        pending.append(chunk, static_cast<size_t>(got));
+    else if (!pending.empty())
+        pending += '\n'; // the last line may lack its end
+
+    size_t begin = 0;
+    for (size_t end = 0; !command_quit && (end = pending.find('\n', begin)) != pending.npos; begin = end + 1)
+        if (!_say(command_run(std::string_view(pending).substr(begin, end - begin))))
+            return false;
+    pending.erase(0, begin);
+    return got > 0 && !command_quit;
+}
+
+static timespec _until(u64 due)
+{
+    const u64 now = time_now();
+    const u64 ns = due > now ? due - now : 0;
+    return {static_cast<time_t>(ns / (1000 * NS_PER_MS)), static_cast<long>(ns % (1000 * NS_PER_MS))};
+}
+
+static void _loop(const sigset_t &while_waiting)
+{
+    std::string pending;
+    // A descriptor of -1 is left out.
+    pollfd ready[] = {{wire_fd(0), POLLIN, 0}, {wire_fd(1), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+
+    while (!_stopped) {
+        const u64 due = std::min(announce_due(), timers_due());
+        const timespec wait = _until(due);
+        if (ppoll(ready, std::size(ready), due == NEVER ? nullptr : &wait, &while_waiting) < 0)
+            continue; // a signal
+        for (unsigned port = 0; port < PORTS; port++)
+            if (ready[port].revents)
+                wire_receive(port, receive_frame);
+        timers_run(time_now());
+        announce_run(time_now());
+        if (ready[PORTS].revents && !_take_input(pending))
+            return;
+    }
+}
+
+int main(int argc, char **argv)
+{
+    options_t options;
+    int status = DONE;
+    std::string why;
+
+    if (!_options(argc, argv, options, status))
+        return status;
+    for (unsigned port = 0; port < PORTS; port++)
+        if (options.port[port] && !wire_open(port, options.port[port], why)) {
+            std::fprintf(stderr, "fxmsim: %s\n", why.c_str());
+            return FAILED;
+        }
+    announce_begin(static_cast<u32>(options.period));
+    const sigset_t while_waiting = _catch_signals();
+    if (options.scenario && !command_scenario(options.scenario, why)) {
+        std::fprintf(stderr, "fxmsim: %s\n", why.c_str());
+        return FAILED;
+    }
+    if (!command_quit && _say(text_format("ok ready, %zu cards", cards.size())))
+        _loop(while_waiting);
+    return DONE;
+}

@@ -1,0 +1,233 @@
+// The registers of a card, and what lies behind those of them that are not mere memory.
+#include "registers.h"
+#include "holder.h"
+
+#include <algorithm>
+
+// ------------------------------------------------------------------------------------------------- register addresses
+
+struct engine_registers_t {
+    u32 control, address, read_data, write_data;
+};
+
+static constexpr engine_registers_t _engine_1g{0x5010, 0x5014, 0x5018, 0x501c};
+static constexpr engine_registers_t _engine_40g{0x40, 0x44, 0x48, 0x4c};
+
+static constexpr u32 REG_LOCK_BITS = 0x50f0;    // bit lock: a bit for each holder
+static constexpr u32 REG_LOCK_OWNER = 0x5200;   // ID lock: written to ask, reads as the bit of the owner
+static constexpr u32 REG_LOCK_RELEASE = 0x5204; // ID lock: written to take holders out
+static constexpr u32 REG_LOCK_PENDING = 0x5208; // ID lock: reads as the bits of all who have asked
+static constexpr u32 REG_LOCK_TYPE = 0x520c;    // bit 0: 1 with the ID lock
+
+static const engine_registers_t &_engine(const card_t &card) { return card.is_40g ? _engine_40g : _engine_1g; }
+
+static u32 _stored(const card_t &card, u32 address)
+{
+    auto found = card.registers.find(address);
+    return found == card.registers.end() ? 0 : found->second;
+}
+
+// ------------------------------------------------------------------------------------------------------------- EEPROM
+
+static constexpr u32 COMMAND_START = 0x80000000;
+static constexpr u32 COMMAND_STORES = 0x00000002;
+static constexpr u32 COMMAND_READ_WORD = 0x80000001;
+static constexpr u32 COMMAND_WRITE_WORD = 0x80000003;
+
+static constexpr u32 STATUS_OCCUPIED = 0x00000001;
+static constexpr u32 STATUS_FINISHED = 0x10000000;
+static constexpr u32 STATUS_REFUSED = 0x20000000; // with the one above
+static constexpr u32 STATUS_READY = 0x40000000;
+
+u32 eeprom_get(const card_t &card, u32 address)
+{
+    return card.eeprom.words.empty() ? 0 : card.eeprom.words[address / 4];
+}
+
+void eeprom_set(card_t &card, u32 address, u32 word)
+{
+    card.eeprom.words.resize(EEPROM_SIZE / 4);
+    card.eeprom.words[address / 4] = word;
+}
+
+// The byte address of a word, from the form in which the engine was given it; false for one that it does not take.
+static bool _decode_address(const eeprom_t &eeprom, u32 given, u32 &address)
+{
+    const bool split =
+        eeprom.forms == SPLIT_FORM || (eeprom.forms == BOTH_FORMS && given > EEPROM_SIZE - 4); // no plain address
+    address = given;
+    if (split) {
+        if (given & ~0x000f00ffU)
+            return false;
+        address = (given >> 8 & 0xf00) | (given & 0xff);
+    }
+    return address < EEPROM_SIZE && address % 4 == 0;
+}
+
+static u32 _engine_status(const eeprom_t &eeprom)
+{
+    u32 status = STATUS_READY;
+    if (eeprom.state == eeprom_t::RUNNING)
+        status = STATUS_OCCUPIED;
+    else if (eeprom.state == eeprom_t::FINISHED)
+        status = STATUS_FINISHED;
+    else if (eeprom.state == eeprom_t::REFUSED)
+        status = STATUS_FINISHED | STATUS_REFUSED;
+    if (eeprom.kind == ENGINE_BUSY)
+        status |= STATUS_OCCUPIED;
+    if (eeprom.kind == ENGINE_STUCK)
+        status &= ~STATUS_READY;
+    return status;
+}
+
+// An access gets on only by being looked at, so that a test decides how long it takes, and no clock.
+static void _engine_look(card_t &card)
+{
+    eeprom_t &eeprom = card.eeprom;
+    if (eeprom.state != eeprom_t::RUNNING || eeprom.kind == ENGINE_HANG)
+        return;
+    if (eeprom.looks_left > 0) {
+        eeprom.looks_left--;
+        return;
+    }
+    u32 address = 0;
+    if (eeprom.kind == ENGINE_REFUSE || !_decode_address(eeprom, eeprom.address, address)) {
+        eeprom.state = eeprom_t::REFUSED;
+        return;
+    }
+    if (eeprom.command & COMMAND_STORES)
+        eeprom_set(card, address, eeprom.word);
+    else
+        card.registers[_engine(card).read_data] = eeprom_get(card, address);
+    eeprom.state = eeprom_t::FINISHED;
+}
+
+// A write to the control register. One that does not start anything clears the last command and its status, also of an
+// access that has not finished, which then never does. While one runs there is no starting another.
+static void _engine_command(card_t &card, u32 command)
+{
+    eeprom_t &eeprom = card.eeprom;
+    if (!(command & COMMAND_START)) {
+        eeprom.state = eeprom_t::IDLE;
+        return;
+    }
+    if (command != COMMAND_READ_WORD && command != COMMAND_WRITE_WORD)
+        return;
+    if (eeprom.kind == ENGINE_STUCK || eeprom.state == eeprom_t::RUNNING)
+        return;
+    eeprom.state = eeprom_t::RUNNING;
+    eeprom.looks_left = eeprom.looks;
+    eeprom.command = command;
+    eeprom.address = _stored(card, _engine(card).address);
+    eeprom.word = _stored(card, _engine(card).write_data);
+}
+
+// --------------------------------------------------------------------------------------------------------------- lock
+
+bool lock_has(const card_t &card, u32 holder)
+{
+    if (card.lock == BIT_LOCK)
+        return (_stored(card, REG_LOCK_BITS) & holder) != 0;
+    return std::find(card.arbiter.begin(), card.arbiter.end(), holder) != card.arbiter.end();
+}
+
+void lock_take(card_t &card, u32 holder)
+{
+    if (card.lock == BIT_LOCK)
+        card.registers[REG_LOCK_BITS] |= holder;
+    else if (!lock_has(card, holder))
+        card.arbiter.push_back(holder);
+}
+
+void lock_give(card_t &card, u32 holder)
+{
+    if (card.lock == BIT_LOCK)
+        card.registers[REG_LOCK_BITS] &= ~holder;
+    else
+        std::erase(card.arbiter, holder);
+}
+
+static bool _lock_is_managers_alone(const card_t &card)
+{
+    if (card.lock == BIT_LOCK)
+        return (_stored(card, REG_LOCK_BITS) & (LOCK_MANAGER | LOCK_OTHER)) == LOCK_MANAGER;
+    return !card.arbiter.empty() && card.arbiter.front() == LOCK_MANAGER;
+}
+
+static void _arbiter_ask(card_t &card, u32 holders)
+{
+    for (u32 bit = 1; bit != 0; bit <<= 1)
+        if (holders & bit)
+            lock_take(card, bit);
+}
+
+static void _arbiter_take_out(card_t &card, u32 holders)
+{
+    std::erase_if(card.arbiter, [holders](u32 holder) { return (holder & holders) != 0; });
+}
+
+// ---------------------------------------------------------------------------------------------------------- registers
+
+static bool _is_arbiters(const card_t &card, u32 address)
+{
+    return card.lock == ID_LOCK && address >= REG_LOCK_OWNER && address <= REG_LOCK_PENDING;
+}
+
+static bool _is_locks(const card_t &card, u32 address)
+{
+    return card.lock == BIT_LOCK ? address == REG_LOCK_BITS : _is_arbiters(card, address);
+}
+
+u32 register_peek(const card_t &card, u32 address)
+{
+    if (address == _engine(card).control)
+        return _engine_status(card.eeprom);
+    if (address == REG_LOCK_TYPE)
+        return (_stored(card, address) & ~1U) | card.lock;
+    if (!_is_arbiters(card, address))
+        return _stored(card, address);
+
+    u32 value = 0;
+    if (address == REG_LOCK_OWNER && !card.arbiter.empty())
+        value = card.arbiter.front();
+    if (address == REG_LOCK_PENDING)
+        for (u32 holder : card.arbiter)
+            value |= holder;
+    return value;
+}
+
+void register_poke(card_t &card, u32 address, u32 value)
+{
+    if (address == _engine(card).control)
+        _engine_command(card, value);
+    else if (!_is_arbiters(card, address))
+        card.registers[address] = value;
+    else if (address == REG_LOCK_OWNER)
+        _arbiter_ask(card, value);
+    else if (address == REG_LOCK_RELEASE)
+        _arbiter_take_out(card, value);
+    if (address == REG_LOCK_TYPE)
+        card.lock = value & 1 ? ID_LOCK : BIT_LOCK;
+}
+
+u32 register_read(card_t &card, u32 address)
+{
+    if (address == _engine(card).control)
+        _engine_look(card);
+    if (_is_locks(card, address))
+        holder_sees_read(card);
+    return register_peek(card, address);
+}
+
+void register_write(card_t &card, u32 address, u32 value)
+{
+    if (address == REG_LOCK_TYPE)
+        return; // read only on the wire
+    if (address == _engine(card).control && (value & COMMAND_START) && !_lock_is_managers_alone(card))
+        card.counts.foul++;
+    const bool managers_before = lock_has(card, LOCK_MANAGER);
+    const bool others_before = lock_has(card, LOCK_OTHER);
+    register_poke(card, address, value);
+    if (_is_locks(card, address))
+        holder_sees_write(card, managers_before, others_before);
+}
