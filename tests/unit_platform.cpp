@@ -97,7 +97,7 @@ class platform_stand_in : public testing::Test
         const auto needed = static_cast<uint32_t>(adapters.size() * sizeof(fxm_adapter_t));
         if (answer != 0 || list == nullptr) {
             *size = needed;
-            return answer != 0 ? answer : FXM_ADAPTER_OVERFLOW;
+            return answer == 0 && needed > 0 ? FXM_ADAPTER_OVERFLOW : answer;
         }
         memcpy(list, adapters.data(), needed);
         for (size_t i = 0; i + 1 < adapters.size(); ++i)

@@ -1,0 +1,983 @@
+// Commands to cards: what each operation puts on the wire, what an answer must be to count, and what becomes of calls
+// when cards are silent, links fall, everybody calls at once, or the library stops.
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <future>
+#include <map>
+#include <optional>
+#include <random>
+
+#include "fabric.h"
+
+// The card of most tests: multi-root and with two MACs, so that each kind of frame can go to it, by any channel.
+constexpr uint64_t CARD = FXIO_MR;
+constexpr uint64_t NOBODY = 0x0200000000fe;
+// A card at each port. A Reset to it shows that all frames sent before have come.
+constexpr uint64_t MARK[2] = {0x02000000ee00, 0x02000000ee02};
+constexpr uint8_t MARK_STATUS = 0xee;
+
+constexpr uint8_t SUBTYPE_RESET = 0x30;
+constexpr uint8_t SUBTYPE_REGR = 0x91;
+constexpr uint32_t REG = 0x1234; // of the frames below
+
+constexpr uint32_t LIVE = FXM_FLAG_LIVECHECK;
+constexpr uint32_t VERIFY = FXM_FLAG_VERIFY;
+constexpr int OK = FXM_API_SUCCESS;
+constexpr int TIMEOUT = FXM_API_ETIMEDOUT;
+constexpr int NO_LINK = FXM_API_ENOLINK;
+using retry_t = const fxm_retry_param_t *;
+const fxm_retry_param_t ONCE = {0, 1};
+const fxm_retry_param_t THRICE = {2, 200};
+const fxm_retry_param_t ANSWERED = {50, 500};    // an answer comes, to a repeat if it overtook the wait for it
+const fxm_retry_param_t FOR_EVER = {0, 3600000}; // longer than a test
+
+static const std::string WRONG_PORT = "TRACE _fxm_recv_comp: Completion frame is received from the port which isn't "
+                                      "used by sending Register Read frame.";
+static const std::string WRONG_MAC = "TRACE _fxm_recv_comp: The MAC address which isn't used by sending Register Read "
+                                     "frame received set Completion frame.";
+static const std::string NO_TAG = "ERROR _fxm_get_tag: Can't get a tag value, because all tags are used.";
+static const std::string SECOND_WRITE_IN = "INFO fxm_write_register: (IN). id=0x020000002100, addr=0x00001234, "
+                                           "data=0x00000002, retry_param=NULL, flags=0x00000000";
+
+// ------------------------------------------------------------------------------------------------ frames to the card
+
+using frames_t = std::vector<frame_t>;
+
+static void put(frame_t *frame, size_t offset, std::string_view digits)
+{
+    const frame_t bytes = hex(digits);
+    std::copy(bytes.begin(), bytes.end(), frame->begin() + static_cast<std::ptrdiff_t>(offset));
+}
+
+static void put_le32(frame_t *frame, size_t offset, uint32_t value)
+{
+    for (size_t i = 0; i < 4; ++i)
+        (*frame)[offset + i] = static_cast<uint8_t>(value >> (8 * i));
+}
+
+// By P0M0, in the tagged layout.
+static frame_t to_card(std::string_view from_18)
+{
+    frame_t frame = hex("02 00 00 00 21 00" //  0 destination: MAC 0 of the card
+                        "02 00 00 00 aa 00" //  6 source: port 0
+                        "81 00 8a bc"       // 12 TPID; TCI: priority 4, VLAN 0xabc
+                        "88 b6");           // 16 EtherType
+    frame.resize(60);
+    put(&frame, 18, from_18);
+    return frame;
+}
+
+static frame_t read_frame(uint8_t tag)
+{
+    frame_t frame = to_card("91 ff ff 00 00 00" // 18 Register Read; 23 tag
+                            "00 01 02 34");     // 24 register 0x1234: bits 21..12 stand four higher
+    frame[23] = tag;
+    return frame;
+}
+
+static frame_t probe_frame(uint8_t tag)
+{
+    frame_t frame = read_frame(tag);
+    put(&frame, 24, "00 00 00 00"); // register 0
+    return frame;
+}
+
+static frame_t write_frame(uint32_t value)
+{
+    frame_t frame = to_card("90 ff ff 00 00 00" // 18 Register Write
+                            "00 01 02 34");     // 24 register 0x1234
+    put_le32(&frame, 28, value);
+    return frame;
+}
+
+static frame_t vlan_frame()
+{
+    return to_card("80 ff ff 00 00 00" // 18 VLAN set
+                   "0f fe");           // 24 VLAN 4094
+}
+
+static frame_t reset_frame()
+{
+    frame_t frame = to_card("30 ff ff 00 00 5a"); // 18 Reset; 23 status
+    put(&frame, 0, "03 00 ff ff ff ff");          // everybody
+    return frame;
+}
+
+static frame_t page_frame()
+{
+    frame_t frame = to_card("92 ff ff 00 00 00" // 18 MMS page
+                            "00 00 03 ff");     // 24 page 1023
+    frame.resize(156);
+    for (size_t i = 28; i < 156; ++i) // the page: e4 e5 .. ff 00 .. 63
+        frame[i] = static_cast<uint8_t>(i + 200);
+    return frame;
+}
+
+static int write_page(uint64_t id, uint32_t page, uint32_t flags)
+{
+    return fxm_write_mmspage(id, page, page_frame().data() + 28, flags);
+}
+
+// Channels are numbered in the order of their choice: P0M0, P0M1, P1M0, P1M1.
+static frame_t by_channel(int channel, frame_t frame)
+{
+    frame[11] = static_cast<uint8_t>(channel / 2);
+    if (frame[18] != SUBTYPE_RESET)
+        frame[5] = static_cast<uint8_t>(channel % 2);
+    return frame;
+}
+
+static frame_t in_change_layout(frame_t frame)
+{
+    std::rotate(frame.begin() + 12, frame.begin() + 16, frame.begin() + 18); // 12 EtherType, 14 TPID, 16 TCI
+    return frame;
+}
+
+// What a live check with three attempts sends, with tags that go up from `tag`.
+static frames_t probes(const std::vector<int> &channels, uint8_t tag)
+{
+    frames_t frames;
+    for (const int channel : channels)
+        frames.insert(frames.end(), 3, by_channel(channel, probe_frame(tag++)));
+    return frames;
+}
+
+// ------------------------------------------------------------------------------------------------- frames of the card
+
+static frame_t announcement(int channel)
+{
+    frame_t frame = from(CARD + static_cast<uint64_t>(channel % 2), fxio_mr_frame());
+    put(&frame, 14, "9a bc"); // priority 4, bit 12, which nobody looks at, VLAN 0xabc
+    frame[18] = 0x18;         // 40G DEVINFO
+    frame[21] = 1;            // ver: two MACs
+    return frame;
+}
+
+static frame_t completion(const frame_t &request, uint32_t value)
+{
+    frame_t frame = request;                                           // its layout, VLAN and tag
+    std::rotate(frame.begin(), frame.begin() + 6, frame.begin() + 12); // back from where it went
+    put(&frame, 18, "20 00 00 00 00");                                 // 18 Completion; 23 tag
+    put_le32(&frame, 24, value);
+    return frame;
+}
+
+// What the card says to a Register Read; without a value it stays silent.
+using answer_t = std::function<std::optional<uint32_t>(const frame_t &request)>;
+
+static answer_t zero_on_channel(int channel)
+{
+    return [=](const frame_t &request) {
+        return request[11] * 2 + request[5] == channel ? std::optional(0u) : std::nullopt;
+    };
+}
+
+// ------------------------------------------------------------------------------------------------------------- calls
+
+using call_t = std::future<int>;
+
+static call_t call(const std::function<int()> &function) { return std::async(std::launch::async, function); }
+
+static bool has_ended(const call_t &running)
+{
+    return running.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+static int result_of(call_t &running)
+{
+    // A call that hangs leaves no place where the test could go on.
+    if (!wait_for([&] { return has_ended(running); }, "a call to return"))
+        abort();
+    return running.get();
+}
+
+static int read_reg(uint64_t id, retry_t retry, uint32_t flags = 0)
+{
+    uint32_t value = 0;
+    return fxm_read_register(id, REG, &value, retry, flags);
+}
+
+static int dump_reg(uint64_t id, retry_t retry, uint32_t flags)
+{
+    uint32_t value = 0;
+    uint64_t size = sizeof(value);
+    return fxm_dump_register(id, REG, REG + 4, &value, &size, retry, flags);
+}
+
+static const struct operation_t {
+    std::string name;
+    std::function<int(uint64_t id, retry_t retry, uint32_t flags)> call;
+    std::string arguments; // in the log
+    bool checks_retry;
+} OPERATIONS[] = {
+    {"fxm_read_register", read_reg, "addr=0x00001234, ", true},
+    {"fxm_dump_register", dump_reg, "startaddr=0x00001234, endaddr=0x00001238, ", true},
+    {"fxm_write_register",
+     [](uint64_t id, retry_t retry, uint32_t flags) { return fxm_write_register(id, REG, 7, retry, flags); },
+     "addr=0x00001234, data=0x00000007, ", true},
+    {"fxm_modify_register",
+     [](uint64_t id, retry_t retry, uint32_t flags) { return fxm_modify_register(id, REG, 0xa, 0xf, retry, flags); },
+     "addr=0x00001234, data=0x0000000A, mask=0x0000000F, ", true},
+    {"fxm_set_vlanid",
+     [](uint64_t id, retry_t retry, uint32_t flags) { return fxm_set_vlanid(id, 4094, retry, flags); }, "vlanid=4094, ",
+     true},
+    {"fxm_write_mmspage", [](uint64_t id, retry_t, uint32_t flags) { return write_page(id, 1023, flags); },
+     "page=1023, ", false},
+    {"fxm_send_resetframe",
+     [](uint64_t id, retry_t retry, uint32_t flags) { return fxm_send_resetframe(id, 0x5a, retry, flags); },
+     "status=0x5A, ", false},
+};
+
+struct traffic_t {
+    int result = -1;
+    frames_t port[2]; // the library's frames
+};
+
+static void expect(const traffic_t &seen, int result, const frames_t &port0, const frames_t &port1 = {})
+{
+    EXPECT_EQ(seen.result, result);
+    for (const int port : {0, 1}) {
+        const frames_t &expected = port == 0 ? port0 : port1;
+        EXPECT_EQ(expected.size(), seen.port[port].size()) << "frames on port " << port;
+        for (size_t i = 0; i < std::min(expected.size(), seen.port[port].size()); ++i)
+            EXPECT_TRUE(same_frame(expected[i], seen.port[port][i])) << "frame " << i << " on port " << port;
+    }
+}
+
+// Without the repeats of a request, which have its tag.
+static traffic_t once(traffic_t seen)
+{
+    const auto repeats = [](const frame_t &a, const frame_t &b) { return a[18] == SUBTYPE_REGR && a == b; };
+    for (frames_t &frames : seen.port)
+        frames.erase(std::unique(frames.begin(), frames.end(), repeats), frames.end());
+    return seen;
+}
+
+// ----------------------------------------------------------------------------------------------------------- fixture
+
+class registers : public fabric_t
+{
+  protected:
+    // Brings the library up, where the card is known by these channels. They last as long as the test.
+    void begin(const std::string &lines, const std::vector<int> &channels, int32_t level = FXM_LOG_TRACE)
+    {
+        configure("devinfo_expire_time = 100000\n" + lines);
+        run(level);
+        hear(channels);
+    }
+
+    void settle_all()
+    {
+        for (const size_t p : marked)
+            settle(static_cast<int>(p));
+    }
+
+    // From now on the card is known by these channels alone.
+    void hear(const std::vector<int> &channels, const std::function<frame_t(int)> &announce = announcement)
+    {
+        fxm_delete_fxio(CARD);
+        for (const size_t p : marked)
+            wire[p]->send(from(MARK[p], fxio_frame()));
+        for (const int channel : channels)
+            wire[static_cast<size_t>(channel / 2)]->send(announce(channel));
+        settle_all();
+    }
+
+    // Makes the call and plays the card until it has returned. Then everything that the library has sent is here.
+    traffic_t play(const std::function<int()> &function, const answer_t &answer = {})
+    {
+        traffic_t seen;
+        size_t marks = 0;
+        const auto look = [&] {
+            for (const size_t p : marked) {
+                for (const frame_t &frame : wire[p]->received()) {
+                    if (frame[18] == SUBTYPE_RESET && frame[23] == MARK_STATUS) {
+                        marks += 1;
+                        continue;
+                    }
+                    seen.port[p].push_back(frame);
+                    const bool asks = frame[18] == SUBTYPE_REGR && answer;
+                    if (const std::optional<uint32_t> value = asks ? answer(frame) : std::nullopt)
+                        wire[p]->send(completion(frame, *value));
+                }
+            }
+        };
+        call_t running = call([&] {
+            const int result = function();
+            for (const size_t p : marked) // by the thread of the frames: they stay in order
+                EXPECT_EQ(fxm_send_resetframe(MARK[p], MARK_STATUS, nullptr, 0), OK);
+            return result;
+        });
+        wait_for([&] { return look(), has_ended(running) && marks == marked.size(); }, "the call and its marks");
+        seen.result = result_of(running);
+        return seen;
+    }
+
+    // Nothing tells that a thread has begun to wait but what becomes of an answer from elsewhere.
+    void wait_until_it_waits(const frame_t &request)
+    {
+        const size_t before = log.count(WRONG_MAC);
+        frame_t elsewhere = completion(request, 0);
+        elsewhere[11] ^= 1;
+        const auto seen = [&] { return wire[0]->send(elsewhere), log.count(WRONG_MAC) > before; };
+        ASSERT_TRUE(wait_for(seen, "a thread that waits for an answer"));
+    }
+
+    // A tag that is in use for good is missing in the row.
+    void expect_all_tags_in_turn()
+    {
+        const auto reads = [] {
+            for (int i = 1; i < 256; ++i)
+                EXPECT_EQ(read_reg(CARD, &ONCE), TIMEOUT);
+            return read_reg(CARD, &ONCE);
+        };
+        const frames_t frames = play(reads).port[0];
+        ASSERT_EQ(frames.size(), 256u);
+        for (size_t i = 1; i < frames.size(); ++i)
+            ASSERT_TRUE(same_frame(read_frame(static_cast<uint8_t>(frames[i - 1][23] + 1)), frames[i]));
+    }
+
+    std::vector<size_t> marked = {0, 1}; // ports
+};
+
+// ------------------------------------------------------------------------------------------------------ what is sent
+
+TEST_F(registers, frames_go_by_the_first_channel_in_the_layout_of_the_card)
+{
+    begin("", {});
+    const fxm_retry_param_t ignored = {3, 0};
+    uint8_t tag = 0;
+    for (const bool change : {false, true}) {
+        const auto laid_out = [=](const frame_t &frame) { return change ? in_change_layout(frame) : frame; };
+        for (int first = 0; first < 4; ++first) {
+            SCOPED_TRACE("channel " + std::to_string(first) + (change ? ", change layout" : ""));
+            std::vector<int> channels; // those behind the first are heard before it
+            for (int channel = 3; channel >= first; --channel)
+                channels.push_back(channel);
+            hear(channels, [&](int channel) { return laid_out(announcement(channel)); });
+            const traffic_t seen = play([&] {
+                EXPECT_EQ(fxm_send_resetframe(CARD, 0x5a, &ignored, LIVE), OK);
+                EXPECT_EQ(fxm_set_vlanid(CARD, 4094, nullptr, LIVE), OK);
+                EXPECT_EQ(write_page(CARD, 1023, LIVE), OK);
+                // Address bits above 21 do not reach the card.
+                EXPECT_EQ(fxm_write_register(CARD, 0xffc00000 | REG, 0x11223344, nullptr, LIVE), OK);
+                return read_reg(CARD, &ONCE, LIVE);
+            });
+            frames_t frames = {reset_frame(), vlan_frame(), page_frame(), write_frame(0x11223344), read_frame(++tag)};
+            for (frame_t &frame : frames)
+                frame = laid_out(by_channel(first, frame));
+            expect(seen, TIMEOUT, first < 2 ? frames : frames_t(), first < 2 ? frames_t() : frames);
+        }
+    }
+    const dump_t counters = dump();
+    for (const int p : {0, 1}) {
+        for (const char *name : {"T_VLANSET", "T_REGR", "T_REGW", "T_MMS"})
+            EXPECT_EQ(frames_counted(counters, p, std::string("FXM_STATS_") + name), 4u) << name << " of port " << p;
+        EXPECT_EQ(frames_counted(counters, p, "FXM_STATS_T_RESET"), 4u + 8) << "with eight marks";
+        EXPECT_EQ(frames_counted(counters, p, "FXM_STATS_T_TOTAL"), 20u + 8);
+    }
+}
+
+TEST_F(registers, configured_ether_type_and_reset_address_stand_in_the_frames)
+{
+    const auto of_type = [](frame_t frame) { return put(&frame, 16, "12 34"), frame; };
+    marked = {}; // nor are the cards of the fixture heard
+    begin("ether_type = 0x1234\nbroadcast_mac = 03:11:22:33:44:55\n", {0});
+    wire[0]->send(of_type(announcement(1)));
+    fxm_fxio_t record{};
+    wait_for([&] { return fxm_get_fxio(CARD, &record) == OK; }, "the card");
+    EXPECT_EQ(record.fio_card.fcd_state[0][0], 0u) << "a frame of another type counts";
+
+    frame_t reset = of_type(reset_frame());
+    put(&reset, 0, "03 11 22 33 44 55");
+    EXPECT_EQ(fxm_send_resetframe(CARD, 0x5a, nullptr, 0), OK);
+    EXPECT_TRUE(same_frame(reset, wire[0]->receive()));
+    EXPECT_EQ(read_reg(CARD, &ONCE), TIMEOUT);
+    EXPECT_TRUE(same_frame(by_channel(1, of_type(read_frame(1))), wire[0]->receive()));
+}
+
+TEST_F(registers, silent_card_is_asked_retry_cnt_more_times_with_one_tag)
+{
+    begin("frame_retry_count = 4\nframe_retry_interval = 10\n", {0, 1, 2, 3});
+    uint32_t value = 0x5a5a5a5a;
+    expect(play([&] { return fxm_read_register(CARD, REG, &value, &THRICE, 0); }), TIMEOUT, frames_t(3, read_frame(1)));
+    EXPECT_EQ(value, 0x5a5a5a5au);
+    wait_for_line("TRACE _fxm_read_register: called. ret=" + std::to_string(ETIMEDOUT) +
+                  ", id=0x020000002100, addr=0x00001234, data=0x00000000, tag=1");
+    // With the configured retries. A write is not repeated when nothing is read.
+    expect(play([] { return read_reg(CARD, nullptr); }), TIMEOUT, frames_t(5, read_frame(2)));
+    frames_t frames(6, read_frame(3));
+    frames[0] = write_frame(7);
+    expect(play([] { return fxm_write_register(CARD, REG, 7, nullptr, VERIFY); }), TIMEOUT, frames);
+    wait_for_line("TRACE _fxm_write_register: Failed to _fxm_read_register() err=" + std::to_string(ETIMEDOUT));
+}
+
+TEST_F(registers, writes_and_modifies_send_what_they_must_and_no_more)
+{
+    begin("", {0});
+    uint8_t tag = 0;
+    const auto r = [&] { return read_frame(++tag); };
+    const auto w = [](uint32_t value) { return write_frame(value); };
+    const auto write = [](uint32_t flags) { return [=] { return fxm_write_register(CARD, REG, 7, &THRICE, flags); }; };
+    const auto modify = [](uint32_t data, uint32_t mask, uint32_t flags) {
+        return [=] { return fxm_modify_register(CARD, REG, data, mask, &THRICE, flags); };
+    };
+    constexpr uint32_t HELD = 0x12345678, SET = 0x123456f0; // by data 0xf0 with mask 0xff
+    const struct {
+        const char *what;
+        std::function<int()> function;
+        std::vector<uint32_t> answers; // to one read after the other, and then silence
+        int result;
+        frames_t frames; // made from left to right, so that tags go up
+    } rows[] = {
+        {"write", write(0), {}, OK, {w(7)}},
+        {"verified at once", write(VERIFY), {7}, OK, {w(7), r()}},
+        {"one bit wrong", write(VERIFY), {0x80000007, 7}, OK, {w(7), r(), w(7), r()}},
+        {"never right", write(VERIFY), {1, 2, 3}, TIMEOUT, {w(7), r(), w(7), r(), w(7), r()}},
+        {"no second answer", write(VERIFY), {1}, TIMEOUT, {w(7), r(), w(7), r()}},
+        {"no mask", modify(7, 0, VERIFY), {HELD}, OK, {r()}},
+        {"right already", modify(0x78, 0xff, VERIFY), {HELD}, OK, {r()}},
+        {"modify", modify(0xf0, 0xff, 0), {HELD}, OK, {r(), w(SET)}},
+        {"other bits differ", modify(0xf0, 0xff, VERIFY), {HELD, 0xabcdeff0}, OK, {r(), w(SET), r()}},
+        {"repeat", modify(0xf0, 0xff, VERIFY), {HELD, 0xabcdef00, 0xf0}, OK, {r(), w(SET), r(), w(SET), r()}},
+        {"never", modify(0xf0, 0xff, VERIFY), {HELD, 1, 2, 3}, TIMEOUT, {r(), w(SET), r(), w(SET), r(), w(SET), r()}},
+        {"no answer", modify(0xf0, 0xff, VERIFY), {}, TIMEOUT, {r()}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        std::map<uint8_t, size_t> number; // of the read with this tag
+        const traffic_t seen = play(row.function, [&](const frame_t &request) {
+            const size_t i = number.try_emplace(request[23], number.size()).first->second;
+            return i < row.answers.size() ? std::optional(row.answers[i]) : std::nullopt;
+        });
+        expect(once(seen), row.result, row.frames);
+    }
+    wait_for_line("TRACE _fxm_write_register: called. ret=0, id=0x020000002100, addr=0x00001234, data=0x00000007, "
+                  "flags=0x00000000, ");
+}
+
+TEST_F(registers, dump_tells_how_much_it_has_read)
+{
+    begin("", {0});
+    uint8_t tag = 0;
+    for (const uint32_t answered : {3u, 2u, 0u}) {
+        uint32_t buffer[4] = {1, 2, 3, 4};
+        uint64_t size = sizeof(buffer);
+        const auto function = [&] { return fxm_dump_register(CARD, 0x3ffff4, 0x400000, buffer, &size, &THRICE, 0); };
+        const traffic_t seen = once(play(function, [&](const frame_t &request) {
+            const uint32_t number = (request[27] - 0xf4u) / 4;
+            return number < answered ? std::optional(0xa0 + number) : std::nullopt;
+        }));
+        frames_t frames(std::min(answered + 1, 3u), read_frame(0));
+        for (size_t i = 0; i < frames.size(); ++i) {
+            put(&frames[i], 24, std::vector{"03 ff 0f f4", "03 ff 0f f8", "03 ff 0f fc"}[i]);
+            frames[i][23] = ++tag;
+        }
+        expect(seen, answered == 3 ? OK : TIMEOUT, frames);
+        EXPECT_EQ(size, answered * 4);
+        for (uint32_t i = 0; i < 4; ++i)
+            EXPECT_EQ(buffer[i], i < answered ? 0xa0 + i : i + 1) << answered << " answers";
+    }
+}
+
+// ------------------------------------------------------------------------------------------------- tags and answers
+
+TEST_F(registers, only_the_answer_of_the_channel_that_was_asked_counts)
+{
+    begin("tag_min = 5\ntag_max = 7\n", {0, 1, 2, 3});
+    uint32_t value = 0;
+    const auto read_value = [&] { return fxm_read_register(CARD, REG, &value, &FOR_EVER, 0); };
+    call_t reading = call(read_value);
+    const frame_t request = wire[0]->receive();
+    EXPECT_TRUE(same_frame(read_frame(6), request)) << "the first tag is the one behind tag_min";
+    wait_until_it_waits(request);
+
+    const auto changed = [&](size_t offset, uint8_t byte) {
+        frame_t frame = completion(request, 0xbad);
+        frame[offset] = byte;
+        return frame;
+    };
+    const struct {
+        size_t port;
+        frame_t frame;
+        std::string line;
+    } wrong[] = {
+        {1, completion(request, 0xbad), WRONG_PORT},
+        {1, changed(11, 1), WRONG_PORT}, // and the wrong MAC
+        {0, changed(11, 1), WRONG_MAC},  // the other one of the card
+        {0, changed(7, 1), WRONG_MAC},
+        {0, changed(23, 5), ""}, // tag that nobody uses
+        {0, changed(23, 4), "WARN _fxm_recv_comp: Invalid tag. tag=4"},
+        {0, changed(23, 8), "WARN _fxm_recv_comp: Invalid tag. tag=8"},
+    };
+    const auto complaints = [&] { return log.count_with(" _fxm_recv_comp: "); };
+    for (const auto &row : wrong) {
+        settle_all();
+        const size_t lines = log.count(row.line);
+        const size_t all = complaints();
+        wire[row.port]->send(row.frame);
+        settle_all();
+        EXPECT_EQ(log.count(row.line), lines + (row.line.empty() ? 0 : 1)) << row.line;
+        EXPECT_EQ(complaints(), all + (row.line.empty() ? 0 : 1)) << row.line;
+        EXPECT_FALSE(has_ended(reading)) << row.line;
+    }
+    const size_t all = complaints();
+    wire[0]->send(completion(request, 0x11223344));
+    wire[0]->send(completion(request, 0xbad));
+    EXPECT_EQ(result_of(reading), OK);
+    EXPECT_EQ(value, 0x11223344u) << "of two answers the first one counts";
+
+    reading = call(read_value);
+    const frame_t next = wire[0]->receive();
+    EXPECT_TRUE(same_frame(read_frame(7), next));
+    wire[0]->send(completion(request, 0xbad)); // of a request that has ended
+    settle(0);
+    EXPECT_EQ(complaints(), all);
+    EXPECT_FALSE(has_ended(reading));
+    wait_until_it_waits(next);
+    wire[0]->send(completion(next, 0x55667788));
+    EXPECT_EQ(result_of(reading), OK);
+    EXPECT_EQ(value, 0x55667788u);
+    const auto two_reads = [] { return read_reg(CARD, &ONCE), read_reg(CARD, &ONCE); };
+    expect(play(two_reads), TIMEOUT, {read_frame(5), read_frame(6)});
+}
+
+TEST_F(registers, only_tag_serves_one_request_at_a_time)
+{
+    begin("tag_min = 9\ntag_max = 9\n", {0});
+    EXPECT_EQ(fxm_stop_monitor(MARK[1]), OK);
+    marked = {0};
+    for (size_t round = 0; round < 2; ++round) {
+        call_t reading = call([] { return read_reg(CARD, &FOR_EVER); });
+        const frame_t request = wire[0]->receive();
+        EXPECT_TRUE(same_frame(read_frame(9), request));
+        wait_until_it_waits(request);
+        expect(play([] { return read_reg(CARD, &FOR_EVER); }), FXM_API_EPROTO, {});
+        expect(play([] { return read_reg(MARK[1], &FOR_EVER, LIVE); }), FXM_API_EPROTO, {});
+        EXPECT_EQ(log.count(NO_TAG), 2 * round + 2) << "a live check goes on after a probe without a tag";
+        EXPECT_EQ(log.count("ERROR fxm_read_register: Failed to _fxm_livecheck(). err=" + std::to_string(EPROTO)),
+                  round + 1);
+        wire[0]->send(completion(request, 0));
+        EXPECT_EQ(result_of(reading), OK);
+    }
+}
+
+TEST_F(registers, request_beyond_256_in_flight_is_refused_at_once)
+{
+    begin("", {0});
+    expect_all_tags_in_turn();
+    const fxm_retry_param_t patient = {60, 1000};
+    std::vector<uint32_t> values(256);
+    std::vector<call_t> reading;
+    for (uint32_t i = 0; i < 256; ++i)
+        reading.push_back(call([&, i] { return fxm_read_register(CARD, 4 * i, &values[i], &patient, 0); }));
+    std::map<uint8_t, frame_t> requests; // by tag
+    const auto collect = [&] {
+        for (const frame_t &frame : wire[0]->received())
+            EXPECT_TRUE(same_frame(requests.try_emplace(frame[23], frame).first->second, frame)) << "a tag used twice";
+        return requests.size();
+    };
+    wait_for([&] { return collect() == 256; }, "256 requests", [&] { return std::to_string(requests.size()); });
+    EXPECT_EQ(log.count(NO_TAG), 0u);
+    EXPECT_EQ(read_reg(CARD, &patient), FXM_API_EPROTO); // a frame of it would show another register for a used tag
+    EXPECT_EQ(log.count(NO_TAG), 1u);
+
+    // The value tells the register, of which bits 11..0 stand in bytes 26 and 27.
+    const auto answer_all = [&] {
+        collect();
+        for (const auto &[tag, request] : requests)
+            wire[0]->send(completion(request, 0xc0de0000u + static_cast<uint32_t>(request[26] << 8 | request[27])));
+        return std::all_of(reading.begin(), reading.end(), has_ended);
+    };
+    wait_for(answer_all, "the reads to return");
+    for (uint32_t i = 0; i < 256; ++i) {
+        EXPECT_EQ(result_of(reading[i]), OK);
+        EXPECT_EQ(values[i], 0xc0de0000u + 4 * i);
+    }
+    settle(0);
+    expect_all_tags_in_turn();
+}
+
+// -------------------------------------------------------------------------------------------------------- live check
+
+static const std::string LIVECHECK = "frame_retry_interval_livecheck = 150\nframe_retry_count_livecheck = 2\n";
+static int read_live() { return read_reg(CARD, &ANSWERED, LIVE); }
+
+TEST_F(registers, live_check_tries_each_channel_in_order_until_one_answers)
+{
+    begin(LIVECHECK, {3, 2, 1, 0});
+    EXPECT_EQ(fxm_stop_monitor(CARD), OK);
+    expect(play(read_live), NO_LINK, probes({0, 1}, 1), probes({2, 3}, 3));
+    EXPECT_EQ(log.count("ERROR fxm_read_register: Failed to _fxm_livecheck(). err=" + std::to_string(ENOLINK)), 1u);
+    expect(once(play(read_live, zero_on_channel(2))), OK,
+           {by_channel(0, probe_frame(5)), by_channel(1, probe_frame(6))},
+           {by_channel(2, probe_frame(7)), by_channel(2, read_frame(8))});
+    EXPECT_EQ(fxio(CARD).fio_card.fcd_state[0][0], 1u) << "a live check has changed the record";
+}
+
+TEST_F(registers, live_check_leaves_out_what_the_card_or_the_host_lacks)
+{
+    // A card with one MAC.
+    begin(LIVECHECK, {});
+    hear({0, 2}, [](int channel) {
+        frame_t frame = announcement(channel);
+        frame[18] = 0x10; // 1G/10G DEVINFO
+        frame[21] = 0;    // ver
+        return frame;
+    });
+    EXPECT_EQ(fxm_stop_monitor(CARD), OK);
+    expect(play(read_live), NO_LINK, probes({0}, 1), probes({2}, 2));
+    EXPECT_EQ(fxm_restart_monitor(CARD), OK);
+
+    // A port without a link. The card was heard there alone, and has no channel now.
+    hear({2, 3});
+    ip("link set card1 down");
+    wait_for([] { return fxio(CARD).fio_card.fcd_state[1][0] == 0; }, "the channels to go down");
+    EXPECT_TRUE(wire[1]->received().empty());
+    marked = {0};
+    for (const operation_t &operation : OPERATIONS)
+        expect(play([&] { return operation.call(CARD, &ANSWERED, VERIFY); }), NO_LINK, {});
+    EXPECT_EQ(log.count("ERROR _fxm_send_regread: Sendable port don't exist."), 3u);
+    for (const char *sender : {"_fxm_send_regwrite", "_fxm_send_vlanset", "_fxm_send_mms", "_fxm_send_reset"})
+        EXPECT_EQ(log.count(std::string("ERROR ") + sender + ": Send port error."), 1u) << sender;
+    expect(play(read_live), NO_LINK, probes({0, 1}, 6)); // three of the operations have taken a tag
+    expect(once(play(read_live, zero_on_channel(0))), OK, {probe_frame(8), read_frame(9)});
+    EXPECT_EQ(fxio(CARD).fio_card.fcd_state[0][0], 0u) << "an answer is no announcement";
+    ip("link set card1 up");
+    EXPECT_EQ(stop(), OK);
+
+    // A host with one port.
+    begin(LIVECHECK + "ether_port = fxm0\n", {0});
+    EXPECT_EQ(fxm_stop_monitor(CARD), OK);
+    expect(play(read_live), NO_LINK, probes({0, 1}, 1));
+    EXPECT_TRUE(wire[1]->received().empty());
+}
+
+TEST_F(registers, card_out_of_monitoring_is_reached_with_a_live_check_alone)
+{
+    begin("", {1});
+    EXPECT_EQ(fxm_stop_monitor(CARD), OK);
+    const frames_t with_check[] = {
+        {probe_frame(1), read_frame(2)},
+        {probe_frame(3), read_frame(4)},
+        {probe_frame(5), write_frame(7)},
+        {probe_frame(6), read_frame(7), write_frame(0xa)},
+        {probe_frame(8), vlan_frame()},
+        {probe_frame(9), page_frame()},
+        {}, // no reset
+    };
+    for (size_t i = 0; i < std::size(OPERATIONS); ++i) {
+        SCOPED_TRACE(OPERATIONS[i].name);
+        const auto operation = [&](uint32_t flags) {
+            return [=] { return OPERATIONS[i].call(CARD, &ANSWERED, flags); };
+        };
+        expect(play(operation(0)), NO_LINK, {});
+        expect(once(play(operation(LIVE), zero_on_channel(0))), with_check[i].empty() ? NO_LINK : OK, with_check[i]);
+    }
+}
+
+// -------------------------------------------------------------------------------------------- VLAN, and write locks
+
+TEST_F(registers, vlan_is_set_again_until_the_card_announces_it)
+{
+    begin("vlan_check_interval = 300\n", {0});
+    const auto set = [](retry_t retry) { return [=] { return fxm_set_vlanid(CARD, 4094, retry, VERIFY); }; };
+    // At the configured interval this would last a minute. Meanwhile the card goes to a VLAN that nobody has asked for,
+    // and the repeats are as the first.
+    const fxm_retry_param_t often = {200, 5};
+    call_t setting = call(set(&often));
+    EXPECT_TRUE(same_frame(vlan_frame(), wire[0]->receive()));
+    wire[0]->send(on_vlan(0x222, announcement(0)));
+    EXPECT_EQ(result_of(setting), TIMEOUT);
+    expect(play([] { return OK; }), OK, frames_t(200, vlan_frame()));
+
+    hear({0});
+    setting = call(set(&FOR_EVER));
+    EXPECT_TRUE(same_frame(vlan_frame(), wire[0]->receive()));
+    wire[0]->send(on_vlan(4094, announcement(0)));
+    EXPECT_EQ(result_of(setting), OK);
+    // The card has it already: a frame all the same.
+    frame_t again = vlan_frame();
+    put(&again, 14, "8f fe"); // TCI
+    expect(play(set(&FOR_EVER)), OK, {again});
+
+    setting = call(set(&FOR_EVER));
+    wire[0]->receive();
+    EXPECT_EQ(fxm_delete_fxio(CARD), OK);
+    EXPECT_EQ(result_of(setting), FXM_API_EPROTO);
+}
+
+TEST_F(registers, second_writer_of_a_card_waits_and_others_do_not)
+{
+    begin("", {0});
+    call_t first = call([] { return fxm_write_register(CARD, REG, 1, &FOR_EVER, VERIFY); });
+    EXPECT_TRUE(same_frame(write_frame(1), wire[0]->receive()));
+    const frame_t verify = wire[0]->receive();
+    call_t second = call([] { return fxm_write_register(CARD, REG, 2, nullptr, 0); });
+    wait_for_line(SECOND_WRITE_IN);
+    EXPECT_EQ(fxm_write_register(MARK[1], REG, 3, nullptr, 0), OK); // another card
+    EXPECT_EQ(wire[1]->receive()[18], 0x90);
+    expect(once(play([] { return read_reg(CARD, &ANSWERED); }, zero_on_channel(0))), OK, {read_frame(2)});
+    EXPECT_FALSE(has_ended(second));
+    wait_until_it_waits(verify);
+    wire[0]->send(completion(verify, 1));
+    EXPECT_EQ(result_of(first), OK);
+    EXPECT_EQ(result_of(second), OK);
+    EXPECT_TRUE(same_frame(write_frame(2), wire[0]->receive()));
+}
+
+// ------------------------------------------------------------------------------------------------- misuse, and lines
+
+TEST_F(registers, misuse_is_refused_and_nothing_leaves)
+{
+    constexpr uint64_t AWAY = 0x020000002200; // out of monitoring, and not multi-root
+    uint32_t word = 0;
+    uint32_t words[4];
+    const auto dumped = [](uint32_t begin, uint32_t end, uint32_t *to, uint64_t size) {
+        return [=] {
+            uint64_t done = size;
+            const int result = fxm_dump_register(CARD, begin, end, to, &done, nullptr, 0);
+            EXPECT_EQ(done, 0u) << "size";
+            return result;
+        };
+    };
+    const struct {
+        const char *what;
+        std::function<int()> function;
+        int result;
+    } rows[] = {
+        {"read odd", [&] { return fxm_read_register(CARD, 0x101, &word, nullptr, 0); }, FXM_API_EINVAL},
+        {"read even", [&] { return fxm_read_register(CARD, 0x102, &word, nullptr, 0); }, FXM_API_EINVAL},
+        {"read to nowhere", [] { return fxm_read_register(CARD, 0x100, nullptr, nullptr, 0); }, FXM_API_EINVAL},
+        {"write even", [] { return fxm_write_register(CARD, 0x102, 0, nullptr, 0); }, FXM_API_EINVAL},
+        {"modify even", [] { return fxm_modify_register(CARD, 0x102, 0, 1, nullptr, 0); }, FXM_API_EINVAL},
+        {"dump no size", [&] { return fxm_dump_register(CARD, 0, 4, words, nullptr, nullptr, 0); }, FXM_API_EINVAL},
+        {"dump from even", dumped(0x102, 0x110, words, 16), FXM_API_EINVAL},
+        {"dump to even", dumped(0x100, 0x10e, words, 16), FXM_API_EINVAL},
+        {"dump nothing", dumped(0x100, 0x100, words, 16), FXM_API_EINVAL},
+        {"dump backwards", dumped(0x104, 0x100, words, 16), FXM_API_EINVAL},
+        {"dump too much", dumped(0x100, 0x110, words, 15), FXM_API_EINVAL},
+        {"dump to nowhere", dumped(0x100, 0x110, nullptr, 16), FXM_API_EINVAL},
+        {"vlan 15", [] { return fxm_set_vlanid(CARD, 15, nullptr, 0); }, FXM_API_EINVAL},
+        {"vlan 4095", [] { return fxm_set_vlanid(CARD, 4095, nullptr, 0); }, FXM_API_EINVAL},
+        {"page 1024", [] { return write_page(CARD, 1024, 0); }, FXM_API_EINVAL},
+        {"page of nothing", [] { return fxm_write_mmspage(CARD, 0, nullptr, 0); }, FXM_API_EINVAL},
+        {"page of a server card", [] { return write_page(FXSV_1G, 0, 0); }, FXM_API_ENOENT},
+        {"page away", [] { return write_page(AWAY, 0, 0); }, NO_LINK},
+        {"plain page", [] { return write_page(FXIO, 0, 0); }, FXM_API_ENOENT},
+        {"plain page away", [] { return write_page(AWAY, 0, LIVE); }, FXM_API_ENOENT},
+    };
+    const auto none_runs = [&] {
+        for (const auto &row : rows)
+            EXPECT_EQ(row.function(), FXM_API_ENOSYS) << row.what;
+        for (const operation_t &operation : OPERATIONS)
+            EXPECT_EQ(operation.call(CARD, nullptr, 0), FXM_API_ENOSYS) << operation.name;
+    };
+    none_runs();
+    begin("", {0});
+    for (const frame_t &frame : {fxio_frame(), fxsv_1g_frame(), from(AWAY, fxio_frame())})
+        wire[0]->send(frame);
+    settle(0);
+    EXPECT_EQ(fxm_stop_monitor(AWAY), OK);
+    size_t errors = 0;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        expect(play(row.function), row.result, {});
+        errors += std::string(row.what).starts_with("plain") ? 1 : 0;
+        EXPECT_EQ(log.count_with("ERROR"), errors) << log.tail();
+    }
+    EXPECT_EQ(log.count("ERROR fxm_write_mmspage: The ID is not MR-FX. id=0x020000002000"), 1u);
+    EXPECT_EQ(log.count("ERROR fxm_write_mmspage: The ID is not MR-FX. id=0x020000002200"), 1u);
+    EXPECT_EQ(stop(), OK);
+    none_runs();
+}
+
+TEST_F(registers, calls_are_logged_with_their_arguments_and_results)
+{
+    begin("", {0});
+    const fxm_retry_param_t given = {5, 7}, no_wait = {5, 0};
+    for (const auto &[name, function, arguments, checks_retry] : OPERATIONS) {
+        SCOPED_TRACE(name);
+        expect(play([&] { return function(NOBODY, &given, 0x80000005); }), FXM_API_ENOENT, {});
+        expect(play([&] { return function(NOBODY, nullptr, 0); }), FXM_API_ENOENT, {});
+        if (checks_retry)
+            expect(play([&] { return function(CARD, &no_wait, 0); }), FXM_API_EINVAL, {});
+        const bool retries = name != "fxm_write_mmspage";
+        const std::string in = "INFO " + name + ": (IN). id=0x0200000000fe, " + arguments;
+        const std::string out = "INFO " + name + ": (OUT) ret=3, id=0x0200000000fe";
+        EXPECT_EQ(log.count(in + (retries ? "retry_cnt=5, retry_int=7, " : "") + "flags=0x80000005"), 1u);
+        EXPECT_EQ(log.count(in + (retries ? "retry_param=NULL, " : "") + "flags=0x00000000"), 1u);
+        EXPECT_EQ(log.count(out + (name == "fxm_set_vlanid" ? ", vlanid=4094" : "")), 2u) << log.tail();
+    }
+}
+
+// --------------------------------------------------------------------------------------------------- stop, and storms
+
+TEST_F(registers, stop_ends_every_call_in_flight)
+{
+    const std::function<int()> functions[] = {
+        [] { return read_reg(CARD, &FOR_EVER); },
+        [] { return read_reg(MARK[0], &FOR_EVER, LIVE); },
+        [] { return dump_reg(CARD, &FOR_EVER, 0); },
+        [] { return fxm_set_vlanid(CARD, 4094, &FOR_EVER, VERIFY); },
+        [] { return fxm_modify_register(MARK[1], REG, 1, 1, &FOR_EVER, 0); },
+        [] { return fxm_write_register(CARD, REG, 1, &FOR_EVER, VERIFY); },
+    };
+    for (size_t round = 0; round < 3; ++round) {
+        begin("frame_retry_interval_livecheck = 1000\nframe_retry_count_livecheck = 100\n", {0});
+        EXPECT_EQ(fxm_stop_monitor(MARK[0]), OK);
+        std::vector<call_t> calls;
+        for (const auto &function : functions) {
+            calls.push_back(call(function));
+            wire[calls.size() == 5 ? 1 : 0]->receive();
+        }
+        wire[0]->receive();                                                                 // the read that verifies
+        calls.push_back(call([] { return fxm_write_register(CARD, REG, 2, nullptr, 0); })); // waits for the other one
+        wait_for_line(SECOND_WRITE_IN, round + 1);
+        EXPECT_EQ(stop(), OK);
+        for (size_t i = 0; i < calls.size(); ++i)
+            EXPECT_EQ(result_of(calls[i]), FXM_API_ENOSYS) << "call " << i;
+        EXPECT_TRUE(wire[0]->received().size() < 100) << "frames of the waiting calls";
+    }
+}
+
+// Threads that call at random until they are told to end or the library stops, on cards that lose a request in ten and
+// answer one in ten twice.
+class storm : public registers
+{
+  protected:
+    static constexpr uint32_t CARDS = 32;
+    static constexpr uint32_t THREADS = 64;
+    static constexpr uint32_t SHARED = 0x1000; // each write has a value of its own: the card's number and a count
+    static constexpr uint32_t PARTED = 0x2000; // a hexadecimal digit for each of two threads
+    static uint64_t id_of(uint32_t card) { return 0x020000010000 + 2 * card; }
+
+    void add_cards()
+    {
+        start_cards("--period 200");
+        for (const char *line : {"fxsv 020000010000 count=16", "fxsv 020000010020 count=16 gen=40g",
+                                 "fault all drop every=10", "fault all twice every=10"})
+            cards(line);
+    }
+
+    void begin_storm()
+    {
+        begin("", {0}, FXM_LOG_ERROR);
+        const auto all_up = [] {
+            bool up = true;
+            for (uint32_t card = 0; card < CARDS; ++card)
+                up = up && is_up(0, card) && is_up(1, card);
+            return up;
+        };
+        wait_for(all_up, "the cards");
+        for (uint32_t number = 0; number < THREADS; ++number)
+            threads.push_back(call([this, number] { return work(number); }));
+        wait_for_calls(500);
+    }
+
+    static bool is_up(int port, uint32_t card)
+    {
+        fxm_fxsv_t record{};
+        return fxm_get_fxsv(id_of(card), &record) == OK && record.fsv_card.fcd_state[port][0] == 1;
+    }
+
+    void wait_for_calls(uint64_t number)
+    {
+        const uint64_t before = ended;
+        wait_for([&] { return ended >= before + number; }, "calls to return", [&] { return std::to_string(ended); });
+    }
+
+    void set_link(int port, const std::string &state)
+    {
+        ip("link set card" + std::to_string(port) + " " + state);
+        wire[static_cast<size_t>(port)]->received();
+    }
+
+    int work(uint32_t number)
+    {
+        const fxm_retry_param_t retry = {20, 20};
+        const uint64_t own = id_of(number / 2);
+        const uint32_t shift = number % 2 * 4;
+        std::optional<uint32_t> digit; // of ours in PARTED, when it is known
+        std::minstd_rand random(number + 1);
+        int result = OK;
+        while (!enough && result != FXM_API_ENOSYS) {
+            const uint32_t card = static_cast<uint32_t>(random() / 16 % CARDS);
+            const uint32_t chance = static_cast<uint32_t>(random() / 16 % 16);
+            uint32_t value = 0;
+            if (chance == 0) {
+                result = fxm_set_vlanid(own, static_cast<uint16_t>(100 + card), &retry, VERIFY);
+            } else if (chance < 5) {
+                value = card << 24 | ++writes[card];
+                result = fxm_write_register(id_of(card), SHARED, value, &retry, VERIFY);
+            } else if (chance < 10) {
+                result = fxm_read_register(id_of(card), SHARED, &value, &retry, LIVE);
+                EXPECT_TRUE(result != OK || value == 0 || (value >> 24 == card && (value & 0xffffff) <= writes[card]))
+                    << std::hex << value;
+            } else if (chance < 13) {
+                result = fxm_modify_register(own, PARTED, chance << shift, 0xfu << shift, &retry, VERIFY);
+                digit = result == OK ? std::optional(chance) : std::nullopt;
+            } else {
+                result = fxm_read_register(own, PARTED, &value, &retry, 0);
+                EXPECT_TRUE(result != OK || !digit || (value >> shift & 0xf) == *digit) << std::hex << value;
+            }
+            results[result] += 1;
+            ended += 1;
+        }
+        return result;
+    }
+
+    std::vector<call_t> threads;
+    std::atomic<uint32_t> writes[CARDS] = {}; // begun
+    std::atomic<uint64_t> results[10] = {};
+    std::atomic<uint64_t> ended = 0;
+    std::atomic<bool> enough = false;
+};
+
+TEST_F(storm, values_stay_true_while_frames_are_lost_and_links_flap)
+{
+    add_cards();
+    begin_storm();
+    for (const int port : {0, 1, 0}) {
+        set_link(port, "down");
+        wait_for([&] { return !is_up(port, 0); }, "the channels to go down");
+        wait_for_calls(300);
+        set_link(port, "up");
+        wait_for([&] { return is_up(port, 0); }, "the channels to come back");
+        wait_for_calls(300);
+    }
+    enough = true;
+    for (call_t &thread : threads)
+        result_of(thread);
+    // A port refuses frames in the moment in which its link falls.
+    EXPECT_EQ(log.count("ERROR _fxm_send: Failed to pcap_sendpacket()."), results[FXM_API_EPROTO]);
+    EXPECT_EQ(results[OK] + results[TIMEOUT] + results[NO_LINK] + results[FXM_API_EPROTO], ended);
+    EXPECT_GT(results[OK], ended / 2);
+
+    cards("heal all");
+    for (uint32_t card = 0; card < CARDS; ++card)
+        EXPECT_EQ(fxm_write_register(id_of(card), SHARED, card, &ANSWERED, VERIFY), OK);
+    hear({0});
+    wire[0]->received();
+    expect_all_tags_in_turn();
+    const dump_t report = dump();
+    EXPECT_EQ(memory(report, "fxsv").in_use, CARDS);
+    EXPECT_EQ(memory(report, "idlist").in_use, 0u);
+    EXPECT_EQ(memory(report, "evt_node").in_use, 0u);
+}
+
+TEST_F(storm, stop_ends_every_call_and_the_next_start_works)
+{
+    add_cards();
+    for (int round = 0; round < 3; ++round) {
+        begin_storm();
+        set_link(0, "down");
+        wait_for_calls(100);
+        EXPECT_EQ(stop(), OK);
+        for (call_t &thread : threads)
+            EXPECT_EQ(result_of(thread), FXM_API_ENOSYS);
+        threads.clear();
+        set_link(0, "up");
+    }
+}
