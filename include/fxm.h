@@ -222,7 +222,8 @@ typedef struct fxm_fxio_t {
  *
  * Needs the right to open raw sockets (root or CAP_NET_RAW). Costs 64 MiB of kernel memory for each open port, the
  * capture ring. Start-up takes some milliseconds; the other functions answer FXM_API_ENOSYS until it is complete. One
- * of two ports is enough to run.
+ * of two ports is enough to run. An interface must be set up (`ip link set ... up`) to be opened; it need not have a
+ * carrier, and may go down and come back later.
  */
 FXM_EXPORT int fxm_init_manager(const char *dir, int32_t log_level);
 

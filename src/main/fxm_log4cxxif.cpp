@@ -54,10 +54,11 @@ try {
     if (!loggers.open.load(std::memory_order_relaxed))
         return;
     const log4cxx::LoggerPtr &target = loggers.logger[logger];
+    const char *const function = __PRETTY_FUNCTION__; // not that of the lambda
     log4cxx::helpers::MessageBuffer text;
     const auto force = [&](const log4cxx::LevelPtr &log4cxx_level, int line) {
         target->forcedLog(log4cxx_level, text.str(text << message),
-                          _location<log4cxx::spi::LocationInfo>(__PRETTY_FUNCTION__, line));
+                          _location<log4cxx::spi::LocationInfo>(function, line));
     };
     switch (level) {
     case FXM_LOG_FATAL:

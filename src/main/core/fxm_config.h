@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
+constexpr uint32_t FXM_PORT_NUM = 2; // ports at most
 constexpr size_t FXM_PORT_NAME_SIZE = 256;
 
 // The fields, their keys, defaults and ranges stand in one table in fxm_config.cpp; conf/fxm.conf explains each key.

@@ -270,9 +270,13 @@ int fxm_init_manager(const char *dir, int32_t log_level)
 
     // Taken before the flags are released: from then on the word may be another start's.
     const int stop_err = internal_err.exchange(0);
-    g_init_flag.store(FXM_OFF);
     g_start_flag.store(FXM_OFF);
-    g_init_guard.store(1);
+    // One store, the last, lets the next start in, and it must not be stored over: after a complete start the guard has
+    // been free for long, and the flag has kept others out.
+    if (g_init_flag.load() == FXM_ON)
+        g_init_flag.store(FXM_OFF);
+    else
+        g_init_guard.store(1);
     if (stop_err != 0) {
         fxm_log_info("%s: Internal err is detected. internal_err=%d", __func__, stop_err);
         err = stop_err;

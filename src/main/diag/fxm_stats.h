@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/fxm_config.h"
 #include "platform/fxm_platform.h"
 
 // Frame counters of a port, received then sent. The dump prints these names.
@@ -75,10 +76,9 @@ enum fxm_mem_t {
 
 constexpr uint32_t FXM_API_CODES = 10;
 constexpr uint32_t FXM_EVT_KINDS = 6;
-constexpr uint32_t FXM_PORTS = 2;
 
 struct fxm_stats_t {
-    uint64_t port_frames[FXM_PORTS][FXM_STATS_FRAMES];
+    uint64_t port_frames[FXM_PORT_NUM][FXM_STATS_FRAMES];
     uint64_t api_total[FXM_API_CODES];
     uint64_t api_detail[FXM_API_ROWS][FXM_API_CODES];
     uint64_t evt_count[FXM_EVT_KINDS]; // queued, not delivered
@@ -89,7 +89,7 @@ struct fxm_stats_t {
     } mem[FXM_MEMS];
     uint32_t cb_called;
     uint32_t cb_returned;
-    uint32_t port_total_down[FXM_PORTS];
+    uint32_t port_total_down[FXM_PORT_NUM];
 };
 
 // Guards g_stats. Taken last in every order and briefly, by whoever counts, under any other lock; nothing is taken

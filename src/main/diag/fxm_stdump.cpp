@@ -289,7 +289,7 @@ static void _dump_frames()
     };
     fxm_mutex_guard_t guard(&g_stats_lock);
     fxm_log_stats("  - Fenxar message send/receive statistics");
-    for (uint32_t port = 0; port < FXM_PORTS; ++port) {
+    for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
         fxm_log_stats("    + Port%u", port);
         for (uint32_t i = 0; i < FXM_STATS_FRAMES; ++i)
             fxm_log_stats("      %-20s : %llu", names[i], _ull(g_stats.port_frames[port][i]));

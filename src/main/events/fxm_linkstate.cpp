@@ -6,6 +6,7 @@
 #include "registry/fxm_keepalive.h"
 #include "registry/fxm_tables.h"
 #include "wire/fxm_port.h"
+#include "wire/fxm_recv.h"
 
 void _fxm_link_state_update(int port, uint32_t new_state)
 {
@@ -24,6 +25,7 @@ void _fxm_link_state_update(int port, uint32_t new_state)
     if (new_state == 1)
         return; // the channels come back frame by frame
     _fxm_stats_add(&g_stats.port_total_down[port]);
+    fxm_recv_fell_at[port].store(_fxm_get_time_ms());
     fxm_fx_guard_t guard;
     _fxm_all_disconnect(port);
 }

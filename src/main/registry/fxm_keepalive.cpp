@@ -21,7 +21,7 @@ template <typename Class> static void _report_disconnect(const char *func, const
 static bool _expire_channels(fxm_card_data_t *card, uint64_t now)
 {
     bool changed = false;
-    for (uint32_t port = 0; port < 2; ++port) {
+    for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
         for (uint32_t mac = 0; mac < 2; ++mac) {
             if (card->fcd_state[port][mac] != 0 &&
                 card->fcd_recvtime[port][mac] + g_config.devinfo_expire_time <= now) {

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "core/fxm_config.h"
 #include "platform/fxm_platform.h"
 
 // Filled when a port is opened, before any worker starts, and zero otherwise. pt_mac, pt_pcap and pt_if_index stay
@@ -20,7 +21,6 @@ struct fxm_port_t {
     uint32_t pt_if_index;
 };
 
-constexpr uint32_t FXM_PORT_NUM = 2;
 extern fxm_port_t fxm_ports[FXM_PORT_NUM];
 
 inline const char *_fxm_link_name(uint32_t link) { return link == 1 ? "UP" : "DOWN"; }
