@@ -76,7 +76,7 @@ static int _request(const fxm_card_data_t *card, uint32_t addr, uint32_t tag, ui
         int err = _fxm_send_regread(card, addr, tag, &mac, &port);
         if (err != 0)
             return err;
-        // Nothing stands between the send and the arming: an answer that overtakes it is lost.
+        // Nothing stands between the send and the arming, for an answer may overtake it.
         _fxm_set_comp_recv_wait(tag, mac, port);
         if (_fxm_sigwait_comp(tag, timeout) == EPROTO)
             return EPROTO;

@@ -29,7 +29,15 @@ static struct {
     uint32_t cmp_data[FXM_TAGS];
     uint32_t cmp_port[FXM_TAGS]; // the port that the Register Read left through
     uint32_t cmp_in_use[FXM_TAGS];
+    uint32_t cmp_early[FXM_PORT_NUM]; // 1 + the tag whose arming the port's receive thread waits for, 0 none
 } fxm_cmp_tbl;
+
+// A card may answer while the requester is still on its way from the send to the arming, most of all when the system
+// has woken the receiver of the frame in its place. Such an answer would be lost, and with it a whole time-out, so the
+// receive thread waits for the arming a moment: at most EARLY_LOOKS times 1 ms, on an event of its port. The events
+// are never made nor destroyed, since the receive threads are the only ones that wait on them.
+constexpr uint32_t EARLY_LOOKS = 3;
+static fxm_event_t early_armed[FXM_PORT_NUM];
 
 int _fxm_cmp_init()
 {
@@ -39,6 +47,7 @@ int _fxm_cmp_init()
     std::fill_n(fxm_cmp_tbl.cmp_state, FXM_TAGS, static_cast<uint32_t>(FXM_CMP_IDLE));
     std::fill_n(fxm_cmp_tbl.cmp_port, FXM_TAGS, 0u);
     std::fill_n(fxm_cmp_tbl.cmp_mac, FXM_TAGS, uint64_t{0});
+    std::fill_n(fxm_cmp_tbl.cmp_early, FXM_PORT_NUM, 0u);
     fxm_cmp_tbl.cmp_last_tag = g_config.tag_min;
 
     int err = _fxm_mutex_init_st(&fxm_cmp_tbl.cmp_lock);
@@ -105,6 +114,15 @@ int _fxm_get_tag(uint32_t *tag)
     return -1;
 }
 
+// Wakes a receive thread that waits for this slot to leave the state in which it was taken. Under cmp_lock.
+static void _wake_early(uint32_t tag)
+{
+    for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
+        if (fxm_cmp_tbl.cmp_early[port] == tag + 1)
+            _fxm_event_set(&early_armed[port]);
+    }
+}
+
 void _fxm_release_tag(uint32_t tag)
 {
     if (!_valid(__func__, tag))
@@ -113,6 +131,7 @@ void _fxm_release_tag(uint32_t tag)
     fxm_cmp_tbl.cmp_in_use[tag] = 0;
     fxm_cmp_tbl.cmp_state[tag] = FXM_CMP_IDLE;
     fxm_cmp_tbl.cmp_data[tag] = 0;
+    _wake_early(tag);
 }
 
 void _fxm_set_comp_recv_wait(uint32_t tag, uint64_t mac, uint32_t port)
@@ -125,6 +144,7 @@ void _fxm_set_comp_recv_wait(uint32_t tag, uint64_t mac, uint32_t port)
         fxm_cmp_tbl.cmp_state[tag] = FXM_CMP_WAIT;
     fxm_cmp_tbl.cmp_mac[tag] = mac;
     fxm_cmp_tbl.cmp_port[tag] = port;
+    _wake_early(tag);
 }
 
 int _fxm_sigwait_comp(uint32_t tag, uint32_t timeout)
@@ -174,8 +194,21 @@ static bool _accept(const char *func, uint32_t tag, uint32_t port, uint64_t mac,
     return true;
 }
 
+// Whether the slot is taken and not armed yet; if so the port's event tells when that changes.
+static bool _is_early(uint32_t tag, uint32_t port)
+{
+    fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
+    const bool early = fxm_cmp_tbl.cmp_in_use[tag] == 1 && fxm_cmp_tbl.cmp_state[tag] == FXM_CMP_IDLE;
+    fxm_cmp_tbl.cmp_early[port] = early ? tag + 1 : 0;
+    return early;
+}
+
 void _fxm_recv_comp(uint32_t tag, uint32_t port, uint64_t mac, uint32_t data)
 {
-    if (_valid(__func__, tag) && _accept(__func__, tag, port, mac, data))
+    if (!_valid(__func__, tag))
+        return;
+    for (uint32_t looks = 0; looks < EARLY_LOOKS && _is_early(tag, port); ++looks)
+        _fxm_event_timedwait(&early_armed[port], 1);
+    if (_accept(__func__, tag, port, mac, data))
         _fxm_event_set(&fxm_cmp_tbl.cmp_event[tag]);
 }
