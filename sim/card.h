@@ -16,9 +16,9 @@ using u16 = uint16_t;
 using u32 = uint32_t;
 using u64 = uint64_t;
 
-// A card's own MACs: bit 0 of the last byte tells the second of a 40G card from the first, whose number is the card's id.
+// Bit 0 of the last byte tells the second MAC of a 40G card from the first, whose number is the card's id.
 constexpr u64 MAC_SECOND = 1;
-constexpr u64 MAC_GROUP = 0x010000000000;
+constexpr u64 MAC_GROUP = 0x010000000000; // of many, in the first byte
 constexpr u64 MAC_LAST = 0xffffffffffff;
 
 constexpr unsigned PORTS = 2;

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -22,18 +21,16 @@ bool command_quit;
 
 static constexpr u64 COUNT_MAX = 1000000;
 
-// ------------------------------------------------------------------------------------------------------------- answers
-
 static const string _ok = "ok";
 
-static string _error(string_view what) { return "error: " + string(what); }
+static constexpr string_view _error_prefix = "error: ";
+
+static string _error(string_view what) { return string(_error_prefix) + string(what); }
 
 static string _bad(string_view word, string_view expected)
 {
     return _error(string(word) + ": expected " + string(expected));
 }
-
-// --------------------------------------------------------------------------------------------------------------- cards
 
 // The one card that a word names; without it the answer says why.
 static card_t *_one(string_view word, string &answer)
@@ -115,7 +112,7 @@ static string _fxsv(const words_t &words) { return _add(FXSV, words); }
 
 static string _fxio(const words_t &words) { return _add(FXIO, words); }
 
-// What a card announces and keeps, with a field changed, on trial: the fields are set on all cards named or on none.
+// Sets the fields on all cards named or on none: they are tried on a card of the same kind first.
 static string _set(const words_t &words)
 {
     string why;
@@ -204,9 +201,7 @@ static string _deaf(const words_t &words)
 
 static string _cards(const words_t &) { return "ok " + std::to_string(cards.size()); }
 
-// ----------------------------------------------------------------------------------------------- registers and records
-
-static string _word(u32 word) { return text_format("ok 0x%08" PRIx32, word); }
+static string _word(u32 word) { return "ok 0x" + text_of_hex(word, 8); }
 
 static string _reg(const words_t &words)
 {
@@ -261,16 +256,17 @@ static string _counts(const words_t &words)
     });
     if (answer != _ok)
         return answer;
-    return text_format("ok reads=%" PRIu64 " writes=%" PRIu64 " vlansets=%" PRIu64 " resets=%" PRIu64 " pages=%" PRIu64
-                       " announced=%" PRIu64 " foul=%" PRIu64,
-                       sum.reads, sum.writes, sum.vlansets, sum.resets, sum.pages, sum.announced, sum.foul);
+    return "ok reads=" + std::to_string(sum.reads) + " writes=" + std::to_string(sum.writes) +
+           " vlansets=" + std::to_string(sum.vlansets) + " resets=" + std::to_string(sum.resets) +
+           " pages=" + std::to_string(sum.pages) + " announced=" + std::to_string(sum.announced) +
+           " foul=" + std::to_string(sum.foul);
 }
 
 static string _reset_status(const words_t &words)
 {
     string answer;
     const card_t *card = _one(words[1], answer);
-    return card ? text_format("ok 0x%02x", card->reset_status) : answer;
+    return card ? "ok 0x" + text_of_hex(card->reset_status, 2) : answer;
 }
 
 static string _page(const words_t &words)
@@ -288,11 +284,9 @@ static string _page(const words_t &words)
         return _error("never written");
     answer = "ok ";
     for (u8 byte : page->second)
-        answer += text_format("%02x", byte);
+        answer += text_of_hex(byte, 2);
     return answer;
 }
-
-// --------------------------------------------------------------------------------------------------------- misbehaviour
 
 static constexpr string_view _fault_names[] = {"drop",      "late",  "twice",        "other-mac",  "other-port",
                                                "other-tag", "value", "ignore-write", "ignore-vlan"};
@@ -343,8 +337,6 @@ static string _heal(const words_t &words)
 {
     return _each(words[1], [](card_t &card) { card.faults.clear(); });
 }
-
-// --------------------------------------------------------------------------------------------------------------- EEPROM
 
 static string _eeprom(const words_t &words)
 {
@@ -413,8 +405,6 @@ static string _eeprom_fill(const words_t &words)
     });
 }
 
-// --------------------------------------------------------------------------------------------------------------- holder
-
 static string _holder(const words_t &words)
 {
     struct habit_t {
@@ -444,8 +434,6 @@ static string _holder(const words_t &words)
     }
     return _each(words[1], [&](card_t &card) { habit->begin(card, numbers); });
 }
-
-// ------------------------------------------------------------------------------------------------------------ commands
 
 static string _quit(const words_t &)
 {
@@ -503,6 +491,8 @@ static string _run(const words_t &words)
 
 string command_run(string_view line)
 {
+    if (line.size() > COMMAND_MAX)
+        return _error("the line is too long");
     const words_t words = text_words(line);
     if (words.empty())
         return _error("no command");
@@ -523,10 +513,14 @@ bool command_scenario(const char *path, string &why)
     for (unsigned number = 1; std::getline(file, line) && !command_quit; number++) {
         const words_t words = text_words(string_view(line).substr(0, line.find('#')));
         const string answer = words.empty() ? _ok : _run(words);
-        if (answer.starts_with("error: ")) {
-            why = text_format("%s:%u: ", path, number) + answer.substr(std::strlen("error: "));
+        if (answer.starts_with(_error_prefix)) {
+            why = string(path) + ":" + std::to_string(number) + ": " + answer.substr(_error_prefix.size());
             return false;
         }
+    }
+    if (file.bad()) { // a directory opens, but does not read
+        why = string(path) + ": cannot read it";
+        return false;
     }
     announce_waiting();
     return true;

@@ -6,6 +6,9 @@
 
 #include <string_view>
 
+// No line of commands is longer.
+constexpr size_t COMMAND_MAX = 65536;
+
 // Carries out one command and gives its answer, one line without its end: "ok", "ok ..." or "error: ...".
 std::string command_run(std::string_view line);
 

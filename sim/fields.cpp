@@ -98,6 +98,22 @@ static bool _set_bus(card_t &card, string_view value)
     return true;
 }
 
+static bool _set_generation(card_t &card, string_view value) { return _choice(value, {"1g", "40g"}, card.is_40g); }
+
+static bool _set_lock(card_t &card, string_view value) { return _choice(value, {"bit", "id"}, card.lock); }
+
+static bool _set_layout(card_t &card, string_view value) { return _choice(value, {"normal", "change"}, card.layout); }
+
+static bool _set_forms(card_t &card, string_view value)
+{
+    return _choice(value, {"both", "split", "plain"}, card.eeprom.forms);
+}
+
+static bool _set_engine(card_t &card, string_view value)
+{
+    return _choice(value, {"normal", "busy", "stuck", "refuse", "hang"}, card.eeprom.kind);
+}
+
 static bool _set_down(down_port_t &down, string_view value)
 {
     u64 mac = 0;
@@ -108,12 +124,11 @@ static bool _set_down(down_port_t &down, string_view value)
     return true;
 }
 
-// clang-format off
 static constexpr field_rule_t _rules[] = {
-    {"gen", OF_BOTH, "1g or 40g", [](card_t &c, string_view v) { return _choice(v, {"1g", "40g"}, c.is_40g); }},
+    {"gen", OF_BOTH, "1g or 40g", _set_generation},
     {"ports", OF_BOTH, "0, 1 or 0,1, and an interface for each of them", _set_ports},
     {"vlan", OF_BOTH, "0 to 4095", [](card_t &c, string_view v) { return _number(v, 4095, c.vlan); }},
-    {"layout", OF_BOTH, "normal or change", [](card_t &c, string_view v) { return _choice(v, {"normal", "change"}, c.layout); }},
+    {"layout", OF_BOTH, "normal or change", _set_layout},
     {"int", OF_BOTH, "two hexadecimal digits", [](card_t &c, string_view v) { return _hex(v, 2, c.sw[2]); }},
     {"flow", OF_BOTH, "two hexadecimal digits", [](card_t &c, string_view v) { return _hex(v, 2, c.flow); }},
     {"link", OF_BOTH, "two hexadecimal digits", [](card_t &c, string_view v) { return _hex(v, 2, c.link); }},
@@ -124,7 +139,8 @@ static constexpr field_rule_t _rules[] = {
     {"uidsw", OF_BOTH, "yes or no", [](card_t &c, string_view v) { return text_bool(v, c.uidsw); }},
     {"power", OF_BOTH, "yes or no", [](card_t &c, string_view v) { return text_bool(v, c.power); }},
     {"presence", OF_FXIO, "yes or no", [](card_t &c, string_view v) { return _flag(v, SW1_PRESENCE, c.sw[1]); }},
-    {"connected", OF_FXIO, "yes or no", [](card_t &c, string_view v) { return _flag(v, STATUS_CONNECTED, c.substate); }},
+    {"connected", OF_FXIO, "yes or no",
+     [](card_t &c, string_view v) { return _flag(v, STATUS_CONNECTED, c.substate); }},
     {"substate", OF_FXIO, "four hexadecimal digits", [](card_t &c, string_view v) { return _hex(v, 4, c.substate); }},
     {"server", OF_FXIO, "a MAC", [](card_t &c, string_view v) { return text_mac(v, c.server); }},
     {"vendor", OF_FXIO, "four hexadecimal digits", [](card_t &c, string_view v) { return _hex(v, 4, c.vendor); }},
@@ -134,12 +150,11 @@ static constexpr field_rule_t _rules[] = {
     {"fault0", OF_FXIO, "yes or no", [](card_t &c, string_view v) { return text_bool(v, c.fault0); }},
     {"fault1", OF_FXIO, "yes or no", [](card_t &c, string_view v) { return text_bool(v, c.fault1); }},
     {"bus", OF_FXSV, "P,S,B, each 0 to 255", _set_bus},
-    {"locktype", OF_BOTH, "bit or id", [](card_t &c, string_view v) { return _choice(v, {"bit", "id"}, c.lock); }},
-    {"forms", OF_BOTH, "both, split or plain", [](card_t &c, string_view v) { return _choice(v, {"both", "split", "plain"}, c.eeprom.forms); }},
-    {"engine", OF_BOTH, "normal, busy, stuck, refuse or hang", [](card_t &c, string_view v) { return _choice(v, {"normal", "busy", "stuck", "refuse", "hang"}, c.eeprom.kind); }},
+    {"locktype", OF_BOTH, "bit or id", _set_lock},
+    {"forms", OF_BOTH, "both, split or plain", _set_forms},
+    {"engine", OF_BOTH, "normal, busy, stuck, refuse or hang", _set_engine},
     {"looks", OF_BOTH, "a number", [](card_t &c, string_view v) { return _number(v, UINT32_MAX, c.eeprom.looks); }},
 };
-// clang-format on
 
 // downN and statusN.
 static bool _is_numbered(string_view name, string_view prefix, unsigned &n)

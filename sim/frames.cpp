@@ -14,7 +14,7 @@ struct field_t {
     order_t order;
 };
 
-// --------------------------------------------------------------------------------------------- header, two layouts
+// The header has two layouts, which differ in the order of the tag and the EtherType only.
 
 static constexpr field_t TO{0, 6, BE};
 static constexpr field_t FROM{6, 6, BE};
@@ -35,7 +35,7 @@ static constexpr u16 TCI_VLAN = 0x0fff;
 
 static constexpr field_t SUBTYPE{18, 1, BE};
 
-// ------------------------------------------------------------------------------------------------- DEVINFO, NOTIFY
+// DEVINFO and NOTIFY.
 
 enum : u8 { SUBTYPE_DEVINFO = 0x10, SUBTYPE_NOTIFY = 0x11, SUBTYPE_DEVINFO_40G = 0x18, SUBTYPE_NOTIFY_40G = 0x19 };
 
@@ -83,7 +83,7 @@ static constexpr field_t IO_MR{44, 2, BE}; // of a multi-root card only
 static constexpr size_t IO_END = 44;
 static constexpr size_t IO_END_MULTI_ROOT = 46;
 
-// ------------------------------------------------------------------------------------------------------ Completion
+// Completion: the answer to a Register Read.
 
 enum : u8 { SUBTYPE_COMPLETION = 0x20 };
 
@@ -91,7 +91,7 @@ static constexpr field_t COMPLETION_UNREAD_19{19, 4, BE};
 static constexpr field_t COMPLETION_TAG{23, 1, BE};
 static constexpr field_t COMPLETION_VALUE{24, 4, LE};
 
-// ------------------------------------------------------------------------------------------------ commands to a card
+// Commands to a card.
 
 enum : u8 { SUBTYPE_RESET = 0x30, SUBTYPE_VLAN = 0x80, SUBTYPE_WRITE = 0x90, SUBTYPE_READ = 0x91, SUBTYPE_PAGE = 0x92 };
 
@@ -109,8 +109,6 @@ static constexpr size_t ETHERNET_MIN = 60;
 // The encoded address has the lower 12 bits of a register's address in place and the upper 10 from bit 16 on.
 static constexpr u32 ENCODED_LOW = 0x00000fff;
 static constexpr u32 ENCODED_HIGH = 0x03ff0000;
-
-// -------------------------------------------------------------------------------------------------------------------
 
 static u64 _get(const u8 *frame, field_t field)
 {

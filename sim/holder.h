@@ -13,7 +13,8 @@ void holder_visit(card_t &card, u32 ms, u32 times);
 void holder_fight(card_t &card, u32 times);
 void holder_gone(card_t &card);
 
-// He watches the lock: called before a frame reads one of its registers, and after one has written there.
+// He watches the lock: called before a frame reads the register of the bit lock, and after one has written to a
+// register of either lock.
 void holder_sees_read(card_t &card);
 void holder_sees_write(card_t &card, bool managers_before, bool others_before);
 

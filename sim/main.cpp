@@ -8,6 +8,7 @@
 #include "timers.h"
 #include "wire.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -96,17 +97,18 @@ static sigset_t _catch_signals()
     return before;
 }
 
-static bool _say(const std::string &answer)
+static bool _say(std::string answer)
 {
+    // An error repeats a word of the command, whatever is in it, and must stay one line all the same.
+    std::replace_if(
+        answer.begin(), answer.end(), [](char c) { return c >= 0 && c < ' '; }, '?');
     return std::fputs((answer + "\n").c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
 }
-
-static constexpr size_t LINE_MAX_ = 65536;
 
 // What standard input has now; false at its end, on quit, and if nobody takes the answers.
 static bool _take_input(std::string &pending)
 {
-    static char chunk[LINE_MAX_];
+    char chunk[4096];
     const ssize_t got = read(STDIN_FILENO, chunk, sizeof chunk);
     if (got < 0 && (errno == EINTR || errno == EAGAIN))
         return true;
@@ -120,6 +122,9 @@ static bool _take_input(std::string &pending)
         if (!_say(command_run(std::string_view(pending).substr(begin, end - begin))))
             return false;
     pending.erase(0, begin);
+    // A line without an end must not grow for ever; cut off here, it is still too long for a command.
+    if (pending.size() > COMMAND_MAX + 1)
+        pending.resize(COMMAND_MAX + 1);
     return got > 0 && !command_quit;
 }
 
@@ -170,7 +175,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "fxmsim: %s\n", why.c_str());
         return FAILED;
     }
-    if (!command_quit && _say(text_format("ok ready, %zu cards", cards.size())))
+    if (!command_quit && _say("ok ready, " + std::to_string(cards.size()) + " cards"))
         _loop(while_waiting);
     return DONE;
 }

@@ -4,11 +4,10 @@
 #include "faults.h"
 #include "frames.h"
 #include "registers.h"
+#include "text.h"
 #include "timers.h"
 #include "wire.h"
 
-#include <cinttypes>
-#include <cstdio>
 #include <cstring>
 
 static bool _hears(const card_t &card, unsigned port, const command_t &command)
@@ -20,9 +19,7 @@ static void _record(card_t &card, char what, u32 address, u32 value)
 {
     if (!card.watching)
         return;
-    char line[40];
-    std::snprintf(line, sizeof line, " %c%" PRIx32 "=%08" PRIx32, what, address, value);
-    card.watched += line;
+    card.watched += std::string(" ") + what + text_of_hex(address, 1) + "=" + text_of_hex(value, 8);
 }
 
 static void _read(card_t &card, unsigned port, const command_t &command)

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-// ------------------------------------------------------------------------------------------------- register addresses
-
 struct engine_registers_t {
     u32 control, address, read_data, write_data;
 };
@@ -27,7 +25,7 @@ static u32 _stored(const card_t &card, u32 address)
     return found == card.registers.end() ? 0 : found->second;
 }
 
-// ------------------------------------------------------------------------------------------------------------- EEPROM
+// The engine of the EEPROM.
 
 static constexpr u32 COMMAND_START = 0x80000000;
 static constexpr u32 COMMAND_STORES = 0x00000002;
@@ -122,8 +120,6 @@ static void _engine_command(card_t &card, u32 command)
     eeprom.word = _stored(card, _engine(card).write_data);
 }
 
-// --------------------------------------------------------------------------------------------------------------- lock
-
 bool lock_has(const card_t &card, u32 holder)
 {
     if (card.lock == BIT_LOCK)
@@ -165,8 +161,6 @@ static void _arbiter_take_out(card_t &card, u32 holders)
 {
     std::erase_if(card.arbiter, [holders](u32 holder) { return (holder & holders) != 0; });
 }
-
-// ---------------------------------------------------------------------------------------------------------- registers
 
 static bool _is_arbiters(const card_t &card, u32 address)
 {
@@ -214,7 +208,7 @@ u32 register_read(card_t &card, u32 address)
 {
     if (address == _engine(card).control)
         _engine_look(card);
-    if (_is_locks(card, address))
+    if (card.lock == BIT_LOCK && address == REG_LOCK_BITS)
         holder_sees_read(card);
     return register_peek(card, address);
 }

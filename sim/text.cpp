@@ -1,10 +1,8 @@
 // Parsing and printing of single words.
 #include "text.h"
 
-#include <cctype>
+#include <algorithm>
 #include <charconv>
-#include <cstdarg>
-#include <cstdio>
 
 std::vector<std::string_view> text_words(std::string_view line)
 {
@@ -73,20 +71,18 @@ bool text_bool(std::string_view word, bool &value)
     return value || word == "no" || word == "0";
 }
 
-std::string text_of_mac(u64 mac)
+std::string text_of_hex(u64 number, unsigned digits)
 {
     std::string text;
-    for (int shift = 40; shift >= 0; shift -= 8)
-        text += text_format("%s%02x", text.empty() ? "" : ":", static_cast<unsigned>(mac >> shift & 0xff));
+    for (; number != 0 || text.size() < digits; number >>= 4)
+        text.insert(text.begin(), "0123456789abcdef"[number & 0xf]);
     return text;
 }
 
-std::string text_format(const char *format, ...)
+std::string text_of_mac(u64 mac)
 {
-    va_list list;
-    va_start(list, format);
-    char text[256];
-    std::vsnprintf(text, sizeof text, format, list);
-    va_end(list);
+    std::string text = text_of_hex(mac, 12);
+    for (int colon = 10; colon > 0; colon -= 2)
+        text.insert(text.begin() + colon, ':');
     return text;
 }

@@ -12,9 +12,7 @@ bool text_number(std::string_view word, u64 max, u64 &number);    // decimal, or
 bool text_hex(std::string_view word, size_t digits, u64 &number); // so many digits at most, 0x or not
 bool text_mac(std::string_view word, u64 &mac);                   // with colons or without
 bool text_bool(std::string_view word, bool &value);               // yes, no, 1, 0
+std::string text_of_hex(u64 number, unsigned digits);             // so many at least
 std::string text_of_mac(u64 mac);
-
-// printf into a string.
-[[gnu::format(printf, 1, 2)]] std::string text_format(const char *format, ...);
 
 #endif

@@ -1,5 +1,5 @@
-// Packet sockets. The kernel takes the VLAN tag out of a received frame and hands it over beside the data, to sockets of
-// all EtherTypes only: one that is bound to the fabric's EtherType would get its frames without any trace of their tag.
+// Packet sockets. The kernel takes the VLAN tag out of a received frame and hands it over beside the data, but only to
+// sockets of all EtherTypes: one bound to the fabric's EtherType would get its frames without any trace of their tag.
 #include "wire.h"
 #include "frames.h"
 
@@ -149,9 +149,9 @@ static void _retag(msghdr &header, u8 *&frame, size_t &size)
 void wire_receive(unsigned port, void (*take)(unsigned port, const u8 *frame, size_t size))
 {
     struct in_t {
-        u8 frame[TAG + RECEIVE_ROOM];
         alignas(cmsghdr) u8 control[CMSG_SPACE(sizeof(tpacket_auxdata))];
         sockaddr_ll from;
+        u8 frame[TAG + RECEIVE_ROOM];
     };
     static in_t in[TAKE];
     iovec part[TAKE];
