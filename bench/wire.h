@@ -9,19 +9,13 @@
 #include <cstdint>
 #include <vector>
 
-// Makes a veth pair and waits for its link.
-void lay_cable(const char *near, const char *far);
+void lay_cable(const char *near, const char *far); // a veth pair, linked
 void set_link(const char *interface, bool up);
-
-// A raw socket that takes in this EtherType, or with 0 only sends.
-int open_wire(const char *interface, uint16_t ether_type);
+int open_wire(const char *interface, uint16_t ether_type); // a raw socket that takes in this EtherType; with 0 nothing
 void send_frame(int fd, const std::vector<uint8_t> &frame);
-
-// ------------------------------------------------------------------------------------------------------ announcements
 
 constexpr size_t AT_FLOW_ID = 20;
 constexpr size_t AT_LINK_STATUS = 24;
-
 constexpr uint64_t FIRST_FXSV = 0x020000100000;
 constexpr uint64_t FIRST_FXIO = 0x020000200000;
 
@@ -33,25 +27,22 @@ struct announcements_t {
     explicit announcements_t(size_t cards);
     announcements_t(const announcements_t &) = delete;
     announcements_t &operator=(const announcements_t &) = delete;
-    void send(int fd); // all of them; the kernel may drop some
+    void send(int fd); // all of them; the kernel may lose some
+    uint64_t last_id;  // the card of the last frame, an FXIO card
     std::vector<std::vector<uint8_t>> frame;
     std::vector<iovec> part;
     std::vector<mmsghdr> message;
 };
 
-// -------------------------------------------------------------------------------------------------- bare round trips
-
-// A process at the far end of a cable of its own that sends back each frame of 60 bytes: poll, receive, send.
+// A process at the far end of a cable of its own that sends frames of 60 bytes back: poll, receive, send.
 struct bare_t {
     bare_t(); // before the library runs
     ~bare_t();
     bare_t(const bare_t &) = delete;
     bare_t &operator=(const bare_t &) = delete;
-
     static constexpr size_t LANES = 16;
     void round_trip(size_t lane) const; // one thread for each lane
     void one_way() const;               // a frame that is taken in and not sent back
-
     int fd[LANES];
     int far_id;
 };

@@ -49,7 +49,8 @@ static bool poll_until(const std::function<bool()> &done)
 
 bool wait_for(const std::function<bool()> &done, const std::string &what, const std::function<std::string()> &seen)
 {
-    if (poll_until(done))
+    // After a fatal failure, say of the start, nothing more will come.
+    if (testing::Test::HasFatalFailure() ? done() : poll_until(done))
         return true;
     ADD_FAILURE() << "waited in vain for: " << what << (seen ? "\nseen:\n" + seen() : "");
     return false;
@@ -414,13 +415,13 @@ static bool is_running(const std::string &interface)
 }
 
 // A change that the kernel tells to whoever watches interfaces.
-static void set_queue_length(const std::string &interface, uint32_t length)
+static void set_mtu(const std::string &interface, int mtu)
 {
     ifreq request{};
     interface.copy(request.ifr_name, sizeof(request.ifr_name) - 1);
-    request.ifr_qlen = static_cast<int>(length);
+    request.ifr_mtu = mtu;
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(ioctl(fd, SIOCSIFTXQLEN, &request), 0) << strerror(errno);
+    EXPECT_EQ(ioctl(fd, SIOCSIFMTU, &request), 0) << strerror(errno);
     close(fd);
 }
 
@@ -507,12 +508,12 @@ int fabric_t::stop()
 {
     EXPECT_TRUE(manager.started());
     EXPECT_EQ(fxm_fini_manager(), FXM_API_SUCCESS);
-    for (uint32_t queue_length = 1000; !manager.returned() && queue_length < 4000; ++queue_length) {
+    for (int mtu = 60000; !manager.returned() && mtu < 65000; ++mtu) {
         for (const int port : {0, 1}) {
             if (is_running("card" + std::to_string(port)))
                 send_fence(port);
         }
-        set_queue_length("lo", queue_length);
+        set_mtu("lo", mtu);
         std::this_thread::sleep_for(1ms);
     }
     return manager.result();
@@ -641,7 +642,8 @@ void fabric_t::stop_cards()
     close(sim_in); // the end of its input is its end
     int status = 0;
     const auto ended = [&] { return waitpid(sim, &status, WNOHANG) == sim; };
-    if (!wait_for(ended, "fxmsim to end")) {
+    if (!poll_until(ended)) {
+        ADD_FAILURE() << "fxmsim does not end";
         kill(sim, SIGKILL);
         waitpid(sim, &status, 0);
     }

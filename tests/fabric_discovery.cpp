@@ -888,7 +888,8 @@ TEST_F(discovery, a_card_put_back_into_monitoring_is_as_its_next_frame_shows_it)
         EXPECT_EQ(fxm_restart_monitor(id), FXM_API_SUCCESS);
     }
     EXPECT_TRUE(has_line(dump(), "    0x020000001000  100 1/10G   1    CDCD  RESTART    NORMAL"));
-    ASSERT_EQ(events().size(), 6u) << "putting back raises nothing by itself";
+    std::vector<event_t> all = events();
+    ASSERT_EQ(all.size(), 6u) << "putting back raises nothing by itself";
 
     const uint64_t sent = now_ms();
     fxsv_frame[27] = 0x01;
@@ -896,7 +897,6 @@ TEST_F(discovery, a_card_put_back_into_monitoring_is_as_its_next_frame_shows_it)
     io_frame[29] = 0x02;
     wire[1]->send(fxsv_frame);
     wire[1]->send(io_frame);
-    std::vector<event_t> all = events();
     for (const auto &more :
          {events_of(FXSV_1G, {FXM_EVT_UPDATEDEVINFO, FXM_EVT_MAJORMINORERROR, FXM_EVT_CHANNELSTATECHANGE}),
           events_of(FXIO, {FXM_EVT_UPDATEDEVINFO, FXM_EVT_CONNECTIONCHANGE, FXM_EVT_PATHSTATECHANGE,
@@ -1037,7 +1037,24 @@ TEST_F(discovery, registrations_that_cannot_be_are_refused)
     EXPECT_EQ(fxm_unregister_callback(stale), FXM_API_EINVAL);
 }
 
-TEST_F(discovery, no_call_comes_through_a_registration_that_has_been_ended)
+// What a registration counts; called on the library's event thread.
+struct tally_t {
+    std::atomic<uint32_t> calls = 0;
+    std::atomic<bool> ended = false;
+    std::atomic<uint32_t> late = 0; // times that a call has seen itself ended
+};
+
+void count_call(uint64_t, int32_t, uint64_t arg)
+{
+    auto *tally = reinterpret_cast<tally_t *>(arg);
+    tally->calls += 1;
+    for (int i = 0; i < 20; ++i) { // long enough to be met by the end of the registration
+        std::this_thread::yield();
+        tally->late += tally->ended ? 1 : 0;
+    }
+}
+
+TEST_F(discovery, no_call_is_under_way_through_a_registration_that_has_been_ended)
 {
     run(FXM_LOG_INFO);
     std::atomic<bool> stopping = false;
@@ -1046,24 +1063,18 @@ TEST_F(discovery, no_call_comes_through_a_registration_that_has_been_ended)
         while (!stopping) {
             frame[20] = static_cast<uint8_t>(frame[20] + 1);
             wire[0]->send(frame);
+            std::this_thread::yield();
         }
     });
-    // Each lives on the stack of this thread only until its registration is ended.
-    std::atomic<uint32_t> calls = 0;
-    const auto count = [](uint64_t, int32_t, uint64_t arg) {
-        auto *alive = reinterpret_cast<std::atomic<uint32_t> **>(arg);
-        **alive += 1;
-    };
-    for (int i = 0; i < 200; ++i) {
-        auto *target = &calls;
+    std::vector<tally_t> tallies(200);
+    for (tally_t &tally : tallies) {
         void *handle = nullptr;
-        const uint32_t before = calls;
-        ASSERT_EQ(fxm_register_callback(FXM_EVT_UPDATEDEVINFO, count, reinterpret_cast<uintptr_t>(&target), &handle),
-                  FXM_API_SUCCESS);
-        if (i % 20 == 0)
-            wait_for([&] { return calls > before; }, "a call", [&] { return log.tail(); });
+        ASSERT_EQ(
+            fxm_register_callback(FXM_EVT_UPDATEDEVINFO, count_call, reinterpret_cast<uintptr_t>(&tally), &handle),
+            FXM_API_SUCCESS);
+        EXPECT_TRUE(wait_for([&] { return tally.calls > 0; }, "a call", [&] { return log.tail(); }));
         EXPECT_EQ(fxm_unregister_callback(handle), FXM_API_SUCCESS);
-        target = nullptr; // a call after this ends the test program
+        tally.ended = true;
     }
     stopping = true;
     traffic.join();
@@ -1074,6 +1085,8 @@ TEST_F(discovery, no_call_comes_through_a_registration_that_has_been_ended)
             return calls.size() == 2 && calls[0].substr(20) == calls[1].substr(20);
         },
         "as many calls to have returned as were made");
+    for (const tally_t &tally : tallies)
+        EXPECT_EQ(tally.late, 0u);
 }
 
 // ---------------------------------------------------------------------------------------------------------- counters

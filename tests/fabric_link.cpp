@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <regex>
 #include <sstream>
 #include <tuple>
 #include <utility>
@@ -492,8 +491,10 @@ TEST_F(fabric_t, dump_shows_known_cards_word_for_word)
 
     for (const bool verbose : {false, true}) {
         dump_t told = dump(verbose ? 1 : 0);
-        const std::regex header(R"(\*\*\* \d{4}-\d\d-\d\d \d\d:\d\d:\d\d fxm status dump \(v[01]\))");
-        EXPECT_TRUE(std::regex_match(told[0], header) && told[0].ends_with(verbose ? "(v1)" : "(v0)")) << told[0];
+        EXPECT_TRUE(told[0].ends_with(verbose ? "(v1)" : "(v0)")) << told[0];
+        std::replace_if(
+            told[0].begin(), told[0].end(), [](char c) { return c >= '0' && c <= '9'; }, '#');
+        EXPECT_EQ(told[0], "*** ####-##-## ##:##:## fxm status dump (v#)");
 
         std::string accounts;
         std::string in_use;
@@ -574,9 +575,10 @@ TEST_F(fabric_t, dumps_stay_whole_and_nothing_hangs_while_everything_goes_on)
 
     std::atomic<int> running{8};
     std::vector<std::thread> threads;
-    const auto go = [&](int rounds, const std::function<void(int)> &round) {
-        threads.emplace_back([&running, rounds, round] {
-            for (int i = 0; i < rounds; ++i)
+    std::atomic<int> dumps{40};
+    const auto go = [&](const std::function<void(uint32_t)> &round) {
+        threads.emplace_back([&dumps, &running, round] {
+            for (uint32_t i = 0; dumps > 0; ++i)
                 round(i);
             --running;
         });
@@ -591,14 +593,14 @@ TEST_F(fabric_t, dumps_stay_whole_and_nothing_hangs_while_everything_goes_on)
     uint64_t *ids = nullptr;
     uint32_t count = 0;
     uint32_t value = 0;
-    go(40, [&](int) { good(fxm_stdump(1)); });
-    go(200, [&](int) { good(fxm_read_register(FXSV_40G, 0x10, &value, nullptr, 0)); });
-    go(200, [&](int i) { good(fxm_modify_register(FXSV_40G, 0x20, i & 1 ? 1 : 0, 1, nullptr, FXM_FLAG_VERIFY)); });
-    go(200, [&](int) { on_and_off(FXM_EVT_UPDATEDEVINFO); });
-    go(200, [&](int) { on_and_off(FXM_EVT_NEWDEVINFO); });
-    go(200, [&](int) { good(fxm_stop_monitor(FXSV_1G)), good(fxm_restart_monitor(FXSV_1G)); });
-    go(200, [&](int) { fxm_delete_fxsv(FXSV_1G + 2), fxm_delete_fxio(FXIO); });
-    go(200, [&](int) { good(fxm_get_fxsvids(&ids, &(count = 0))), good(fxm_free_idlist(ids)); });
+    go([&](uint32_t) { good(fxm_stdump(1)), --dumps; });
+    go([&](uint32_t) { good(fxm_read_register(FXSV_40G, 0x10, &value, nullptr, 0)); });
+    go([&](uint32_t i) { good(fxm_modify_register(FXSV_40G, 0x20, i, 1, nullptr, FXM_FLAG_VERIFY)); });
+    go([&](uint32_t) { on_and_off(FXM_EVT_UPDATEDEVINFO); });
+    go([&](uint32_t) { on_and_off(FXM_EVT_NEWDEVINFO); });
+    go([&](uint32_t) { good(fxm_stop_monitor(FXSV_1G)), good(fxm_restart_monitor(FXSV_1G)); });
+    go([&](uint32_t) { fxm_delete_fxsv(FXSV_1G + 2), fxm_delete_fxio(FXIO); });
+    go([&](uint32_t) { good(fxm_get_fxsvids(&ids, &(count = 0))), good(fxm_free_idlist(ids)); });
     if (!wait_for([&] { return running == 0; }, "eight threads to end", [&] { return to_string(running); }))
         abort(); // there is no way on without them
     for (std::thread &thread : threads)

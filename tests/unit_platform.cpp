@@ -17,6 +17,7 @@
 #include "events/fxm_linkstate.h"
 #include "fxm_log4cxxif.h"
 #include "platform/fxm_platform.h"
+#include "registry/fxm_devinfo.h"
 #include "registry/fxm_keepalive.h"
 #include "registry/fxm_tables.h"
 #include "wire/fxm_port.h"
@@ -302,6 +303,51 @@ TEST_F(platform_stand_in, clock_steps_expire_channels_early_or_late_and_break_no
     for (int pass = 1; pass <= 5; ++pass)
         EXPECT_EQ(state_at(900000), 1u) << "restarted, pass " << pass;
     EXPECT_EQ(state_at(900000), 0u) << "restarted and silent, sixth pass";
+    _fxm_event_cb_fini();
+    _fxm_fx_fini();
+}
+
+TEST_F(platform_stand_in, clock_that_jumps_costs_channels_only_until_their_next_frames)
+{
+    ASSERT_EQ(_fxm_fx_init(), 0);
+    ASSERT_EQ(_fxm_event_cb_init(), 0);
+    fxm_platform.wall_clock_ms = [] { return clock_now; };
+    fxm_fxsv_t card;
+    memset(&card, 0, sizeof(card));
+    card.fsv_card.fcd_id = 0x10;
+    {
+        fxm_fx_guard_t guard;
+        ASSERT_EQ(_fxm_set_fxsv(0x10, &card, FXM_WATCH, FXM_TBL_ALL), 0);
+    }
+    const auto hear_on_all_channels = [](uint64_t now) {
+        clock_now = now;
+        // 6 source; 12 TPID, TCI, EtherType; 18 40G DEVINFO; 21 ver 1
+        uint8_t frame[496] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x81, 0, 0x80, 0x64, 0x88, 0xb6, 0x18, 0, 0, 1};
+        for (const uint32_t port : {0u, 1u}) {
+            for (const int source : {0x10, 0x11}) {
+                frame[11] = static_cast<uint8_t>(source);
+                EXPECT_EQ(_fxm_recv_devinfo(port, frame, 0), 0);
+            }
+        }
+    };
+    const auto channels_up = [](uint64_t now) {
+        clock_now = now;
+        fxm_fx_guard_t guard;
+        _devinfo_keepalive_check();
+        fxm_fxsv_t seen;
+        EXPECT_EQ(_fxm_get_fxsv(0x10, &seen, nullptr, FXM_TBL_RECORD), 0);
+        const auto &state = seen.fsv_card.fcd_state;
+        return state[0][0] + state[0][1] + state[1][0] + state[1][1];
+    };
+    hear_on_all_channels(1000000);
+    EXPECT_EQ(channels_up(1004999), 4u);
+    EXPECT_EQ(channels_up(4600000), 0u) << "an hour ahead";
+    hear_on_all_channels(4600000);
+    EXPECT_EQ(channels_up(4604999), 4u) << "ahead, and heard since";
+    EXPECT_EQ(channels_up(1010000), 4u) << "an hour back";
+    hear_on_all_channels(1010000);
+    EXPECT_EQ(channels_up(1014999), 4u) << "back, and heard since";
+    EXPECT_EQ(channels_up(1015000), 0u) << "back, heard since, and silent then";
     _fxm_event_cb_fini();
     _fxm_fx_fini();
 }
