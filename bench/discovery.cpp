@@ -91,24 +91,22 @@ struct flood_t {
     double seconds = 0, cpu_ns = 0, sent = 0, received = 0;
 };
 
-static void set_policy(int policy)
-{
-    const sched_param none{};
-    if (sched_setscheduler(0, policy, &none) != 0)
-        fail("cannot change the scheduling: %s", strerror(errno));
-}
-
-// Starts a receiver's threads so that they run as the kind of flood asks for.
+// Starts a receiver's threads so that they run as the kind of flood asks for: they inherit it from a thread that ends,
+// since an ordinary user's thread does not get back out of SCHED_IDLE.
 static void start_receiver(flood_kind_t kind, const std::function<void()> &start)
 {
-    hold_to_cpu(kind == FULL_SPEED ? 1 : 0);
-    set_policy(kind == FULL_SPEED ? SCHED_OTHER : SCHED_IDLE);
-    start();
-    set_policy(SCHED_OTHER);
+    const auto run = [&] {
+        const sched_param none{};
+        hold_to_cpu(kind == FULL_SPEED ? 1 : 0);
+        if (kind == BURSTS && sched_setscheduler(0, SCHED_IDLE, &none) != 0)
+            fail("no SCHED_IDLE: %s", strerror(errno));
+        start();
+    };
+    std::thread(run).join();
     hold_to_cpu(0);
 }
 
-// Sends every card's frame `rounds` times and adds what came of it. The CPU time is that of all threads but this one.
+// Sends every card's frame over and over and adds what came of it. The CPU time is that of all threads but this one.
 static void flood(flood_kind_t kind, announcements_t *cards, int wire, const std::function<bool()> &fence_seen,
                   const std::function<uint64_t()> &received, flood_t *total)
 {

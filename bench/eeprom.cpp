@@ -18,7 +18,7 @@ static void measure_costs(const bare_t &bare, costs_t *costs)
     for (size_t i = 0; i < full_or_quick(500, 100); ++i) {
         time_each(
             1, 1, [&](size_t) { bare.round_trip(0); }, &costs->round_trip);
-        // The far end deals with a write while nobody waits for it: what counts is how much later the next answer comes.
+        // The far end deals with a write while nobody waits for it: what counts is how it delays the next answer.
         const auto write_first = [&](size_t) {
             bare.one_way();
             bare.round_trip(0);

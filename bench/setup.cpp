@@ -51,8 +51,8 @@ static void write_file(const fs::path &path, const std::string &text) { std::ofs
 
 static void make_installation()
 {
-    char name[] = "/tmp/fxm-bench-XXXXXX";
-    if (mkdtemp(name) == nullptr)
+    std::string name = fs::temp_directory_path() / "fxm-bench-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr)
         fail("cannot make a directory: %s", strerror(errno));
     program.dir = name;
     fs::create_directory(program.dir / "conf");

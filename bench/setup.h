@@ -38,7 +38,7 @@ void time_each(size_t threads, size_t times, const std::function<void(size_t)> &
 // Polls without a pause until `done` holds; fails after half a minute.
 void wait_until(const std::function<bool()> &done, const char *what);
 
-// Holds the calling thread, and the threads and children that it makes from then on, to the first or second CPU of those
+// Holds the calling thread, and the threads and children that it makes from then on, to the first or second of the CPUs
 // that the program was given (to the only one if there is one), or gives it back all.
 void hold_to_cpu(int number);
 void release_cpus();

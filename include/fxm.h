@@ -45,8 +45,9 @@
  * nor other callers. No lock that a host could meet is held during a callback, except that fxm_register_callback and
  * fxm_unregister_callback for the same kind of event wait on other threads until the event has been delivered.
  *
- * "Does not block" below means: no longer than the library holds its table lock, which is well under a millisecond for
- * fabrics of some thousand cards. Operations on a card block as long as their retries take; each says how long.
+ * "Does not block" below means: no longer than the library holds its table lock: well under a millisecond for fabrics of
+ * some thousand cards, some milliseconds when all of them go down at once, and for a status dump the writing of its
+ * card section. Operations on a card block as long as their retries take; each says how long.
  * A stop ends every call in flight with FXM_API_ENOSYS within about 100 ms, whatever its own waits are.
  *
  * Memory

@@ -396,7 +396,7 @@ TEST_F(fabric_t, flapping_link_ends_in_its_last_state_with_every_event_told_once
     EXPECT_EQ(part(told, "  - Event statistics", "  - Fenxar message send/receive statistics"),
               "  - Event statistics\n" + fields(EVENTS, "4|" + times + "|0|0|0|" + times) + " \n");
     size_t falls[2] = {};
-    for (const size_t port : {0, 1}) {
+    for (const size_t port : {0u, 1u}) {
         falls[port] = log.count(LINK + link_line(to_string(port), "UP->DOWN"));
         EXPECT_EQ(log.count(LINK + link_line(to_string(port), "DOWN->UP")), falls[port]);
         EXPECT_EQ(sys_log.count(link_line(to_string(port), "UP->DOWN")), falls[port]);

@@ -1,7 +1,6 @@
 // Commands to cards: what each operation puts on the wire, what an answer must be to count, and what becomes of calls
 // when cards are silent, links fall, everybody calls at once, or the library stops.
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <future>
 #include <map>
@@ -12,7 +11,6 @@
 
 // The card of most tests: multi-root and with two MACs, so that each kind of frame can go to it, by any channel.
 constexpr uint64_t CARD = FXIO_MR;
-constexpr uint64_t NOBODY = 0x0200000000fe;
 // A card at each port. A Reset to it shows that all frames sent before have come.
 constexpr uint64_t MARK[2] = {0x02000000ee00, 0x02000000ee02};
 constexpr uint8_t MARK_STATUS = 0xee;
@@ -31,16 +29,9 @@ const fxm_retry_param_t ONCE = {0, 1};
 const fxm_retry_param_t THRICE = {2, 200};
 const fxm_retry_param_t ANSWERED = {50, 500};    // an answer comes, to a repeat if it overtook the wait for it
 const fxm_retry_param_t FOR_EVER = {0, 3600000}; // longer than a test
+static const std::string LIVECHECK = "frame_retry_interval_livecheck = 150\nframe_retry_count_livecheck = 2\n";
 
-static const std::string WRONG_PORT = "TRACE _fxm_recv_comp: Completion frame is received from the port which isn't "
-                                      "used by sending Register Read frame.";
-static const std::string WRONG_MAC = "TRACE _fxm_recv_comp: The MAC address which isn't used by sending Register Read "
-                                     "frame received set Completion frame.";
-static const std::string NO_TAG = "ERROR _fxm_get_tag: Can't get a tag value, because all tags are used.";
-static const std::string SECOND_WRITE_IN = "INFO fxm_write_register: (IN). id=0x020000002100, addr=0x00001234, "
-                                           "data=0x00000002, retry_param=NULL, flags=0x00000000";
-
-// ------------------------------------------------------------------------------------------------ frames to the card
+// ------------------------------------------------------------------------------------------------------------- frames
 
 using frames_t = std::vector<frame_t>;
 
@@ -50,74 +41,51 @@ static void put(frame_t *frame, size_t offset, std::string_view digits)
     std::copy(bytes.begin(), bytes.end(), frame->begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
-static void put_le32(frame_t *frame, size_t offset, uint32_t value)
-{
-    for (size_t i = 0; i < 4; ++i)
-        (*frame)[offset + i] = static_cast<uint8_t>(value >> (8 * i));
-}
-
 // By P0M0, in the tagged layout.
-static frame_t to_card(std::string_view from_18)
+static frame_t to_card(const std::string &from_18)
 {
     frame_t frame = hex("02 00 00 00 21 00" //  0 destination: MAC 0 of the card
                         "02 00 00 00 aa 00" //  6 source: port 0
                         "81 00 8a bc"       // 12 TPID; TCI: priority 4, VLAN 0xabc
-                        "88 b6");           // 16 EtherType
+                        "88 b6" +           // 16 EtherType
+                        from_18);
     frame.resize(60);
-    put(&frame, 18, from_18);
     return frame;
 }
 
-static frame_t read_frame(uint8_t tag)
+// Of register 0x1234: bits 21..12 stand four higher on the wire.
+static frame_t read_frame(uint8_t tag, const std::string &address = "00 01 02 34")
 {
-    frame_t frame = to_card("91 ff ff 00 00 00" // 18 Register Read; 23 tag
-                            "00 01 02 34");     // 24 register 0x1234: bits 21..12 stand four higher
+    frame_t frame = to_card("91 ff ff 00 00 00" + // 18 Register Read; 23 tag
+                            address);             // 24
     frame[23] = tag;
     return frame;
 }
 
-static frame_t probe_frame(uint8_t tag)
+static frame_t probe_frame(uint8_t tag) { return read_frame(tag, "00 00 00 00"); }
+
+static frame_t write_frame(const std::string &value)
 {
-    frame_t frame = read_frame(tag);
-    put(&frame, 24, "00 00 00 00"); // register 0
-    return frame;
+    return to_card("90 ff ff 00 00 00" // 18 Register Write
+                   "00 01 02 34" +     // 24 register 0x1234
+                   value);             // 28 least significant byte first
 }
 
-static frame_t write_frame(uint32_t value)
-{
-    frame_t frame = to_card("90 ff ff 00 00 00" // 18 Register Write
-                            "00 01 02 34");     // 24 register 0x1234
-    put_le32(&frame, 28, value);
-    return frame;
-}
-
-static frame_t vlan_frame()
-{
-    return to_card("80 ff ff 00 00 00" // 18 VLAN set
-                   "0f fe");           // 24 VLAN 4094
-}
-
-static frame_t reset_frame()
-{
+static const frame_t VLAN_SET = to_card("80 ff ff 00 00 00" // 18 VLAN set
+                                        "0f fe");           // 24 VLAN 4094
+static const frame_t RESET = [] {
     frame_t frame = to_card("30 ff ff 00 00 5a"); // 18 Reset; 23 status
-    put(&frame, 0, "03 00 ff ff ff ff");          // everybody
+    put(&frame, 0, "03 11 22 33 44 55");          // as configured
     return frame;
-}
-
-static frame_t page_frame()
-{
+}();
+static const frame_t PAGE = [] {
     frame_t frame = to_card("92 ff ff 00 00 00" // 18 MMS page
                             "00 00 03 ff");     // 24 page 1023
     frame.resize(156);
     for (size_t i = 28; i < 156; ++i) // the page: e4 e5 .. ff 00 .. 63
         frame[i] = static_cast<uint8_t>(i + 200);
     return frame;
-}
-
-static int write_page(uint64_t id, uint32_t page, uint32_t flags)
-{
-    return fxm_write_mmspage(id, page, page_frame().data() + 28, flags);
-}
+}();
 
 // Channels are numbered in the order of their choice: P0M0, P0M1, P1M0, P1M1.
 static frame_t by_channel(int channel, frame_t frame)
@@ -143,8 +111,6 @@ static frames_t probes(const std::vector<int> &channels, uint8_t tag)
     return frames;
 }
 
-// ------------------------------------------------------------------------------------------------- frames of the card
-
 static frame_t announcement(int channel)
 {
     frame_t frame = from(CARD + static_cast<uint64_t>(channel % 2), fxio_mr_frame());
@@ -159,19 +125,14 @@ static frame_t completion(const frame_t &request, uint32_t value)
     frame_t frame = request;                                           // its layout, VLAN and tag
     std::rotate(frame.begin(), frame.begin() + 6, frame.begin() + 12); // back from where it went
     put(&frame, 18, "20 00 00 00 00");                                 // 18 Completion; 23 tag
-    put_le32(&frame, 24, value);
+    for (size_t i = 0; i < 4; ++i)
+        frame[24 + i] = static_cast<uint8_t>(value >> (8 * i));
     return frame;
 }
 
 // What the card says to a Register Read; without a value it stays silent.
 using answer_t = std::function<std::optional<uint32_t>(const frame_t &request)>;
-
-static answer_t zero_on_channel(int channel)
-{
-    return [=](const frame_t &request) {
-        return request[11] * 2 + request[5] == channel ? std::optional(0u) : std::nullopt;
-    };
-}
+static const answer_t ZERO = [](const frame_t &) { return 0u; };
 
 // ------------------------------------------------------------------------------------------------------------- calls
 
@@ -194,9 +155,13 @@ static int result_of(call_t &running)
 
 static int read_reg(uint64_t id, retry_t retry, uint32_t flags = 0)
 {
-    uint32_t value = 0;
-    return fxm_read_register(id, REG, &value, retry, flags);
+    uint32_t value = 0x5a5a5a5a;
+    const int result = fxm_read_register(id, REG, &value, retry, flags);
+    EXPECT_TRUE(result == OK || value == 0x5a5a5a5a) << "a failed read gives " << value;
+    return result;
 }
+
+static int read_live() { return read_reg(CARD, &ANSWERED, LIVE); }
 
 static int dump_reg(uint64_t id, retry_t retry, uint32_t flags)
 {
@@ -205,54 +170,34 @@ static int dump_reg(uint64_t id, retry_t retry, uint32_t flags)
     return fxm_dump_register(id, REG, REG + 4, &value, &size, retry, flags);
 }
 
+static int write_page(uint64_t id, uint32_t page, uint32_t flags)
+{
+    return fxm_write_mmspage(id, page, PAGE.data() + 28, flags);
+}
+
+// How to call an operation.
+struct how_t {
+    uint64_t id;
+    retry_t retry;
+    uint32_t flags;
+};
+
 static const struct operation_t {
     std::string name;
-    std::function<int(uint64_t id, retry_t retry, uint32_t flags)> call;
+    std::function<int(how_t)> call;
     std::string arguments; // in the log
-    bool checks_retry;
 } OPERATIONS[] = {
-    {"fxm_read_register", read_reg, "addr=0x00001234, ", true},
-    {"fxm_dump_register", dump_reg, "startaddr=0x00001234, endaddr=0x00001238, ", true},
-    {"fxm_write_register",
-     [](uint64_t id, retry_t retry, uint32_t flags) { return fxm_write_register(id, REG, 7, retry, flags); },
-     "addr=0x00001234, data=0x00000007, ", true},
-    {"fxm_modify_register",
-     [](uint64_t id, retry_t retry, uint32_t flags) { return fxm_modify_register(id, REG, 0xa, 0xf, retry, flags); },
-     "addr=0x00001234, data=0x0000000A, mask=0x0000000F, ", true},
-    {"fxm_set_vlanid",
-     [](uint64_t id, retry_t retry, uint32_t flags) { return fxm_set_vlanid(id, 4094, retry, flags); }, "vlanid=4094, ",
-     true},
-    {"fxm_write_mmspage", [](uint64_t id, retry_t, uint32_t flags) { return write_page(id, 1023, flags); },
-     "page=1023, ", false},
-    {"fxm_send_resetframe",
-     [](uint64_t id, retry_t retry, uint32_t flags) { return fxm_send_resetframe(id, 0x5a, retry, flags); },
-     "status=0x5A, ", false},
+    {"fxm_read_register", [](how_t c) { return read_reg(c.id, c.retry, c.flags); }, "addr=0x00001234, "},
+    {"fxm_dump_register", [](how_t c) { return dump_reg(c.id, c.retry, c.flags); },
+     "startaddr=0x00001234, endaddr=0x00001238, "},
+    {"fxm_write_register", [](how_t c) { return fxm_write_register(c.id, REG, 7, c.retry, c.flags); },
+     "addr=0x00001234, data=0x00000007, "},
+    {"fxm_modify_register", [](how_t c) { return fxm_modify_register(c.id, REG, 0xa, 0xf, c.retry, c.flags); },
+     "addr=0x00001234, data=0x0000000A, mask=0x0000000F, "},
+    {"fxm_set_vlanid", [](how_t c) { return fxm_set_vlanid(c.id, 4094, c.retry, c.flags); }, "vlanid=4094, "},
+    {"fxm_write_mmspage", [](how_t c) { return write_page(c.id, 1023, c.flags); }, "page=1023, "},
+    {"fxm_send_resetframe", [](how_t c) { return fxm_send_resetframe(c.id, 0x5a, c.retry, c.flags); }, "status=0x5A, "},
 };
-
-struct traffic_t {
-    int result = -1;
-    frames_t port[2]; // the library's frames
-};
-
-static void expect(const traffic_t &seen, int result, const frames_t &port0, const frames_t &port1 = {})
-{
-    EXPECT_EQ(seen.result, result);
-    for (const int port : {0, 1}) {
-        const frames_t &expected = port == 0 ? port0 : port1;
-        EXPECT_EQ(expected.size(), seen.port[port].size()) << "frames on port " << port;
-        for (size_t i = 0; i < std::min(expected.size(), seen.port[port].size()); ++i)
-            EXPECT_TRUE(same_frame(expected[i], seen.port[port][i])) << "frame " << i << " on port " << port;
-    }
-}
-
-// Without the repeats of a request, which have its tag.
-static traffic_t once(traffic_t seen)
-{
-    const auto repeats = [](const frame_t &a, const frame_t &b) { return a[18] == SUBTYPE_REGR && a == b; };
-    for (frames_t &frames : seen.port)
-        frames.erase(std::unique(frames.begin(), frames.end(), repeats), frames.end());
-    return seen;
-}
 
 // ----------------------------------------------------------------------------------------------------------- fixture
 
@@ -262,15 +207,9 @@ class registers : public fabric_t
     // Brings the library up, where the card is known by these channels. They last as long as the test.
     void begin(const std::string &lines, const std::vector<int> &channels, int32_t level = FXM_LOG_TRACE)
     {
-        configure("devinfo_expire_time = 100000\n" + lines);
+        configure("devinfo_expire_time = 100000\nbroadcast_mac = 03:11:22:33:44:55\n" + lines);
         run(level);
         hear(channels);
-    }
-
-    void settle_all()
-    {
-        for (const size_t p : marked)
-            settle(static_cast<int>(p));
     }
 
     // From now on the card is known by these channels alone.
@@ -281,47 +220,50 @@ class registers : public fabric_t
             wire[p]->send(from(MARK[p], fxio_frame()));
         for (const int channel : channels)
             wire[static_cast<size_t>(channel / 2)]->send(announce(channel));
-        settle_all();
+        for (const size_t p : marked)
+            settle(static_cast<int>(p));
     }
 
-    // Makes the call and plays the card until it has returned. Then everything that the library has sent is here.
-    traffic_t play(const std::function<int()> &function, const answer_t &answer = {})
+    // Makes the call and plays the card until it has returned. Then everything that the library has sent is here, port 0
+    // first; where the card answers, a request that was repeated is here once.
+    frames_t play(const std::function<int()> &function, int result, const answer_t &answer = {})
     {
-        traffic_t seen;
+        frames_t seen[2];
         size_t marks = 0;
-        const auto look = [&] {
-            for (const size_t p : marked) {
-                for (const frame_t &frame : wire[p]->received()) {
-                    if (frame[18] == SUBTYPE_RESET && frame[23] == MARK_STATUS) {
-                        marks += 1;
-                        continue;
-                    }
-                    seen.port[p].push_back(frame);
-                    const bool asks = frame[18] == SUBTYPE_REGR && answer;
-                    if (const std::optional<uint32_t> value = asks ? answer(frame) : std::nullopt)
-                        wire[p]->send(completion(frame, *value));
-                }
-            }
+        const auto take = [&](size_t p, const frame_t &frame) {
+            EXPECT_EQ(frame[11], p) << "not the MAC of the port";
+            const bool asks = frame[18] == SUBTYPE_REGR && answer;
+            if (frame[18] == SUBTYPE_RESET && frame[23] == MARK_STATUS)
+                marks += 1;
+            else if (!asks || seen[p].empty() || seen[p].back() != frame)
+                seen[p].push_back(frame);
+            if (const std::optional<uint32_t> value = asks ? answer(frame) : std::nullopt)
+                wire[p]->send(completion(frame, *value));
         };
         call_t running = call([&] {
-            const int result = function();
+            const int returned = function();
             for (const size_t p : marked) // by the thread of the frames: they stay in order
                 EXPECT_EQ(fxm_send_resetframe(MARK[p], MARK_STATUS, nullptr, 0), OK);
-            return result;
+            return returned;
         });
-        wait_for([&] { return look(), has_ended(running) && marks == marked.size(); }, "the call and its marks");
-        seen.result = result_of(running);
-        return seen;
+        const auto complete = [&] {
+            for (const size_t p : marked)
+                for (const frame_t &frame : wire[p]->received())
+                    take(p, frame);
+            return has_ended(running) && marks == marked.size();
+        };
+        wait_for(complete, "the call and its marks");
+        EXPECT_EQ(result_of(running), result);
+        seen[0].insert(seen[0].end(), seen[1].begin(), seen[1].end());
+        return seen[0];
     }
 
-    // Nothing tells that a thread has begun to wait but what becomes of an answer from elsewhere.
-    void wait_until_it_waits(const frame_t &request)
+    void expect(const std::function<int()> &function, int result, const frames_t &expected, const answer_t &answer = {})
     {
-        const size_t before = log.count(WRONG_MAC);
-        frame_t elsewhere = completion(request, 0);
-        elsewhere[11] ^= 1;
-        const auto seen = [&] { return wire[0]->send(elsewhere), log.count(WRONG_MAC) > before; };
-        ASSERT_TRUE(wait_for(seen, "a thread that waits for an answer"));
+        const frames_t seen = play(function, result, answer);
+        EXPECT_EQ(expected.size(), seen.size()) << "frames";
+        for (size_t i = 0; i < std::min(expected.size(), seen.size()); ++i)
+            EXPECT_TRUE(same_frame(expected[i], seen[i])) << "frame " << i;
     }
 
     // A tag that is in use for good is missing in the row.
@@ -332,7 +274,7 @@ class registers : public fabric_t
                 EXPECT_EQ(read_reg(CARD, &ONCE), TIMEOUT);
             return read_reg(CARD, &ONCE);
         };
-        const frames_t frames = play(reads).port[0];
+        const frames_t frames = play(reads, TIMEOUT);
         ASSERT_EQ(frames.size(), 256u);
         for (size_t i = 1; i < frames.size(); ++i)
             ASSERT_TRUE(same_frame(read_frame(static_cast<uint8_t>(frames[i - 1][23] + 1)), frames[i]));
@@ -340,8 +282,6 @@ class registers : public fabric_t
 
     std::vector<size_t> marked = {0, 1}; // ports
 };
-
-// ------------------------------------------------------------------------------------------------------ what is sent
 
 TEST_F(registers, frames_go_by_the_first_channel_in_the_layout_of_the_card)
 {
@@ -356,18 +296,18 @@ TEST_F(registers, frames_go_by_the_first_channel_in_the_layout_of_the_card)
             for (int channel = 3; channel >= first; --channel)
                 channels.push_back(channel);
             hear(channels, [&](int channel) { return laid_out(announcement(channel)); });
-            const traffic_t seen = play([&] {
+            const auto all_kinds = [&] {
                 EXPECT_EQ(fxm_send_resetframe(CARD, 0x5a, &ignored, LIVE), OK);
                 EXPECT_EQ(fxm_set_vlanid(CARD, 4094, nullptr, LIVE), OK);
                 EXPECT_EQ(write_page(CARD, 1023, LIVE), OK);
                 // Address bits above 21 do not reach the card.
                 EXPECT_EQ(fxm_write_register(CARD, 0xffc00000 | REG, 0x11223344, nullptr, LIVE), OK);
                 return read_reg(CARD, &ONCE, LIVE);
-            });
-            frames_t frames = {reset_frame(), vlan_frame(), page_frame(), write_frame(0x11223344), read_frame(++tag)};
+            };
+            frames_t frames = {RESET, VLAN_SET, PAGE, write_frame("44 33 22 11"), read_frame(++tag)};
             for (frame_t &frame : frames)
                 frame = laid_out(by_channel(first, frame));
-            expect(seen, TIMEOUT, first < 2 ? frames : frames_t(), first < 2 ? frames_t() : frames);
+            expect(all_kinds, TIMEOUT, frames);
         }
     }
     const dump_t counters = dump();
@@ -379,51 +319,44 @@ TEST_F(registers, frames_go_by_the_first_channel_in_the_layout_of_the_card)
     }
 }
 
-TEST_F(registers, configured_ether_type_and_reset_address_stand_in_the_frames)
+TEST_F(registers, configured_ether_type_stands_in_the_frames)
 {
-    const auto of_type = [](frame_t frame) { return put(&frame, 16, "12 34"), frame; };
-    marked = {}; // nor are the cards of the fixture heard
-    begin("ether_type = 0x1234\nbroadcast_mac = 03:11:22:33:44:55\n", {0});
-    wire[0]->send(of_type(announcement(1)));
-    fxm_fxio_t record{};
-    wait_for([&] { return fxm_get_fxio(CARD, &record) == OK; }, "the card");
-    EXPECT_EQ(record.fio_card.fcd_state[0][0], 0u) << "a frame of another type counts";
-
-    frame_t reset = of_type(reset_frame());
-    put(&reset, 0, "03 11 22 33 44 55");
-    EXPECT_EQ(fxm_send_resetframe(CARD, 0x5a, nullptr, 0), OK);
-    EXPECT_TRUE(same_frame(reset, wire[0]->receive()));
-    EXPECT_EQ(read_reg(CARD, &ONCE), TIMEOUT);
-    EXPECT_TRUE(same_frame(by_channel(1, of_type(read_frame(1))), wire[0]->receive()));
+    marked = {}; // the cards of the fixture are of another type
+    begin("ether_type = 0x1234\n", {});
+    frame_t announced = announcement(0), read = read_frame(1);
+    put(&announced, 16, "12 34");
+    put(&read, 16, "12 34");
+    wire[0]->send(announced);
+    wait_for([] { return read_reg(CARD, &ONCE) == TIMEOUT; }, "the card");
+    EXPECT_TRUE(same_frame(read, wire[0]->receive()));
 }
 
-TEST_F(registers, silent_card_is_asked_retry_cnt_more_times_with_one_tag)
+TEST_F(registers, operations_send_what_they_must_and_no_more)
 {
     begin("frame_retry_count = 4\nframe_retry_interval = 10\n", {0, 1, 2, 3});
-    uint32_t value = 0x5a5a5a5a;
-    expect(play([&] { return fxm_read_register(CARD, REG, &value, &THRICE, 0); }), TIMEOUT, frames_t(3, read_frame(1)));
-    EXPECT_EQ(value, 0x5a5a5a5au);
-    wait_for_line("TRACE _fxm_read_register: called. ret=" + std::to_string(ETIMEDOUT) +
-                  ", id=0x020000002100, addr=0x00001234, data=0x00000000, tag=1");
-    // With the configured retries. A write is not repeated when nothing is read.
-    expect(play([] { return read_reg(CARD, nullptr); }), TIMEOUT, frames_t(5, read_frame(2)));
-    frames_t frames(6, read_frame(3));
-    frames[0] = write_frame(7);
-    expect(play([] { return fxm_write_register(CARD, REG, 7, nullptr, VERIFY); }), TIMEOUT, frames);
-    wait_for_line("TRACE _fxm_write_register: Failed to _fxm_read_register() err=" + std::to_string(ETIMEDOUT));
-}
-
-TEST_F(registers, writes_and_modifies_send_what_they_must_and_no_more)
-{
-    begin("", {0});
     uint8_t tag = 0;
-    const auto r = [&] { return read_frame(++tag); };
-    const auto w = [](uint32_t value) { return write_frame(value); };
+    const auto r = [&](const char *address = "00 01 02 34") { return read_frame(++tag, address); };
+    const auto again = [&] { return read_frame(tag); };
+    const frame_t w = write_frame("07 00 00 00");
+    const auto read = [](retry_t retry) { return [=] { return read_reg(CARD, retry); }; };
     const auto write = [](uint32_t flags) { return [=] { return fxm_write_register(CARD, REG, 7, &THRICE, flags); }; };
     const auto modify = [](uint32_t data, uint32_t mask, uint32_t flags) {
         return [=] { return fxm_modify_register(CARD, REG, data, mask, &THRICE, flags); };
     };
-    constexpr uint32_t HELD = 0x12345678, SET = 0x123456f0; // by data 0xf0 with mask 0xff
+    const auto dump = [](uint32_t answered) {
+        return [=] {
+            uint32_t buffer[4] = {1, 2, 3, 4};
+            uint64_t size = sizeof(buffer);
+            const int result = fxm_dump_register(CARD, 0x3ffff4, 0x400000, buffer, &size, &THRICE, 0);
+            EXPECT_EQ(size, answered * 4);
+            for (uint32_t i = 0; i < 4; ++i)
+                EXPECT_EQ(buffer[i], i < answered ? 0xa0 + i : i + 1);
+            return result;
+        };
+    };
+    const char *const at[] = {"03 ff 0f f4", "03 ff 0f f8", "03 ff 0f fc"};
+    constexpr uint32_t HELD = 0x12345678;
+    const frame_t set = write_frame("f0 56 34 12"); // data 0xf0 with mask 0xff
     const struct {
         const char *what;
         std::function<int()> function;
@@ -431,161 +364,108 @@ TEST_F(registers, writes_and_modifies_send_what_they_must_and_no_more)
         int result;
         frames_t frames; // made from left to right, so that tags go up
     } rows[] = {
-        {"write", write(0), {}, OK, {w(7)}},
-        {"verified at once", write(VERIFY), {7}, OK, {w(7), r()}},
-        {"one bit wrong", write(VERIFY), {0x80000007, 7}, OK, {w(7), r(), w(7), r()}},
-        {"never right", write(VERIFY), {1, 2, 3}, TIMEOUT, {w(7), r(), w(7), r(), w(7), r()}},
-        {"no second answer", write(VERIFY), {1}, TIMEOUT, {w(7), r(), w(7), r()}},
+        {"silence", read(&THRICE), {}, TIMEOUT, {r(), again(), again()}},
+        {"configured retries", read(nullptr), {}, TIMEOUT, {r(), again(), again(), again(), again()}},
+        {"write", write(0), {}, OK, {w}},
+        {"verified at once", write(VERIFY), {7}, OK, {w, r()}},
+        {"one bit wrong", write(VERIFY), {0x80000007, 7}, OK, {w, r(), w, r()}},
+        {"never right", write(VERIFY), {1, 2, 3}, TIMEOUT, {w, r(), w, r(), w, r()}},
+        {"nothing to verify", write(VERIFY), {}, TIMEOUT, {w, r(), again(), again()}},
+        {"no second answer", write(VERIFY), {1}, TIMEOUT, {w, r(), w, r()}},
         {"no mask", modify(7, 0, VERIFY), {HELD}, OK, {r()}},
         {"right already", modify(0x78, 0xff, VERIFY), {HELD}, OK, {r()}},
-        {"modify", modify(0xf0, 0xff, 0), {HELD}, OK, {r(), w(SET)}},
-        {"other bits differ", modify(0xf0, 0xff, VERIFY), {HELD, 0xabcdeff0}, OK, {r(), w(SET), r()}},
-        {"repeat", modify(0xf0, 0xff, VERIFY), {HELD, 0xabcdef00, 0xf0}, OK, {r(), w(SET), r(), w(SET), r()}},
-        {"never", modify(0xf0, 0xff, VERIFY), {HELD, 1, 2, 3}, TIMEOUT, {r(), w(SET), r(), w(SET), r(), w(SET), r()}},
-        {"no answer", modify(0xf0, 0xff, VERIFY), {}, TIMEOUT, {r()}},
+        {"modify", modify(0xf0, 0xff, 0), {HELD}, OK, {r(), set}},
+        {"other bits differ", modify(0xf0, 0xff, VERIFY), {HELD, 0xabcdeff0}, OK, {r(), set, r()}},
+        {"repeat", modify(0xf0, 0xff, VERIFY), {HELD, 0xabcdef00, 0xf0}, OK, {r(), set, r(), set, r()}},
+        {"never", modify(0xf0, 0xff, VERIFY), {HELD, 1, 2, 3}, TIMEOUT, {r(), set, r(), set, r(), set, r()}},
+        {"nothing to modify", modify(0xf0, 0xff, VERIFY), {}, TIMEOUT, {r(), again(), again()}},
+        {"dump", dump(3), {0xa0, 0xa1, 0xa2}, OK, {r(at[0]), r(at[1]), r(at[2])}},
+        {"dump in part", dump(2), {0xa0, 0xa1}, TIMEOUT, {r(at[0]), r(at[1]), r(at[2])}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
         std::map<uint8_t, size_t> number; // of the read with this tag
-        const traffic_t seen = play(row.function, [&](const frame_t &request) {
+        const answer_t answer = [&](const frame_t &request) {
             const size_t i = number.try_emplace(request[23], number.size()).first->second;
             return i < row.answers.size() ? std::optional(row.answers[i]) : std::nullopt;
-        });
-        expect(once(seen), row.result, row.frames);
+        };
+        expect(row.function, row.result, row.frames, row.answers.empty() ? answer_t() : answer);
     }
+    wait_for_line("TRACE _fxm_read_register: called. ret=110, id=0x020000002100, addr=0x00001234, data=0x00000000, "
+                  "tag=1");
+    wait_for_line("TRACE _fxm_write_register: Failed to _fxm_read_register() err=110");
     wait_for_line("TRACE _fxm_write_register: called. ret=0, id=0x020000002100, addr=0x00001234, data=0x00000007, "
                   "flags=0x00000000, ");
 }
-
-TEST_F(registers, dump_tells_how_much_it_has_read)
-{
-    begin("", {0});
-    uint8_t tag = 0;
-    for (const uint32_t answered : {3u, 2u, 0u}) {
-        uint32_t buffer[4] = {1, 2, 3, 4};
-        uint64_t size = sizeof(buffer);
-        const auto function = [&] { return fxm_dump_register(CARD, 0x3ffff4, 0x400000, buffer, &size, &THRICE, 0); };
-        const traffic_t seen = once(play(function, [&](const frame_t &request) {
-            const uint32_t number = (request[27] - 0xf4u) / 4;
-            return number < answered ? std::optional(0xa0 + number) : std::nullopt;
-        }));
-        frames_t frames(std::min(answered + 1, 3u), read_frame(0));
-        for (size_t i = 0; i < frames.size(); ++i) {
-            put(&frames[i], 24, std::vector{"03 ff 0f f4", "03 ff 0f f8", "03 ff 0f fc"}[i]);
-            frames[i][23] = ++tag;
-        }
-        expect(seen, answered == 3 ? OK : TIMEOUT, frames);
-        EXPECT_EQ(size, answered * 4);
-        for (uint32_t i = 0; i < 4; ++i)
-            EXPECT_EQ(buffer[i], i < answered ? 0xa0 + i : i + 1) << answered << " answers";
-    }
-}
-
-// ------------------------------------------------------------------------------------------------- tags and answers
 
 TEST_F(registers, only_the_answer_of_the_channel_that_was_asked_counts)
 {
     begin("tag_min = 5\ntag_max = 7\n", {0, 1, 2, 3});
     uint32_t value = 0;
-    const auto read_value = [&] { return fxm_read_register(CARD, REG, &value, &FOR_EVER, 0); };
-    call_t reading = call(read_value);
+    call_t reading = call([&] { return fxm_read_register(CARD, REG, &value, &FOR_EVER, 0); });
     const frame_t request = wire[0]->receive();
     EXPECT_TRUE(same_frame(read_frame(6), request)) << "the first tag is the one behind tag_min";
-    wait_until_it_waits(request);
 
+    const std::string wrong_port = "TRACE _fxm_recv_comp: Completion frame is received from the port which isn't used "
+                                   "by sending Register Read frame.";
+    const std::string wrong_mac = "TRACE _fxm_recv_comp: The MAC address which isn't used by sending Register Read "
+                                  "frame received set Completion frame.";
     const auto changed = [&](size_t offset, uint8_t byte) {
         frame_t frame = completion(request, 0xbad);
         frame[offset] = byte;
         return frame;
     };
+    // Nothing tells that the thread has begun to wait but what becomes of an answer from elsewhere.
+    wait_for([&] { return wire[0]->send(changed(11, 1)), log.count(wrong_mac) > 0; }, "a thread that waits");
+    settle(0);
     const struct {
-        size_t port;
-        frame_t frame;
+        size_t port, offset;
+        uint8_t byte;
         std::string line;
     } wrong[] = {
-        {1, completion(request, 0xbad), WRONG_PORT},
-        {1, changed(11, 1), WRONG_PORT}, // and the wrong MAC
-        {0, changed(11, 1), WRONG_MAC},  // the other one of the card
-        {0, changed(7, 1), WRONG_MAC},
-        {0, changed(23, 5), ""}, // tag that nobody uses
-        {0, changed(23, 4), "WARN _fxm_recv_comp: Invalid tag. tag=4"},
-        {0, changed(23, 8), "WARN _fxm_recv_comp: Invalid tag. tag=8"},
+        {1, 11, 0, wrong_port},
+        {1, 11, 1, wrong_port}, // and the wrong MAC
+        {0, 11, 1, wrong_mac},  // the other one of the card
+        {0, 23, 5, ""},         // tag that nobody uses
+        {0, 23, 4, "WARN _fxm_recv_comp: Invalid tag. tag=4"},
+        {0, 23, 8, "WARN _fxm_recv_comp: Invalid tag. tag=8"},
     };
-    const auto complaints = [&] { return log.count_with(" _fxm_recv_comp: "); };
     for (const auto &row : wrong) {
-        settle_all();
-        const size_t lines = log.count(row.line);
-        const size_t all = complaints();
-        wire[row.port]->send(row.frame);
-        settle_all();
+        const size_t lines = log.count(row.line), all = log.count_with(" _fxm_recv_comp: ");
+        wire[row.port]->send(changed(row.offset, row.byte));
+        settle(static_cast<int>(row.port));
         EXPECT_EQ(log.count(row.line), lines + (row.line.empty() ? 0 : 1)) << row.line;
-        EXPECT_EQ(complaints(), all + (row.line.empty() ? 0 : 1)) << row.line;
+        EXPECT_EQ(log.count_with(" _fxm_recv_comp: "), all + (row.line.empty() ? 0 : 1)) << row.line;
         EXPECT_FALSE(has_ended(reading)) << row.line;
     }
-    const size_t all = complaints();
     wire[0]->send(completion(request, 0x11223344));
     wire[0]->send(completion(request, 0xbad));
     EXPECT_EQ(result_of(reading), OK);
     EXPECT_EQ(value, 0x11223344u) << "of two answers the first one counts";
-
-    reading = call(read_value);
-    const frame_t next = wire[0]->receive();
-    EXPECT_TRUE(same_frame(read_frame(7), next));
-    wire[0]->send(completion(request, 0xbad)); // of a request that has ended
-    settle(0);
-    EXPECT_EQ(complaints(), all);
-    EXPECT_FALSE(has_ended(reading));
-    wait_until_it_waits(next);
-    wire[0]->send(completion(next, 0x55667788));
-    EXPECT_EQ(result_of(reading), OK);
-    EXPECT_EQ(value, 0x55667788u);
-    const auto two_reads = [] { return read_reg(CARD, &ONCE), read_reg(CARD, &ONCE); };
-    expect(play(two_reads), TIMEOUT, {read_frame(5), read_frame(6)});
-}
-
-TEST_F(registers, only_tag_serves_one_request_at_a_time)
-{
-    begin("tag_min = 9\ntag_max = 9\n", {0});
-    EXPECT_EQ(fxm_stop_monitor(MARK[1]), OK);
-    marked = {0};
-    for (size_t round = 0; round < 2; ++round) {
-        call_t reading = call([] { return read_reg(CARD, &FOR_EVER); });
-        const frame_t request = wire[0]->receive();
-        EXPECT_TRUE(same_frame(read_frame(9), request));
-        wait_until_it_waits(request);
-        expect(play([] { return read_reg(CARD, &FOR_EVER); }), FXM_API_EPROTO, {});
-        expect(play([] { return read_reg(MARK[1], &FOR_EVER, LIVE); }), FXM_API_EPROTO, {});
-        EXPECT_EQ(log.count(NO_TAG), 2 * round + 2) << "a live check goes on after a probe without a tag";
-        EXPECT_EQ(log.count("ERROR fxm_read_register: Failed to _fxm_livecheck(). err=" + std::to_string(EPROTO)),
-                  round + 1);
-        wire[0]->send(completion(request, 0));
-        EXPECT_EQ(result_of(reading), OK);
-    }
 }
 
 TEST_F(registers, request_beyond_256_in_flight_is_refused_at_once)
 {
     begin("", {0});
-    expect_all_tags_in_turn();
-    const fxm_retry_param_t patient = {60, 1000};
+    EXPECT_EQ(fxm_stop_monitor(MARK[1]), OK);
     std::vector<uint32_t> values(256);
     std::vector<call_t> reading;
     for (uint32_t i = 0; i < 256; ++i)
-        reading.push_back(call([&, i] { return fxm_read_register(CARD, 4 * i, &values[i], &patient, 0); }));
+        reading.push_back(call([&, i] { return fxm_read_register(CARD, 4 * i, &values[i], &FOR_EVER, 0); }));
     std::map<uint8_t, frame_t> requests; // by tag
-    const auto collect = [&] {
-        for (const frame_t &frame : wire[0]->received())
-            EXPECT_TRUE(same_frame(requests.try_emplace(frame[23], frame).first->second, frame)) << "a tag used twice";
-        return requests.size();
-    };
-    wait_for([&] { return collect() == 256; }, "256 requests", [&] { return std::to_string(requests.size()); });
-    EXPECT_EQ(log.count(NO_TAG), 0u);
-    EXPECT_EQ(read_reg(CARD, &patient), FXM_API_EPROTO); // a frame of it would show another register for a used tag
-    EXPECT_EQ(log.count(NO_TAG), 1u);
+    for (int i = 0; i < 256; ++i) {
+        const frame_t request = wire[0]->receive();
+        EXPECT_TRUE(requests.try_emplace(request.at(23), request).second) << "a tag used twice";
+    }
+    const std::string no_tag = "ERROR _fxm_get_tag: Can't get a tag value, because all tags are used.";
+    EXPECT_EQ(log.count(no_tag), 0u);
+    EXPECT_EQ(read_reg(CARD, &FOR_EVER), FXM_API_EPROTO);
+    EXPECT_EQ(read_reg(MARK[1], &FOR_EVER, LIVE), FXM_API_EPROTO);
+    EXPECT_EQ(log.count(no_tag), 2u) << "a live check goes on after a probe without a tag";
+    EXPECT_EQ(log.count("ERROR fxm_read_register: Failed to _fxm_livecheck(). err=71"), 1u);
 
     // The value tells the register, of which bits 11..0 stand in bytes 26 and 27.
     const auto answer_all = [&] {
-        collect();
         for (const auto &[tag, request] : requests)
             wire[0]->send(completion(request, 0xc0de0000u + static_cast<uint32_t>(request[26] << 8 | request[27])));
         return std::all_of(reading.begin(), reading.end(), has_ended);
@@ -596,90 +476,78 @@ TEST_F(registers, request_beyond_256_in_flight_is_refused_at_once)
         EXPECT_EQ(values[i], 0xc0de0000u + 4 * i);
     }
     settle(0);
-    expect_all_tags_in_turn();
+    marked = {0};
+    expect_all_tags_in_turn(); // and no frame of the refused calls before them
 }
 
-// -------------------------------------------------------------------------------------------------------- live check
-
-static const std::string LIVECHECK = "frame_retry_interval_livecheck = 150\nframe_retry_count_livecheck = 2\n";
-static int read_live() { return read_reg(CARD, &ANSWERED, LIVE); }
-
-TEST_F(registers, live_check_tries_each_channel_in_order_until_one_answers)
+TEST_F(registers, live_check_tries_in_order_each_channel_that_card_and_host_have)
 {
     begin(LIVECHECK, {3, 2, 1, 0});
     EXPECT_EQ(fxm_stop_monitor(CARD), OK);
-    expect(play(read_live), NO_LINK, probes({0, 1}, 1), probes({2, 3}, 3));
-    EXPECT_EQ(log.count("ERROR fxm_read_register: Failed to _fxm_livecheck(). err=" + std::to_string(ENOLINK)), 1u);
-    expect(once(play(read_live, zero_on_channel(2))), OK,
-           {by_channel(0, probe_frame(5)), by_channel(1, probe_frame(6))},
-           {by_channel(2, probe_frame(7)), by_channel(2, read_frame(8))});
+    expect(read_live, NO_LINK, probes({0, 1, 2, 3}, 1));
+    EXPECT_EQ(log.count("ERROR fxm_read_register: Failed to _fxm_livecheck(). err=67"), 1u);
+    const answer_t on_port_1 = [](const frame_t &request) { return request[11] ? std::optional(0u) : std::nullopt; };
+    expect(read_live, OK,
+           {probe_frame(5), by_channel(1, probe_frame(6)), by_channel(2, probe_frame(7)), by_channel(2, read_frame(8))},
+           on_port_1);
     EXPECT_EQ(fxio(CARD).fio_card.fcd_state[0][0], 1u) << "a live check has changed the record";
-}
 
-TEST_F(registers, live_check_leaves_out_what_the_card_or_the_host_lacks)
-{
-    // A card with one MAC.
-    begin(LIVECHECK, {});
+    EXPECT_EQ(fxm_restart_monitor(CARD), OK);
     hear({0, 2}, [](int channel) {
         frame_t frame = announcement(channel);
         frame[18] = 0x10; // 1G/10G DEVINFO
-        frame[21] = 0;    // ver
+        frame[21] = 0;    // ver: one MAC
         return frame;
     });
     EXPECT_EQ(fxm_stop_monitor(CARD), OK);
-    expect(play(read_live), NO_LINK, probes({0}, 1), probes({2}, 2));
+    expect(read_live, NO_LINK, probes({0, 2}, 9));
+    EXPECT_EQ(stop(), OK);
+
+    marked = {0};
+    begin(LIVECHECK + "ether_port = fxm0\n", {0});
+    EXPECT_EQ(fxm_stop_monitor(CARD), OK);
+    expect(read_live, NO_LINK, probes({0, 1}, 1));
+    EXPECT_TRUE(wire[1]->received().empty());
+}
+
+TEST_F(registers, card_without_a_channel_is_reached_with_a_live_check_alone)
+{
+    begin(LIVECHECK, {1});
+    EXPECT_EQ(fxm_stop_monitor(CARD), OK);
+    const frames_t with_check[] = {
+        {probe_frame(1), read_frame(2)},
+        {probe_frame(3), read_frame(4)},
+        {probe_frame(5), write_frame("07 00 00 00")},
+        {probe_frame(6), read_frame(7), write_frame("0a 00 00 00")},
+        {probe_frame(8), VLAN_SET},
+        {probe_frame(9), PAGE},
+        {}, // no reset
+    };
+    for (size_t i = 0; i < std::size(OPERATIONS); ++i) {
+        const auto with = [=](uint32_t flags) { return [=] { return OPERATIONS[i].call({CARD, &ANSWERED, flags}); }; };
+        SCOPED_TRACE(OPERATIONS[i].name);
+        expect(with(0), NO_LINK, {});
+        expect(with(LIVE), with_check[i].empty() ? NO_LINK : OK, with_check[i], ZERO);
+    }
     EXPECT_EQ(fxm_restart_monitor(CARD), OK);
 
-    // A port without a link. The card was heard there alone, and has no channel now.
+    // In monitoring, but heard at the port alone that has lost its link.
     hear({2, 3});
     ip("link set card1 down");
     wait_for([] { return fxio(CARD).fio_card.fcd_state[1][0] == 0; }, "the channels to go down");
     EXPECT_TRUE(wire[1]->received().empty());
     marked = {0};
-    for (const operation_t &operation : OPERATIONS)
-        expect(play([&] { return operation.call(CARD, &ANSWERED, VERIFY); }), NO_LINK, {});
+    for (const operation_t &row : OPERATIONS)
+        expect([&] { return row.call({CARD, &ANSWERED, VERIFY}); }, NO_LINK, {});
     EXPECT_EQ(log.count("ERROR _fxm_send_regread: Sendable port don't exist."), 3u);
     for (const char *sender : {"_fxm_send_regwrite", "_fxm_send_vlanset", "_fxm_send_mms", "_fxm_send_reset"})
         EXPECT_EQ(log.count(std::string("ERROR ") + sender + ": Send port error."), 1u) << sender;
-    expect(play(read_live), NO_LINK, probes({0, 1}, 6)); // three of the operations have taken a tag
-    expect(once(play(read_live, zero_on_channel(0))), OK, {probe_frame(8), read_frame(9)});
+    expect(read_live, NO_LINK, probes({0, 1}, 13)); // three of the operations have taken a tag
+    expect(read_live, OK, {probe_frame(15), read_frame(16)}, ZERO);
     EXPECT_EQ(fxio(CARD).fio_card.fcd_state[0][0], 0u) << "an answer is no announcement";
     hear({0});
     expect_all_tags_in_turn(); // also those of the operations without a channel
-    ip("link set card1 up");
-    EXPECT_EQ(stop(), OK);
-
-    // A host with one port.
-    begin(LIVECHECK + "ether_port = fxm0\n", {0});
-    EXPECT_EQ(fxm_stop_monitor(CARD), OK);
-    expect(play(read_live), NO_LINK, probes({0, 1}, 1));
-    EXPECT_TRUE(wire[1]->received().empty());
 }
-
-TEST_F(registers, card_out_of_monitoring_is_reached_with_a_live_check_alone)
-{
-    begin("", {1});
-    EXPECT_EQ(fxm_stop_monitor(CARD), OK);
-    const frames_t with_check[] = {
-        {probe_frame(1), read_frame(2)},
-        {probe_frame(3), read_frame(4)},
-        {probe_frame(5), write_frame(7)},
-        {probe_frame(6), read_frame(7), write_frame(0xa)},
-        {probe_frame(8), vlan_frame()},
-        {probe_frame(9), page_frame()},
-        {}, // no reset
-    };
-    for (size_t i = 0; i < std::size(OPERATIONS); ++i) {
-        SCOPED_TRACE(OPERATIONS[i].name);
-        const auto operation = [&](uint32_t flags) {
-            return [=] { return OPERATIONS[i].call(CARD, &ANSWERED, flags); };
-        };
-        expect(play(operation(0)), NO_LINK, {});
-        expect(once(play(operation(LIVE), zero_on_channel(0))), with_check[i].empty() ? NO_LINK : OK, with_check[i]);
-    }
-}
-
-// -------------------------------------------------------------------------------------------- VLAN, and write locks
 
 TEST_F(registers, vlan_is_set_again_until_the_card_announces_it)
 {
@@ -689,20 +557,20 @@ TEST_F(registers, vlan_is_set_again_until_the_card_announces_it)
     // and the repeats are as the first.
     const fxm_retry_param_t often = {200, 5};
     call_t setting = call(set(&often));
-    EXPECT_TRUE(same_frame(vlan_frame(), wire[0]->receive()));
+    EXPECT_TRUE(same_frame(VLAN_SET, wire[0]->receive()));
     wire[0]->send(on_vlan(0x222, announcement(0)));
     EXPECT_EQ(result_of(setting), TIMEOUT);
-    expect(play([] { return OK; }), OK, frames_t(200, vlan_frame()));
+    expect([] { return OK; }, OK, frames_t(200, VLAN_SET));
 
     hear({0});
     setting = call(set(&FOR_EVER));
-    EXPECT_TRUE(same_frame(vlan_frame(), wire[0]->receive()));
+    EXPECT_TRUE(same_frame(VLAN_SET, wire[0]->receive()));
     wire[0]->send(on_vlan(4094, announcement(0)));
     EXPECT_EQ(result_of(setting), OK);
     // The card has it already: a frame all the same.
-    frame_t again = vlan_frame();
+    frame_t again = VLAN_SET;
     put(&again, 14, "8f fe"); // TCI
-    expect(play(set(&FOR_EVER)), OK, {again});
+    expect(set(&FOR_EVER), OK, {again});
 
     setting = call(set(&FOR_EVER));
     wire[0]->receive();
@@ -710,29 +578,9 @@ TEST_F(registers, vlan_is_set_again_until_the_card_announces_it)
     EXPECT_EQ(result_of(setting), FXM_API_EPROTO);
 }
 
-TEST_F(registers, second_writer_of_a_card_waits_and_others_do_not)
+TEST_F(registers, misuse_is_refused_and_logged_and_nothing_leaves)
 {
-    begin("", {0});
-    call_t first = call([] { return fxm_write_register(CARD, REG, 1, &FOR_EVER, VERIFY); });
-    EXPECT_TRUE(same_frame(write_frame(1), wire[0]->receive()));
-    const frame_t verify = wire[0]->receive();
-    call_t second = call([] { return fxm_write_register(CARD, REG, 2, nullptr, 0); });
-    wait_for_line(SECOND_WRITE_IN);
-    EXPECT_EQ(fxm_write_register(MARK[1], REG, 3, nullptr, 0), OK); // another card
-    EXPECT_EQ(wire[1]->receive().at(18), 0x90);
-    expect(once(play([] { return read_reg(CARD, &ANSWERED); }, zero_on_channel(0))), OK, {read_frame(2)});
-    EXPECT_FALSE(has_ended(second));
-    wait_until_it_waits(verify);
-    wire[0]->send(completion(verify, 1));
-    EXPECT_EQ(result_of(first), OK);
-    EXPECT_EQ(result_of(second), OK);
-    EXPECT_TRUE(same_frame(write_frame(2), wire[0]->receive()));
-}
-
-// ------------------------------------------------------------------------------------------------- misuse, and lines
-
-TEST_F(registers, misuse_is_refused_and_nothing_leaves)
-{
+    constexpr uint64_t NOBODY = 0x0200000000fe;
     constexpr uint64_t AWAY = 0x020000002200; // out of monitoring, and not multi-root
     uint32_t word = 0;
     uint32_t words[4];
@@ -770,61 +618,46 @@ TEST_F(registers, misuse_is_refused_and_nothing_leaves)
         {"plain page", [] { return write_page(FXIO, 0, 0); }, FXM_API_ENOENT},
         {"plain page away", [] { return write_page(AWAY, 0, LIVE); }, FXM_API_ENOENT},
     };
-    const auto none_runs = [&] {
-        for (const auto &row : rows)
-            EXPECT_EQ(row.function(), FXM_API_ENOSYS) << row.what;
-        for (const operation_t &operation : OPERATIONS)
-            EXPECT_EQ(operation.call(CARD, nullptr, 0), FXM_API_ENOSYS) << operation.name;
-    };
-    none_runs();
     begin("", {0});
     for (const frame_t &frame : {fxio_frame(), fxsv_1g_frame(), from(AWAY, fxio_frame())})
         wire[0]->send(frame);
     settle(0);
     EXPECT_EQ(fxm_stop_monitor(AWAY), OK);
-    size_t errors = 0;
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
-        expect(play(row.function), row.result, {});
-        errors += std::string(row.what).starts_with("plain") ? 1 : 0;
-        EXPECT_EQ(log.count_with("ERROR"), errors) << log.tail();
+        expect(row.function, row.result, {});
     }
     EXPECT_EQ(log.count("ERROR fxm_write_mmspage: The ID is not MR-FX. id=0x020000002000"), 1u);
     EXPECT_EQ(log.count("ERROR fxm_write_mmspage: The ID is not MR-FX. id=0x020000002200"), 1u);
-    EXPECT_EQ(stop(), OK);
-    none_runs();
-}
-
-TEST_F(registers, calls_are_logged_with_their_arguments_and_results)
-{
-    begin("", {0});
     const fxm_retry_param_t given = {5, 7}, no_wait = {5, 0};
     for (const operation_t &row : OPERATIONS) {
         SCOPED_TRACE(row.name);
-        expect(play([&] { return row.call(NOBODY, &given, 0x80000005); }), FXM_API_ENOENT, {});
-        expect(play([&] { return row.call(NOBODY, nullptr, 0); }), FXM_API_ENOENT, {});
-        if (row.checks_retry)
-            expect(play([&] { return row.call(CARD, &no_wait, 0); }), FXM_API_EINVAL, {});
-        const bool retries = row.name != "fxm_write_mmspage";
+        const bool has_retry = row.name != "fxm_write_mmspage";
+        if (has_retry && row.name != "fxm_send_resetframe")
+            expect([&] { return row.call({CARD, &no_wait, 0}); }, FXM_API_EINVAL, {});
+        expect([&] { return row.call({NOBODY, &given, 0x80000005}); }, FXM_API_ENOENT, {});
+        expect([&] { return row.call({NOBODY, nullptr, 0}); }, FXM_API_ENOENT, {});
         const std::string in = "INFO " + row.name + ": (IN). id=0x0200000000fe, " + row.arguments;
         const std::string out = "INFO " + row.name + ": (OUT) ret=3, id=0x0200000000fe";
-        EXPECT_EQ(log.count(in + (retries ? "retry_cnt=5, retry_int=7, " : "") + "flags=0x80000005"), 1u);
-        EXPECT_EQ(log.count(in + (retries ? "retry_param=NULL, " : "") + "flags=0x00000000"), 1u);
+        EXPECT_EQ(log.count(in + (has_retry ? "retry_cnt=5, retry_int=7, " : "") + "flags=0x80000005"), 1u);
+        EXPECT_EQ(log.count(in + (has_retry ? "retry_param=NULL, " : "") + "flags=0x00000000"), 1u);
         EXPECT_EQ(log.count(out + (row.name == "fxm_set_vlanid" ? ", vlanid=4094" : "")), 2u) << log.tail();
     }
+    EXPECT_EQ(log.count_with("ERROR"), 2u) << log.tail();
+    EXPECT_EQ(stop(), OK);
+    for (const auto &row : rows)
+        EXPECT_EQ(row.function(), FXM_API_ENOSYS) << row.what;
 }
 
-// --------------------------------------------------------------------------------------------------- stop, and storms
-
-TEST_F(registers, stop_ends_every_call_in_flight)
+TEST_F(registers, second_writer_of_a_card_waits_and_others_do_not_and_a_stop_ends_them_all)
 {
     const std::function<int()> functions[] = {
+        [] { return fxm_write_register(CARD, REG, 1, &FOR_EVER, VERIFY); }, // two frames
         [] { return read_reg(CARD, &FOR_EVER); },
         [] { return dump_reg(CARD, &FOR_EVER, 0); },
         [] { return fxm_set_vlanid(CARD, 4094, &FOR_EVER, VERIFY); },
-        [] { return fxm_modify_register(MARK[1], REG, 1, 1, &FOR_EVER, 0); },
         [] { return read_reg(MARK[0], &FOR_EVER, LIVE); },
-        [] { return fxm_write_register(CARD, REG, 1, &FOR_EVER, VERIFY); }, // two frames
+        [] { return fxm_modify_register(MARK[1], REG, 1, 1, &FOR_EVER, 0); },
     };
     for (size_t round = 0; round < 3; ++round) {
         begin("frame_retry_interval_livecheck = 1000\nframe_retry_count_livecheck = 100\n", {0});
@@ -832,16 +665,18 @@ TEST_F(registers, stop_ends_every_call_in_flight)
         std::vector<call_t> calls;
         for (const auto &function : functions) {
             calls.push_back(call(function));
-            wire[calls.size() == 4 ? 1 : 0]->receive();
+            wire[calls.size() == 6 ? 1 : 0]->receive();
         }
-        wire[0]->receive();
-        calls.push_back(call([] { return fxm_write_register(CARD, REG, 2, nullptr, 0); })); // waits for the other one
-        wait_for_line(SECOND_WRITE_IN, round + 1);
+        EXPECT_FALSE(wire[0]->receive().empty()) << "one of the frames is missing";
+        calls.push_back(call([] { return fxm_write_register(CARD, REG, 2, nullptr, 0); }));
+        wait_for_line("INFO fxm_write_register: (IN). id=0x020000002100, addr=0x00001234, data=0x00000002, "
+                      "retry_param=NULL, flags=0x00000000",
+                      round + 1);
         EXPECT_EQ(stop(), OK);
         for (size_t i = 0; i < calls.size(); ++i)
             EXPECT_EQ(result_of(calls[i]), FXM_API_ENOSYS) << "call " << i;
-        const frames_t late = wire[0]->received();
-        EXPECT_EQ(std::count(late.begin(), late.end(), write_frame(2)), 0) << "a write after the stop";
+        for (const frame_t &frame : wire[0]->received())
+            EXPECT_NE(frame.at(18), 0x90) << "a second write";
     }
 }
 
@@ -867,13 +702,8 @@ class storm : public registers
     void begin_storm()
     {
         begin("", {0}, FXM_LOG_ERROR);
-        const auto all_up = [] {
-            bool up = true;
-            for (uint32_t card = 0; card < CARDS; ++card)
-                up = up && is_up(0, card) && is_up(1, card);
-            return up;
-        };
-        wait_for(all_up, "the cards");
+        for (uint32_t card = 0; card < CARDS; ++card)
+            wait_for([&] { return is_up(0, card) && is_up(1, card); }, "a card");
         for (uint32_t number = 0; number < THREADS; ++number)
             threads.push_back(call([this, number] { return work(number); }));
         wait_for_calls(500);
@@ -967,7 +797,8 @@ TEST_F(storm, values_stay_true_while_frames_are_lost_and_links_flap)
         EXPECT_EQ(fxsv(id_of(card)).fsv_card.fcd_vlan_id, 300u);
     }
     hear({0});
-    wire[0]->received();
+    for (const auto &cards_end : wire)
+        cards_end->received();
     expect_all_tags_in_turn();
     const dump_t report = dump();
     EXPECT_EQ(memory(report, "fxsv").in_use, CARDS);

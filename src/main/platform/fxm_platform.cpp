@@ -4,6 +4,7 @@
 #include <linux/futex.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -174,6 +175,12 @@ void _fxm_thread_join(fxm_thread_t *thread)
         return;
     pthread_join(thread->handle, nullptr);
     thread->running = false;
+}
+
+void _fxm_thread_prompt()
+{
+    constexpr int nice = -5; // lower ones cost the threads that wait for the answers more than they gain
+    setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), nice);
 }
 
 // ------------------------------------------------------------------------------------------------- clock, files, heap

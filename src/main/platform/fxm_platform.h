@@ -63,6 +63,7 @@ typedef void *(*fxm_thread_start_t)(void *arg);
 
 int _fxm_thread_create(fxm_thread_t *thread, fxm_thread_start_t start, void *arg); // 0 or EPROTO
 void _fxm_thread_join(fxm_thread_t *thread);
+void _fxm_thread_prompt(); // the calling thread is to run before others that are ready; where the system lets it
 
 // ------------------------------------------------------------------------------------------------- clock, files, heap
 

@@ -195,6 +195,8 @@ template <typename Record> static bool _bytes_differ(const Record *record1, cons
 template <typename Record> static bool _records_differ(const char *func, const Record *stored, const Record *candidate)
 {
     if (g_config.update_evt_mask == 2) {
+        if (!_bytes_differ(stored, candidate))
+            return false; // what most frames are: spare the copies
         Record masked_stored;
         Record masked_candidate;
         memcpy(&masked_stored, stored, sizeof(Record));

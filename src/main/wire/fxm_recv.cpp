@@ -234,6 +234,8 @@ void *_fxm_recv_task(void *arg)
     const fxm_port_t &record = fxm_ports[port];
     const int if_index = static_cast<int>(record.pt_if_index);
     raised_late[port] = false;
+    // It has little to do for a frame and others wait for it: a thread that it wakes must not put it aside.
+    _fxm_thread_prompt();
     fxm_log_info("%s: start. if_index=%d, mac=%.12llx", __func__, if_index, _ull(record.pt_mac));
     _fxm_recv_win(port);
     fxm_log_info("%s: end. if_index=%d, mac=%.12llx", __func__, if_index, _ull(record.pt_mac));
