@@ -1,5 +1,9 @@
 // What the logic makes of a failing or strange system: the calls of the platform layer are stood in for.
 #include <gtest/gtest.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/fxm_config.h"
@@ -241,6 +246,40 @@ TEST_F(platform_stand_in, link_watcher_reads_on_a_notice_and_on_nothing_else)
     _fxm_watch_linkstate_win();
     EXPECT_EQ(readings, 3) << "one at the start and one for each notice, of the one port in use";
     EXPECT_EQ(armed, 3);
+    EXPECT_EQ(internal_err.load(), 0);
+}
+
+TEST_F(platform_stand_in, change_that_falls_into_a_reading_brings_another_reading)
+{
+    static fxm_platform_calls_t system;
+    static int readings;
+    static int waited;
+    system = real;
+    readings = waited = 0;
+    add_adapter(0, 6, 6, FXM_IF_OPER_DOWN, "port");
+    g_config.use_port_num_linux = 1;
+    fxm_platform.get_adapters = [](fxm_adapter_t *list, uint32_t *size) {
+        if (list != nullptr && ++readings == 3)
+            g_fini_flag = FXM_ON;
+        // The kernel tells of it at once: first to an armed notice, then between its signal and its next arming.
+        ifreq request{};
+        strcpy(request.ifr_name, "lo");
+        request.ifr_mtu = 60000 + readings;
+        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(ioctl(fd, SIOCSIFMTU, &request), 0) << strerror(errno);
+        close(fd);
+        return give_adapters(list, size);
+    };
+    fxm_platform.wait_two = [](fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms) {
+        if (++waited == 5)
+            g_fini_flag = FXM_ON;
+        return system.wait_two(first, second, ms);
+    };
+    std::thread([] {
+        ASSERT_EQ(unshare(CLONE_NEWNET), 0) << strerror(errno) << ", needs the right to make a network namespace";
+        _fxm_watch_linkstate_win();
+    }).join();
+    EXPECT_EQ(readings, 3);
     EXPECT_EQ(internal_err.load(), 0);
 }
 
