@@ -283,6 +283,31 @@ TEST_F(platform_stand_in, change_that_falls_into_a_reading_brings_another_readin
     EXPECT_EQ(internal_err.load(), 0);
 }
 
+TEST_F(platform_stand_in, link_that_rose_and_fell_between_two_readings_leaves_no_channel_up)
+{
+    ASSERT_EQ(_fxm_fx_init(), 0);
+    ASSERT_EQ(_fxm_event_cb_init(), 0);
+    fxm_fxio_t card;
+    memset(&card, 0, sizeof(card));
+    card.fio_card.fcd_id = 0x10;
+    card.fio_card.fcd_state[0][0] = card.fio_card.fcd_state[1][0] = 1;
+    {
+        fxm_fx_guard_t guard;
+        ASSERT_EQ(_fxm_set_fxio(0x10, &card, FXM_WATCH, FXM_TBL_ALL), 0);
+    }
+    fxm_ports[0].pt_link = 0;
+    fxm_ports[1].pt_link = 1;
+    _fxm_link_state_update(0, 0);
+    _fxm_link_state_update(1, 1);
+    fxm_fx_guard_t guard;
+    ASSERT_EQ(_fxm_get_fxio(0x10, &card, nullptr, FXM_TBL_RECORD), 0);
+    EXPECT_EQ(card.fio_card.fcd_state[0][0], 0u);
+    EXPECT_EQ(card.fio_card.fcd_state[1][0], 1u) << "a port that is up";
+    EXPECT_EQ(g_stats.port_total_down[0], 0u) << "no change of state is no fall";
+    _fxm_event_cb_fini();
+    _fxm_fx_fini();
+}
+
 TEST_F(platform_stand_in, receive_thread_stops_the_library_when_its_wait_fails)
 {
     fxm_platform.capture_mintocopy = [](pcap *) { return -1; };
