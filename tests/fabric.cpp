@@ -195,7 +195,10 @@ wire_t::~wire_t() { close(fd); }
 
 void wire_t::send(const frame_t &frame) const
 {
-    ASSERT_EQ(::send(fd, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size())) << strerror(errno);
+    ssize_t sent = ::send(fd, frame.data(), frame.size(), 0);
+    if (sent < 0 && errno == ENETDOWN) // of a time when the interface was down; told once, at the first call after it
+        sent = ::send(fd, frame.data(), frame.size(), 0);
+    ASSERT_EQ(sent, static_cast<ssize_t>(frame.size())) << strerror(errno);
 }
 
 // One frame that came in at this end. The kernel takes an outer VLAN tag out of a frame and tells it beside it.
