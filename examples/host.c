@@ -134,10 +134,7 @@ bool host_stop_asked(uint32_t ms)
     return _host.stop_asked;
 }
 
-bool host_running(void)
-{
-    return atomic_load(&_host.running);
-}
+bool host_running(void) { return atomic_load(&_host.running); }
 
 int host_stop(void)
 {
