@@ -1,311 +1,216 @@
-// What a host sees of cards: from a frame on the wire to the record, the events, the lists and the counters.
+// What a host sees of cards: from a frame on the wire to the record, the events, the lists and the callbacks.
 #include "fabric.h"
 
 #include <algorithm>
 #include <cstring>
 #include <map>
 #include <optional>
-#include <set>
 
 namespace
 {
 
-using discovery = fabric_t;
+constexpr int32_t NEW = FXM_EVT_NEWDEVINFO, UPDATE = FXM_EVT_UPDATEDEVINFO, CONNECTION = FXM_EVT_CONNECTIONCHANGE,
+                  ERROR = FXM_EVT_MAJORMINORERROR, PATH = FXM_EVT_PATHSTATECHANGE, CHANNEL = FXM_EVT_CHANNELSTATECHANGE;
 
-void append(frame_t *frame, const frame_t &piece) { frame->insert(frame->end(), piece.begin(), piece.end()); }
-
-template <size_t N> void set_bytes(uint8_t (&field)[N], std::initializer_list<uint8_t> bytes)
-{
-    ASSERT_EQ(bytes.size(), N);
-    std::copy(bytes.begin(), bytes.end(), field);
-}
+fxm_card_data_t &card_of(fxm_fxsv_t &record) { return record.fsv_card; }
+fxm_card_data_t &card_of(fxm_fxio_t &record) { return record.fio_card; }
 
 template <typename Record> testing::AssertionResult same_record(const Record &expected, const Record &actual)
 {
-    uint8_t bytes[2][sizeof(Record)];
-    memcpy(bytes[0], &expected, sizeof(Record));
-    memcpy(bytes[1], &actual, sizeof(Record));
-    auto result = testing::AssertionFailure() << "records differ at";
-    bool same = true;
-    for (size_t i = 0; i < sizeof(Record); ++i) {
-        if (bytes[0][i] == bytes[1][i])
-            continue;
-        same = false;
-        result << " [" << i << "] " << int{bytes[0][i]} << "/" << int{bytes[1][i]};
-    }
-    return same ? testing::AssertionSuccess() : result;
-}
-
-// The record that one frame has just made, on channel [port][mac]. Its times are those of the arrival, not before
-// `sent`; then they are the actual ones in `expected` too.
-template <typename Record>
-void expect_new_record(Record expected, const Record &actual, size_t port, size_t mac, uint64_t sent)
-{
-    fxm_card_data_t card;
-    memcpy(&card, &actual, sizeof(card));
-    const uint64_t arrival = card.fcd_recvtime[port][mac];
-    EXPECT_GE(arrival, sent);
-    EXPECT_LE(arrival, now_ms());
-    fxm_card_data_t expected_card;
-    memcpy(&expected_card, &expected, sizeof(expected_card));
-    expected_card.fcd_recvtime[port][mac] = arrival;
-    expected_card.fcd_updatetime = arrival;
-    expected_card.fcd_state[port][mac] = 1;
-    memcpy(static_cast<void *>(&expected), &expected_card, sizeof(expected_card));
-    EXPECT_TRUE(same_record(expected, actual));
+    frame_t bytes[2] = {frame_t(sizeof(Record)), frame_t(sizeof(Record))};
+    memcpy(bytes[0].data(), &expected, sizeof(Record));
+    memcpy(bytes[1].data(), &actual, sizeof(Record));
+    return same_frame(bytes[0], bytes[1]);
 }
 
 // "CDDD": the channels of a record as the status dump shows them.
 std::string channels(const fxm_card_data_t &card)
 {
     std::string text;
-    for (const auto &port : card.fcd_state) {
-        for (const uint32_t state : port)
-            text += state == 1 ? 'C' : 'D';
-    }
+    for (size_t i = 0; i < 4; ++i)
+        text += card.fcd_state[i / 2][i % 2] == 1 ? 'C' : 'D';
     return text;
 }
 
+using pieces_t = std::map<size_t, std::string>; // hexadecimal digits by offset
+
+// The first `length` bytes of the frame, or all of them, with other pieces in it.
+frame_t changed(frame_t frame, const pieces_t &pieces, size_t length = 0)
+{
+    if (length != 0)
+        frame.resize(length);
+    for (const auto &[offset, digits] : pieces) {
+        const frame_t piece = hex(digits);
+        std::copy(piece.begin(), piece.end(), frame.begin() + static_cast<std::ptrdiff_t>(offset));
+    }
+    return frame;
+}
+
+// So many frames of the cards are counted on port 0.
+std::function<bool(const dump_t &)> received(uint64_t number)
+{
+    return [=](const dump_t &dump) { return frames_counted(dump, 0, "FXM_STATS_R_TOTAL") == number; };
+}
+
+// What a frame has that the one before it had not, the events that it raises, and the port that it comes to.
+struct step_t {
+    pieces_t news;
+    std::vector<int32_t> events;
+    size_t port = 0;
+};
+
+class discovery : public fabric_t
+{
+  protected:
+    // One card of each class speaks, each the one that comes so far behind the first of its class.
+    void announce(uint64_t n, const pieces_t &news = {})
+    {
+        wire[0]->send(changed(from(FXSV_1G + n, fxsv_1g_frame()), news));
+        wire[0]->send(changed(from(FXIO + n, fxio_frame()), news));
+    }
+
+    // The last frame of each card, or what its first one starts from.
+    std::map<uint64_t, frame_t> spoken = {
+        {FXSV_1G, fxsv_1g_frame()}, {FXSV_40G, fxsv_40g_frame()}, {FXIO, fxio_frame()}};
+
+    // The card goes from one frame to the next.
+    void expect_steps(uint64_t id, const std::vector<step_t> &steps)
+    {
+        frame_t &frame = spoken[id];
+        for (size_t i = 0; i < steps.size(); ++i) {
+            SCOPED_TRACE("step " + std::to_string(i));
+            frame = changed(frame, steps[i].news);
+            wire[steps[i].port]->send(frame);
+            expect_events(events_of(id, steps[i].events), static_cast<int>(steps[i].port));
+        }
+    }
+
+    // A new card sends the frame to the port from one of its MACs: the record is `expected` with what bytes 0 to 17
+    // tell. In both layouts and under each of the subtypes, with a card each from `id` on.
+    template <typename Record>
+    void expect_record(const frame_t &frame, const std::vector<std::string> &subtypes, uint64_t id, size_t port,
+                       size_t mac, Record expected, Record (*get)(uint64_t), const std::vector<int32_t> &events = {NEW})
+    {
+        // On VLAN 0xABC. Bit 12 of the TCI has no meaning.
+        const std::string layouts[2] = {"81 00 9a bc 88 b6", "88 b6 81 00 9a bc"};
+        for (const std::string &subtype : subtypes) {
+            for (uint8_t mode = 0; mode < 2; ++mode, id += 0x10) {
+                SCOPED_TRACE("subtype " + subtype + ", layout " + std::to_string(mode));
+                const uint64_t sent = now_ms();
+                spoken[id] = from(id + mac, frame);
+                expect_steps(id, {{{{12, layouts[mode]}, {18, subtype}}, events, port}});
+                Record actual = get(id);
+                const uint64_t arrival = card_of(actual).fcd_recvtime[port][mac];
+                EXPECT_GE(arrival, sent);
+                EXPECT_LE(arrival, now_ms());
+                fxm_card_data_t &card = card_of(expected);
+                card.fcd_id = id;
+                memcpy(card.fcd_macaddr, from(id, frame).data() + 6, 6);
+                card.fcd_vlan_id = 0xabc;
+                card.fcd_vlan_mode = mode;
+                card.fcd_recvtime[port][mac] = card.fcd_updatetime = arrival;
+                card.fcd_state[port][mac] = 1;
+                EXPECT_TRUE(same_record(expected, actual));
+            }
+        }
+    }
+};
+
 // --------------------------------------------------------------------------------------------- from frame to record
 
-// Both layouts of bytes 0 to 17, from card 02:00:00:00:10:00 on VLAN 0xABC. Bit 12 of the TCI has no meaning.
-const char *const TAGGED = "ff ff ff ff ff ff  02 00 00 00 10 00  81 00 9a bc  88 b6";
-const char *const CHANGE = "ff ff ff ff ff ff  02 00 00 00 10 00  88 b6  81 00 9a bc";
-
-const char *const UP_PORT = "01 02 03 07"              // 28 primary, secondary, subordinate bus; command
-                            "34 12 78 56"              // 32 memory base, limit
-                            "bc 9a f0 de"              // 36 prefetchable base, limit
-                            "44 33 22 11 88 77 66 55"; // 40 prefetchable base, limit: upper halves
-
-const char *const DOWN_PORT_REGISTERS = "11 12 13 14 22 21 24 23 26 25 28 27 34 33 32 31 38 37 36 35";
-
-fxm_pci_config_t up_port()
-{
-    return {.fcp_pre_base_upper = 0x11223344,
-            .fcp_pre_limit_upper = 0x55667788,
-            .fcp_memory_base = 0x1234,
-            .fcp_memory_limit = 0x5678,
-            .fcp_pre_memory_base = 0x9abc,
-            .fcp_pre_memory_limit = 0xdef0,
-            .fcp_pri_bus_num = 1,
-            .fcp_sec_bus_num = 2,
-            .fcp_sub_bus_num = 3,
-            .fcp_command = 7};
-}
-
-fxm_pci_config_t down_port_registers()
-{
-    return {.fcp_pre_base_upper = 0x31323334,
-            .fcp_pre_limit_upper = 0x35363738,
-            .fcp_memory_base = 0x2122,
-            .fcp_memory_limit = 0x2324,
-            .fcp_pre_memory_base = 0x2526,
-            .fcp_pre_memory_limit = 0x2728,
-            .fcp_pri_bus_num = 0x11,
-            .fcp_sec_bus_num = 0x12,
-            .fcp_sub_bus_num = 0x13,
-            .fcp_command = 0x14};
-}
-
-// What TAGGED or CHANGE tell of the card that sends them.
-fxm_card_data_t card_of_header(uint64_t id, uint8_t mode)
-{
-    fxm_card_data_t card{};
-    card.fcd_id = id;
-    for (int i = 0; i < 6; ++i)
-        card.fcd_macaddr[i] = static_cast<uint8_t>(id >> (40 - 8 * i));
-    card.fcd_vlan_id = 0xabc;
-    card.fcd_vlan_mode = mode;
-    return card;
-}
-
-TEST_F(discovery, fxsv_1g_announcement_fills_the_whole_record_in_both_layouts)
+TEST_F(discovery, fxsv_announcement_fills_the_whole_record_in_both_layouts)
 {
     run();
-    for (const auto &[header, mode] : {std::pair(TAGGED, uint8_t{0}), std::pair(CHANGE, uint8_t{1})}) {
-        for (const uint8_t subtype : std::to_array<uint8_t>({0x10, 0x11})) {
-            frame_t frame = hex(header);
-            append(&frame, hex("10 ee 5a 00 f4 00" // 18 subtype; not read; flow id; ver; flags: UID switch; host: FXSV
-                               "c3 81 4e 96"));    // 24 link status; status: port 1 has link, version 14; interrupts
-            append(&frame, hex(UP_PORT));          // 28
-            append(&frame, hex("a1 02"             // 48 down port 0: connected
-                               "02 00 00 00 20 00")); // 50 to this FXIO card
-            append(&frame, hex(DOWN_PORT_REGISTERS));
-            append(&frame, hex("ff fd"                // 76 down port 1: all but connected
-                               "02 00 00 00 20 02")); // 78 its last FXIO card; 84 registers, not valid
-            append(&frame, frame_t(20, 0xee));
-            frame.resize(48 + 28 * 7); // 104 down ports 2 to 6
-            append(&frame, hex("00 02" // 244 down port 7
-                               "02 00 00 00 20 0e"));
-            append(&frame, hex(DOWN_PORT_REGISTERS));
-            append(&frame, frame_t(28, 0xff)); // 272 no part of a 1G/10G frame
-            frame[18] = subtype;
+    const std::string up_port = "01 02 03 07"              // primary, secondary, subordinate bus; command
+                                "34 12 78 56"              // memory base, limit
+                                "bc 9a f0 de"              // prefetchable base, limit
+                                "44 33 22 11 88 77 66 55"; // prefetchable base, limit: upper halves
+    const fxm_pci_config_t up_told = {0x11223344, 0x55667788, 0x1234, 0x5678, 0x9abc, 0xdef0, 1, 2, 3, 7};
+    const std::string registers = "11 12 13 14 22 21 24 23 26 25 28 27 34 33 32 31 38 37 36 35"; // likewise
+    const fxm_pci_config_t down_told = {0x31323334, 0x35363738, 0x2122, 0x2324, 0x2526, 0x2728, 0x11, 0x12, 0x13, 0x14};
+    fxm_fxsv_t one_g{};
+    one_g.fsv_card.fcd_uidsw = one_g.fsv_card.fcd_port1_link = 1;
+    memcpy(one_g.fsv_card.fcd_swstatus, "\x81\x4e\x96", 3);
+    one_g.fsv_card.fcd_flowid = 0x5a;
+    one_g.fsv_card.fcd_linkstatus = 0xc3;
+    one_g.fsv_card.fcd_int_vector = 0x96;
+    one_g.fsv_card.fcd_ver = 14;
+    one_g.fsv_up_port = up_told;
+    one_g.fsv_down_port[0] = {down_told, {0xa1, 0x02}, {0x02, 0, 0, 0, 0x20, 0x00}};
+    one_g.fsv_down_port[1] = {{}, {0xff, 0xfd}, {0x02, 0, 0, 0, 0x20, 0x02}};
+    one_g.fsv_down_port[7] = {down_told, {0x00, 0x02}, {0x02, 0, 0, 0, 0x20, 0x0e}};
+    const frame_t one_g_frame =
+        changed(fxsv_1g_frame(),
+                {{19, "ee 5a 00 f4 00"}, // 19 not read; flow id; ver; flags: UID switch; host: FXSV
+                 {24, "c3 81 4e 96"},    // 24 link status; status: port 1 has link, version 14; interrupts
+                 {28, up_port},
+                 {48, "a1 02 02 00 00 00 20 00" + registers},   // 48 down port 0: connected to this FXIO card
+                 {76, "ff fd 02 00 00 00 20 02" + registers},   // 76 down port 1: all but connected; not valid
+                 {244, "00 02 02 00 00 00 20 0e" + registers},  // 244 down port 7
+                 {272, "00 02 02 00 00 00 20 10" + registers}}, // 272 no part of a 1G/10G frame
+                300);
+    expect_record(one_g_frame, {"10", "11"}, FXSV_1G, 1, 0, one_g, fxsv, {NEW, ERROR});
 
-            const uint64_t id = FXSV_1G + 0x10u * subtype + uint64_t{mode};
-            const uint64_t sent = now_ms();
-            wire[1]->send(from(id, frame));
-            expect_events(events_of(id, {FXM_EVT_NEWDEVINFO, FXM_EVT_MAJORMINORERROR}), 1);
-
-            fxm_fxsv_t expected{};
-            fxm_card_data_t &card = expected.fsv_card;
-            card = card_of_header(id, mode);
-            card.fcd_uidsw = 1;
-            card.fcd_port1_link = 1;
-            set_bytes(card.fcd_swstatus, {0x81, 0x4e, 0x96});
-            card.fcd_flowid = 0x5a;
-            card.fcd_linkstatus = 0xc3;
-            card.fcd_int_vector = 0x96;
-            card.fcd_ver = 14;
-            expected.fsv_up_port = up_port();
-            expected.fsv_down_port[0] = {down_port_registers(), {0xa1, 0x02}, {0x02, 0, 0, 0, 0x20, 0x00}};
-            expected.fsv_down_port[1] = {{}, {0xff, 0xfd}, {0x02, 0, 0, 0, 0x20, 0x02}};
-            expected.fsv_down_port[7] = {down_port_registers(), {0x00, 0x02}, {0x02, 0, 0, 0, 0x20, 0x0e}};
-            expect_new_record(expected, fxsv(id), 1, 0, sent);
-        }
-    }
-}
-
-TEST_F(discovery, fxsv_40g_announcement_fills_all_sixteen_down_ports)
-{
-    run();
-    for (const auto &[header, mode] : {std::pair(TAGGED, uint8_t{0}), std::pair(CHANGE, uint8_t{1})}) {
-        for (const uint8_t subtype : std::to_array<uint8_t>({0x18, 0x19})) {
-            frame_t frame = hex(header);
-            append(&frame, hex("18 00 00 7f 08 00" // 18 subtype; not read; flow id; ver 0x7f; flags: power; host: FXSV
-                               "00 00 20 00"));    // 24 link status; status: port 0 has link
-            append(&frame, hex(UP_PORT));          // 28
-            frame.resize(272);                     // 48 down ports 0 to 7
-            append(&frame, hex("f8 03"             // 272 down port 8
-                               "02 00 00 00 20 10"));
-            append(&frame, hex(DOWN_PORT_REGISTERS));
-            frame.resize(48 + 28 * 15); // 300 down ports 9 to 14
-            append(&frame, hex("01 02"  // 468 down port 15
-                               "02 00 00 00 20 1e"));
-            append(&frame, hex(DOWN_PORT_REGISTERS));
-            ASSERT_EQ(frame.size(), 496u);
-            frame[18] = subtype;
-
-            const uint64_t id = FXSV_40G + 0x10u * subtype + 2 * uint64_t{mode};
-            const uint64_t sent = now_ms();
-            wire[0]->send(from(id + 1, frame)); // MAC 1 of the card
-            expect_events(events_of(id, {FXM_EVT_NEWDEVINFO}));
-
-            fxm_fxsv_t expected{};
-            fxm_card_data_t &card = expected.fsv_card;
-            card = card_of_header(id, mode);
-            card.fcd_power = 1;
-            card.fcd_port0_link = 1;
-            set_bytes(card.fcd_swstatus, {0x00, 0x20, 0x00});
-            card.fcd_type = 0x7f;
-            expected.fsv_up_port = up_port();
-            expected.fsv_down_port[8] = {down_port_registers(), {0xf8, 0x03}, {0x02, 0, 0, 0, 0x20, 0x10}};
-            expected.fsv_down_port[15] = {down_port_registers(), {0x01, 0x02}, {0x02, 0, 0, 0, 0x20, 0x1e}};
-            expect_new_record(expected, fxsv(id), 0, 1, sent);
-        }
-    }
+    fxm_fxsv_t forty_g{};
+    forty_g.fsv_card.fcd_power = forty_g.fsv_card.fcd_port0_link = 1;
+    forty_g.fsv_card.fcd_swstatus[1] = 0x20;
+    forty_g.fsv_card.fcd_type = 0x7f;
+    forty_g.fsv_up_port = up_told;
+    forty_g.fsv_down_port[8] = {down_told, {0xf8, 0x03}, {0x02, 0, 0, 0, 0x20, 0x10}};
+    forty_g.fsv_down_port[15] = {down_told, {0x01, 0x02}, {0x02, 0, 0, 0, 0x20, 0x1e}};
+    const frame_t forty_g_frame = changed(fxsv_40g_frame(), {{21, "7f 08"}, // 21 ver; flags: power
+                                                             {26, "20"},    // 26 status: port 0 has link
+                                                             {28, up_port},
+                                                             {272, "f8 03 02 00 00 00 20 10" + registers},
+                                                             {468, "01 02 02 00 00 00 20 1e" + registers}});
+    expect_record(forty_g_frame, {"18", "19"}, FXSV_40G, 0, 1, forty_g, fxsv);
 }
 
 TEST_F(discovery, fxio_announcement_fills_the_whole_record_in_both_layouts)
 {
     run();
-    for (const auto &[header, mode] : {std::pair(TAGGED, uint8_t{0}), std::pair(CHANGE, uint8_t{1})}) {
-        for (const uint8_t subtype : std::to_array<uint8_t>({0x10, 0x11, 0x18, 0x19})) {
-            frame_t frame = hex(header);
-            append(&frame,
-                   hex("10 ee 33 00 f9 01" // 18 subtype; not read; flow id; ver; flags: power, fault; host: FXIO
-                       "0f 80 b0 00"       // 24 link status; status: presence, port 0 has link, a bit of no name
-                       "c5 02"             // 28 sub-state: connected
-                       "02 00 00 00 10 08" // 30 its FXSV card
-                       "72 15 86 80"       // 36 device, vendor
-                       "ee 56 34 12"       // 40 not read; class code
-                       "ff ff"));          // 44 not there for a card that is not multi-root
-            frame[18] = subtype;
+    fxm_fxio_t single{};
+    single.fio_card.fcd_power = single.fio_card.fcd_port0_link = 1;
+    memcpy(single.fio_card.fcd_swstatus, "\x80\xb0\x00", 3);
+    single.fio_card.fcd_flowid = 0x33;
+    single.fio_card.fcd_linkstatus = 0x0f;
+    single.fio_class_code = 0x123456;
+    single.fio_device_id = 0x1572;
+    single.fio_vendor_id = 0x8086;
+    memcpy(single.fio_sermacaddr, "\x02\x00\x00\x00\x10\x08", 6);
+    memcpy(single.fio_substate, "\xc5\x02", 2);
+    single.fio_link0fault = single.fio_pcie_presence = 1;
+    const frame_t single_frame = changed(fxio_frame(),
+                                         {{18, "10 ee 33 00 f9 01" // 18 subtype; not read; flow id; ver; flags; host
+                                               "0f 80 b0 00"       // 24 link status; status: presence, port 0 has link
+                                               "c5 02"             // 28 sub-state: connected
+                                               "02 00 00 00 10 08" // 30 its FXSV card
+                                               "72 15 86 80"       // 36 device, vendor
+                                               "ee 56 34 12"       // 40 not read; class code
+                                               "ff ff"}},          // 44 not there: the card is not multi-root
+                                         46);
+    // An odd address of a card with ver 0 is just its address.
+    expect_record(single_frame, {"10", "11", "18", "19"}, FXIO + 1, 0, 0, single, fxio);
 
-            // An odd address of a card with ver 0 is just its address.
-            const uint64_t id = FXIO + 0x10u * subtype + 2 * uint64_t{mode} + 1;
-            const uint64_t sent = now_ms();
-            wire[0]->send(from(id, frame));
-            expect_events(events_of(id, {FXM_EVT_NEWDEVINFO}));
-
-            fxm_fxio_t expected{};
-            fxm_card_data_t &card = expected.fio_card;
-            card = card_of_header(id, mode);
-            card.fcd_power = 1;
-            card.fcd_port0_link = 1;
-            set_bytes(card.fcd_swstatus, {0x80, 0xb0, 0x00});
-            card.fcd_flowid = 0x33;
-            card.fcd_linkstatus = 0x0f;
-            expected.fio_class_code = 0x123456;
-            expected.fio_device_id = 0x1572;
-            expected.fio_vendor_id = 0x8086;
-            set_bytes(expected.fio_sermacaddr, {0x02, 0x00, 0x00, 0x00, 0x10, 0x08});
-            set_bytes(expected.fio_substate, {0xc5, 0x02});
-            expected.fio_link0fault = 1;
-            expected.fio_pcie_presence = 1;
-            expect_new_record(expected, fxio(id), 0, 0, sent);
-        }
-    }
-}
-
-TEST_F(discovery, multi_root_card_has_its_resource_number_and_swapped_fault_flags)
-{
-    run();
-    for (const auto &[header, mode] : {std::pair(TAGGED, uint8_t{0}), std::pair(CHANGE, uint8_t{1})}) {
-        frame_t frame = hex(header);
-        append(&frame, hex("18 00 00 01 01 01" // 18 40G DEVINFO; not read; flow id; ver 1; flags: fault; host: FXIO
-                           "00 00 41 00"       // 24 link status; status: port 1 has link, version 1: multi-root
-                           "00 00"             // 28 sub-state
-                           "00 00 00 00 00 00" // 30 its FXSV card
-                           "01 02 03 04"       // 36 device, vendor
-                           "00 03 02 01"       // 40 not read; class code
-                           "01 02"));          // 44 resource number, most significant byte first
-        const uint64_t id = FXIO_MR + 2 * uint64_t{mode};
-        const uint64_t sent = now_ms();
-        wire[1]->send(from(id + 1, frame));
-        expect_events(events_of(id, {FXM_EVT_NEWDEVINFO}), 1);
-
-        fxm_fxio_t expected{};
-        fxm_card_data_t &card = expected.fio_card;
-        card = card_of_header(id, mode);
-        card.fcd_port1_link = 1;
-        set_bytes(card.fcd_swstatus, {0x00, 0x41, 0x00});
-        card.fcd_type = 1;
-        card.fcd_ver = 1;
-        expected.fio_class_code = 0x010203;
-        expected.fio_device_id = 0x0201;
-        expected.fio_vendor_id = 0x0403;
-        expected.fio_mr_resource_num = 0x0102;
-        expected.fio_link1fault = 1;
-        expect_new_record(expected, fxio(id), 1, 1, sent);
-
-        frame[22] = 0x02; // the other flag
-        wire[1]->send(from(id + 1, frame));
-        expect_events(events_of(id, {FXM_EVT_UPDATEDEVINFO, FXM_EVT_PATHSTATECHANGE}), 1);
-        EXPECT_EQ(fxio(id).fio_link0fault, 1);
-        EXPECT_EQ(fxio(id).fio_link1fault, 0);
-    }
+    // A multi-root card has a resource number, and its two fault flags the other way round.
+    fxm_fxio_t multi_root{};
+    multi_root.fio_card.fcd_port1_link = 1;
+    multi_root.fio_card.fcd_swstatus[1] = 0x41;
+    multi_root.fio_card.fcd_type = multi_root.fio_card.fcd_ver = 1;
+    multi_root.fio_class_code = 0x020000;
+    multi_root.fio_device_id = 0x1572;
+    multi_root.fio_vendor_id = 0x8086;
+    multi_root.fio_mr_resource_num = 0x0102;
+    multi_root.fio_link1fault = 1;
+    frame_t frame = changed(fxio_mr_frame(), {{21, "01 01"}, // 21 ver; flags: fault
+                                              {26, "41"}});  // 26 status: port 1 has link, version 1
+    expect_record(frame, {"18"}, FXIO_MR, 1, 1, multi_root, fxio);
+    frame[22] = 0x02;
+    std::swap(multi_root.fio_link0fault, multi_root.fio_link1fault);
+    expect_record(frame, {"18"}, FXIO_MR + 0x100, 1, 1, multi_root, fxio);
 }
 
 // ------------------------------------------------------------------------------------------------- frames refused
-
-// So many frames of the cards are counted on the two ports.
-std::function<bool(const dump_t &)> received(uint64_t on_port0, uint64_t on_port1)
-{
-    return [=](const dump_t &dump) {
-        return frames_counted(dump, 0, "FXM_STATS_R_TOTAL") == on_port0 &&
-               frames_counted(dump, 1, "FXM_STATS_R_TOTAL") == on_port1;
-    };
-}
-
-// The first `length` bytes of the frame, with the bytes at the given offsets changed.
-frame_t changed(frame_t frame, const std::map<size_t, uint8_t> &bytes, size_t length = 0)
-{
-    for (const auto &[offset, value] : bytes)
-        frame[offset] = value;
-    if (length != 0)
-        frame.resize(length);
-    return frame;
-}
 
 TEST_F(discovery, frame_that_fails_a_check_leaves_one_line_and_is_counted_nowhere)
 {
@@ -314,37 +219,36 @@ TEST_F(discovery, frame_that_fails_a_check_leaves_one_line_and_is_counted_nowher
     const frame_t fxio = fxio_frame();
     const frame_t fxio_mr = fxio_mr_frame();
     // Bytes 12 to 17 in the other order.
-    const std::map<size_t, uint8_t> change = {{12, 0x88}, {13, 0xb6}, {14, 0x81}, {15, 0x00}, {16, 0x80}, {17, 0x64}};
+    const pieces_t change = {{12, "88 b6 81 00 80 64"}};
     const frame_t fxio_change = changed(fxio, change);
 
     const std::vector<std::pair<frame_t, std::string>> refused = {
         {changed(fxio, {}, 27), "Recv size is too short. len=27"},
-        {changed(fxio, {{14, 0x60}}), "priority is not 100(bit). pri=0x60"},
-        {changed(fxio, {{14, 0xa0}}), "priority is not 100(bit). pri=0xA0"},
-        {changed(fxio, {{16, 0x08}, {17, 0x00}}), "Ether type is mismatch. type=0x0800"},
-        {changed(fxio_change, {{12, 0x08}, {13, 0x06}}), "Ether type is mismatch.(VlanTag change mode) type=0x0806"},
-        {changed(fxio_change, {{14, 0x81}, {15, 0x01}}), "TPID type is mismatch.(VlanTag change mode) tpid=0x8101"},
-        {changed(fxio_change, {{16, 0xc0}}), "priority is not 100(bit).(VlanTag change mode) pri=0xC0"},
+        {changed(fxio, {{14, "60"}}), "priority is not 100(bit). pri=0x60"},
+        {changed(fxio, {{14, "a0"}}), "priority is not 100(bit). pri=0xA0"},
+        {changed(fxio, {{16, "08 00"}}), "Ether type is mismatch. type=0x0800"},
+        {changed(fxio_change, {{12, "08 06"}}), "Ether type is mismatch.(VlanTag change mode) type=0x0806"},
+        {changed(fxio_change, {{14, "81 01"}}), "TPID type is mismatch.(VlanTag change mode) tpid=0x8101"},
+        {changed(fxio_change, {{16, "c0"}}), "priority is not 100(bit).(VlanTag change mode) pri=0xC0"},
         // What the library itself sends, and what nobody does.
-        {changed(fxio, {{18, 0x30}}), "Subtype is mismatch. subtype=0x30"},
-        {changed(fxio, {{18, 0x80}}), "Subtype is mismatch. subtype=0x80"},
-        {changed(fxio, {{18, 0x90}}), "Subtype is mismatch. subtype=0x90"},
-        {changed(fxio, {{18, 0x91}}), "Subtype is mismatch. subtype=0x91"},
-        {changed(fxio, {{18, 0x92}}), "Subtype is mismatch. subtype=0x92"},
-        {changed(fxio, {{18, 0x12}}), "Subtype is mismatch. subtype=0x12"},
-        {changed(fxio_change, {{18, 0x21}}), "Subtype is mismatch. subtype=0x21"},
+        {changed(fxio, {{18, "30"}}), "Subtype is mismatch. subtype=0x30"},
+        {changed(fxio, {{18, "80"}}), "Subtype is mismatch. subtype=0x80"},
+        {changed(fxio, {{18, "90"}}), "Subtype is mismatch. subtype=0x90"},
+        {changed(fxio, {{18, "91"}}), "Subtype is mismatch. subtype=0x91"},
+        {changed(fxio, {{18, "92"}}), "Subtype is mismatch. subtype=0x92"},
+        {changed(fxio_change, {{18, "12"}}), "Subtype is mismatch. subtype=0x12"},
         {changed(fxsv_1g, {}, 271), "Recv size is not enough. subtype=0x10, recv_size=271, msg_size=272"},
-        {changed(fxsv_1g, {{18, 0x11}}, 28), "Recv size is not enough. subtype=0x11, recv_size=28, msg_size=272"},
+        {changed(fxsv_1g, {{18, "11"}}, 28), "Recv size is not enough. subtype=0x11, recv_size=28, msg_size=272"},
         {changed(fxsv_40g, {}, 495), "Recv size is not enough. subtype=0x18, recv_size=495, msg_size=496"},
-        {changed(fxsv_40g, {{18, 0x19}}, 272), "Recv size is not enough. subtype=0x19, recv_size=272, msg_size=496"},
+        {changed(fxsv_40g, {{18, "19"}}, 272), "Recv size is not enough. subtype=0x19, recv_size=272, msg_size=496"},
         {changed(fxio, {}, 43), "Recv size is not enough. subtype=0x10, recv_size=43, msg_size=44"},
-        {changed(fxio, {{18, 0x19}}, 43), "Recv size is not enough. subtype=0x19, recv_size=43, msg_size=44"},
+        {changed(fxio, {{18, "19"}}, 43), "Recv size is not enough. subtype=0x19, recv_size=43, msg_size=44"},
         {changed(fxio_mr, {}, 45), "Recv size is not enough. subtype=0x10, recv_size=45, msg_size=46"},
-        {changed(fxio_mr, {{18, 0x18}}, 44), "Recv size is not enough. subtype=0x18, recv_size=44, msg_size=46"},
-        {changed(fxsv_1g, {{21, 0x01}}), "Drop 1G/10G DEVINFO to send from (ver=1) FX card."},
-        {changed(fxio, {{18, 0x11}, {21, 0xff}}), "Drop 1G/10G NOTIFY to send from (ver=255) FX card."},
+        {changed(fxio_mr, {{18, "18"}}, 44), "Recv size is not enough. subtype=0x18, recv_size=44, msg_size=46"},
+        {changed(fxsv_1g, {{21, "01"}}), "Drop 1G/10G DEVINFO to send from (ver=1) FX card."},
+        {changed(fxio, {{18, "11"}, {21, "ff"}}), "Drop 1G/10G NOTIFY to send from (ver=255) FX card."},
         // The length comes before the ver.
-        {changed(fxsv_1g, {{21, 0x02}}, 100), "Recv size is not enough. subtype=0x10, recv_size=100, msg_size=272"},
+        {changed(fxsv_1g, {{21, "02"}}, 100), "Recv size is not enough. subtype=0x10, recv_size=100, msg_size=272"},
     };
     run();
     for (const auto &[frame, line] : refused) {
@@ -352,54 +256,31 @@ TEST_F(discovery, frame_that_fails_a_check_leaves_one_line_and_is_counted_nowher
         ASSERT_TRUE(wait_for_line("TRACE _check_frame: " + line));
     }
     EXPECT_EQ(log.count_with("_check_frame: "), refused.size()) << "a frame has left more than its line";
-    EXPECT_EQ(frames_counted(dump(), 0, "FXM_STATS_R_TOTAL"), 0u);
+    EXPECT_TRUE(received(0)(dump()));
 
     // The shortest that pass; a sender that is no card is counted and goes no further.
-    const frame_t completion = hex("ff ff ff ff ff ff" //  0 destination
-                                   "02 00 00 00 10 00" //  6 source
-                                   "81 00 80 64 88 b6" // 12 TPID, TCI, EtherType
-                                   "20 00 00 00 00 07" // 18 Completion; not read; tag
-                                   "78 56 34 12");     // 24 value
+    const frame_t completion = changed(fxio, {{18, "20"}}, 28);
     wire[0]->send(completion);
     wire[0]->send(changed(completion, change));
-    wire[0]->send(changed(fxio, {{23, 0x02}}, 28));
+    wire[0]->send(changed(fxio, {{23, "02"}}, 28));
     expect_events({});
-    const dump_t after = dump_when(received(4, 0), "the frames to be counted"); // with the one that settled the wire
+    const dump_t after = dump_when(received(4), "the frames to be counted"); // with the one that settled the wire
     EXPECT_EQ(log.count("TRACE _fxm_recv_devinfo: Unknwon PEB. host=0x02"), 1u);
     EXPECT_EQ(frames_counted(after, 0, "FXM_STATS_R_COMP"), 2u);
-    EXPECT_EQ(frames_counted(after, 0, "FXM_STATS_R_DEV"), 2u);
     EXPECT_EQ(memory(after, "fxio").alloc, 1u);
-}
-
-TEST_F(discovery, configured_ether_type_alone_is_taken)
-{
-    configure("ether_type = 0x9abc\n");
-    start();
-    ASSERT_EQ(fxm_start_manager(), FXM_API_SUCCESS);
-    wire[0]->send(fxio_frame());
-    wire[0]->send(changed(fxio_frame(), {{16, 0x9a}, {17, 0xbc}}));
-    ASSERT_TRUE(wait_for([&] { return !events().empty(); }, "the card", [&] { return log.tail(); }));
-    EXPECT_EQ(log.count("TRACE _check_frame: Ether type is mismatch. type=0x88B6"), 1u);
-    EXPECT_EQ(events(), events_of(FXIO, {FXM_EVT_NEWDEVINFO}));
 }
 
 TEST_F(discovery, frames_before_the_start_of_the_manager_are_dropped_and_not_kept)
 {
     start();
     wire[0]->send(fxsv_1g_frame());
-    wire[1]->send(fxio_frame());
     ASSERT_TRUE(wait_for_line("TRACE _fxm_recv_frame: Drop packet because start flag is not set. port_num=0"));
-    ASSERT_TRUE(wait_for_line("TRACE _fxm_recv_frame: Drop packet because start flag is not set. port_num=1"));
-    const dump_t before = dump();
-    EXPECT_TRUE(has_line(before, "    Start flag: OFF"));
-    EXPECT_EQ(frames_counted(before, 0, "FXM_STATS_R_TOTAL") + frames_counted(before, 1, "FXM_STATS_R_TOTAL"), 0u);
-
+    EXPECT_TRUE(received(0)(dump()));
     ASSERT_EQ(fxm_start_manager(), FXM_API_SUCCESS);
     ASSERT_EQ(fxm_start_manager(), FXM_API_SUCCESS) << "a second call is harmless";
-    settle(1);
     expect_events({});
     wire[0]->send(fxsv_1g_frame());
-    expect_events(events_of(FXSV_1G, {FXM_EVT_NEWDEVINFO}));
+    expect_events(events_of(FXSV_1G, {NEW}));
 }
 
 // ---------------------------------------------------------------------------------------------------------- events
@@ -407,58 +288,38 @@ TEST_F(discovery, frames_before_the_start_of_the_manager_are_dropped_and_not_kep
 TEST_F(discovery, each_change_of_an_fxsv_card_raises_its_events_in_order)
 {
     run();
-    frame_t frame = fxsv_1g_frame();
-    const auto expect = [&](const std::vector<int32_t> &types, size_t port = 0) {
-        wire[port]->send(frame);
-        expect_events(events_of(FXSV_1G, types), static_cast<int>(port));
-    };
-    expect({FXM_EVT_NEWDEVINFO});
+    expect_steps(FXSV_1G, {{{}, {NEW}}});
     EXPECT_EQ(log.count("INFO _add_fxsv_devinfo: FXSV information is added. id=0x020000001000, P0M0: CONNECT, P0M1: "
                         "DISCONNECT, P1M0: DISCONNECT, P1M1: DISCONNECT"),
               1u);
-    const fxm_fxsv_t first = fxsv(FXSV_1G);
+    const fxm_card_data_t first = fxsv(FXSV_1G).fsv_card;
     // The clock must have moved on for a time to show whether it does.
-    ASSERT_TRUE(wait_for([&] { return now_ms() > first.fsv_card.fcd_updatetime; }, "the next millisecond"));
-    expect({});
-    EXPECT_EQ(fxsv(FXSV_1G).fsv_card.fcd_updatetime, first.fsv_card.fcd_updatetime) << "time alone is no news";
-    EXPECT_GT(fxsv(FXSV_1G).fsv_card.fcd_recvtime[0][0], first.fsv_card.fcd_recvtime[0][0]);
-    frame[18] = 0x11; // a NOTIFY of the same content
-    expect({});
+    ASSERT_TRUE(wait_for([&] { return now_ms() > first.fcd_updatetime; }, "the next millisecond"));
+    expect_steps(FXSV_1G, {{{}, {}}, {{{18, "11"}}, {}}}); // 18 a NOTIFY of the same content
+    const fxm_card_data_t second = fxsv(FXSV_1G).fsv_card;
+    EXPECT_EQ(second.fcd_updatetime, first.fcd_updatetime) << "time alone is no news";
+    EXPECT_GT(second.fcd_recvtime[0][0], first.fcd_recvtime[0][0]);
 
-    frame[20] = 1; // flow id
-    expect({FXM_EVT_UPDATEDEVINFO});
-    EXPECT_GT(fxsv(FXSV_1G).fsv_card.fcd_updatetime, first.fsv_card.fcd_updatetime);
-    frame[28] = 1; // up port
-    expect({FXM_EVT_UPDATEDEVINFO});
-    frame[48 + 1] = frame[48 + 28 * 7 + 1] = 0x02; // connection bit, down ports 0 and 7
-    expect({FXM_EVT_UPDATEDEVINFO, FXM_EVT_CONNECTIONCHANGE});
-    frame[48 + 1] = 0;
-    expect({FXM_EVT_UPDATEDEVINFO, FXM_EVT_CONNECTIONCHANGE});
-    frame[27] = 0x03; // interrupt vector
-    expect({FXM_EVT_UPDATEDEVINFO, FXM_EVT_MAJORMINORERROR});
-    frame[27] = 0x01;
-    expect({FXM_EVT_UPDATEDEVINFO});
-    frame[27] = 0x05;
-    expect({FXM_EVT_UPDATEDEVINFO, FXM_EVT_MAJORMINORERROR});
+    const size_t last_port = 48 + 28 * 7;
+    expect_steps(FXSV_1G,
+                 {{{{20, "01"}}, {UPDATE}},                                    // 20 flow id
+                  {{{28, "01"}}, {UPDATE}},                                    // 28 up port
+                  {{{49, "02"}, {last_port + 1, "02"}}, {UPDATE, CONNECTION}}, // connection bit, down ports 0 and 7
+                  {{{49, "00"}}, {UPDATE, CONNECTION}},
+                  {{{27, "03"}}, {UPDATE, ERROR}}, // 27 interrupt vector
+                  {{{27, "01"}}, {UPDATE}},
+                  {{{27, "05"}}, {UPDATE, ERROR}}});
+    const fxm_card_data_t third = fxsv(FXSV_1G).fsv_card;
+    EXPECT_GT(third.fcd_updatetime, first.fcd_updatetime);
 
     // No news: bits 2..0 of a down port's first status byte and bit 0 of the second. They are stored all the same.
-    frame[48] = 0x07;
-    frame[49] = 0x01;
-    const uint64_t update_time = fxsv(FXSV_1G).fsv_card.fcd_updatetime;
-    expect({});
+    expect_steps(FXSV_1G, {{{{48, "07"}, {49, "01"}}, {}}});
     EXPECT_EQ(fxsv(FXSV_1G).fsv_down_port[0].fdp_port_status[0], 0x07);
     EXPECT_EQ(fxsv(FXSV_1G).fsv_down_port[0].fdp_port_status[1], 0x01);
-    EXPECT_EQ(fxsv(FXSV_1G).fsv_card.fcd_updatetime, update_time);
-    frame[48] = 0x0f; // bit 3 is news
-    expect({FXM_EVT_UPDATEDEVINFO});
-    frame[49] = 0x05; // bit 2 is
-    expect({FXM_EVT_UPDATEDEVINFO});
-
-    // All at once, on the other port.
-    frame[24] = 0x01;
-    frame[27] = 0x0d;
-    frame[49] = 0x07;
-    expect({FXM_EVT_UPDATEDEVINFO, FXM_EVT_CONNECTIONCHANGE, FXM_EVT_MAJORMINORERROR, FXM_EVT_CHANNELSTATECHANGE}, 1);
+    EXPECT_EQ(fxsv(FXSV_1G).fsv_card.fcd_updatetime, third.fcd_updatetime);
+    expect_steps(FXSV_1G, {{{{48, "0f"}}, {UPDATE}},
+                           {{{49, "05"}}, {UPDATE}},
+                           {{{24, "01"}, {27, "0d"}, {49, "07"}}, {UPDATE, CONNECTION, ERROR, CHANNEL}, 1}});
     EXPECT_EQ(channels(fxsv(FXSV_1G).fsv_card), "CDCD");
     EXPECT_EQ(log.count("INFO _update_fxsv_devinfo: FXSV id=0x020000001000 state change to connect. P0M0: CONNECT, "
                         "P0M1: DISCONNECT, P1M0: CONNECT, P1M1: DISCONNECT"),
@@ -468,34 +329,17 @@ TEST_F(discovery, each_change_of_an_fxsv_card_raises_its_events_in_order)
 TEST_F(discovery, each_change_of_an_fxio_card_raises_its_events_in_order)
 {
     run();
-    frame_t frame = fxio_frame();
-    const auto expect = [&](const std::vector<int32_t> &types, size_t port = 0) {
-        wire[port]->send(frame);
-        expect_events(events_of(FXIO, types), static_cast<int>(port));
-    };
-    frame[27] = 0x80;
-    expect({FXM_EVT_NEWDEVINFO, FXM_EVT_MAJORMINORERROR});
-    expect({});
-    frame[28] = 0x07; // no news in the sub-state
-    frame[29] = 0x01;
-    expect({});
+    expect_steps(FXIO,
+                 {{{{27, "80"}}, {NEW, ERROR}},
+                  {{}, {}},
+                  {{{28, "07"}, {29, "01"}}, {}}, // 28 no news in the sub-state
+                  {{{28, "17"}}, {UPDATE}},
+                  {{{29, "03"}}, {UPDATE, CONNECTION}},
+                  {{{22, "01"}}, {UPDATE, PATH}}, // 22 fault of link 0
+                  {{{22, "02"}}, {UPDATE, PATH}}, // the one goes, the other comes
+                  {{{41, "01"}}, {UPDATE}},       // 41 class code
+                  {{{22, "01"}, {27, "c0"}, {28, "10"}, {29, "01"}}, {UPDATE, CONNECTION, ERROR, PATH, CHANNEL}, 1}});
     EXPECT_EQ(fxio(FXIO).fio_substate[1], 0x01);
-    frame[28] = 0x17;
-    expect({FXM_EVT_UPDATEDEVINFO});
-    frame[29] = 0x03;
-    expect({FXM_EVT_UPDATEDEVINFO, FXM_EVT_CONNECTIONCHANGE});
-    frame[22] = 0x01; // fault of link 0
-    expect({FXM_EVT_UPDATEDEVINFO, FXM_EVT_PATHSTATECHANGE});
-    frame[22] = 0x02; // the one goes, the other comes
-    expect({FXM_EVT_UPDATEDEVINFO, FXM_EVT_PATHSTATECHANGE});
-    frame[41] = 0x01; // class code
-    expect({FXM_EVT_UPDATEDEVINFO});
-    frame[22] = 0x01;
-    frame[27] = 0xc0;
-    frame[29] = 0x00;
-    expect({FXM_EVT_UPDATEDEVINFO, FXM_EVT_CONNECTIONCHANGE, FXM_EVT_MAJORMINORERROR, FXM_EVT_PATHSTATECHANGE,
-            FXM_EVT_CHANNELSTATECHANGE},
-           1);
     EXPECT_EQ(log.count("INFO _update_fxio_devinfo: FXIO id=0x020000002000 state change to connect. P0M0: CONNECT, "
                         "P0M1: DISCONNECT, P1M0: CONNECT, P1M1: DISCONNECT"),
               1u);
@@ -505,62 +349,20 @@ TEST_F(discovery, update_evt_mask_1_makes_every_bit_news)
 {
     configure("update_evt_mask = 1\n");
     run();
-    for (const size_t offset : {48u, 49u}) {
-        frame_t frame = from(FXSV_1G + offset, fxsv_1g_frame());
-        wire[0]->send(frame);
-        frame[offset] = 0x01;
-        wire[0]->send(frame);
-        expect_events(events_of(FXSV_1G + offset, {FXM_EVT_NEWDEVINFO, FXM_EVT_UPDATEDEVINFO}));
-    }
-    for (const size_t offset : {28u, 29u}) {
-        frame_t frame = from(FXIO + offset, fxio_frame());
-        wire[0]->send(frame);
-        frame[offset] = 0x01;
-        wire[0]->send(frame);
-        expect_events(events_of(FXIO + offset, {FXM_EVT_NEWDEVINFO, FXM_EVT_UPDATEDEVINFO}));
-    }
+    expect_steps(FXSV_1G, {{{}, {NEW}}, {{{48, "01"}}, {UPDATE}}, {{{49, "01"}}, {UPDATE}}});
+    expect_steps(FXIO, {{{}, {NEW}}, {{{28, "01"}}, {UPDATE}}, {{{29, "01"}}, {UPDATE}}});
 }
 
 TEST_F(discovery, connection_of_down_ports_counts_by_the_generation_of_the_card_not_of_the_frame)
 {
     run();
-    for (const uint8_t ver : std::to_array<uint8_t>({0, 1})) {
-        const uint64_t id = FXSV_40G + 0x100u * ver;
-        frame_t frame = from(id, fxsv_40g_frame());
-        frame[21] = ver;
-        wire[0]->send(frame);
-        expect_events(events_of(id, {FXM_EVT_NEWDEVINFO}));
-        frame[48 + 28 * 8 + 1] = 0x02; // the ninth
-        wire[0]->send(frame);
-        if (ver == 0)
-            expect_events(events_of(id, {FXM_EVT_UPDATEDEVINFO}));
-        else
-            expect_events(events_of(id, {FXM_EVT_UPDATEDEVINFO, FXM_EVT_CONNECTIONCHANGE}));
-        frame[48 + 28 * 7 + 1] = 0x02; // the eighth
-        wire[0]->send(frame);
-        expect_events(events_of(id, {FXM_EVT_UPDATEDEVINFO, FXM_EVT_CONNECTIONCHANGE}));
-        EXPECT_EQ(fxsv(id).fsv_down_port[8].fdp_port_status[1], 0x02);
-    }
-}
-
-TEST_F(discovery, four_channels_of_a_40g_card_come_up_one_by_one)
-{
-    run();
-    std::string expected = "DDDD";
-    bool known = false;
-    for (const size_t channel : {2u, 1u, 3u, 0u}) {
-        const size_t port = channel / 2;
-        wire[port]->send(from(FXSV_40G + channel % 2, fxsv_40g_frame()));
-        expect_events(events_of(FXSV_40G, known
-                                              ? std::vector<int32_t>{FXM_EVT_UPDATEDEVINFO, FXM_EVT_CHANNELSTATECHANGE}
-                                              : std::vector<int32_t>{FXM_EVT_NEWDEVINFO}),
-                      static_cast<int>(port));
-        known = true;
-        expected[channel] = 'C';
-        EXPECT_EQ(channels(fxsv(FXSV_40G).fsv_card), expected);
-    }
-    const dump_t lines = dump();
-    EXPECT_TRUE(has_line(lines, "    0x020000004000  100   40G   1    CCCC    WATCH    NORMAL"));
+    const size_t eighth = 48 + 28 * 7 + 1;
+    const size_t ninth = 48 + 28 * 8 + 1;
+    spoken[FXSV_1G] = from(FXSV_1G, fxsv_40g_frame());
+    expect_steps(FXSV_1G,
+                 {{{{21, "00"}}, {NEW}}, {{{ninth, "02"}}, {UPDATE}}, {{{eighth, "02"}}, {UPDATE, CONNECTION}}});
+    expect_steps(FXSV_40G, {{{}, {NEW}}, {{{ninth, "02"}}, {UPDATE, CONNECTION}}});
+    EXPECT_EQ(fxsv(FXSV_1G).fsv_down_port[8].fdp_port_status[1], 0x02);
 }
 
 TEST_F(discovery, a_card_heard_on_both_ports_at_once_is_one_card)
@@ -574,213 +376,145 @@ TEST_F(discovery, a_card_heard_on_both_ports_at_once_is_one_card)
     announce(0);
     other.join();
     settle(1);
-    expect_events(events_of(FXSV_1G, {FXM_EVT_NEWDEVINFO, FXM_EVT_UPDATEDEVINFO, FXM_EVT_CHANNELSTATECHANGE}));
+    expect_events(events_of(FXSV_1G, {NEW, UPDATE, CHANNEL}));
     EXPECT_EQ(channels(fxsv(FXSV_1G).fsv_card), "CDCD");
-
-    // Different VLANs on the two ports: each alternation is a change of the card's group.
-    wire[1]->send(on_vlan(101, fxsv_1g_frame()));
-    expect_events(events_of(FXSV_1G, {FXM_EVT_UPDATEDEVINFO}), 1);
-    wire[0]->send(fxsv_1g_frame());
-    expect_events(events_of(FXSV_1G, {FXM_EVT_UPDATEDEVINFO}));
-    EXPECT_EQ(fxsv(FXSV_1G).fsv_card.fcd_vlan_id, 100);
 }
 
 // ----------------------------------------------------------------------------------------------- lists and deletion
 
-// The six list queries, with one argument that those without an own ignore.
-struct query_t {
-    const char *name;
-    bool fxsv;
-    std::function<int(uint64_t, uint64_t **, uint32_t *)> ask;
-};
+// The list queries, for FXSV and for FXIO cards, with one argument that those without an own ignore.
+using query_t = int (*)(uint64_t, uint64_t **, uint32_t *);
+using queries_t = std::array<query_t, 2>;
 
-const std::vector<query_t> ALL_CARDS = {
-    {"fxm_get_fxsvids", true, [](uint64_t, uint64_t **list, uint32_t *count) { return fxm_get_fxsvids(list, count); }},
-    {"fxm_get_fxioids", false, [](uint64_t, uint64_t **list, uint32_t *count) { return fxm_get_fxioids(list, count); }},
-};
-const std::vector<query_t> BY_TIME = {
-    {"fxm_get_update_fxsvids", true, fxm_get_update_fxsvids},
-    {"fxm_get_update_fxioids", false, fxm_get_update_fxioids},
-};
-const std::vector<query_t> BY_GROUP = {
-    {"fxm_get_group_fxsvids", true,
-     [](uint64_t group, uint64_t **list, uint32_t *count) {
-         return fxm_get_group_fxsvids(static_cast<uint16_t>(group), list, count);
-     }},
-    {"fxm_get_group_fxioids", false,
-     [](uint64_t group, uint64_t **list, uint32_t *count) {
-         return fxm_get_group_fxioids(static_cast<uint16_t>(group), list, count);
-     }},
-};
+int fxsvids(uint64_t, uint64_t **list, uint32_t *count) { return fxm_get_fxsvids(list, count); }
+int fxioids(uint64_t, uint64_t **list, uint32_t *count) { return fxm_get_fxioids(list, count); }
 
-// The answer without a limit of the caller's; nothing when the result is not the expected one.
-std::optional<std::vector<uint64_t>> ask(const query_t &query, uint64_t argument, int result = FXM_API_SUCCESS)
+template <int (*of_group)(uint16_t, uint64_t **, uint32_t *)> int group(uint64_t id, uint64_t **list, uint32_t *count)
 {
-    uint64_t none = 0;
-    uint64_t *list = &none;
-    uint32_t count = 0;
-    EXPECT_EQ(query.ask(argument, &list, &count), result) << query.name;
-    if (result != FXM_API_SUCCESS || list == &none) {
-        EXPECT_NE(result, FXM_API_SUCCESS) << query.name << " gives no list";
-        EXPECT_EQ(list, &none) << query.name << " has written to its output";
-        return std::nullopt;
-    }
-    EXPECT_EQ(list == nullptr, count == 0) << query.name;
-    const std::vector<uint64_t> ids(list, list + count);
+    return of_group(static_cast<uint16_t>(id), list, count);
+}
+
+const queries_t ALL_CARDS = {fxsvids, fxioids};
+const queries_t BY_TIME = {fxm_get_update_fxsvids, fxm_get_update_fxioids};
+const queries_t BY_GROUP = {group<fxm_get_group_fxsvids>, group<fxm_get_group_fxioids>};
+
+using ids_t = std::vector<uint64_t>;
+using answer_t = std::tuple<int, uint32_t, std::optional<ids_t>>; // result, count, ids unless the list is not written
+
+answer_t ask(query_t query, uint64_t argument, uint32_t count = 0)
+{
+    uint64_t untouched = 0;
+    uint64_t *list = &untouched;
+    const int result = query(argument, &list, &count);
+    if (list == &untouched)
+        return {result, count, std::nullopt};
+    EXPECT_EQ(list == nullptr, count == 0);
+    const ids_t ids(list, list + count);
     EXPECT_EQ(fxm_free_idlist(list), FXM_API_SUCCESS);
-    return ids;
+    return {result, count, ids};
 }
 
-std::vector<uint64_t> ids_from(const query_t &query, uint64_t first, int number)
+// The answer that lists `number` cards of every second id.
+answer_t listed(uint64_t first, uint32_t number)
 {
-    const uint64_t base = query.fxsv ? FXSV_1G : FXIO;
-    std::vector<uint64_t> ids;
-    for (int i = 0; i < number; ++i)
-        ids.push_back(base + first + 2 * static_cast<uint64_t>(i));
-    return ids;
+    ids_t ids;
+    for (uint32_t i = 0; i < number; ++i)
+        ids.push_back(first + 2 * uint64_t{i});
+    return {FXM_API_SUCCESS, number, ids};
 }
+
+const answer_t NONE = {FXM_API_SUCCESS, 0, ids_t()};
+constexpr uint64_t FIRST[2] = {FXSV_1G, FXIO}; // cards of the two classes
 
 TEST_F(discovery, lists_are_ascending_and_keep_to_their_limits)
 {
-    configure("id_list_upper_limit = 3\n");
+    configure("id_list_upper_limit = 3\n"); // where the caller sets no limit
     run();
-    std::vector<query_t> queries;
-    for (const auto &some : {ALL_CARDS, BY_TIME, BY_GROUP})
-        queries.insert(queries.end(), some.begin(), some.end());
-
-    for (const query_t &query : queries) {
-        uint64_t *list = nullptr;
-        uint32_t count = 0;
-        EXPECT_EQ(query.ask(100, nullptr, &count), FXM_API_EINVAL) << query.name;
-        EXPECT_EQ(query.ask(100, &list, nullptr), FXM_API_EINVAL) << query.name;
-        for (const uint32_t limit : {0u, 1u}) {
-            count = limit;
-            list = reinterpret_cast<uint64_t *>(1);
-            EXPECT_EQ(query.ask(100, &list, &count), FXM_API_SUCCESS) << query.name;
-            EXPECT_EQ(list, nullptr) << query.name;
-            EXPECT_EQ(count, 0u) << query.name;
+    struct {
+        ids_t more; // cards, not in their order
+        uint32_t known;
+        std::map<uint32_t, bool> good; // is the answer, by limit
+    } const phases[] = {{{}, 0, {{0, true}, {1, true}}},
+                        {{4, 0, 2}, 3, {{0, true}, {1, false}, {2, false}, {3, true}}},
+                        {{6}, 4, {{0, false}, {3, false}, {4, true}}}};
+    for (const auto &[more, known, good] : phases) {
+        for (const uint64_t n : more)
+            announce(n);
+        settle(0);
+        for (const queries_t &queries : {ALL_CARDS, BY_TIME, BY_GROUP}) {
+            for (const size_t kind : {0u, 1u}) {
+                for (const auto &[limit, is_good] : good) {
+                    EXPECT_EQ(ask(queries[kind], 100, limit),
+                              is_good ? listed(FIRST[kind], known) : answer_t(FXM_API_ERANGE, known, std::nullopt));
+                }
+                uint64_t *list = nullptr;
+                uint32_t count = 0;
+                EXPECT_EQ(queries[kind](100, nullptr, &count), FXM_API_EINVAL);
+                EXPECT_EQ(queries[kind](100, &list, nullptr), FXM_API_EINVAL);
+            }
         }
     }
-    for (const uint64_t n : {4u, 0u, 2u}) { // not in their order
-        wire[0]->send(from(FXSV_1G + n, fxsv_1g_frame()));
-        wire[1]->send(from(FXIO + n, fxio_frame()));
-    }
-    settle(0);
-    settle(1);
-    for (const query_t &query : queries) {
-        const std::vector<uint64_t> three = ids_from(query, 0, 3);
-        EXPECT_EQ(ask(query, 100), three) << query.name;
-        uint64_t none = 0;
-        uint64_t *list = &none;
-        for (const uint32_t limit : {1u, 2u}) {
-            uint32_t count = limit;
-            EXPECT_EQ(query.ask(100, &list, &count), FXM_API_ERANGE) << query.name;
-            EXPECT_EQ(count, 3u) << query.name << ": the size needed";
-            EXPECT_EQ(list, &none) << query.name;
-        }
-        uint32_t count = 3;
-        ASSERT_EQ(query.ask(100, &list, &count), FXM_API_SUCCESS) << query.name << ": an exact fit";
-        EXPECT_EQ(std::vector<uint64_t>(list, list + count), three) << query.name;
-        EXPECT_EQ(fxm_free_idlist(list), FXM_API_SUCCESS);
-    }
-    // One more than the configuration allows when the caller sets no limit.
-    wire[0]->send(from(FXSV_1G + 6, fxsv_1g_frame()));
-    wire[0]->send(from(FXIO + 6, fxio_frame()));
-    settle(0);
-    for (const query_t &query : queries) {
-        ask(query, 100, FXM_API_ERANGE);
-        uint64_t *list = nullptr;
-        uint32_t count = 4;
-        EXPECT_EQ(query.ask(100, &list, &count), FXM_API_SUCCESS) << query.name;
-        EXPECT_EQ(fxm_free_idlist(list), FXM_API_SUCCESS);
-    }
-    const account_t lists = memory(dump(), "idlist");
-    EXPECT_EQ(lists.in_use, 0u);
-    EXPECT_EQ(lists.alloc, 18u) << "an empty or refused answer allocates nothing";
     EXPECT_EQ(fxm_free_idlist(nullptr), FXM_API_SUCCESS);
-    EXPECT_EQ(memory(dump(), "idlist").free, 18u);
+    const account_t lists = memory(dump(), "idlist");
+    EXPECT_EQ(lists.alloc, 18u) << "an empty or refused answer allocates nothing";
+    EXPECT_EQ(lists.free, 18u);
 }
 
 TEST_F(discovery, update_lists_name_what_has_changed_since_and_consume_nothing)
 {
     run();
-    for (const uint64_t n : {0u, 2u}) {
-        wire[0]->send(from(FXSV_1G + n, fxsv_1g_frame()));
-        wire[0]->send(from(FXIO + n, fxio_frame()));
-    }
+    announce(0);
+    announce(2);
     settle(0);
     const uint64_t seen = now_ms();
     ASSERT_TRUE(wait_for([&] { return now_ms() > seen; }, "the next millisecond"));
     const uint64_t poll = now_ms();
-    frame_t fxsv_frame = from(FXSV_1G + 2, fxsv_1g_frame());
-    frame_t fxio_news = from(FXIO + 2, fxio_frame());
-    fxsv_frame[20] = fxio_news[20] = 1;
-    wire[0]->send(fxsv_frame);
-    wire[0]->send(fxio_news);
-    wire[0]->send(fxsv_1g_frame()); // nothing new
-    wire[0]->send(fxio_frame());
+    announce(2, {{20, "01"}});
+    announce(0); // nothing new
     settle(0);
-    for (const query_t &query : BY_TIME) {
-        EXPECT_EQ(ask(query, 0), ids_from(query, 0, 2)) << query.name;
-        EXPECT_EQ(ask(query, poll), ids_from(query, 2, 1)) << query.name;
-        EXPECT_EQ(ask(query, poll), ids_from(query, 2, 1)) << query.name << ", asked again";
-        const uint64_t changed_at = query.fxsv ? fxsv(FXSV_1G + 2).fsv_card.fcd_updatetime : //
-                                        fxio(FXIO + 2).fio_card.fcd_updatetime;
-        EXPECT_EQ(ask(query, changed_at), ids_from(query, 2, 1)) << query.name << ": equal times count";
-        EXPECT_EQ(ask(query, changed_at + 1), std::vector<uint64_t>()) << query.name;
-        EXPECT_EQ(ask(query, UINT64_MAX), std::vector<uint64_t>()) << query.name;
+    const uint64_t changed_at[2] = {fxsv(FXSV_1G + 2).fsv_card.fcd_updatetime, fxio(FXIO + 2).fio_card.fcd_updatetime};
+    for (const size_t kind : {0u, 1u}) {
+        EXPECT_EQ(ask(BY_TIME[kind], 0), listed(FIRST[kind], 2));
+        for (const uint64_t since : {poll, poll, changed_at[kind]}) // asked again; equal times count
+            EXPECT_EQ(ask(BY_TIME[kind], since), listed(FIRST[kind] + 2, 1)) << since;
+        for (const uint64_t since : {changed_at[kind] + 1, UINT64_MAX})
+            EXPECT_EQ(ask(BY_TIME[kind], since), NONE) << since;
     }
 }
 
 TEST_F(discovery, a_card_stands_in_the_group_of_its_last_frame)
 {
     run();
-    for (const auto &[n, vlan] : {std::pair(0u, 1), std::pair(2u, 4094), std::pair(4u, 0), std::pair(6u, 4095)}) {
-        wire[0]->send(on_vlan(static_cast<uint16_t>(vlan), from(FXSV_1G + n, fxsv_1g_frame())));
-        wire[0]->send(on_vlan(static_cast<uint16_t>(vlan), from(FXIO + n, fxio_frame())));
-    }
+    announce(0, {{14, "80 01"}}); // VLAN 1
+    announce(2, {{14, "8f fe"}}); // 4094
+    announce(4, {{14, "80 00"}}); // 0
+    announce(6, {{14, "8f ff"}}); // 4095
     settle(0);
-    for (const query_t &query : BY_GROUP) {
-        EXPECT_EQ(ask(query, 1), ids_from(query, 0, 1)) << query.name;
-        EXPECT_EQ(ask(query, 4094), ids_from(query, 2, 1)) << query.name;
-        EXPECT_EQ(ask(query, 2), std::vector<uint64_t>()) << query.name;
+    for (const size_t kind : {0u, 1u}) {
+        EXPECT_EQ(ask(BY_GROUP[kind], 1), listed(FIRST[kind], 1));
+        EXPECT_EQ(ask(BY_GROUP[kind], 4094), listed(FIRST[kind] + 2, 1));
+        EXPECT_EQ(ask(BY_GROUP[kind], 2), NONE);
         for (const uint64_t no_group : {0u, 4095u, 4096u, 65535u})
-            ask(query, no_group, FXM_API_EINVAL);
+            EXPECT_EQ(ask(BY_GROUP[kind], no_group, 9), answer_t(FXM_API_EINVAL, 9, std::nullopt)) << no_group;
+        EXPECT_EQ(ask(ALL_CARDS[kind], 0), listed(FIRST[kind], 4));
     }
-    for (const query_t &query : ALL_CARDS)
-        EXPECT_EQ(ask(query, 0), ids_from(query, 0, 4)) << query.name;
-
     wire[0]->send(on_vlan(4094, fxsv_1g_frame()));
     settle(0);
-    EXPECT_EQ(ask(BY_GROUP[0], 1), std::vector<uint64_t>());
-    EXPECT_EQ(ask(BY_GROUP[0], 4094), ids_from(BY_GROUP[0], 0, 2));
-    EXPECT_EQ(ask(BY_GROUP[1], 1), ids_from(BY_GROUP[1], 0, 1));
-    const dump_t lines = dump();
-    for (const char *line : {"    fxsv total: 4", "    fxio total: 4", "       0      1      1",
-                             "       1      0      1", "    4094      2      1", "    4095      1      1"})
-        EXPECT_TRUE(has_line(lines, line)) << line;
-
+    EXPECT_EQ(ask(BY_GROUP[0], 1), NONE);
+    EXPECT_EQ(ask(BY_GROUP[0], 4094), listed(FXSV_1G, 2));
+    EXPECT_EQ(ask(BY_GROUP[1], 1), listed(FXIO, 1)) << "the other class has its own groups";
     EXPECT_EQ(fxm_delete_fxsv(FXSV_1G), FXM_API_SUCCESS);
-    EXPECT_EQ(ask(BY_GROUP[0], 4094), ids_from(BY_GROUP[0], 2, 1));
+    EXPECT_EQ(ask(BY_GROUP[0], 4094), listed(FXSV_1G + 2, 1));
 }
 
 TEST_F(discovery, a_deleted_card_that_speaks_again_is_new)
 {
     run();
-    for (const size_t port : {0u, 1u}) {
-        wire[port]->send(fxsv_1g_frame());
-        wire[port]->send(fxio_frame());
-        settle(static_cast<int>(port));
-    }
+    expect_steps(FXSV_1G, {{{}, {NEW}}, {{}, {UPDATE, CHANNEL}, 1}});
+    expect_steps(FXIO, {{{}, {NEW}}, {{}, {UPDATE, CHANNEL}, 1}});
     EXPECT_EQ(fxm_delete_fxsv(FXIO), FXM_API_ENOENT) << "it is in the other table";
     EXPECT_EQ(fxm_delete_fxio(FXSV_1G), FXM_API_ENOENT);
     EXPECT_EQ(channels(fxio(FXIO).fio_card), "CDCD");
-    expect_events({{FXM_EVT_NEWDEVINFO, FXSV_1G},
-                   {FXM_EVT_NEWDEVINFO, FXIO},
-                   {FXM_EVT_UPDATEDEVINFO, FXSV_1G},
-                   {FXM_EVT_CHANNELSTATECHANGE, FXSV_1G},
-                   {FXM_EVT_UPDATEDEVINFO, FXIO},
-                   {FXM_EVT_CHANNELSTATECHANGE, FXIO}});
 
     EXPECT_EQ(fxm_delete_fxsv(FXSV_1G), FXM_API_SUCCESS);
     EXPECT_EQ(fxm_delete_fxsv(FXSV_1G), FXM_API_ENOENT);
@@ -791,135 +525,88 @@ TEST_F(discovery, a_deleted_card_that_speaks_again_is_new)
     EXPECT_EQ(untouched.fsv_card.fcd_id, 7u);
     EXPECT_EQ(fxm_get_fxsv(FXSV_1G, nullptr), FXM_API_EINVAL);
     EXPECT_EQ(fxm_get_fxio(FXIO, nullptr), FXM_API_EINVAL);
+    const dump_t told = dump();
+    EXPECT_EQ(memory(told, "fxsv").in_use + memory(told, "fxio").in_use, 0u);
     expect_events({});
 
-    wire[1]->send(fxsv_1g_frame());
-    wire[1]->send(fxio_frame());
-    expect_events({{FXM_EVT_NEWDEVINFO, FXSV_1G}, {FXM_EVT_NEWDEVINFO, FXIO}}, 1);
-    EXPECT_EQ(channels(fxsv(FXSV_1G).fsv_card), "DDCD");
-    EXPECT_EQ(channels(fxio(FXIO).fio_card), "DDCD");
-    EXPECT_GE(log.count("TRACE _fxm_create_reg_lock_node: Failed to _fxm_rbtree_put(). err=EEXIST, id=0x020000001000"),
-              1u)
-        << "the write lock of a card outlives it";
+    expect_steps(FXSV_1G, {{{}, {NEW}, 1}});
+    expect_steps(FXIO, {{{}, {NEW}, 1}});
+    EXPECT_EQ(channels(fxsv(FXSV_1G).fsv_card) + channels(fxio(FXIO).fio_card), "DDCDDDCD");
 }
 
 // ------------------------------------------------------------------------------------------------------- monitoring
 
 TEST_F(discovery, an_unknown_card_out_of_monitoring_stays_unknown_until_it_is_put_back)
 {
-    // Write locks live as long as the process, so no other test may have heard of these.
+    // Write locks live as long as the process, so no other test may have heard of this card.
     constexpr uint64_t stranger = 0x02000000f100;
-    constexpr uint64_t stranger_io = 0x02000000f200;
     run();
-    settle(0);
-    const uint32_t write_locks = memory(dump(), "wreg_node").in_use;
     EXPECT_EQ(fxm_restart_monitor(stranger), FXM_API_SUCCESS) << "never stopped, never seen";
     EXPECT_EQ(fxm_stop_monitor(stranger), FXM_API_SUCCESS);
     EXPECT_EQ(fxm_stop_monitor(stranger), FXM_API_SUCCESS) << "twice is once";
-    EXPECT_EQ(fxm_stop_monitor(stranger_io), FXM_API_SUCCESS);
-    wire[0]->send(from(stranger, fxsv_1g_frame()));
-    wire[0]->send(from(stranger, fxsv_1g_frame()));
-    wire[0]->send(from(stranger_io, fxio_frame()));
-    expect_events({});
-    fxm_fxsv_t record;
-    EXPECT_EQ(fxm_get_fxsv(stranger, &record), FXM_API_ENOENT);
-    dump_t lines = dump_when(received(5, 0), "each frame to be counted, whatever becomes of it");
-    EXPECT_EQ(section(lines, "  - Black list ids"), (dump_t{"    0x02000000f100", "    0x02000000f200"}));
-    EXPECT_EQ(memory(lines, "bl_node").in_use, 2u);
-    EXPECT_EQ(memory(lines, "wreg_node").in_use, write_locks + 2) << "a write lock for each id that was heard";
+    EXPECT_EQ(fxm_stop_monitor(FXIO), FXM_API_SUCCESS);
+    spoken[stranger] = from(stranger, fxsv_1g_frame());
+    expect_steps(stranger, {{{}, {}}, {{}, {}}});
+    expect_steps(FXIO, {{{}, {}}});
+    EXPECT_EQ(ask(ALL_CARDS[0], 0), NONE);
+    EXPECT_EQ(ask(ALL_CARDS[1], 0), NONE);
+    const dump_t told = dump_when(received(3 + 3), "each frame to be counted, whatever becomes of it");
+    EXPECT_EQ(section(told, "  - Black list ids"), (dump_t{"    0x020000002000", "    0x02000000f100"}));
+    EXPECT_EQ(memory(told, "bl_node").in_use, 2u);
+    EXPECT_GE(log.count("TRACE _fxm_create_reg_lock_node: Failed to _fxm_rbtree_put(). err=EEXIST, id=0x02000000f100"),
+              1u)
+        << "no write lock was made when the id was first heard";
 
     EXPECT_EQ(fxm_restart_monitor(stranger), FXM_API_SUCCESS);
-    EXPECT_EQ(fxm_restart_monitor(stranger_io), FXM_API_SUCCESS);
-    wire[0]->send(from(stranger, fxsv_1g_frame()));
-    wire[0]->send(from(stranger_io, fxio_frame()));
-    expect_events({{FXM_EVT_NEWDEVINFO, stranger}, {FXM_EVT_NEWDEVINFO, stranger_io}});
-    lines = dump();
-    EXPECT_EQ(section(lines, "  - Black list ids"), (dump_t{"    no entry."}));
-    EXPECT_EQ(memory(lines, "bl_node").in_use, 0u);
+    EXPECT_EQ(fxm_restart_monitor(FXIO), FXM_API_SUCCESS);
+    expect_steps(stranger, {{{}, {NEW}}});
+    expect_steps(FXIO, {{{}, {NEW}}});
+    EXPECT_EQ(memory(dump(), "bl_node").in_use, 0u);
     EXPECT_EQ(log.count("TRACE fxm_stop_monitor: The ID already exist in black list. id=0x02000000f100"), 1u);
     EXPECT_EQ(log.count("TRACE fxm_restart_monitor: The ID don't exist in black list. id=0x02000000f100"), 1u);
 }
 
-TEST_F(discovery, a_known_card_out_of_monitoring_keeps_its_record)
+TEST_F(discovery, a_known_card_out_of_monitoring_keeps_its_record_and_comes_back_as_its_next_frame_shows_it)
 {
-    configure("devinfo_check_interval = 1000\ndevinfo_expire_time = 1000\ndevinfo_flag_check_interval = 10\n");
     run();
-    wire[0]->send(fxsv_1g_frame());
-    wire[0]->send(fxio_frame());
-    settle(0);
+    expect_steps(FXSV_1G, {{{}, {NEW}}, {{}, {UPDATE, CHANNEL}, 1}});
+    expect_steps(FXIO, {{{}, {NEW}}, {{}, {UPDATE, CHANNEL}, 1}});
     const fxm_fxsv_t before = fxsv(FXSV_1G);
     const fxm_fxio_t before_io = fxio(FXIO);
     EXPECT_EQ(fxm_stop_monitor(FXSV_1G), FXM_API_SUCCESS);
     EXPECT_EQ(fxm_stop_monitor(FXIO), FXM_API_SUCCESS);
-    wire[1]->send(changed(fxsv_1g_frame(), {{27, 0xff}, {49, 0x02}}));
-    wire[1]->send(changed(fxio_frame(), {{22, 0x03}, {27, 0xff}, {29, 0x02}}));
-    settle(1);
-    // The passes that would take down a card that is watched.
-    ASSERT_TRUE(wait_for([&] { return now_ms() > before_io.fio_card.fcd_updatetime + 1000; }, "the end of the time"));
-    const size_t passes = log.count_with("_fxm_interval_check: DEVINFO interval check end");
-    ASSERT_TRUE(wait_for(
-        [&] { return log.count_with("_fxm_interval_check: DEVINFO interval check end") >= passes + 2; }, "two passes"));
+    expect_steps(FXSV_1G, {{{{27, "ff"}, {49, "02"}}, {}, 1}});
+    expect_steps(FXIO, {{{{22, "03"}, {27, "ff"}, {29, "02"}}, {}, 1}});
+    EXPECT_EQ(fxm_restart_monitor(FXSV_1G), FXM_API_SUCCESS);
+    EXPECT_EQ(fxm_restart_monitor(FXIO), FXM_API_SUCCESS);
+    expect_events({}); // putting back raises nothing by itself
     EXPECT_TRUE(same_record(before, fxsv(FXSV_1G)));
     EXPECT_TRUE(same_record(before_io, fxio(FXIO)));
-    expect_events({{FXM_EVT_NEWDEVINFO, FXSV_1G}, {FXM_EVT_NEWDEVINFO, FXIO}});
-    EXPECT_TRUE(has_line(dump(), "    0x020000001000  100 1/10G   1    CDDD   IGNORE    NORMAL"));
-
-    // Deleted meanwhile, it stays out, and comes back as a new card.
-    EXPECT_EQ(fxm_delete_fxsv(FXSV_1G), FXM_API_SUCCESS);
-    wire[0]->send(fxsv_1g_frame());
-    expect_events({});
-    EXPECT_EQ(fxm_restart_monitor(FXSV_1G), FXM_API_SUCCESS);
-    wire[0]->send(fxsv_1g_frame());
-    expect_events(events_of(FXSV_1G, {FXM_EVT_NEWDEVINFO}));
-}
-
-TEST_F(discovery, a_card_put_back_into_monitoring_is_as_its_next_frame_shows_it)
-{
-    run();
-    frame_t fxsv_frame = fxsv_1g_frame();
-    frame_t io_frame = fxio_frame();
-    for (const size_t port : {0u, 1u}) {
-        wire[port]->send(fxsv_frame);
-        wire[port]->send(io_frame);
-        settle(static_cast<int>(port));
-    }
-    for (const uint64_t id : {FXSV_1G, FXIO}) {
-        EXPECT_EQ(fxm_stop_monitor(id), FXM_API_SUCCESS);
-        EXPECT_EQ(fxm_restart_monitor(id), FXM_API_SUCCESS);
-    }
-    EXPECT_TRUE(has_line(dump(), "    0x020000001000  100 1/10G   1    CDCD  RESTART    NORMAL"));
-    std::vector<event_t> all = events();
-    ASSERT_EQ(all.size(), 6u) << "putting back raises nothing by itself";
 
     const uint64_t sent = now_ms();
-    fxsv_frame[27] = 0x01;
-    io_frame[22] = 0x01;
-    io_frame[29] = 0x02;
-    wire[1]->send(fxsv_frame);
-    wire[1]->send(io_frame);
-    for (const auto &more :
-         {events_of(FXSV_1G, {FXM_EVT_UPDATEDEVINFO, FXM_EVT_MAJORMINORERROR, FXM_EVT_CHANNELSTATECHANGE}),
-          events_of(FXIO, {FXM_EVT_UPDATEDEVINFO, FXM_EVT_CONNECTIONCHANGE, FXM_EVT_PATHSTATECHANGE,
-                           FXM_EVT_CHANNELSTATECHANGE})})
-        all.insert(all.end(), more.begin(), more.end());
-    expect_events(all, 1);
-    EXPECT_EQ(channels(fxsv(FXSV_1G).fsv_card), "DDCD");
-    EXPECT_EQ(fxsv(FXSV_1G).fsv_card.fcd_recvtime[0][0], 0u) << "the record is replaced whole";
-    EXPECT_GE(fxsv(FXSV_1G).fsv_card.fcd_updatetime, sent);
-    EXPECT_EQ(channels(fxio(FXIO).fio_card), "DDCD");
+    expect_steps(FXSV_1G, {{{{27, "01"}, {49, "00"}}, {UPDATE, ERROR, CHANNEL}, 1}});
+    expect_steps(FXIO, {{{{22, "01"}, {27, "00"}}, {UPDATE, CONNECTION, PATH, CHANNEL}, 1}});
+    const fxm_card_data_t card = fxsv(FXSV_1G).fsv_card;
+    EXPECT_EQ(channels(card) + channels(fxio(FXIO).fio_card), "DDCDDDCD");
+    EXPECT_EQ(card.fcd_recvtime[0][0], 0u) << "the record is replaced whole";
+    EXPECT_GE(card.fcd_updatetime, sent);
     EXPECT_EQ(
         log.count("INFO _update_fxsv_devinfo: FXSV id=0x020000001000 state change to connect. "
                   "ignore_state=WATCH_RESTART, P0M0: DISCONNECT, P0M1: DISCONNECT, P1M0: CONNECT, P1M1: DISCONNECT"),
         1u);
-
-    wire[0]->send(fxsv_frame);
-    expect_events(events_of(FXSV_1G, {FXM_EVT_UPDATEDEVINFO, FXM_EVT_CHANNELSTATECHANGE}));
+    expect_steps(FXSV_1G, {{{}, {UPDATE, CHANNEL}}});
     EXPECT_EQ(channels(fxsv(FXSV_1G).fsv_card), "CDCD");
 
     // A card that was not stopped goes the same way: equal content, and an update all the same.
     EXPECT_EQ(fxm_restart_monitor(FXIO), FXM_API_SUCCESS);
-    wire[1]->send(io_frame);
-    expect_events(events_of(FXIO, {FXM_EVT_UPDATEDEVINFO, FXM_EVT_CHANNELSTATECHANGE}), 1);
+    expect_steps(FXIO, {{{}, {UPDATE, CHANNEL}, 1}});
+
+    // Deleted while it is out, a card stays out, and comes back as a new one.
+    EXPECT_EQ(fxm_stop_monitor(FXSV_1G), FXM_API_SUCCESS);
+    EXPECT_EQ(fxm_delete_fxsv(FXSV_1G), FXM_API_SUCCESS);
+    expect_steps(FXSV_1G, {{{}, {}}});
+    EXPECT_EQ(fxm_restart_monitor(FXSV_1G), FXM_API_SUCCESS);
+    expect_steps(FXSV_1G, {{{}, {NEW, ERROR}}});
 }
 
 // --------------------------------------------------------------------------------------------------------- callbacks
@@ -931,35 +618,24 @@ struct listener_t {
     void *cbid = nullptr;
 };
 
-std::mutex heard_lock; // guards the next one
-std::vector<std::string> heard;
+std::vector<std::string> heard; // read when the fixture has been told of a later event
 
 void hear(uint64_t, int32_t, uint64_t arg)
 {
     const auto *listener = reinterpret_cast<listener_t *>(arg);
-    {
-        const std::lock_guard guard(heard_lock);
-        heard.push_back(listener->name);
-    }
+    heard.push_back(listener->name);
     if (listener->then)
         listener->then();
 }
 
-std::vector<std::string> take_heard()
+int listen(listener_t *listener)
 {
-    const std::lock_guard guard(heard_lock);
-    return std::exchange(heard, {});
-}
-
-int listen(listener_t *listener, int32_t type = FXM_EVT_UPDATEDEVINFO)
-{
-    return fxm_register_callback(type, hear, reinterpret_cast<uintptr_t>(listener), &listener->cbid);
+    return fxm_register_callback(UPDATE, hear, reinterpret_cast<uintptr_t>(listener), &listener->cbid);
 }
 
 TEST_F(discovery, callbacks_are_called_in_the_order_of_registration_whatever_they_do)
 {
     run();
-    take_heard();
     frame_t frame = fxsv_1g_frame();
     wire[0]->send(frame);
     settle(0);
@@ -967,19 +643,16 @@ TEST_F(discovery, callbacks_are_called_in_the_order_of_registration_whatever_the
         frame[20] = static_cast<uint8_t>(frame[20] + 1);
         wire[0]->send(frame);
         settle(0);
-        return take_heard();
+        return std::exchange(heard, {});
     };
     using names_t = std::vector<std::string>;
 
-    listener_t late{"late"};
-    listener_t first{"first"};
-    listener_t second{"second"};
-    listener_t third{"third"};
+    listener_t first{"first"}, second{"second"}, third{"third"}, late{"late"};
     for (listener_t *listener : {&first, &second, &third})
         ASSERT_EQ(listen(listener), FXM_API_SUCCESS);
     EXPECT_EQ(update(), (names_t{"first", "second", "third"}));
 
-    // The same function twice, registered from inside a callback: it is reached by the event under way.
+    // The same function once more, registered from inside a callback: it is reached by the event under way.
     second.then = [&] {
         second.then = {};
         EXPECT_EQ(listen(&late), FXM_API_SUCCESS);
@@ -1006,10 +679,7 @@ TEST_F(discovery, callbacks_are_called_in_the_order_of_registration_whatever_the
     EXPECT_EQ(update(), (names_t{"second"}));
     EXPECT_EQ(record.fsv_card.fcd_flowid, frame[20]);
     EXPECT_EQ(fxm_unregister_callback(second.cbid), FXM_API_SUCCESS);
-
-    const account_t registrations = memory(dump(), "cbinfo");
-    EXPECT_EQ(registrations.in_use, 6u) << "the fixture's own are left";
-    EXPECT_EQ(registrations.alloc, 10u);
+    EXPECT_EQ(memory(dump(), "cbinfo").in_use, 6u) << "the fixture's own are left";
 }
 
 TEST_F(discovery, registrations_that_cannot_be_are_refused)
@@ -1023,18 +693,16 @@ TEST_F(discovery, registrations_that_cannot_be_are_refused)
     EXPECT_EQ(fxm_register_callback(0, hear, 0, nullptr), FXM_API_EINVAL);
     EXPECT_EQ(cbid, this) << "a refused registration has written its output";
     EXPECT_EQ(memory(dump(), "cbinfo").alloc, 6u);
-
     EXPECT_EQ(fxm_unregister_callback(nullptr), FXM_API_EINVAL);
     EXPECT_EQ(fxm_unregister_callback(&listener), FXM_API_EINVAL) << "never given out";
     ASSERT_EQ(listen(&listener), FXM_API_SUCCESS);
     EXPECT_EQ(fxm_unregister_callback(listener.cbid), FXM_API_SUCCESS);
     EXPECT_EQ(fxm_unregister_callback(listener.cbid), FXM_API_EINVAL) << "ended already";
 
-    // Handles do not outlive a stop.
-    void *const stale = cbid = this->cbid[0];
+    void *const stale = this->cbid[0];
     EXPECT_EQ(stop(), FXM_API_SUCCESS);
     ASSERT_TRUE(manager.start(dir, FXM_LOG_TRACE));
-    EXPECT_EQ(fxm_unregister_callback(stale), FXM_API_EINVAL);
+    EXPECT_EQ(fxm_unregister_callback(stale), FXM_API_EINVAL) << "a handle has outlived a stop";
 }
 
 // What a registration counts; called on the library's event thread.
@@ -1069,82 +737,19 @@ TEST_F(discovery, no_call_is_under_way_through_a_registration_that_has_been_ende
     std::vector<tally_t> tallies(200);
     for (tally_t &tally : tallies) {
         void *handle = nullptr;
-        ASSERT_EQ(
-            fxm_register_callback(FXM_EVT_UPDATEDEVINFO, count_call, reinterpret_cast<uintptr_t>(&tally), &handle),
-            FXM_API_SUCCESS);
+        EXPECT_EQ(fxm_register_callback(UPDATE, count_call, reinterpret_cast<uintptr_t>(&tally), &handle),
+                  FXM_API_SUCCESS);
         EXPECT_TRUE(wait_for([&] { return tally.calls > 0; }, "a call", [&] { return log.tail(); }));
         EXPECT_EQ(fxm_unregister_callback(handle), FXM_API_SUCCESS);
         tally.ended = true;
+        if (HasFailure())
+            break;
     }
     stopping = true;
     traffic.join();
     settle(0);
-    dump_when(
-        [](const dump_t &dump) {
-            const dump_t calls = section(dump, "  - Callback statistics");
-            return calls.size() == 2 && calls[0].substr(20) == calls[1].substr(20);
-        },
-        "as many calls to have returned as were made");
     for (const tally_t &tally : tallies)
         EXPECT_EQ(tally.late, 0u);
-}
-
-// ---------------------------------------------------------------------------------------------------------- counters
-
-TEST_F(discovery, every_frame_is_counted_by_port_and_kind_and_all_memory_comes_back)
-{
-    run();
-    const frame_t completion = changed(fxio_frame(), {{18, 0x20}}, 28);
-    const std::vector<std::pair<std::string, frame_t>> kinds = {
-        {"FXM_STATS_R_DEV", fxsv_1g_frame()},    {"FXM_STATS_R_NOTI", changed(fxsv_1g_frame(), {{18, 0x11}})},
-        {"FXM_STATS_R_DEV40", fxsv_40g_frame()}, {"FXM_STATS_R_NOTI40", changed(fxsv_40g_frame(), {{18, 0x19}})},
-        {"FXM_STATS_R_COMP", completion},
-    };
-    for (const size_t port : {0u, 1u}) {
-        for (size_t kind = 0; kind < kinds.size(); ++kind) {
-            for (size_t times = 0; times < kind + 1 + 5 * port; ++times)
-                wire[port]->send(kinds[kind].second);
-        }
-        settle(static_cast<int>(port));
-    }
-    dump_t lines = dump_when(received(1 + 2 + 3 + 4 + 5 + 1, 6 + 7 + 8 + 9 + 10 + 1), // each with one that settled it
-                             "the frames to be counted");
-    for (const size_t port : {0u, 1u}) {
-        for (size_t kind = 0; kind < kinds.size(); ++kind) {
-            const uint64_t expected = kind + 1 + 5 * port + (kind == 0 ? 1 : 0);
-            EXPECT_EQ(frames_counted(lines, static_cast<int>(port), kinds[kind].first), expected) << kinds[kind].first;
-        }
-        EXPECT_EQ(frames_counted(lines, static_cast<int>(port), "FXM_STATS_T_TOTAL"), 0u);
-    }
-    EXPECT_EQ(section(lines, "  - Event statistics"),
-              (dump_t{"    FXM_EVT_NEWDEVINFO        : 4", "    FXM_EVT_UPDATEDEVINFO     : 2",
-                      "    FXM_EVT_CONNECTIONCHANGE  : 0", "    FXM_EVT_MAJORMINORERROR   : 0",
-                      "    FXM_EVT_PATHSTATECHANGE   : 0", "    FXM_EVT_CHANNELSTATECHANGE: 2"}));
-    dump_when(
-        [](const dump_t &dump) {
-            return section(dump, "  - Callback statistics") == dump_t{"    Total called  : 8", "    Total returned: 8"};
-        },
-        "one call for each event, and all of them to be back");
-
-    uint64_t *list = nullptr;
-    uint32_t count = 0;
-    EXPECT_EQ(fxm_get_fxsvids(&list, &count), FXM_API_SUCCESS);
-    lines = dump();
-    EXPECT_EQ(memory(lines, "fxsv").in_use, 2u);
-    EXPECT_EQ(memory(lines, "idlist").in_use, 1u);
-    EXPECT_EQ(memory(lines, "cbinfo").in_use, 6u);
-    EXPECT_EQ(fxm_free_idlist(list), FXM_API_SUCCESS);
-    EXPECT_EQ(fxm_delete_fxsv(FXSV_1G), FXM_API_SUCCESS);
-    EXPECT_EQ(fxm_delete_fxsv(FXSV_40G), FXM_API_SUCCESS);
-    for (void *handle : cbid)
-        EXPECT_EQ(fxm_unregister_callback(handle), FXM_API_SUCCESS);
-    dump_when(
-        [](const dump_t &dump) {
-            const auto accounts = {"fxsv", "fxio", "bl_node", "evt_node", "idlist", "cbinfo", "addrs"};
-            return std::all_of(accounts.begin(), accounts.end(),
-                               [&](const char *account) { return memory(dump, account).in_use == 0; });
-        },
-        "all memory to be given back");
 }
 
 // ---------------------------------------------------------------------------------------------------- a whole fabric
@@ -1152,55 +757,38 @@ TEST_F(discovery, every_frame_is_counted_by_port_and_kind_and_all_memory_comes_b
 TEST_F(discovery, two_thousand_cards_on_two_ports_are_all_found_once_with_all_channels)
 {
     constexpr uint32_t number = 1000;
-    constexpr uint64_t first_fxsv = 0x020000100000;
-    constexpr uint64_t first_fxio = 0x020000200000;
+    constexpr uint64_t first[2] = {0x020000100000, 0x020000200000};
     run(FXM_LOG_INFO);
     ASSERT_NO_FATAL_FAILURE(start_cards("--period 500"));
     cards("fxsv 02:00:00:10:00:00 count=1000 gen=40g vlan=100");
     cards("fxio 02:00:00:20:00:00 count=1000 vlan=100");
-
-    const auto all_up = [&](const std::vector<uint64_t> &ids, bool is_fxsv) {
-        return ids.size() == number && std::all_of(ids.begin(), ids.end(), [&](uint64_t id) {
-                   return channels(is_fxsv ? fxsv(id).fsv_card : fxio(id).fio_card) == (is_fxsv ? "CCCC" : "CDCD");
-               });
+    const auto all_up = [&](const queries_t &queries, uint64_t group) {
+        for (const size_t kind : {0u, 1u}) {
+            const answer_t answer = ask(queries[kind], group);
+            if (answer != listed(first[kind], number))
+                return false;
+            for (const uint64_t id : *std::get<2>(answer)) {
+                if (channels(kind == 0 ? fxsv(id).fsv_card : fxio(id).fio_card) != (kind == 0 ? "CCCC" : "CDCD"))
+                    return false;
+            }
+        }
+        return true;
     };
-    const auto found = [&](const query_t &query, uint64_t group) {
-        const auto ids = ask(query, group);
-        return ids.has_value() && all_up(*ids, query.fxsv);
-    };
-    const auto totals = [&] {
-        std::string text;
-        for (const std::string &line : section(dump(), "  - FX card num"))
-            text += line + "\n";
-        return text;
-    };
-    for (const query_t &query : ALL_CARDS)
-        ASSERT_TRUE(wait_for([&] { return found(query, 0); }, query.name, totals));
-    const std::vector<uint64_t> fxsvs = ask(ALL_CARDS[0], 0).value();
-    const std::vector<uint64_t> fxios = ask(ALL_CARDS[1], 0).value();
-    for (uint32_t i = 0; i < number; ++i) {
-        ASSERT_EQ(fxsvs[i], first_fxsv + 2 * uint64_t{i});
-        ASSERT_EQ(fxios[i], first_fxio + 2 * uint64_t{i});
-    }
-
-    // All of them change their group.
+    const auto seen = [&] { return testing::PrintToString(section(dump(), "  - FX card num")) + log.tail(); };
+    ASSERT_TRUE(wait_for([&] { return all_up(ALL_CARDS, 0); }, "all cards", seen));
     cards("set all vlan=200");
-    for (const query_t &query : BY_GROUP)
-        ASSERT_TRUE(wait_for([&] { return found(query, 200); }, query.name, totals));
-    for (const query_t &query : BY_GROUP)
-        EXPECT_EQ(ask(query, 100), std::vector<uint64_t>()) << query.name;
+    ASSERT_TRUE(wait_for([&] { return all_up(BY_GROUP, 200); }, "all cards in their new group", seen));
+    for (const query_t query : BY_GROUP)
+        EXPECT_EQ(ask(query, 100), NONE);
 
     stop_cards();
     settle(0);
     settle(1);
-    std::map<int32_t, std::multiset<uint64_t>> by_type;
+    std::map<int32_t, size_t> told;
     for (const event_t &event : events())
-        by_type[event.type].insert(event.id);
-    EXPECT_EQ(by_type[FXM_EVT_NEWDEVINFO].size(), 2 * number);
-    EXPECT_EQ(std::set<uint64_t>(by_type[FXM_EVT_NEWDEVINFO].begin(), by_type[FXM_EVT_NEWDEVINFO].end()).size(),
-              2 * number)
-        << "a card was new twice";
-    EXPECT_EQ(by_type[FXM_EVT_CHANNELSTATECHANGE].size(), 3 * number + number);
+        told[event.type] += 1;
+    EXPECT_EQ(told[NEW], 2 * number) << "a card was new twice";
+    EXPECT_EQ(told[CHANNEL], 3 * number + number);
 }
 
 } // namespace
