@@ -283,10 +283,30 @@ TEST_F(platform_stand_in, change_that_falls_into_a_reading_brings_another_readin
     EXPECT_EQ(internal_err.load(), 0);
 }
 
-TEST_F(platform_stand_in, link_that_rose_and_fell_between_two_readings_leaves_no_channel_up)
+uint64_t clock_now;
+
+// With empty card tables and an event queue, on a clock that the test sets.
+class tables_stand_in : public platform_stand_in
 {
-    ASSERT_EQ(_fxm_fx_init(), 0);
-    ASSERT_EQ(_fxm_event_cb_init(), 0);
+  protected:
+    void SetUp() override
+    {
+        platform_stand_in::SetUp();
+        ASSERT_EQ(_fxm_fx_init(), 0);
+        ASSERT_EQ(_fxm_event_cb_init(), 0);
+        fxm_platform.wall_clock_ms = [] { return clock_now; };
+    }
+
+    void TearDown() override
+    {
+        _fxm_event_cb_fini();
+        _fxm_fx_fini();
+        platform_stand_in::TearDown();
+    }
+};
+
+TEST_F(tables_stand_in, link_that_rose_and_fell_between_two_readings_leaves_no_channel_up)
+{
     fxm_fxio_t card;
     memset(&card, 0, sizeof(card));
     card.fio_card.fcd_id = 0x10;
@@ -304,8 +324,6 @@ TEST_F(platform_stand_in, link_that_rose_and_fell_between_two_readings_leaves_no
     EXPECT_EQ(card.fio_card.fcd_state[0][0], 0u);
     EXPECT_EQ(card.fio_card.fcd_state[1][0], 1u) << "a port that is up";
     EXPECT_EQ(g_stats.port_total_down[0], 0u) << "no change of state is no fall";
-    _fxm_event_cb_fini();
-    _fxm_fx_fini();
 }
 
 TEST_F(platform_stand_in, receive_thread_stops_the_library_when_its_wait_fails)
@@ -328,13 +346,8 @@ TEST_F(platform_stand_in, receive_thread_stops_the_library_when_its_wait_fails)
 
 // ------------------------------------------------------------------------------------------------------------- clock
 
-uint64_t clock_now;
-
-TEST_F(platform_stand_in, clock_steps_expire_channels_early_or_late_and_break_nothing)
+TEST_F(tables_stand_in, clock_steps_expire_channels_early_or_late_and_break_nothing)
 {
-    ASSERT_EQ(_fxm_fx_init(), 0);
-    ASSERT_EQ(_fxm_event_cb_init(), 0);
-    fxm_platform.wall_clock_ms = [] { return clock_now; };
     fxm_fxsv_t card;
     memset(&card, 0, sizeof(card));
     card.fsv_card.fcd_id = 0x10;
@@ -367,15 +380,10 @@ TEST_F(platform_stand_in, clock_steps_expire_channels_early_or_late_and_break_no
     for (int pass = 1; pass <= 5; ++pass)
         EXPECT_EQ(state_at(900000), 1u) << "restarted, pass " << pass;
     EXPECT_EQ(state_at(900000), 0u) << "restarted and silent, sixth pass";
-    _fxm_event_cb_fini();
-    _fxm_fx_fini();
 }
 
-TEST_F(platform_stand_in, clock_that_jumps_costs_channels_only_until_their_next_frames)
+TEST_F(tables_stand_in, clock_that_jumps_costs_channels_only_until_their_next_frames)
 {
-    ASSERT_EQ(_fxm_fx_init(), 0);
-    ASSERT_EQ(_fxm_event_cb_init(), 0);
-    fxm_platform.wall_clock_ms = [] { return clock_now; };
     fxm_fxsv_t card;
     memset(&card, 0, sizeof(card));
     card.fsv_card.fcd_id = 0x10;
@@ -412,8 +420,6 @@ TEST_F(platform_stand_in, clock_that_jumps_costs_channels_only_until_their_next_
     hear_on_all_channels(1010000);
     EXPECT_EQ(channels_up(1014999), 4u) << "back, and heard since";
     EXPECT_EQ(channels_up(1015000), 0u) << "back, heard since, and silent then";
-    _fxm_event_cb_fini();
-    _fxm_fx_fini();
 }
 
 // ------------------------------------------------------------------------------------------------ failing resources
