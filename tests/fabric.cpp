@@ -33,9 +33,6 @@ constexpr auto WAIT_LIMIT = 30s;
 // A card that only the fixture knows: its announcement comes behind all frames sent before.
 constexpr uint64_t FENCE = 0x02fe0000fe00;
 
-// In the last line of a dump with content.
-static const char *const LAST_OF_DUMP = "    ether_type ";
-
 static bool poll_until(const std::function<bool()> &done)
 {
     const auto limit = std::chrono::steady_clock::now() + WAIT_LIMIT;
@@ -356,14 +353,24 @@ void manager_t::launch(const std::string &dir, int32_t log_level)
     });
 }
 
+// Dumps that are over: the configuration ends them, and behind its last value stands the end line.
+static size_t whole_dumps(log_t *log)
+{
+    const std::vector<std::string> &lines = log->lines();
+    size_t number = 0;
+    for (size_t i = 0; i + 1 < lines.size(); ++i)
+        number += lines[i].starts_with("    ether_type ") ? 1 : 0;
+    return number;
+}
+
 bool manager_t::start(const std::string &dir, int32_t log_level)
 {
     // The library writes a dump when it comes up, whatever its log level. To ask it over and over would fill its log.
     log_t stats(fs::path(dir) / "statslogfile");
-    const size_t before = stats.count_with(LAST_OF_DUMP);
+    const size_t before = whole_dumps(&stats);
     launch(dir, log_level);
     // A level that does not exist is refused once the library is up, and changes nothing.
-    return wait_for([&] { return stats.count_with(LAST_OF_DUMP) > before || returned(); }, "the first dump") &&
+    return wait_for([&] { return whole_dumps(&stats) > before || returned(); }, "the first dump") &&
            wait_for([&] { return fxm_set_loglevel(99) != FXM_API_ENOSYS || returned(); }, "the library to come up") &&
            !returned();
 }
@@ -666,7 +673,7 @@ dump_t fabric_t::dump(uint32_t verbose)
     // The dump that the library writes when it comes up is over before another one begins: lines of two would mix.
     const auto complete = [&] {
         const size_t begun = stats_log.count_with("*** ");
-        return begun > 0 && stats_log.count_with(LAST_OF_DUMP) == begun;
+        return begun > 0 && whole_dumps(&stats_log) == begun;
     };
     wait_for(complete, "a whole dump", [&] { return stats_log.tail(); });
     const auto before = static_cast<std::ptrdiff_t>(stats_log.lines().size());
