@@ -77,6 +77,42 @@ extern "C" {
 #define FXM_EXPORT
 #endif
 
+/* ----------------------------------------------------------------------------------------------------- version */
+
+/* The version of this header and of the library that was built with it. */
+#define FXM_VERSION_MAJOR 1
+#define FXM_VERSION_MINOR 0
+#define FXM_VERSION_PATCH 0
+
+#define FXM_VERSION_QUOTE_(major, minor, patch) #major "." #minor "." #patch
+#define FXM_VERSION_QUOTE(major, minor, patch)  FXM_VERSION_QUOTE_(major, minor, patch)
+#define FXM_VERSION                             FXM_VERSION_QUOTE(FXM_VERSION_MAJOR, FXM_VERSION_MINOR, FXM_VERSION_PATCH)
+
+/* --------------------------------------------------------------------------------------------------- constants */
+
+/* The connection bit, in the second byte of fdp_port_status and of fio_substate. */
+#define FXM_CONNECTED_BIT 2
+
+/* fcd_ver of a multi-root FXIO card. */
+#define FXM_VER_MULTIROOT 1
+
+/* First and last VLAN id that fxm_set_vlanid accepts, and first and last group that a query by group accepts. A card's
+ * group is its VLAN id. */
+#define FXM_VLAN_FIRST  16
+#define FXM_VLAN_LAST   4094
+#define FXM_GROUP_FIRST 1
+#define FXM_GROUP_LAST  4094
+
+/* Pages of a multi-root card, and bytes of a page. */
+#define FXM_MMS_PAGES     1024
+#define FXM_MMS_PAGE_SIZE 128
+
+/* Highest register address of a card. */
+#define FXM_REGISTER_LAST 0x3FFFFC
+
+/* Bytes of a card's EEPROM. */
+#define FXM_EEPROM_SIZE 0x800
+
 /* ------------------------------------------------------------------------------------------------ result codes */
 
 enum {
@@ -226,7 +262,7 @@ typedef struct fxm_fxio_t {
  * of two ports is enough to run. An interface must be set up (`ip link set ... up`) to be opened; it need not have a
  * carrier, and may go down and come back later.
  */
-FXM_EXPORT int fxm_init_manager(const char *dir, int32_t log_level);
+FXM_EXPORT int fxm_init_manager(const char *dir, fxm_log_level_t log_level);
 
 /* Opens the flow of received frames into the tables. Until then frames are dropped, so that callbacks can be registered
  * first. Only a stop closes it again. A second call is harmless. Does not block. FXM_API_SUCCESS. */
@@ -240,7 +276,7 @@ FXM_EXPORT int fxm_fini_manager(void);
 
 /* Sets the filter of the log, FXM_LOG_FATAL to FXM_LOG_TRACE; FXM_LOG_CONFIGURED goes back to the configured level.
  * Does not block. FXM_API_SUCCESS; FXM_API_EINVAL for any other level, which changes nothing. */
-FXM_EXPORT int fxm_set_loglevel(int32_t log_level);
+FXM_EXPORT int fxm_set_loglevel(fxm_log_level_t log_level);
 
 /* Writes the status report (state, ports, cards, memory, callbacks, events, frames, results, configuration) to the
  * logger "statslogfile", whatever the log level. verbose: 0 summary, other values add every field of every card and
@@ -302,12 +338,12 @@ FXM_EXPORT int fxm_restart_monitor(uint64_t id);
 
 /* The host's function: card id, event kind (FXM_EVT_), and the argument given at registration. Runs on the library's
  * event thread. It may call any function of the library. */
-typedef void (*fxm_callback_t)(uint64_t id, int32_t type, uint64_t arg);
+typedef void (*fxm_callback_t)(uint64_t id, fxm_event_type_t type, uint64_t arg);
 
 /* Registers `func` for the events of kind `type`. *cbid becomes the handle. Functions of one kind are called in the
  * order of their registration; one function may be registered many times. Waits, on another thread, for an event of
  * this kind being delivered. FXM_API_SUCCESS; FXM_API_EINVAL unknown kind, func or cbid null; FXM_API_ENOMEM. */
-FXM_EXPORT int fxm_register_callback(int32_t type, fxm_callback_t func, uint64_t arg, void **cbid);
+FXM_EXPORT int fxm_register_callback(fxm_event_type_t type, fxm_callback_t func, uint64_t arg, void **cbid);
 
 /* Ends a registration. Once this has returned on another thread than the callback's, the function is not called through
  * that handle again. A callback may end its own registration or another. Waits like fxm_register_callback.
