@@ -192,6 +192,13 @@ void Sleep(uint32_t ms)
     }
 }
 
+uint64_t _fxm_monotonic_ns()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
 static uint64_t _wall_clock_ms()
 {
     timespec now{};

@@ -68,6 +68,7 @@ void _fxm_thread_prompt(); // the calling thread is to run before others that ar
 // ------------------------------------------------------------------------------------------------- clock, files, heap
 
 void Sleep(uint32_t ms);               // monotonic
+uint64_t _fxm_monotonic_ns();          // monotonic clock, for distances of time only
 uint64_t _fxm_get_time_ms();           // wall clock, milliseconds since 1970-01-01 UTC
 int _fxm_file_exist(const char *path); // 0 a regular file, else ENOENT
 int _fxm_dir_exist(const char *path);  // 0 a directory, else EINVAL
@@ -130,6 +131,11 @@ bool _fxm_notice_create(fxm_notice_t *notice); // not signalled, not armed
 void _fxm_notice_close(fxm_notice_t *notice);
 bool _fxm_notice_arm(fxm_notice_t *notice); // false, with FXM_ERROR_IO_PENDING as last error, is the normal answer
 void _fxm_notice_reset(fxm_notice_t *notice);
+
+// For a notice that could not be acted upon: the next wait for it ends within FXM_NOTICE_AGAIN ms, as if there had been
+// another one. Lasts until the next reset.
+constexpr uint32_t FXM_NOTICE_AGAIN = 500;
+void _fxm_notice_keep(fxm_notice_t *notice);
 
 // ------------------------------------------------------------------------------------------------------------ capture
 

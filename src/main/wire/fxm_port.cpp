@@ -59,8 +59,9 @@ static int _try_send(uint32_t port, const uint8_t *frame, uint32_t length)
 
 int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length)
 {
-    // A congested port has no room in its queue for a moment: no reason to refuse a frame. All senders wait at the same
-    // time, outside the lock, and none of them past a stop.
+    // EAGAIN: the socket's own buffer has no room for a moment, which is no reason to refuse a frame. All senders wait
+    // at the same time, outside the lock, and none of them past a stop. A full queue of the interface shows as ENOBUFS
+    // instead, for which the kernel has no wait: that frame is refused.
     uint32_t left = FXM_SEND_WAIT;
     int err = _try_send(port, frame, length);
     while (err == EAGAIN && left > 0 && !_fxm_stopping()) {
