@@ -75,9 +75,10 @@
  *
  * Processes
  * ---------
- * The process may exit at any time, also while calls are running. dlclose does not unload the library. After a fork,
- * the child has none of the library's threads but may have copies of locks that they held, so it may only call an exec
- * function or _exit. A program that the child executes inherits the capture sockets unless the child closes them.
+ * The process may exit at any time, also while calls are running; a log line that is being written delays the exit by
+ * one second at most. dlclose does not unload the library. After a fork, the child has none of the library's threads but
+ * may have copies of locks that they held, so it may only call an exec function or _exit. A program that the child
+ * executes inherits the capture sockets unless the child closes them.
  *
  * Trust
  * -----
@@ -392,8 +393,8 @@ FXM_EXPORT int fxm_free_idlist(uint64_t *list);
 /* ------------------------------------------------------------------------------------------------- monitoring */
 
 /* Takes card `id`, of either class, out of monitoring. A card that is in a table keeps its record as it is: neither
- * frames nor silence change it, and it raises no events. Operations on it return FXM_API_ENOLINK, except those with
- * FXM_FLAG_LIVECHECK. A card that is in no table stays out of the tables. Does not block.
+ * frames nor silence change it, and it raises no events. Operations on it return FXM_API_ENOLINK, unless they support
+ * FXM_FLAG_LIVECHECK and are called with it. A card that is in no table stays out of the tables. Does not block.
  * FXM_API_SUCCESS, also if the card was out of monitoring already; FXM_API_ENOMEM; FXM_API_EPROTO. */
 FXM_EXPORT int fxm_stop_monitor(uint64_t id);
 
@@ -413,8 +414,8 @@ typedef void (*fxm_callback_t)(uint64_t id, fxm_event_type_t type, uint64_t arg)
 /*
  * Registers `func` for the events of kind `type`. Functions of one kind are called in the order of their registration.
  * The same function may be registered several times and is then called once for each registration. `*cbid` becomes the
- * handle, before the first call of `func`. A handle is a number that never comes again in the process: once its
- * registration has ended, the handle is FXM_API_EINVAL for ever. A stop ends all registrations.
+ * handle, before the first call of `func`. A handle is a number that never comes again in the process, so an
+ * ended one is refused for ever. A stop ends all registrations.
  *
  * Called from a callback, it does not block. Called from another thread, it waits while an event of this kind is being
  * delivered, and at most one further event may be delivered before it gets its turn. So the caller must not hold
@@ -425,8 +426,8 @@ typedef void (*fxm_callback_t)(uint64_t id, fxm_event_type_t type, uint64_t arg)
 FXM_EXPORT int fxm_register_callback(fxm_event_type_t type, fxm_callback_t func, uint64_t arg, void **cbid);
 
 /* Ends a registration. Once this function has returned, the registered function is not called through this handle
- * again, so the host may free what `arg` refers to. A callback may end its own registration or any other. Blocks like
- * fxm_register_callback.
+ * again, so the host may free what `arg` refers to. A callback may end its own registration, in which case the call in
+ * progress continues to its end, or any other. Blocks like fxm_register_callback.
  * FXM_API_SUCCESS; FXM_API_EINVAL the handle is NULL or unknown, or its registration has already ended. */
 FXM_EXPORT int fxm_unregister_callback(void *cbid);
 
