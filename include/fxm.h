@@ -537,9 +537,9 @@ FXM_EXPORT int fxm_write_mmspage(uint64_t id, uint32_t page, const void *data, u
  *   - A lock that another manager keeps costs about 5 s.
  *   - With FXM_FLAG_FORCELOCK, a lock that its holder takes back every time costs about 56 s. A dump can wait that long
  *     for each word.
- *   - A card that stops answering in the middle of a transfer costs about 25 s. If it stops while the library takes or
- *     releases the lock, the call can last some minutes, because every try waits for its register accesses. A smaller
- *     retry_param shortens this.
+ *   - A card with the bit lock that stops answering while a word is moved costs about 25 s. A card that stops answering
+ *     while its lock is taken, and any card with the ID lock, can cost some minutes, because every try for the lock or
+ *     its release waits for its register accesses. A smaller retry_param shortens this.
  *
  * retry_param applies to every register access in the call, and retry_cnt also limits the attempts to move a word. The
  * tries for the EEPROM lock have their own configuration.
