@@ -52,7 +52,7 @@ void _fxm_stats_frame(uint32_t port, fxm_stats_frame_t kind, fxm_stats_frame_t t
 
 void *_fxm_mem_alloc(fxm_mem_t account, size_t size)
 {
-    void *memory = fxm_platform.allocate(size);
+    void *memory = _fxm_allocate(size);
     if (memory != nullptr)
         memset(memory, 0, size);
     _fxm_stats_add(memory != nullptr ? &g_stats.mem[account].alloc : &g_stats.alloc_fail);

@@ -208,6 +208,8 @@ static uint64_t _wall_clock_ms()
 
 uint64_t _fxm_get_time_ms() { return fxm_platform.wall_clock_ms(); }
 
+void *_fxm_allocate(size_t size) { return fxm_platform.allocate(size); }
+
 static bool _has_mode(const char *path, mode_t mode)
 {
     struct stat info {
@@ -266,7 +268,7 @@ bool _fxm_notice_arm(fxm_notice_t *notice) { return fxm_platform.notice_arm(noti
 
 int _fxm_capture_mintocopy(pcap *handle) { return fxm_platform.capture_mintocopy(handle); }
 
-fxm_platform_calls_t fxm_platform = {
+FXM_PLATFORM_CONST fxm_platform_calls_t fxm_platform = {
     _mutex_make,
     _event_make,
     _thread_make,

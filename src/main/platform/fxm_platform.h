@@ -70,6 +70,7 @@ void _fxm_thread_prompt(); // the calling thread is to run before others that ar
 void Sleep(uint32_t ms);               // monotonic
 uint64_t _fxm_monotonic_ns();          // monotonic clock, for distances of time only
 uint64_t _fxm_get_time_ms();           // wall clock, milliseconds since 1970-01-01 UTC
+void *_fxm_allocate(size_t size);      // malloc
 int _fxm_file_exist(const char *path); // 0 a regular file, else ENOENT
 int _fxm_dir_exist(const char *path);  // 0 a directory, else EINVAL
 
@@ -172,6 +173,12 @@ struct fxm_platform_calls_t {
     bool (*notice_arm)(fxm_notice_t *notice);
     int (*capture_mintocopy)(pcap *handle);
 };
-extern fxm_platform_calls_t fxm_platform;
+// FXM_PLATFORM_REPLACEABLE is set for the tests' form of the library; in libfxm.so the table is constant.
+#ifdef FXM_PLATFORM_REPLACEABLE
+#define FXM_PLATFORM_CONST
+#else
+#define FXM_PLATFORM_CONST const
+#endif
+extern FXM_PLATFORM_CONST fxm_platform_calls_t fxm_platform;
 
 #endif
