@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <iterator>
 
+#include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "core/fxm_state.h"
 #include "diag/fxm_stats.h"
@@ -38,7 +39,7 @@ struct fxm_cbinfo_t {
 static struct {
     fxm_list_t head;
     // Guards the list. Held to link or unlink one node, under fx_lock by the producers; under it the stats lock only.
-    fxm_mutex_t lock;
+    fxm_mutex_t lock{FXM_LOCK_QUEUE};
 } fxm_event_queue;
 
 // Wakes the event task. The task's wait ends within EVENT_WAIT in any case, so a lost signal delays and no more.
@@ -51,7 +52,7 @@ struct fxm_cb_entry_t {
     // more once its unregistration has returned on another thread; re-entrant, because a callback may register and
     // unregister for its own kind. Under it: handle_lock, the stats lock, and whatever a callback takes through the
     // exported functions, which is why nobody takes it with another lock held. Taken by fxm_entry_guard_t only.
-    fxm_mutex_t lock;
+    fxm_mutex_t lock{FXM_LOCK_ENTRY};
     // The queue in front of the lock. Threads get it in the order in which they drew their tickets, so the event task,
     // which wants it again for each event of a backlog, does not keep the host's threads waiting for the whole of it.
     std::atomic<uint32_t> next_ticket;
@@ -89,7 +90,7 @@ static fxm_rbtree_t live_handles;
 static uint64_t last_handle;
 // Guards live_handles and last_handle. Held for one map operation, under an entry's lock or alone; nothing is taken
 // under it.
-static fxm_mutex_t handle_lock;
+static fxm_mutex_t handle_lock{FXM_LOCK_HANDLE};
 
 // ------------------------------------------------------------------------------------------------------------- lists
 

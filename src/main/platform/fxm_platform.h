@@ -10,25 +10,30 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/fxm_annotations.h"
+#include "platform/fxm_check.h"
+
 // ------------------------------------------------------------------------------------------------------------- locks
 
 // Re-entrant for the thread that holds it. A process-wide lock (_fxm_mutex_init_st) is constant-initialised and good
 // from load to unload of the library: host threads count their calls under one before the first start and after a stop,
-// so making and closing it must not touch the lock itself. A lock in a table or a node has a life of its own.
-struct fxm_mutex_t {
+// so making and closing it must not touch the lock itself. A lock in a table or a node is made and destroyed with it.
+struct FXM_CAPABILITY("lock") fxm_mutex_t {
+    constexpr explicit fxm_mutex_t(fxm_lock_kind_t lock_kind) : kind(lock_kind) {}
     pthread_mutex_t handle = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
     bool owned = false; // made by _fxm_mutex_init and not yet destroyed
+    fxm_lock_kind_t kind;
 };
 
 int _fxm_mutex_init_st(fxm_mutex_t *mutex);
 int _fxm_mutex_init(fxm_mutex_t *mutex);
 void _fxm_mutex_destroy(fxm_mutex_t *mutex);
-int _fxm_mutex_lock(fxm_mutex_t *mutex);
-void _fxm_mutex_unlock(fxm_mutex_t *mutex);
+int _fxm_mutex_lock(fxm_mutex_t *mutex) FXM_ACQUIRE(mutex);
+void _fxm_mutex_unlock(fxm_mutex_t *mutex) FXM_RELEASE(mutex);
 
-struct fxm_mutex_guard_t {
-    explicit fxm_mutex_guard_t(fxm_mutex_t *guarded) : mutex(guarded) { _fxm_mutex_lock(mutex); }
-    ~fxm_mutex_guard_t() { _fxm_mutex_unlock(mutex); }
+struct FXM_SCOPED_CAPABILITY fxm_mutex_guard_t {
+    explicit fxm_mutex_guard_t(fxm_mutex_t *guarded) FXM_ACQUIRE(guarded) : mutex(guarded) { _fxm_mutex_lock(mutex); }
+    ~fxm_mutex_guard_t() FXM_RELEASE() { _fxm_mutex_unlock(mutex); }
     fxm_mutex_guard_t(const fxm_mutex_guard_t &) = delete;
     fxm_mutex_guard_t &operator=(const fxm_mutex_guard_t &) = delete;
     fxm_mutex_t *mutex;
