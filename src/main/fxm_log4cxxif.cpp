@@ -12,7 +12,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <type_traits>
 
@@ -85,7 +84,6 @@ static bool _has_appender(log4cxx::LoggerPtr logger)
 }
 
 constexpr size_t FXM_LOG_BUFFER = 512;
-constexpr size_t FXM_LOG_PATH_BUFFER = 512;
 
 const char *_fxm_loglevel_name(fxm_log_level_t level)
 {
@@ -163,15 +161,8 @@ void _fxm_format_log(fxm_logger_t logger, fxm_log_level_t level, const char *for
 
 int fxm_log_init(const char *dir)
 {
-    static const char *const name = "conf/fxm_log4c_win.properties";
-    char path[FXM_LOG_PATH_BUFFER] = "C:/Program Files/QOR/FXM/conf/fxm_log4c_win.properties";
-    if (dir != nullptr && dir[0] != '\0') {
-        // "/", the name and the terminating zero.
-        if (strlen(dir) + strlen(name) + 2 > sizeof(path))
-            return FXM_API_EPROTO;
-        snprintf(path, sizeof(path), "%s/%s", dir, name);
-    }
-    if (_fxm_file_exist(path) != 0)
+    char path[FXM_PATH_SIZE];
+    if (!_fxm_path_below(dir, "conf/fxm_log4c_win.properties", path) || _fxm_file_exist(path) != 0)
         return FXM_API_EPROTO;
     try {
         log4cxx::PropertyConfigurator::configure(log4cxx::File(path));

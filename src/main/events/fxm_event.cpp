@@ -10,6 +10,7 @@
 #include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "core/fxm_state.h"
+#include "core/fxm_undo.h"
 #include "diag/fxm_stats.h"
 #include "fxm_log4cxxif.h"
 
@@ -37,7 +38,7 @@ struct fxm_cbinfo_t {
 };
 
 static struct {
-    fxm_list_t head;
+    fxm_list_t head FXM_GUARDED_BY(lock);
     // Guards the list. Held to link or unlink one node, under fx_lock by the producers; under it the stats lock only.
     fxm_mutex_t lock{FXM_LOCK_QUEUE};
 } fxm_event_queue;
@@ -47,7 +48,7 @@ static fxm_event_t event_sig;
 constexpr uint32_t EVENT_WAIT = 1000;
 
 struct fxm_cb_entry_t {
-    fxm_list_t head; // in order of registration
+    fxm_list_t head FXM_GUARDED_BY(lock); // in order of registration
     // Guards the list. The event task holds it across all callbacks of one event, so that a function is not called any
     // more once its unregistration has returned on another thread; re-entrant, because a callback may register and
     // unregister for its own kind. Under it: handle_lock, the stats lock, and whatever a callback takes through the
@@ -63,8 +64,8 @@ static fxm_cb_entry_t cb_evt_tbl[FXM_EVT_KINDS];
 // The entry whose event this thread is delivering: the event task's, and so that of every callback.
 static thread_local const fxm_cb_entry_t *delivering;
 
-struct fxm_entry_guard_t {
-    explicit fxm_entry_guard_t(fxm_cb_entry_t *guarded) : entry(guarded)
+struct FXM_SCOPED_CAPABILITY fxm_entry_guard_t {
+    explicit fxm_entry_guard_t(fxm_cb_entry_t *guarded) FXM_ACQUIRE(guarded->lock) : entry(guarded)
     {
         if (delivering == entry) { // a callback has the lock already, and those in the queue wait for it to end
             _fxm_mutex_lock(&entry->lock);
@@ -78,19 +79,19 @@ struct fxm_entry_guard_t {
         entry->serving.store(ticket + 1);
         entry->serving.notify_all();
     }
-    ~fxm_entry_guard_t() { _fxm_mutex_unlock(&entry->lock); }
+    ~fxm_entry_guard_t() FXM_RELEASE() { _fxm_mutex_unlock(&entry->lock); }
     fxm_entry_guard_t(const fxm_entry_guard_t &) = delete;
     fxm_entry_guard_t &operator=(const fxm_entry_guard_t &) = delete;
     fxm_cb_entry_t *entry;
 };
 
-// The registrations that the host may hold, by handle, so that an ended or foreign handle is told from a live one. A
-// handle is a number that never comes again in the process, so an ended one can never name a later registration.
-static fxm_rbtree_t live_handles;
-static uint64_t last_handle;
 // Guards live_handles and last_handle. Held for one map operation, under an entry's lock or alone; nothing is taken
 // under it.
 static fxm_mutex_t handle_lock{FXM_LOCK_HANDLE};
+// The registrations that the host may hold, by handle, so that an ended or foreign handle is told from a live one. A
+// handle is a number that never comes again in the process, so an ended one can never name a later registration.
+static fxm_rbtree_t live_handles FXM_GUARDED_BY(handle_lock);
+static uint64_t last_handle FXM_GUARDED_BY(handle_lock);
 
 // ------------------------------------------------------------------------------------------------------------- lists
 
@@ -153,39 +154,61 @@ static void _cbinfo_destroy(fxm_cbinfo_t *info) { _fxm_mem_free(FXM_MEM_CBINFO, 
 
 // --------------------------------------------------------------------------------------------------------- lifecycle
 
-// Makes the mutexes of the table. 0, or EPROTO with none of them left.
-static int _make_table(const char *func)
+static void _destroy_entries(size_t number)
 {
-    for (size_t i = 0; i < std::size(cb_evt_tbl); ++i) {
-        _list_init(&cb_evt_tbl[i].head);
-        cb_evt_tbl[i].next_ticket.store(0);
-        cb_evt_tbl[i].serving.store(0);
-        const int err = _fxm_mutex_init(&cb_evt_tbl[i].lock);
-        if (err == 0)
-            continue;
-        fxm_log_error("%s: Failed to _fxm_mutex_init() for cb_evt_tbl. err=%d, i=%d", func, err, static_cast<int>(i));
-        while (i-- > 0)
-            _fxm_mutex_destroy(&cb_evt_tbl[i].lock);
+    while (number-- > 0)
+        _fxm_mutex_destroy(&cb_evt_tbl[number].lock);
+}
+
+static int _make_entries(const char *func)
+{
+    size_t made = 0;
+    fxm_undo_t undo_entries([&] { _destroy_entries(made); });
+    for (; made < std::size(cb_evt_tbl); ++made) {
+        fxm_cb_entry_t &entry = cb_evt_tbl[made];
+        _list_init(&entry.head);
+        entry.next_ticket.store(0);
+        entry.serving.store(0);
+        const int err = _fxm_mutex_init(&entry.lock);
+        if (err != 0) {
+            fxm_log_error("%s: Failed to _fxm_mutex_init() for cb_evt_tbl. err=%d, i=%d", func, err,
+                          static_cast<int>(made));
+            return err;
+        }
+    }
+    undo_entries.keep();
+    return 0;
+}
+
+// No other thread is there yet.
+FXM_NO_ANALYSIS static int _event_cb_init(const char *func)
+{
+    _list_init(&fxm_event_queue.head);
+    _fxm_rbtree_init(&live_handles, _fxm_rbtree_compare_u64, _handle_key);
+    int err = _fxm_mutex_init_st(&fxm_event_queue.lock);
+    if (err != 0) {
+        fxm_log_error("%s: Failed to _fxm_mutex_init_st() for fxm_event_queue. err=%d", func, err);
         return err;
     }
+    fxm_undo_t undo_queue([] { _fxm_mutex_destroy(&fxm_event_queue.lock); });
+    err = _fxm_event_init(&event_sig);
+    if (err != 0) {
+        fxm_log_error("%s: Failed to _fxm_event_init() for event_sig. err=%d", func, err);
+        return err;
+    }
+    fxm_undo_t undo_signal([] { _fxm_event_destroy(&event_sig); });
+    err = _make_entries(func);
+    if (err != 0)
+        return err;
+    undo_signal.keep();
+    undo_queue.keep();
     return 0;
 }
 
 int _fxm_event_cb_init()
 {
     fxm_log_info("%s: start.", __func__);
-    _list_init(&fxm_event_queue.head);
-    _fxm_rbtree_init(&live_handles, _fxm_rbtree_compare_u64, _handle_key);
-    int err = _fxm_mutex_init_st(&fxm_event_queue.lock);
-    if (err != 0) {
-        fxm_log_error("%s: Failed to _fxm_mutex_init_st() for fxm_event_queue. err=%d", __func__, err);
-    } else if ((err = _fxm_event_init(&event_sig)) != 0) {
-        fxm_log_error("%s: Failed to _fxm_event_init() for event_sig. err=%d", __func__, err);
-        _fxm_mutex_destroy(&fxm_event_queue.lock);
-    } else if ((err = _make_table(__func__)) != 0) {
-        _fxm_event_destroy(&event_sig);
-        _fxm_mutex_destroy(&fxm_event_queue.lock);
-    }
+    const int err = _event_cb_init(__func__);
     fxm_log_info("%s: end. ret=%d", __func__, err);
     return err;
 }
@@ -259,6 +282,7 @@ static void _fxm_do_callback(fxm_callback_t func, uint64_t arg, uint64_t id, int
     fxm_log_debug("%s: start. id=0x%.12llx, event_type=%d, cb_func=%p", __func__, _ull(id), type,
                   reinterpret_cast<void *>(func));
     _fxm_stats_add(&g_stats.cb_called);
+    _fxm_check_callback("a callback");
     func(id, type, arg);
     _fxm_stats_add(&g_stats.cb_returned);
     fxm_log_debug("%s: end.", __func__);

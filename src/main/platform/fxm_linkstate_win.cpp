@@ -14,7 +14,7 @@
 static bool _read_ports()
 {
     bool all_known = true;
-    for (int port = 0; port == 0 || port < static_cast<int>(_fxm_config_port_num()); ++port) {
+    for (uint32_t port = 0; port == 0 || port < _fxm_config_port_num(); ++port) {
         uint32_t state = 0;
         const int err = _fxm_get_linkstate_win(port, &state);
         if (err == 0)

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
@@ -231,6 +232,14 @@ static bool _has_mode(const char *path, mode_t mode)
 int _fxm_file_exist(const char *path) { return _has_mode(path, S_IFREG) ? 0 : ENOENT; }
 
 int _fxm_dir_exist(const char *path) { return _has_mode(path, S_IFDIR) ? 0 : EINVAL; }
+
+bool _fxm_path_below(const char *dir, const char *name, char (&path)[FXM_PATH_SIZE])
+{
+    if (dir == nullptr || dir[0] == '\0')
+        dir = "C:/Program Files/QOR/FXM";
+    const int length = snprintf(path, sizeof(path), "%s/%s", dir, name);
+    return length >= 0 && static_cast<size_t>(length) < sizeof(path);
+}
 
 // --------------------------------------------------------------------------------------------------- two-source wait
 

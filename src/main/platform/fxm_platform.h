@@ -79,6 +79,10 @@ void *_fxm_allocate(size_t size);      // malloc
 int _fxm_file_exist(const char *path); // 0 a regular file, else ENOENT
 int _fxm_dir_exist(const char *path);  // 0 a directory, else EINVAL
 
+// The path of `name` below the installation directory, for null or an empty string the default one. False: too long.
+constexpr size_t FXM_PATH_SIZE = 512;
+bool _fxm_path_below(const char *dir, const char *name, char (&path)[FXM_PATH_SIZE]);
+
 // --------------------------------------------------------------------------------------------------- two-source wait
 
 constexpr uint32_t FXM_WAIT_FIRST = 0;
