@@ -1,10 +1,11 @@
 // A wheel of slots that goes round once in a period. A card stays in its slot for life.
 #include "announce.h"
+
+#include <algorithm>
+
 #include "frames.h"
 #include "timers.h"
 #include "wire.h"
-
-#include <algorithm>
 
 // No finer than a millisecond, and no more slots than can be searched in no time.
 static constexpr u32 SLOTS_MAX = 1000;

@@ -153,6 +153,9 @@ inline bool card_is_multi_root(const card_t &card) { return card.cls == FXIO && 
 
 inline unsigned card_macs(const card_t &card) { return card.is_40g ? 2 : 1; }
 
+// What is stored in a register; one that was never written reads 0.
+u32 card_register(const card_t &card, u32 address);
+
 // The channels that the card has: the ports it is on, times its MACs.
 unsigned card_channels(const card_t &card);
 

@@ -1,17 +1,18 @@
 // The commands, a function each, and the table of them at the end.
 #include "command.h"
-#include "announce.h"
-#include "fields.h"
-#include "holder.h"
-#include "registers.h"
-#include "text.h"
-#include "wire.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <functional>
+
+#include "announce.h"
+#include "fields.h"
+#include "holder.h"
+#include "registers.h"
+#include "text.h"
+#include "wire.h"
 
 using std::string;
 using std::string_view;

@@ -2,9 +2,9 @@
 #ifndef SIM_COMMAND_H
 #define SIM_COMMAND_H
 
-#include "card.h"
-
 #include <string_view>
+
+#include "card.h"
 
 // No line of commands is longer.
 constexpr size_t COMMAND_MAX = 65536;

@@ -1,9 +1,10 @@
 // Which fields there are, what they take, and where in the card they go.
 #include "fields.h"
-#include "text.h"
-#include "wire.h"
 
 #include <algorithm>
+
+#include "text.h"
+#include "wire.h"
 
 using std::string_view;
 

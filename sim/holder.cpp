@@ -1,6 +1,7 @@
 // The other holder. He acts when somebody touches the lock, and by timers.
 #include "holder.h"
-#include "registers.h"
+
+#include "lock.h"
 #include "timers.h"
 
 static constexpr u32 FIGHT_READS = 3;

@@ -1,5 +1,15 @@
 // The simulator's one thread: a loop that waits for frames, commands and times. Frames come first, since the far side
 // measures how long an answer takes.
+#include <getopt.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
 #include "announce.h"
 #include "command.h"
 #include "frames.h"
@@ -7,15 +17,6 @@
 #include "text.h"
 #include "timers.h"
 #include "wire.h"
-
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
-#include <getopt.h>
-#include <poll.h>
-#include <unistd.h>
 
 enum { DONE = 0, FAILED = 1, USAGE = 2 };
 

@@ -1,5 +1,8 @@
 // Commands to cards, carried out and answered at once.
 #include "receive.h"
+
+#include <cstring>
+
 #include "announce.h"
 #include "faults.h"
 #include "frames.h"
@@ -7,8 +10,6 @@
 #include "text.h"
 #include "timers.h"
 #include "wire.h"
-
-#include <cstring>
 
 static bool _hears(const card_t &card, unsigned port, const command_t &command)
 {

@@ -12,13 +12,6 @@ void register_write(card_t &card, u32 address, u32 value);
 u32 register_peek(const card_t &card, u32 address);
 void register_poke(card_t &card, u32 address, u32 value);
 
-// The lock of the EEPROM, of either kind, for a holder by his bit.
-constexpr u32 LOCK_MANAGER = 4;
-constexpr u32 LOCK_OTHER = 8;
-bool lock_has(const card_t &card, u32 holder); // for the ID lock also true while he waits for it
-void lock_take(card_t &card, u32 holder);
-void lock_give(card_t &card, u32 holder);
-
 constexpr u32 EEPROM_SIZE = 2048;
 u32 eeprom_get(const card_t &card, u32 address);
 void eeprom_set(card_t &card, u32 address, u32 word);

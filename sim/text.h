@@ -2,9 +2,9 @@
 #ifndef SIM_TEXT_H
 #define SIM_TEXT_H
 
-#include "card.h"
-
 #include <string_view>
+
+#include "card.h"
 
 std::vector<std::string_view> text_words(std::string_view line);
 

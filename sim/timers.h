@@ -2,9 +2,9 @@
 #ifndef SIM_TIMERS_H
 #define SIM_TIMERS_H
 
-#include "card.h"
-
 #include <functional>
+
+#include "card.h"
 
 constexpr u64 NEVER = ~u64{0};
 constexpr u64 NS_PER_MS = 1000000;

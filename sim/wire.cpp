@@ -1,16 +1,18 @@
 // Packet sockets. The kernel takes the VLAN tag out of a received frame and hands it over beside the data, but only to
 // sockets of all EtherTypes: one bound to the fabric's EtherType would get its frames without any trace of their tag.
 #include "wire.h"
-#include "frames.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <cstring>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "frames.h"
 
 static constexpr int SOCKET_BUFFER = 16 << 20;
 static constexpr unsigned BATCH = 64; // of frames to send
