@@ -22,11 +22,14 @@ enum { DONE = 0, FAILED = 1, USAGE = 2 };
 
 static const char _usage_text[] =
     "Usage: fxmsim --port0 IF [--port1 IF] [--scenario FILE] [--period MS] [--ethertype N]\n"
-    "Plays the cards at the far end of one or two cables. Commands come on standard input.\n"
-    "  --port0 IF, --port1 IF   the interfaces at the cards' end\n"
-    "  --scenario FILE          commands to begin with\n"
+    "Simulates cards at the far end of one or two cables. Reads commands from standard input.\n"
+    "  --port0 IF, --port1 IF   the interfaces at the cards' end of the cables\n"
+    "  --scenario FILE          commands to run first\n"
     "  --period MS              how often each card announces itself on each of its channels (1000)\n"
-    "  --ethertype N            the EtherType of the fabric (0x88B6)\n";
+    "  --ethertype N            the EtherType of the fabric (0x88B6)\n"
+    "  --version                print the version\n"
+    "  -h, --help               print this text\n"
+    "Exit code: 0 done, 1 an interface or the scenario failed, 2 wrong usage.\n";
 
 struct options_t {
     const char *port[PORTS] = {};
@@ -34,46 +37,63 @@ struct options_t {
     u64 period = 1000;
 };
 
+static bool _refuse(const std::string &what)
+{
+    std::fprintf(stderr, "fxmsim: %s\nSee \"fxmsim --help\".\n", what.c_str());
+    return false;
+}
+
+// False, with the exit code in `status`, if the program must end at once.
 static bool _options(int argc, char **argv, options_t &options, int &status)
 {
-    enum { PORT0, PORT1, SCENARIO, PERIOD, ETHERTYPE, HELP };
+    enum { PORT0, PORT1, SCENARIO, PERIOD, ETHERTYPE, VERSION };
     static const option known[] = {
         {"port0", required_argument, nullptr, PORT0},
         {"port1", required_argument, nullptr, PORT1},
         {"scenario", required_argument, nullptr, SCENARIO},
         {"period", required_argument, nullptr, PERIOD},
         {"ethertype", required_argument, nullptr, ETHERTYPE},
-        {"help", no_argument, nullptr, HELP},
+        {"version", no_argument, nullptr, VERSION},
+        {"help", no_argument, nullptr, 'h'},
         {},
     };
     status = USAGE;
-    for (int c = 0; (c = getopt_long(argc, argv, "", known, nullptr)) >= 0;) {
+    for (int c = 0; (c = getopt_long(argc, argv, "h", known, nullptr)) >= 0;) {
         u64 number = 0;
-        if (c == PORT0 || c == PORT1) {
+        switch (c) {
+        case PORT0:
+        case PORT1:
             options.port[c - PORT0] = optarg;
-        } else if (c == SCENARIO) {
+            break;
+        case SCENARIO:
             options.scenario = optarg;
-        } else if (c == PERIOD) {
-            if (!text_number(optarg, UINT32_MAX, options.period) || options.period == 0) {
-                std::fprintf(stderr, "fxmsim: --period %s: expected milliseconds from 1 on\n", optarg);
-                return false;
-            }
-        } else if (c == ETHERTYPE) {
-            if (!text_number(optarg, UINT16_MAX, number)) {
-                std::fprintf(stderr, "fxmsim: --ethertype %s: expected a number of 16 bits\n", optarg);
-                return false;
-            }
+            break;
+        case PERIOD:
+            if (!text_number(optarg, UINT32_MAX, options.period) || options.period == 0)
+                return _refuse(std::string("--period ") + optarg + ": expected milliseconds, at least 1");
+            break;
+        case ETHERTYPE:
+            if (!text_number(optarg, UINT16_MAX, number))
+                return _refuse(std::string("--ethertype ") + optarg + ": expected a 16-bit number");
             frame_ether_type = static_cast<u16>(number);
-        } else {
-            std::fputs(_usage_text, c == HELP ? stdout : stderr);
-            status = c == HELP ? DONE : USAGE;
+            break;
+        case VERSION:
+            std::puts("fxmsim " FXMSIM_VERSION);
+            status = DONE;
+            return false;
+        case 'h':
+            std::fputs(_usage_text, stdout);
+            status = DONE;
+            return false;
+        default: // getopt_long has printed what is wrong
+            std::fputs("See \"fxmsim --help\".\n", stderr);
             return false;
         }
     }
-    if (optind < argc || !options.port[0]) {
-        std::fputs(_usage_text, stderr);
-        return false;
-    }
+    if (optind < argc)
+        return _refuse(std::string("unknown argument: ") + argv[optind]);
+    if (!options.port[0])
+        return _refuse("--port0 is missing");
     return true;
 }
 
