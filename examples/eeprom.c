@@ -1,4 +1,4 @@
-/* Reads, writes, saves and restores the EEPROM of one card from the command line. Everything runs on the main thread. */
+/* Reads, writes, saves and restores the EEPROM of one card. Everything runs on the main thread. */
 #include "host.h"
 
 #include <errno.h>

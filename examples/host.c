@@ -284,7 +284,7 @@ bool host_tool_arguments(int argc, char **argv, const host_usage_t *usage, host_
     return true;
 }
 
-/* True once a channel of the card is up. The second MAC of a 40G card stands for its id, which is the even one. */
+/* True once a channel of the card is up. The odd MAC of a 40G card is accepted for its id, the even one. */
 static bool _is_reachable(host_tool_t *tool)
 {
     fxm_card_data_t card;

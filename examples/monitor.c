@@ -1,5 +1,5 @@
-/* The smallest host: starts the library, prints every event together with its card, and stops on Ctrl-C. The main thread
- * prints a table of all cards now and then; events arrive on the library's event thread. */
+/* The smallest host: starts the library, prints every event together with its card, and stops on Ctrl-C. The main
+ * thread prints a table of all cards now and then; events arrive on the library's event thread. */
 #include "host.h"
 
 #include <getopt.h>
@@ -69,8 +69,8 @@ static void _print_time(void)
     printf("%s.%03ld ", text, now.tv_nsec / 1000000);
 }
 
-/* An event carries only the id, so the card is read here, as it is now. Locking stdout keeps the line apart from a table
- * that the main thread prints. */
+/* An event carries only the id, so the card is read here, as it is now. Locking stdout keeps the line apart from a
+ * table that the main thread prints. */
 static void _on_event(uint64_t id, int32_t type, uint64_t arg)
 {
     (void)arg;

@@ -1,4 +1,4 @@
-/* Reads and writes registers of one card from the command line. Everything runs on the main thread. */
+/* Reads and writes registers of one card. Everything runs on the main thread. */
 #include "host.h"
 
 #include <stddef.h>

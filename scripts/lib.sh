@@ -25,7 +25,7 @@ common_options() {
             exit 0
             ;;
         --version)
-            # The version of the project stands in CMakeLists.txt and nowhere else.
+            # CMakeLists.txt is the one place of the version.
             printf '%s (fxm) %s\n' "${0##*/}" "$(sed -n 's/^project(fxm VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)"
             exit 0
             ;;
@@ -69,8 +69,8 @@ and run ${0##*/} again."
         die "apt-get could not install: ${missing[*]}. See its messages above."
 }
 
-# need_clang: installs clang, and sets FXM_FORMAT and FXM_TIDY to the commands that check the tree. Their findings differ
-# from version to version, so each is empty if the required version is not available.
+# need_clang: installs clang, and sets FXM_FORMAT and FXM_TIDY to the commands that check the tree. Their findings
+# differ from version to version, so each is empty if the required version is not available.
 need_clang() {
     local v=$FXM_CLANG_VERSION
     need_packages clang

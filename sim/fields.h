@@ -6,7 +6,7 @@
 
 #include "card.h"
 
-// Sets one field of the card. On failure the card is as it was, and `why` says what is wrong.
+// Sets one field of the card. On failure the card is unchanged and `why` has the reason.
 bool field_set(card_t &card, std::string_view assignment, std::string &why);
 
 #endif

@@ -1,5 +1,5 @@
-// The simulator's one thread: a loop that waits for frames, commands and times. Frames come first, since the far side
-// measures how long an answer takes.
+// The simulator's only thread: a loop that waits for frames, commands and timers. Frames come first, because the far
+// side measures the time to an answer.
 #include <getopt.h>
 #include <poll.h>
 #include <unistd.h>
@@ -99,7 +99,7 @@ static bool _options(int argc, char **argv, options_t &options, int &status)
 
 static volatile sig_atomic_t _stopped;
 
-// Outside ppoll the signals are blocked, so that one just before the wait still ends it.
+// The signals are blocked outside ppoll, so that one that arrives just before the wait still ends it.
 static sigset_t _catch_signals()
 {
     struct sigaction action {
@@ -120,13 +120,13 @@ static sigset_t _catch_signals()
 
 static bool _say(std::string answer)
 {
-    // An error repeats a word of the command, whatever is in it, and must stay one line all the same.
+    // An error repeats a word of the command, which may hold any bytes, and must still be one line.
     std::replace_if(
         answer.begin(), answer.end(), [](char c) { return c >= 0 && c < ' '; }, '?');
     return std::fputs((answer + "\n").c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
 }
 
-// What standard input has now; false at its end, on quit, and if nobody takes the answers.
+// Runs the commands that standard input holds now. False at its end, on quit, and if an answer cannot be written.
 static bool _take_input(std::string &pending)
 {
     char chunk[4096];
@@ -136,14 +136,14 @@ static bool _take_input(std::string &pending)
     if (got > 0)
         pending.append(chunk, static_cast<size_t>(got));
     else if (!pending.empty())
-        pending += '\n'; // the last line may lack its end
+        pending += '\n'; // the last line may have no line end
 
     size_t begin = 0;
     for (size_t end = 0; !command_quit && (end = pending.find('\n', begin)) != pending.npos; begin = end + 1)
         if (!_say(command_run(std::string_view(pending).substr(begin, end - begin))))
             return false;
     pending.erase(0, begin);
-    // A line without an end must not grow for ever; cut off here, it is still too long for a command.
+    // A line without an end must not grow for ever. Cut off here, it is still too long and is refused.
     if (pending.size() > COMMAND_MAX + 1)
         pending.resize(COMMAND_MAX + 1);
     return got > 0 && !command_quit;
@@ -159,7 +159,7 @@ static timespec _until(u64 due)
 static void _loop(const sigset_t &while_waiting)
 {
     std::string pending;
-    // A descriptor of -1 is left out.
+    // poll ignores a descriptor of -1.
     pollfd ready[] = {{wire_fd(0), POLLIN, 0}, {wire_fd(1), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
 
     while (!_stopped) {

@@ -1,4 +1,4 @@
-// The registers of a card, and what lies behind those of them that are not mere memory.
+// The registers of a card, and the EEPROM engine behind some of them.
 #include "registers.h"
 
 #include "holder.h"
@@ -36,11 +36,11 @@ void eeprom_set(card_t &card, u32 address, u32 word)
     card.eeprom.words[address / 4] = word;
 }
 
-// The byte address of a word, from the form in which the engine was given it; false for one that it does not take.
+// The byte address of a word, from the form that the engine received. False if the card does not accept that form.
 static bool _decode_address(const eeprom_t &eeprom, u32 given, u32 &address)
 {
     const bool split =
-        eeprom.forms == SPLIT_FORM || (eeprom.forms == BOTH_FORMS && given > EEPROM_SIZE - 4); // no plain address
+        eeprom.forms == SPLIT_FORM || (eeprom.forms == BOTH_FORMS && given > EEPROM_SIZE - 4); // not a plain address
     address = given;
     if (split) {
         if (given & ~0x000f00ffU)
@@ -66,7 +66,7 @@ static u32 _engine_status(const eeprom_t &eeprom)
     return status;
 }
 
-// An access gets on only by being looked at, so that a test decides how long it takes, and no clock.
+// Only status reads advance an access, so that a test decides how long it takes, and no clock.
 static void _engine_look(card_t &card)
 {
     eeprom_t &eeprom = card.eeprom;
@@ -88,8 +88,8 @@ static void _engine_look(card_t &card)
     eeprom.state = eeprom_t::FINISHED;
 }
 
-// A write to the control register. One that does not start anything clears the last command and its status, also of an
-// access that has not finished, which then never does. While one runs there is no starting another.
+// A write to the control register. Without the start bit it clears the last command and its status, even of an access
+// that is still running, which then never finishes. A start is ignored while an access runs.
 static void _engine_command(card_t &card, u32 command)
 {
     eeprom_t &eeprom = card.eeprom;
@@ -141,7 +141,7 @@ u32 register_read(card_t &card, u32 address)
 void register_write(card_t &card, u32 address, u32 value)
 {
     if (address == REG_LOCK_TYPE)
-        return; // read only on the wire
+        return; // read-only on the wire
     if (address == _engine(card).control && (value & COMMAND_START) && !lock_is_managers_alone(card))
         card.counts.foul++;
     const bool managers_before = lock_has(card, LOCK_MANAGER);
