@@ -180,7 +180,7 @@ int main(int argc, char **argv)
     int status = HOST_USAGE;
     uint32_t addr = 0;
     uint32_t data = 0;
-    uint8_t bytes[EEPROM_SIZE];
+    uint8_t bytes[EEPROM_SIZE] = {0};
 
     if (!host_tool_arguments(argc, argv, &_usage, &tool, &status))
         return status;
