@@ -1,7 +1,19 @@
 // Commands to cards: what each operation puts on the wire, what an answer must be to count, and what becomes of calls
 // when cards are silent, links fall, everybody calls at once, or the library stops.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <future>
 #include <map>
 #include <optional>
@@ -585,6 +597,40 @@ TEST_F(late_answers, are_least_likely_for_the_tag_that_has_rested_longest)
     EXPECT_EQ(read_reg(CARD, &ONCE), FXM_API_EPROTO);
     answer(read, 4);
     EXPECT_GE(log.count("ERROR _fxm_get_tag: Can't get a tag value, because all tags are used."), 2u);
+}
+
+std::atomic<bool> caller_held;
+
+TEST_F(registers, answer_that_comes_while_the_frame_is_still_leaving_is_not_lost)
+{
+    begin("", {0});
+    // Each frame at the card's end is a signal to the caller's thread, which takes it before it leaves the system call
+    // that sends, and is held there until the library has dealt with the answer.
+    signal(SIGIO, [](int) {
+        while (caller_held)
+            poll(nullptr, 0, 1);
+    });
+    const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+    sockaddr_ll card0{};
+    card0.sll_family = AF_PACKET;
+    card0.sll_protocol = htons(ETH_P_ALL);
+    card0.sll_ifindex = static_cast<int>(if_nametoindex("card0"));
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&card0), sizeof(card0)), 0) << strerror(errno);
+    ASSERT_EQ(fcntl(fd, F_SETFL, O_ASYNC), 0) << strerror(errno);
+    const fxm_retry_param_t once = {0, 2000};
+    for (int round = 0; round < 5 && !HasFailure(); ++round) {
+        caller_held = true;
+        call_t reading = call([&] {
+            const f_owner_ex caller = {F_OWNER_TID, gettid()};
+            EXPECT_EQ(fcntl(fd, F_SETOWN_EX, &caller), 0) << strerror(errno);
+            return read_reg(CARD, &once);
+        });
+        wire[0]->send(completion(wire[0]->receive(), 7));
+        settle(0);
+        caller_held = false;
+        EXPECT_EQ(result_of(reading), OK);
+    }
+    close(fd);
 }
 
 TEST_F(registers, live_check_tries_in_order_each_channel_that_card_and_host_have)
