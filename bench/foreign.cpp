@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "setup.h"
+#include "wire.h"
 
 constexpr uint32_t REGISTERS = 64; // that are answered at once, from address 0
 constexpr uint32_t LATE = 0x1000;  // address of the other
@@ -41,9 +42,9 @@ int main(int argc, char **argv)
     hold_to_cpu(0); // the fastest, and so the soonest for a tag to come round
     start_cards(1);
     for (uint32_t addr = 0; addr < 4 * REGISTERS; addr += 4)
-        tell_cards("reg %012llx %u %u", FIRST_FXSV, addr, value_at(addr));
-    tell_cards("reg %012llx %u %u", FIRST_FXSV, LATE, value_at(LATE));
-    tell_cards("fault %012llx late addr=%u ms=%u", FIRST_FXSV, LATE, LATE_MS);
+        tell_cards("reg all %u %u", addr, value_at(addr));
+    tell_cards("reg all %u %u", LATE, value_at(LATE));
+    tell_cards("fault all late addr=%u ms=%u", LATE, LATE_MS);
     start_library("");
     wait_until([] { return connected(FIRST_FXSV); }, "the card to be connected");
 
