@@ -1,5 +1,5 @@
-// The life of the library: start-up, the interval check, and the tear-down, all on the thread that the host has called
-// fxm_init_manager on. The tear-down mirrors the start-up, so the two read side by side.
+// The life of the library: start-up, interval check and tear-down, all on the thread on which the host has called
+// fxm_init_manager. Scopes undo the start-up in reverse order.
 #include <cerrno>
 #include <iterator>
 
@@ -173,8 +173,8 @@ static int _run_workers(const char *func, const open_ports_t &ports)
     internal_err.store(0);
     workers_t workers = {};
     if (_start_workers(func, ports, &workers)) {
-        // g_fini_flag stands as the start set it, unless a worker has failed or the host has asked for the stop in the
-        // meantime: that stop must not be lost, for workers have seen it and are gone.
+        // g_fini_flag is not written here. If a worker has failed or the host has requested a stop in the meantime, that
+        // stop must not be lost: workers have seen it and have ended.
         g_start_flag.store(FXM_OFF);
         g_init_flag.store(FXM_ON);
         g_init_guard.store(1);
@@ -185,7 +185,7 @@ static int _run_workers(const char *func, const open_ports_t &ports)
         _fxm_event_set(&g_terminate_event);
     }
     _join_workers(&workers);
-    // Calls that have found the library running go on using ports, tags and tables until they return.
+    // Calls that have found the library running use ports, tags and tables until they return.
     _fxm_wait_calls();
     _fxm_event_destroy(&g_terminate_event);
     return 0;
@@ -230,7 +230,7 @@ static int _prepare(const char *func, const char *dir, int32_t log_level)
     return FXM_API_SUCCESS;
 }
 
-// Takes the guard. A second call, at whatever moment, is told that the library is busy and touches nothing.
+// Takes the guard. False for a second call, which must not touch anything.
 static bool _enter_start()
 {
     if (g_init_flag.load() == FXM_ON)
@@ -238,7 +238,7 @@ static bool _enter_start()
     int free_guard = 1;
     if (!g_init_guard.compare_exchange_strong(free_guard, 0))
         return false;
-    // Between the look at the flag and the guard another start may have completed.
+    // Another start may have completed since the flag was read.
     if (g_init_flag.load() == FXM_ON) {
         g_init_guard.store(1);
         return false;
@@ -261,11 +261,11 @@ int fxm_init_manager(const char *dir, int32_t log_level)
     int err = _run(__func__);
     _fxm_config_fini();
 
-    // Taken before the flags are released: from then on the word may be another start's.
+    // Read before the flags are released. After that the word may belong to another start.
     const int stop_err = internal_err.exchange(0);
     g_start_flag.store(FXM_OFF);
-    // One store, the last, lets the next start in, and it must not be stored over: after a complete start the guard has
-    // been free for long, and the flag has kept others out.
+    // The last store lets the next start in, so nothing may be stored after it. After a complete start that is the flag:
+    // the guard has been free since then.
     if (g_init_flag.load() == FXM_ON)
         g_init_flag.store(FXM_OFF);
     else

@@ -9,13 +9,13 @@
 #include "platform/fxm_platform.h"
 #include "wire/fxm_port.h"
 
-// Every check reads at most the 496 bytes of the longest frame; the wire length comes with the frame.
+// No check reads past the 496 bytes of the longest frame. The length on the wire comes with each frame.
 constexpr int FXM_SNAP_LENGTH = 1024;
 constexpr int FXM_READ_TIMEOUT = 1000;
 
-// The capture ring. In immediate mode each frame takes a slot of the snap length's size, so libpcap's 2 MiB hold 1,900
-// frames, 4 ms of a port at full speed. 64 MiB hold 60,000: a whole second's announcements of a fabric of that many
-// cards, should they all come at once. The price is 64 MiB of kernel memory for each open port.
+// The capture ring. In immediate mode each frame takes a slot of the snap length's size, so libpcap's default of 2 MiB
+// holds 1,900 frames, which is 4 ms of a port at full speed. 64 MiB hold 60,000 frames: one announcement from each card
+// of a fabric of that size, all at once. The ring is kernel memory, 64 MiB for each open port.
 constexpr int FXM_CAPTURE_RING = 64 * 1024 * 1024;
 
 // The adapter list, in one counted buffer.
@@ -27,7 +27,7 @@ struct adapter_list_t {
     fxm_adapter_t *first = nullptr;
 };
 
-// 0, ENOMEM or EPROTO. The size is asked for first, and once more should the list have grown before it was fetched.
+// Asks for the size, then fetches the list; tries once more when the list has grown in between. 0, ENOMEM or EPROTO.
 static int _get_adapter_list(const char *func, adapter_list_t *list)
 {
     uint32_t size = 0;
@@ -64,7 +64,7 @@ static int _log_end(const char *func, int err)
     return err;
 }
 
-// The adapter that a port can be opened on, or null.
+// The adapter on which a port can be opened, or null.
 static const fxm_adapter_t *_find_usable(const char *func, const fxm_adapter_t *list, uint32_t if_index)
 {
     for (const fxm_adapter_t *adapter = list; adapter != nullptr; adapter = adapter->Next) {
@@ -87,7 +87,7 @@ static pcap_t *_open_capture(const char *device, char *errbuf)
     pcap_t *handle = pcap_create(device, errbuf);
     if (handle == nullptr)
         return nullptr;
-    // Before the activation these set options of the handle and cannot fail.
+    // These cannot fail before the activation.
     pcap_set_snaplen(handle, FXM_SNAP_LENGTH);
     pcap_set_promisc(handle, 1);
     pcap_set_timeout(handle, FXM_READ_TIMEOUT);
@@ -102,8 +102,8 @@ static pcap_t *_open_capture(const char *device, char *errbuf)
     return nullptr;
 }
 
-// The device of exactly that name, else the first whose name contains it: names with a prefix are found, and eth1 is
-// not taken for eth10.
+// The device with exactly that name, else the first whose name contains it. So a name with a prefix is found, and eth1
+// is not taken for eth10.
 static const pcap_if_t *_find_device(const pcap_if_t *devices, const char *adapter_name)
 {
     for (const pcap_if_t *device = devices; device != nullptr; device = device->next) {

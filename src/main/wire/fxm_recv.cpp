@@ -32,8 +32,7 @@ const fxm_frame_kind_t *_fxm_frame_kind(uint8_t subtype)
     return nullptr;
 }
 
-// One read. The length is that on the wire; what was captured of the frame reaches as far as any check or handler
-// reads.
+// One read. `length` is the length on the wire. The captured part of a frame is as long as any check or handler needs.
 static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length)
 {
     pcap_pkthdr *header = nullptr;
@@ -193,7 +192,7 @@ void *_fxm_recv_task(void *arg)
 {
     const auto port = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
     const fxm_port_t &record = fxm_ports[port];
-    // It has little to do for a frame and others wait for it: a thread that it wakes must not put it aside.
+    // This thread does little for each frame, and others wait for it. A thread that it wakes must not preempt it.
     _fxm_thread_prompt();
     fxm_log_info("%s: start. if_index=%u, mac=%.12llx", __func__, record.pt_if_index, _ull(record.pt_mac));
     _fxm_recv_win(port);
