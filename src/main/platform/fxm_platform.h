@@ -166,6 +166,9 @@ struct pcap;
 int _fxm_capture_mintocopy(pcap *handle);
 int _fxm_capture_event(pcap *handle); // the descriptor to wait on
 
+// Keeps the capture from programs that the host executes. libpcap leaves its socket open for them.
+void _fxm_capture_close_on_exec(pcap *handle);
+
 // Waits at most `ms` until a frame may be sent again. Gives the time that is left, 0 when it has run out.
 uint32_t _fxm_capture_wait_room(pcap *handle, uint32_t ms);
 
