@@ -13,10 +13,6 @@
 #include "wire/fxm_frame.h"
 #include "wire/fxm_send.h"
 
-constexpr uint16_t FXM_VLAN_FIRST = 16;
-constexpr uint16_t FXM_VLAN_LAST = 4094;
-constexpr uint32_t FXM_MMS_PAGES = 1024;
-
 // With FXM_FLAG_VERIFY, waits until the card's record has the VLAN: the card confirms it only by tagging its next
 // announcement with it. retry.timeout is the time that each frame is given.
 static int _fxm_set_vlanid(const fxm_card_data_t *card, uint16_t vlanid, const fxm_retry_t &retry, uint32_t flags)

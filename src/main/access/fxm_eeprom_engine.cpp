@@ -182,6 +182,7 @@ template <typename Attempt> static int _repeat(const fxm_retry_t &retry, Attempt
 int _fxm_read_eeprom(const fxm_card_data_t *card, uint32_t addr, uint32_t *data, const fxm_retry_t &retry)
 {
     const char *func = __func__;
+    fxm_assert(addr < FXM_EEPROM_SIZE && _fxm_aligned(addr));
     uint32_t word = 0;
     const int err = _repeat(retry, [&] { return _attempt(func, FXM_EEPROM_READ, card, addr, &word, retry); });
     if (err == 0)
@@ -197,6 +198,7 @@ static int _fxm_write_eeprom_impl(const fxm_card_data_t *card, uint32_t addr, ui
 int _fxm_write_eeprom(const fxm_card_data_t *card, uint32_t addr, uint32_t data, const fxm_retry_t &retry,
                       uint32_t flags)
 {
+    fxm_assert(addr < FXM_EEPROM_SIZE && _fxm_aligned(addr));
     return _repeat(retry, [&] {
         int err = _fxm_write_eeprom_impl(card, addr, data, retry);
         if (err != 0 || (flags & FXM_FLAG_VERIFY) == 0)

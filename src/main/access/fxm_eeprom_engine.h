@@ -8,8 +8,6 @@
 #include "access/fxm_register.h"
 #include "fxm.h"
 
-constexpr uint32_t FXM_EEPROM_SIZE = 0x800; // bytes
-
 // retry bounds each register access, and its count also bounds the attempts to move the word. Of the flags, only
 // FXM_FLAG_VERIFY matters. 0, ETIMEDOUT, ENOSYS, EPROTO. *data is written on 0 only.
 [[nodiscard]] int _fxm_read_eeprom(const fxm_card_data_t *card, uint32_t addr, uint32_t *data,

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "core/fxm_config.h"
-#include "registry/fxm_tables.h"
 
 fxm_retry_t _fxm_retry_of(const fxm_retry_param_t *retry_param)
 {

@@ -11,6 +11,7 @@
 #include "core/fxm_state.h"
 #include "fxm.h"
 #include "fxm_log4cxxif.h"
+#include "registry/fxm_tables.h"
 
 // The values of the caller's record, or the configured values for a null pointer.
 fxm_retry_t _fxm_retry_of(const fxm_retry_param_t *retry_param);
@@ -21,8 +22,6 @@ struct fxm_retry_text_t {
     char text[48];
 };
 
-inline bool _fxm_aligned(uint32_t addr) { return (addr & 3) == 0; }
-
 // Takes the in/out size of a dump: sets it to 0, its value until the dump stores something, and returns whether the
 // range fits in it. An empty range does not fit, and nothing fits in a null pointer.
 bool _fxm_take_size(uint64_t *size, uint32_t startaddr, uint32_t endaddr);
@@ -31,7 +30,8 @@ bool _fxm_take_size(uint64_t *size, uint32_t startaddr, uint32_t endaddr);
 int _fxm_check_step(const char *func, const char *step, int err);
 
 // Copies the card of `id`, of either class, under fx_lock: 0, ENOENT, EPROTO.
-[[nodiscard]] int _fxm_copy_card(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state);
+[[nodiscard]] int _fxm_copy_card(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state)
+    FXM_EXCLUDES(fxm_fx_tbl.fx_lock);
 
 // Applies the ignore state: an operation on an ignored card fails with ENOLINK unless it asks for the live check. The
 // copy then loses its channels, so that the check probes them.

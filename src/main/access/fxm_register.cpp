@@ -37,6 +37,7 @@ static int _request(const fxm_card_data_t *card, uint32_t addr, uint32_t tag, ui
 
 int _fxm_read_register(const fxm_card_data_t *card, uint32_t addr, uint32_t *data, const fxm_retry_t &retry)
 {
+    fxm_assert(_fxm_aligned(addr));
     uint32_t tag = 0;
     uint32_t value = 0;
     int err = EPROTO;

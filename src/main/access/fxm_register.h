@@ -14,6 +14,9 @@ struct fxm_retry_t {
     uint32_t retries; // further attempts after the first
 };
 
+// Addresses of registers and of EEPROM words are multiples of 4.
+inline bool _fxm_aligned(uint32_t addr) { return (addr & 3) == 0; }
+
 // `card` is the operation's copy of the card's data, never a table node, so all attempts of an operation use one
 // channel. Only the live check writes to it, and only to fcd_state. Of the flags, only FXM_FLAG_VERIFY matters.
 // Results: 0, ENOLINK, ETIMEDOUT, EPROTO, ENOSYS. *data is written on 0 only.

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "core/fxm_config.h"
+#include "core/fxm_locks.h"
 #include "core/fxm_state.h"
 #include "fxm_log4cxxif.h"
 #include "platform/fxm_platform.h"
@@ -37,9 +38,9 @@ struct fxm_cmp_slot_t {
 
 static struct {
     // Held for a few statements. No other lock is taken under it, no frame is sent and nothing is waited for.
-    fxm_mutex_t cmp_lock;
-    uint32_t cmp_last_tag;          // under cmp_lock, the tag handed out last
-    fxm_cmp_slot_t slots[FXM_TAGS]; // under cmp_lock
+    fxm_mutex_t cmp_lock{FXM_LOCK_CMP};
+    uint32_t cmp_last_tag FXM_GUARDED_BY(cmp_lock); // the tag handed out last
+    fxm_cmp_slot_t slots[FXM_TAGS] FXM_GUARDED_BY(cmp_lock);
     fxm_event_t cmp_event[FXM_TAGS];
 } fxm_cmp_tbl;
 
@@ -95,10 +96,11 @@ static bool _valid(const char *func, uint32_t tag)
     return false;
 }
 
-// Hands out a free tag. Under cmp_lock.
-static void _take_tag(uint32_t tag)
+// Hands out a free tag.
+static void _take_tag(uint32_t tag) FXM_REQUIRES(fxm_cmp_tbl.cmp_lock)
 {
     fxm_cmp_slot_t &slot = fxm_cmp_tbl.slots[tag];
+    fxm_assert(!slot.cmp_in_use && slot.cmp_state == FXM_CMP_IDLE);
     slot.cmp_in_use = true;
     slot.cmp_state = FXM_CMP_IDLE;
     slot.cmp_resent = false;
@@ -107,9 +109,9 @@ static void _take_tag(uint32_t tag)
     fxm_cmp_tbl.cmp_last_tag = tag;
 }
 
-// The free tag to hand out, or FXM_TAGS when all are in use. Under cmp_lock. The search is cyclic and ends with the tag
+// The free tag to hand out, or FXM_TAGS when all are in use. The search is cyclic and ends with the tag
 // handed out last, so the tag of a request that has just ended is the last to be used again.
-static uint32_t _find_tag()
+static uint32_t _find_tag() FXM_REQUIRES(fxm_cmp_tbl.cmp_lock)
 {
     uint32_t last = fxm_cmp_tbl.cmp_last_tag;
     if (last < g_config.tag_min || last > g_config.tag_max)
@@ -147,8 +149,8 @@ int _fxm_get_tag(uint32_t *tag)
     return 0;
 }
 
-// Lets the tag of a request rest for as long as the request has waited. Under cmp_lock.
-static void _rest_tag(fxm_cmp_slot_t *slot)
+// Lets the tag of a request rest for as long as the request has waited.
+static void _rest_tag(fxm_cmp_slot_t *slot) FXM_REQUIRES(fxm_cmp_tbl.cmp_lock)
 {
     constexpr uint64_t ns_per_ms = 1000000;
     constexpr uint64_t longest = UINT64_MAX / 2 / ns_per_ms;
@@ -163,6 +165,7 @@ void _fxm_release_tag(uint32_t tag)
         return;
     fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
     fxm_cmp_slot_t &slot = fxm_cmp_tbl.slots[tag];
+    fxm_assert(slot.cmp_in_use);
     // A request that has not waited was never sent.
     const bool sent = slot.cmp_waited != 0;
     if (sent && (slot.cmp_resent || slot.cmp_state == FXM_CMP_WAIT))
@@ -178,6 +181,7 @@ void _fxm_set_comp_recv_wait(uint32_t tag, uint64_t mac, uint32_t port)
         return;
     fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
     fxm_cmp_slot_t &slot = fxm_cmp_tbl.slots[tag];
+    fxm_assert(slot.cmp_in_use);
     if (slot.cmp_state != FXM_CMP_IDLE)
         slot.cmp_resent = true;
     // An answer that came between the last look and the resend is kept.
@@ -193,6 +197,7 @@ int _fxm_sigwait_comp(uint32_t tag, uint32_t timeout)
         return EPROTO;
     {
         fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
+        fxm_assert(fxm_cmp_tbl.slots[tag].cmp_in_use && timeout != 0);
         fxm_cmp_tbl.slots[tag].cmp_waited += timeout;
     }
     // Waits in slices, so that a stop soon ends even the longest wait.
@@ -235,6 +240,7 @@ static bool _accept(const char *func, uint32_t tag, uint32_t port, uint64_t mac,
                       func);
         return false;
     }
+    fxm_assert(slot.cmp_in_use);
     slot.cmp_data = data;
     slot.cmp_state = FXM_CMP_RECEIVED;
     return true;

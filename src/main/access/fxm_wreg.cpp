@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <new>
 
+#include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "diag/fxm_stats.h"
 #include "fxm_log4cxxif.h"
@@ -15,15 +16,15 @@ struct fxm_wreg_node_t {
     // The card's write lock. It is held across live check, frames, retries and sleeps. It is taken with neither fx_lock
     // nor wreg_lock held. Under it a thread takes cmp_lock, a port's send lock and the stats lock, briefly and one at a
     // time, and never fx_lock.
-    fxm_mutex_t wn_lock;
+    fxm_mutex_t wn_lock{FXM_LOCK_WN};
 };
 
 static struct {
-    fxm_rbtree_t map;
     // Guards the map for one operation. A node is never removed, so a pointer to it stays good without this lock. The
     // receive threads take it under fx_lock, host threads with no lock held. Under it only the stats lock is taken.
-    fxm_mutex_t wreg_lock;
-    bool initialised; // by the first start in this process
+    fxm_mutex_t wreg_lock{FXM_LOCK_WREG};
+    fxm_rbtree_t map FXM_GUARDED_BY(wreg_lock);
+    bool initialised; // by the first start in this process; only starts use it, one at a time
 } fxm_write_reg_lock_mng;
 
 static const void *_get_key(const fxm_rbnode_t *link) { return link + 1; } // directly behind the link
@@ -84,13 +85,14 @@ static fxm_mutex_t *_find_lock(uint64_t id)
     return &_fxm_rbtree_record<fxm_wreg_node_t>(link, offsetof(fxm_wreg_node_t, wn_link))->wn_lock;
 }
 
-fxm_wreg_guard_t::fxm_wreg_guard_t(uint64_t id) : wn_lock(_find_lock(id))
+// The analysis cannot follow a lock that is taken on a condition.
+FXM_NO_ANALYSIS fxm_wreg_guard_t::fxm_wreg_guard_t(uint64_t id) : wn_lock(_find_lock(id))
 {
     if (wn_lock != nullptr)
         _fxm_mutex_lock(wn_lock);
 }
 
-fxm_wreg_guard_t::~fxm_wreg_guard_t()
+FXM_NO_ANALYSIS fxm_wreg_guard_t::~fxm_wreg_guard_t()
 {
     if (wn_lock != nullptr)
         _fxm_mutex_unlock(wn_lock);
@@ -107,6 +109,7 @@ int _fxm_reg_init()
         if (err != 0) {
             fxm_log_error("%s: Failed to _fxm_mutex_init_st()", __func__);
         } else {
+            fxm_mutex_guard_t guard(&fxm_write_reg_lock_mng.wreg_lock);
             _fxm_rbtree_init(&fxm_write_reg_lock_mng.map, _fxm_rbtree_compare_u64, _get_key);
             fxm_write_reg_lock_mng.initialised = true;
         }

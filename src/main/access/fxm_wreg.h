@@ -13,9 +13,9 @@ void _fxm_reg_fini();
 [[nodiscard]] int _fxm_create_reg_lock_node(uint64_t id); // 0, EEXIST, ENOMEM, EPROTO; receive threads, under fx_lock
 
 // Holds the write lock of a card for a scope. Waits for it without a time limit; the caller holds no other lock.
-struct fxm_wreg_guard_t {
-    explicit fxm_wreg_guard_t(uint64_t id);
-    ~fxm_wreg_guard_t();
+struct FXM_SCOPED_CAPABILITY fxm_wreg_guard_t {
+    explicit fxm_wreg_guard_t(uint64_t id) FXM_ACQUIRE(wn_lock);
+    ~fxm_wreg_guard_t() FXM_RELEASE();
     fxm_wreg_guard_t(const fxm_wreg_guard_t &) = delete;
     fxm_wreg_guard_t &operator=(const fxm_wreg_guard_t &) = delete;
 

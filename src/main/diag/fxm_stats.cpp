@@ -5,9 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/fxm_locks.h"
 #include "fxm_log4cxxif.h"
 
-fxm_mutex_t g_stats_lock;
+fxm_mutex_t g_stats_lock{FXM_LOCK_STATS};
 fxm_stats_t g_stats;
 fxm_event_t g_stats_event;
 
