@@ -8,6 +8,7 @@
 #include "core/fxm_config.h"
 #include "core/fxm_locks.h"
 #include "core/fxm_state.h"
+#include "core/fxm_undo.h"
 #include "fxm_log4cxxif.h"
 #include "platform/fxm_platform.h"
 
@@ -46,27 +47,38 @@ static struct {
 
 constexpr uint64_t FXM_TAG_REST_MIN = 1000; // ms
 
+static int _cmp_init(const char *func)
+{
+    int err = _fxm_mutex_init_st(&fxm_cmp_tbl.cmp_lock);
+    if (err != 0) {
+        fxm_log_error("%s: Failed to _fxm_mutex_init_st()", func);
+        return err;
+    }
+    fxm_undo_t undo_lock([] { _fxm_mutex_destroy(&fxm_cmp_tbl.cmp_lock); });
+    uint32_t made = 0;
+    fxm_undo_t undo_events([&] {
+        while (made > 0)
+            _fxm_event_destroy(&fxm_cmp_tbl.cmp_event[--made]);
+    });
+    for (; made < FXM_TAGS; ++made) {
+        err = _fxm_event_init(&fxm_cmp_tbl.cmp_event[made]);
+        if (err != 0) {
+            fxm_log_error("%s: Failed to _fxm_event_init()", func);
+            return err;
+        }
+    }
+    undo_events.keep();
+    undo_lock.keep();
+    fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
+    std::fill_n(fxm_cmp_tbl.slots, FXM_TAGS, fxm_cmp_slot_t{});
+    fxm_cmp_tbl.cmp_last_tag = g_config.tag_min;
+    return 0;
+}
+
 int _fxm_cmp_init()
 {
     fxm_log_info("%s: start.", __func__);
-    int err = _fxm_mutex_init_st(&fxm_cmp_tbl.cmp_lock);
-    if (err != 0) {
-        fxm_log_error("%s: Failed to _fxm_mutex_init_st()", __func__);
-    } else {
-        fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
-        std::fill_n(fxm_cmp_tbl.slots, FXM_TAGS, fxm_cmp_slot_t{});
-        fxm_cmp_tbl.cmp_last_tag = g_config.tag_min;
-    }
-    for (uint32_t tag = 0; err == 0 && tag < FXM_TAGS; ++tag) {
-        err = _fxm_event_init(&fxm_cmp_tbl.cmp_event[tag]);
-        if (err == 0)
-            continue;
-        fxm_log_error("%s: Failed to _fxm_event_init()", __func__);
-        while (tag-- > 0)
-            _fxm_event_destroy(&fxm_cmp_tbl.cmp_event[tag]);
-        _fxm_mutex_destroy(&fxm_cmp_tbl.cmp_lock);
-        break;
-    }
+    const int err = _cmp_init(__func__);
     fxm_log_info("%s: end. ret=%d", __func__, err);
     return err;
 }
