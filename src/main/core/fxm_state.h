@@ -26,7 +26,7 @@ extern std::atomic<int> internal_err; // EPROTO after an internal-error stop, el
 extern fxm_event_t g_terminate_event;
 constexpr uint32_t FXM_WORKER_WAIT = 1000;
 
-int _fxm_terminate_event_create(); // 0 or EPROTO
+[[nodiscard]] int _fxm_terminate_event_create(); // 0 or EPROTO
 
 inline bool _fxm_stopping() { return g_fini_flag.load() == FXM_ON; }
 
@@ -50,7 +50,7 @@ void _fxm_wait_calls();
 constexpr uint32_t FXM_STOP_SLICE = 100;
 [[nodiscard]] int _fxm_sleep(uint32_t ms);
 
-int _fxm_errno_to_result(int err);
+[[nodiscard]] int _fxm_errno_to_result(int err);
 
 // The internal-error stop, for any thread of the library.
 void _fxm_fini_manager();
