@@ -45,9 +45,10 @@ struct fxm_call_t {
 // Waits until every call has returned. With g_fini_flag ON each wait inside a call ends within FXM_STOP_SLICE.
 void _fxm_wait_calls();
 
-// Sleeps on behalf of a call; a stop cuts it short. No wait of a call outlives the stop by more than a slice.
+// Sleeps on behalf of a call. Returns ENOSYS as soon as the library is stopping, which cuts the sleep short, else 0. No
+// wait of a call outlives the stop by more than a slice.
 constexpr uint32_t FXM_STOP_SLICE = 100;
-void _fxm_sleep(uint32_t ms);
+[[nodiscard]] int _fxm_sleep(uint32_t ms);
 
 [[nodiscard]] int _fxm_errno_to_result(int err);
 
