@@ -145,7 +145,7 @@ TEST(tags, the_search_is_cyclic_and_ends_with_the_tag_that_was_last)
     g_config.tag_max = 12;
     ASSERT_EQ(_fxm_cmp_init(), 0);
     uint32_t tag = 0;
-    const auto next = [&] { return _fxm_get_tag(&tag) == 0 ? static_cast<int>(tag) : -1; };
+    const auto next = [&] { return _fxm_get_tag(&tag, 1) == 0 ? static_cast<int>(tag) : -1; };
     EXPECT_EQ(next(), 11) << "the first tag is the one above the least";
     EXPECT_EQ(next(), 12);
     EXPECT_EQ(next(), 10);
@@ -164,7 +164,7 @@ TEST(tags, only_the_answer_from_the_port_and_mac_that_were_asked_is_taken_and_th
     ASSERT_EQ(_fxm_cmp_init(), 0);
     uint32_t tag = 0;
     uint32_t data = 0xDEAD;
-    ASSERT_EQ(_fxm_get_tag(&tag), 0);
+    ASSERT_EQ(_fxm_get_tag(&tag, 1), 0);
     _fxm_recv_comp(tag, 1, 0x21, 1);
     EXPECT_EQ(_fxm_get_readreg(tag, &data), ENOENT) << "an answer before the arming counts for nothing";
     _fxm_set_comp_recv_wait(tag, 0x21, 1);

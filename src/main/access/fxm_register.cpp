@@ -41,7 +41,8 @@ int _fxm_read_register(const fxm_card_data_t *card, uint32_t addr, uint32_t *dat
     uint32_t tag = 0;
     uint32_t value = 0;
     int err = EPROTO;
-    if (_fxm_get_tag(&tag) == 0) {
+    const uint64_t waiting = (uint64_t{retry.retries} + 1) * retry.timeout;
+    if (_fxm_get_tag(&tag, waiting) == 0) {
         err = _request(card, addr, tag, &value, retry);
         _fxm_release_tag(tag);
     }

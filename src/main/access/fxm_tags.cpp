@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <iterator>
 
 #include "core/fxm_config.h"
 #include "core/fxm_locks.h"
@@ -32,7 +33,7 @@ struct fxm_cmp_slot_t {
     // the answer to the next request with that tag. A request that was sent again, or that ended without an answer, may
     // still be answered. Its tag then rests, and other tags are handed out meanwhile.
     bool cmp_resent;        // the present request has armed the slot more than once
-    uint64_t cmp_waited;    // ms that the present request has waited for answers so far
+    uint64_t cmp_waiting;   // ms that the present request waits for answers, all resends included
     uint64_t cmp_rest_from; // monotonic ns; 0: the tag does not rest
     uint64_t cmp_rest_to;
 };
@@ -86,12 +87,15 @@ int _fxm_cmp_init()
 int _fxm_cmp_fini()
 {
     fxm_log_info("%s: start.", __func__);
+    bool armed[FXM_TAGS];
     {
         fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
-        for (uint32_t tag = 0; tag < FXM_TAGS; ++tag) {
-            if (fxm_cmp_tbl.slots[tag].cmp_state == FXM_CMP_WAIT)
-                _fxm_event_set(&fxm_cmp_tbl.cmp_event[tag]);
-        }
+        std::transform(std::begin(fxm_cmp_tbl.slots), std::end(fxm_cmp_tbl.slots), armed,
+                       [](const fxm_cmp_slot_t &slot) { return slot.cmp_state == FXM_CMP_WAIT; });
+    }
+    for (uint32_t tag = 0; tag < FXM_TAGS; ++tag) {
+        if (armed[tag])
+            _fxm_event_set(&fxm_cmp_tbl.cmp_event[tag]);
     }
     for (fxm_event_t &event : fxm_cmp_tbl.cmp_event)
         _fxm_event_destroy(&event);
@@ -109,14 +113,14 @@ static bool _valid(const char *func, uint32_t tag)
 }
 
 // Hands out a free tag.
-static void _take_tag(uint32_t tag) FXM_REQUIRES(fxm_cmp_tbl.cmp_lock)
+static void _take_tag(uint32_t tag, uint64_t waiting) FXM_REQUIRES(fxm_cmp_tbl.cmp_lock)
 {
     fxm_cmp_slot_t &slot = fxm_cmp_tbl.slots[tag];
     fxm_assert(!slot.cmp_in_use && slot.cmp_state == FXM_CMP_IDLE);
     slot.cmp_in_use = true;
     slot.cmp_state = FXM_CMP_IDLE;
     slot.cmp_resent = false;
-    slot.cmp_waited = 0;
+    slot.cmp_waiting = waiting;
     slot.cmp_rest_from = 0;
     fxm_cmp_tbl.cmp_last_tag = tag;
 }
@@ -148,7 +152,7 @@ static uint32_t _find_tag() FXM_REQUIRES(fxm_cmp_tbl.cmp_lock)
     return most_rested;
 }
 
-int _fxm_get_tag(uint32_t *tag)
+int _fxm_get_tag(uint32_t *tag, uint64_t waiting)
 {
     fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
     const uint32_t found = _find_tag();
@@ -156,17 +160,17 @@ int _fxm_get_tag(uint32_t *tag)
         fxm_log_error("%s: Can't get a tag value, because all tags are used.", __func__);
         return -1;
     }
-    _take_tag(found);
+    _take_tag(found, waiting);
     *tag = found;
     return 0;
 }
 
-// Lets the tag of a request rest for as long as the request has waited.
+// Lets the tag of a request rest for as long as the request could have waited.
 static void _rest_tag(fxm_cmp_slot_t *slot) FXM_REQUIRES(fxm_cmp_tbl.cmp_lock)
 {
     constexpr uint64_t ns_per_ms = 1000000;
     constexpr uint64_t longest = UINT64_MAX / 2 / ns_per_ms;
-    const uint64_t rest = std::clamp(slot->cmp_waited, FXM_TAG_REST_MIN, longest);
+    const uint64_t rest = std::clamp(slot->cmp_waiting, FXM_TAG_REST_MIN, longest);
     slot->cmp_rest_from = _fxm_monotonic_ns();
     slot->cmp_rest_to = slot->cmp_rest_from + rest * ns_per_ms;
 }
@@ -178,9 +182,7 @@ void _fxm_release_tag(uint32_t tag)
     fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
     fxm_cmp_slot_t &slot = fxm_cmp_tbl.slots[tag];
     fxm_assert(slot.cmp_in_use);
-    // A request that has not waited was never sent.
-    const bool sent = slot.cmp_waited != 0;
-    if (sent && (slot.cmp_resent || slot.cmp_state == FXM_CMP_WAIT))
+    if (slot.cmp_resent || slot.cmp_state == FXM_CMP_WAIT)
         _rest_tag(&slot);
     slot.cmp_in_use = false;
     slot.cmp_state = FXM_CMP_IDLE;
@@ -207,11 +209,6 @@ int _fxm_sigwait_comp(uint32_t tag, uint32_t timeout)
 {
     if (!_valid(__func__, tag))
         return EPROTO;
-    {
-        fxm_mutex_guard_t guard(&fxm_cmp_tbl.cmp_lock);
-        fxm_assert(fxm_cmp_tbl.slots[tag].cmp_in_use && timeout != 0);
-        fxm_cmp_tbl.slots[tag].cmp_waited += timeout;
-    }
     // Waits in slices, so that a stop soon ends even the longest wait.
     int err = ETIMEDOUT;
     while (err == ETIMEDOUT && timeout > 0 && !_fxm_stopping()) {

@@ -12,16 +12,20 @@
 [[nodiscard]] int _fxm_cmp_init(); // 0 or EPROTO
 int _fxm_cmp_fini();               // 0; wakes all waiting requests
 
-// A tag rests after a request that may still be answered. It is handed out again when its rest is over, or when all
-// other tags are in use or rest too.
-[[nodiscard]] int _fxm_get_tag(uint32_t *tag); // 0, or -1 when all are in use
+// `waiting` is how long the request waits for answers at most, ms, all resends included. After a request that may still
+// be answered its tag rests for that time, at least one second, while any other tag is free. 0, or -1 when all tags are
+// in use.
+[[nodiscard]] int _fxm_get_tag(uint32_t *tag, uint64_t waiting);
 void _fxm_release_tag(uint32_t tag);
 
 // Arms the slot: the answer must come from `mac` through `port`.
 void _fxm_set_comp_recv_wait(uint32_t tag, uint64_t mac, uint32_t port);
-[[nodiscard]] int _fxm_sigwait_comp(uint32_t tag,
-                                    uint32_t timeout);            // 0, ETIMEDOUT, EPROTO; a stop gives ETIMEDOUT early
-[[nodiscard]] int _fxm_get_readreg(uint32_t tag, uint32_t *data); // 0, EPROTO, or ENOENT without a Completion
+
+// Waits for the Completion, `timeout` ms at most. 0, ETIMEDOUT, EPROTO; a stop gives ETIMEDOUT early.
+[[nodiscard]] int _fxm_sigwait_comp(uint32_t tag, uint32_t timeout);
+
+// 0 and the value, ENOENT without a Completion, EPROTO.
+[[nodiscard]] int _fxm_get_readreg(uint32_t tag, uint32_t *data);
 
 // Accepts a Completion. Runs on the receive threads.
 void _fxm_recv_comp(uint32_t tag, uint32_t port, uint64_t mac, uint32_t data);
