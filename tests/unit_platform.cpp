@@ -53,7 +53,7 @@ class platform_stand_in : public testing::Test
         ASSERT_EQ(fxm_log_init(dir.c_str()), 0);
         g_log_level = FXM_LOG_TRACE;
         _fxm_config_default();
-        _fxm_stats_init();
+        ASSERT_EQ(_fxm_stats_init(), 0);
         _fxm_ports_clear();
         g_fini_flag = FXM_OFF;
         internal_err = 0;

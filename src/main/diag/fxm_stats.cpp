@@ -11,6 +11,16 @@ fxm_mutex_t g_stats_lock;
 fxm_stats_t g_stats;
 fxm_event_t g_stats_event;
 
+// The names of the events are indexed by kind.
+static_assert([] {
+    int index = 0;
+    for (const int kind : {FXM_EVENT_LIST(FXM_LIST_ID)}) {
+        if (kind != index++)
+            return false;
+    }
+    return true;
+}());
+
 int _fxm_stats_init()
 {
     fxm_log_info("%s: start.", __func__);

@@ -243,12 +243,8 @@ int _fxm_add_event(int32_t type, uint64_t id)
 
 void _fxm_raise_event(const char *func, int32_t type, uint64_t id)
 {
-    static const char *const names[FXM_EVT_KINDS] = {
-        "FXM_EVT_NEWDEVINFO",      "FXM_EVT_UPDATEDEVINFO",   "FXM_EVT_CONNECTIONCHANGE",
-        "FXM_EVT_MAJORMINORERROR", "FXM_EVT_PATHSTATECHANGE", "FXM_EVT_CHANNELSTATECHANGE",
-    };
     if (_fxm_add_event(type, id) != 0)
-        fxm_log_warn("%s: Failed to _fxm_add_event(%s) id=0x%.12llx", func, names[type], _ull(id));
+        fxm_log_warn("%s: Failed to _fxm_add_event(%s) id=0x%.12llx", func, fxm_event_names[type], _ull(id));
 }
 
 // ---------------------------------------------------------------------------------------------------------- delivery
