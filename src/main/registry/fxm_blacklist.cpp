@@ -2,7 +2,6 @@
 #include "registry/fxm_blacklist.h"
 
 #include <cerrno>
-#include <cstddef>
 
 #include "core/fxm_rbtree.h"
 #include "core/fxm_state.h"
@@ -17,18 +16,12 @@ struct fxm_bl_node_t {
 
 static fxm_rbtree_t blacklist_map;
 
-// Guards blacklist_map. Taken under fx_lock by stop, restart and the adding of a card, so that a card being stopped is
-// handled wholly before or wholly after; alone by dump and fini. Under it only the stats lock is taken.
+// Guards blacklist_map. Stop, restart and the adding of a card take it under fx_lock, so that a frame of a card that is
+// being stopped is handled either wholly before the stop or wholly after it. Dump and fini take it alone. Under it a
+// thread takes only the stats lock.
 static fxm_mutex_t blacklist_lock;
 
-static fxm_bl_node_t *_node_of(fxm_rbnode_t *link)
-{
-    return _fxm_rbtree_record<fxm_bl_node_t>(link, offsetof(fxm_bl_node_t, link));
-}
-
-static const void *_get_key(const fxm_rbnode_t *link) { return link + 1; } // directly behind the link
-
-static_assert(offsetof(fxm_bl_node_t, id) == sizeof(fxm_rbnode_t));
+using bl_link_t = fxm_rbtree_of<&fxm_bl_node_t::link, &fxm_bl_node_t::id>;
 
 static fxm_bl_node_t *_bl_node_create(uint64_t id)
 {
@@ -40,23 +33,22 @@ static fxm_bl_node_t *_bl_node_create(uint64_t id)
 
 static void _bl_node_destroy(fxm_bl_node_t *node) { _fxm_mem_free(FXM_MEM_BL_NODE, node); }
 
-int _fxm_lock_blacklist()
+void _fxm_lock_blacklist()
 {
     fxm_log_trace("%s: blacklist lock", __func__);
-    return _fxm_mutex_lock(&blacklist_lock);
+    _fxm_mutex_lock(&blacklist_lock);
 }
 
-int _fxm_unlock_blacklist()
+void _fxm_unlock_blacklist()
 {
     fxm_log_trace("%s: blacklist unlock", __func__);
     _fxm_mutex_unlock(&blacklist_lock);
-    return 0;
 }
 
 int _fxm_blacklist_init()
 {
     fxm_log_info("%s: start.", __func__);
-    _fxm_rbtree_init(&blacklist_map, _fxm_rbtree_compare_u64, _get_key);
+    _fxm_rbtree_init(&blacklist_map, _fxm_rbtree_compare_u64, bl_link_t::get_key);
     const int err = _fxm_mutex_init_st(&blacklist_lock);
     if (err != 0)
         fxm_log_error("%s: Failed to _fxm_mutex_init_st()", __func__);
@@ -68,7 +60,7 @@ int _fxm_blacklist_fini()
 {
     fxm_log_info("%s: start.", __func__);
     _fxm_lock_blacklist();
-    _fxm_rbtree_clear(&blacklist_map, [](fxm_rbnode_t *link) { _bl_node_destroy(_node_of(link)); });
+    _fxm_rbtree_clear(&blacklist_map, [](fxm_rbnode_t *link) { _bl_node_destroy(bl_link_t::record(link)); });
     _fxm_unlock_blacklist();
     _fxm_mutex_destroy(&blacklist_lock);
     fxm_log_info("%s: end.", __func__);
@@ -86,20 +78,19 @@ void _fxm_blacklist_dump()
         if (link == nullptr)
             fxm_log_stats("    no entry.");
         for (; link != nullptr; link = _fxm_rbtree_next(link))
-            fxm_log_stats("    0x%.12llx", _ull(_node_of(link)->id));
+            fxm_log_stats("    0x%.12llx", _ull(bl_link_t::record(link)->id));
     }
     fxm_log_stats(" ");
 }
 
-// The caller does not say the class, so both tables are tried; EINVAL from the one that does not hold the id is
-// expected.
+// The caller does not name the class, so both tables are tried. A table without the id answers EINVAL, as expected.
 static void _set_ignore_state(uint64_t id, uint32_t ignore_state, uint32_t flags)
 {
-    _fxm_set_fxsv(id, nullptr, ignore_state, flags);
-    _fxm_set_fxio(id, nullptr, ignore_state, flags);
+    (void)_fxm_set_fxsv(id, nullptr, ignore_state, flags);
+    (void)_fxm_set_fxio(id, nullptr, ignore_state, flags);
 }
 
-// Puts the entry into the map; it is freed again if its id is there already. 0 or EPROTO.
+// Puts the entry into the map, or frees it when its id is there already: 0 or EPROTO.
 static int _put_entry(const char *func, fxm_bl_node_t *node)
 {
     const uint64_t id = node->id;
@@ -145,7 +136,7 @@ static int _restart_monitor(const char *func, uint64_t id)
     fxm_rbnode_t *link = _fxm_rbtree_find(&blacklist_map, &id);
     if (link != nullptr) {
         _fxm_rbtree_delete(&blacklist_map, link);
-        _bl_node_destroy(_node_of(link));
+        _bl_node_destroy(bl_link_t::record(link));
     } else {
         fxm_log_trace("%s: The ID don't exist in black list. id=0x%.12llx", func, _ull(id));
     }
