@@ -279,7 +279,16 @@ void start_cards(unsigned count)
     cards.in = in[1];
     cards.out = out[0];
     expect_ok();
-    dprintf(cards.in, "fxsv %012llx count=%u\n", static_cast<unsigned long long>(FIRST_FXSV), count);
+    tell_cards("fxsv %012llx count=%u", static_cast<unsigned long long>(FIRST_FXSV), count);
+}
+
+void tell_cards(const char *command, ...)
+{
+    va_list args;
+    va_start(args, command);
+    vdprintf(cards.in, command, args);
+    va_end(args);
+    dprintf(cards.in, "\n");
     expect_ok();
 }
 

@@ -1,10 +1,14 @@
 // What a host sees of cards: from a frame on the wire to the record, the events, the lists and the callbacks.
 #include "fabric.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <optional>
+#include <set>
 
 namespace
 {
@@ -750,6 +754,119 @@ TEST_F(discovery, no_call_is_under_way_through_a_registration_that_has_been_ende
     settle(0);
     for (const tally_t &tally : tallies)
         EXPECT_EQ(tally.late, 0u);
+}
+
+// Whether the thread sleeps in the system, as one does that waits for a lock.
+bool sleeps(pid_t thread)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    const size_t at = stat.rfind(") ");
+    return at != std::string::npos && stat[at + 2] == 'S';
+}
+
+// A call on a thread of its own that finds the event thread in a callback.
+struct waiting_call_t {
+    explicit waiting_call_t(std::function<int()> function)
+        : thread([this, function = std::move(function)] {
+              id = gettid();
+              result = function();
+          })
+    {
+    }
+    void await_sleep() const
+    {
+        wait_for([this] { return id != 0 && sleeps(id); }, "the other thread to wait for the callback");
+    }
+    std::atomic<pid_t> id = 0;
+    int result = -1;
+    std::thread thread;
+};
+
+TEST_F(discovery, of_a_callback_and_a_thread_that_end_one_registration_the_callback_wins)
+{
+    run();
+    frame_t frame = fxsv_1g_frame();
+    wire[0]->send(frame);
+    settle(0);
+    listener_t first{"first"}, second{"second"};
+    ASSERT_EQ(listen(&first), FXM_API_SUCCESS);
+    ASSERT_EQ(listen(&second), FXM_API_SUCCESS);
+    std::unique_ptr<waiting_call_t> other;
+    int ended = -1;
+    first.then = [&] {
+        other = std::make_unique<waiting_call_t>([&] { return fxm_unregister_callback(second.cbid); });
+        other->await_sleep();
+        ended = fxm_unregister_callback(second.cbid);
+        first.then = {};
+    };
+    frame[20] = 1;
+    wire[0]->send(frame);
+    settle(0);
+    other->thread.join();
+    EXPECT_EQ(ended, FXM_API_SUCCESS);
+    EXPECT_EQ(other->result, FXM_API_EINVAL);
+    EXPECT_EQ(std::exchange(heard, {}), (std::vector<std::string>{"first"})) << "the host has freed the second's data";
+    EXPECT_EQ(fxm_unregister_callback(first.cbid), FXM_API_SUCCESS);
+}
+
+TEST_F(discovery, ended_handle_never_comes_again)
+{
+    std::set<void *> ended;
+    for (int round = 0; round < 2; ++round) {
+        run(FXM_LOG_ERROR);
+        listener_t listener{"never"};
+        for (int i = 0; i < 500; ++i) {
+            ASSERT_EQ(listen(&listener), FXM_API_SUCCESS);
+            ASSERT_FALSE(ended.contains(listener.cbid)) << "after " << ended.size();
+            for (void *const handle : ended)
+                ASSERT_EQ(fxm_unregister_callback(handle), FXM_API_EINVAL);
+            ASSERT_EQ(fxm_unregister_callback(listener.cbid), FXM_API_SUCCESS);
+            ended.insert(listener.cbid);
+        }
+        EXPECT_EQ(stop(), FXM_API_SUCCESS);
+        ended.insert(std::begin(cbid), std::end(cbid)); // of the fixture, ended by the stop
+    }
+}
+
+TEST_F(discovery, registering_and_ending_wait_for_the_event_in_progress_and_not_for_those_behind_it)
+{
+    constexpr int BACKLOG = 200;
+    run(FXM_LOG_ERROR); // a call sleeps for nothing but the event then
+    frame_t frame = fxsv_1g_frame();
+    wire[0]->send(frame);
+    settle(0);
+    std::atomic<bool> inside = false, held = false;
+    listener_t first{"first"}, other{"other"};
+    first.then = [&] {
+        inside = true;
+        while (held)
+            std::this_thread::yield();
+    };
+    ASSERT_EQ(listen(&first), FXM_API_SUCCESS);
+    const auto events_heard_by_other = [&](const std::function<int()> &function) {
+        inside = false;
+        held = true;
+        for (int i = 0; i < BACKLOG; ++i) {
+            frame[20] = static_cast<uint8_t>(frame[20] + 1);
+            wire[0]->send(frame);
+        }
+        wait_for([&] { return inside.load(); }, "the first event");
+        dump_when([&](const dump_t &told) { return memory(told, "evt_node").in_use >= BACKLOG; }, "the other events");
+        waiting_call_t call(function);
+        call.await_sleep();
+        held = false;
+        call.thread.join();
+        EXPECT_EQ(call.result, FXM_API_SUCCESS);
+        settle(0);
+        const std::vector<std::string> all = std::exchange(heard, {});
+        return std::count(all.begin(), all.end(), "other");
+    };
+    // Apart from the event in progress one may come first.
+    EXPECT_GE(events_heard_by_other([&] { return listen(&other); }), BACKLOG - 2);
+    EXPECT_LE(events_heard_by_other([&] { return fxm_unregister_callback(other.cbid); }), 2);
+    EXPECT_EQ(fxm_unregister_callback(first.cbid), FXM_API_SUCCESS);
 }
 
 // ---------------------------------------------------------------------------------------------------- a whole fabric

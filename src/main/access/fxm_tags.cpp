@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "core/fxm_config.h"
+#include "core/fxm_locks.h"
 #include "core/fxm_state.h"
 #include "fxm_log4cxxif.h"
 #include "platform/fxm_platform.h"
@@ -21,7 +22,7 @@ enum fxm_cmp_state_t : uint32_t {
 static struct {
     // Guards all fields below but cmp_event, for a few statements. A leaf: no other lock is taken while it is held, and
     // no frame is sent and nothing waited for.
-    fxm_mutex_t cmp_lock;
+    fxm_mutex_t cmp_lock{FXM_LOCK_CMP};
     uint32_t cmp_last_tag;
     fxm_event_t cmp_event[FXM_TAGS];
     uint32_t cmp_state[FXM_TAGS];

@@ -112,7 +112,7 @@ struct fxm_stats_t {
 // dump holds it for one section at a time. The lock outlives a stop: a call before the first start or after a stop is
 // counted under it like any other, and the next start clears that count.
 extern fxm_mutex_t g_stats_lock;
-extern fxm_stats_t g_stats;
+extern fxm_stats_t g_stats FXM_GUARDED_BY(g_stats_lock);
 
 // Wakes the stats task before its interval is over. The stop signals it for the last dump.
 extern fxm_event_t g_stats_event;
@@ -120,7 +120,7 @@ extern fxm_event_t g_stats_event;
 [[nodiscard]] int _fxm_stats_init(); // 0 or EPROTO
 void _fxm_stats_fini();
 
-template <typename Counter> void _fxm_stats_add(Counter *counter)
+template <typename Counter> void _fxm_stats_add(Counter *counter) FXM_EXCLUDES(g_stats_lock)
 {
     fxm_mutex_guard_t guard(&g_stats_lock);
     *counter += 1;

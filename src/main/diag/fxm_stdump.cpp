@@ -54,7 +54,7 @@ static void _dump_ports()
 
 // ------------------------------------------------------------------------------------------------------------- cards
 
-static void _dump_card_num()
+static void _dump_card_num() FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     fxm_log_stats("  - FX card num");
     fxm_log_stats("    fxsv total: %u", fxm_fx_tbl.fxsv_total);
@@ -116,14 +116,14 @@ static void _dump_row(const fxm_fxio_t &fxio, uint32_t ignore_state)
     fxm_log_stats("%s %4u", card_row_text_t(fxio.fio_card, ignore_state).text, fxio.fio_mr_resource_num);
 }
 
-template <typename Class> static void _dump_table()
+template <typename Class> static void _dump_table() FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     fxm_log_stats("    [%s]", Class::word);
     if (Class::total() == 0)
         fxm_log_stats("    no entry.");
     else
         _dump_row_head(Class{});
-    _fxm_each_node<Class>([](typename Class::node_t *node) {
+    _fxm_each_node<Class>([](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         _dump_row(Class::record(node), Class::ignore_state(node));
         return true;
     });
@@ -217,14 +217,14 @@ static void _dump_detail(const fxm_fxio_node_t &node)
                  {FIELD(fxio, fio_link0fault), FIELD(fxio, fio_link1fault), FIELD(fxio, fio_pcie_presence)});
 }
 
-template <typename Class> static void _dump_table_detail()
+template <typename Class> static void _dump_table_detail() FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     fxm_log_stats("    [%s]", Class::word);
     if (Class::total() == 0) {
         fxm_log_stats("    no entry.");
         _end_line();
     }
-    _fxm_each_node<Class>([](typename Class::node_t *node) {
+    _fxm_each_node<Class>([](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_log_stats("    ID: 0x%.12llx", _ull(Class::card(Class::record(node)).fcd_id));
         _dump_detail(*node);
         _end_line();

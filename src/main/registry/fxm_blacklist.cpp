@@ -3,6 +3,7 @@
 
 #include <cerrno>
 
+#include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "core/fxm_state.h"
 #include "diag/fxm_stats.h"
@@ -14,12 +15,8 @@ struct fxm_bl_node_t {
     uint64_t id;
 };
 
-static fxm_rbtree_t blacklist_map;
-
-// Guards blacklist_map. Stop, restart and the adding of a card take it under fx_lock, so that a frame of a card that is
-// being stopped is handled either wholly before the stop or wholly after it. Dump and fini take it alone. Under it a
-// thread takes only the stats lock.
-static fxm_mutex_t blacklist_lock;
+fxm_mutex_t blacklist_lock{FXM_LOCK_BLACKLIST};
+static fxm_rbtree_t blacklist_map FXM_GUARDED_BY(blacklist_lock);
 
 using bl_link_t = fxm_rbtree_of<&fxm_bl_node_t::link, &fxm_bl_node_t::id>;
 
@@ -67,7 +64,11 @@ int _fxm_blacklist_fini()
     return 0;
 }
 
-bool _fxm_blacklist_lookup(uint64_t id) { return _fxm_rbtree_find(&blacklist_map, &id) != nullptr; }
+bool _fxm_blacklist_lookup(uint64_t id)
+{
+    fxm_assert(_fxm_check_holds(&blacklist_lock));
+    return _fxm_rbtree_find(&blacklist_map, &id) != nullptr;
+}
 
 void _fxm_blacklist_dump()
 {
@@ -84,14 +85,14 @@ void _fxm_blacklist_dump()
 }
 
 // The caller does not name the class, so both tables are tried. A table without the id answers EINVAL, as expected.
-static void _set_ignore_state(uint64_t id, uint32_t ignore_state, uint32_t flags)
+static void _set_ignore_state(uint64_t id, uint32_t ignore_state, uint32_t flags) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     (void)_fxm_set_fxsv(id, nullptr, ignore_state, flags);
     (void)_fxm_set_fxio(id, nullptr, ignore_state, flags);
 }
 
 // Puts the entry into the map, or frees it when its id is there already: 0 or EPROTO.
-static int _put_entry(const char *func, fxm_bl_node_t *node)
+static int _put_entry(const char *func, fxm_bl_node_t *node) FXM_REQUIRES(blacklist_lock)
 {
     const uint64_t id = node->id;
     const int err = _fxm_rbtree_put(&blacklist_map, &node->link);
@@ -105,7 +106,7 @@ static int _put_entry(const char *func, fxm_bl_node_t *node)
     return err == EEXIST ? 0 : EPROTO;
 }
 
-static int _stop_monitor(const char *func, uint64_t id)
+static int _stop_monitor(const char *func, uint64_t id) FXM_EXCLUDES(fxm_fx_tbl.fx_lock, blacklist_lock)
 {
     fxm_bl_node_t *node = _bl_node_create(id);
     if (node == nullptr) {
@@ -129,7 +130,7 @@ int fxm_stop_monitor(uint64_t id)
     return _fxm_stats_api(FXM_ROW_STOP_MONITOR, result);
 }
 
-static int _restart_monitor(const char *func, uint64_t id)
+static int _restart_monitor(const char *func, uint64_t id) FXM_EXCLUDES(fxm_fx_tbl.fx_lock, blacklist_lock)
 {
     fxm_fx_guard_t fx_guard;
     fxm_blacklist_guard_t blacklist_guard;

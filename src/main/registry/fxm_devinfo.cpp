@@ -72,7 +72,7 @@ static void _set_port_devinfo(const uint8_t *frame, fxm_down_port_t *down_ports)
         const size_t entry = FXSV_DOWN_PORTS + i * FXSV_DOWN_PORT_SIZE;
         raw(down_ports[i].fdp_port_status, frame, in_block(entry, DOWN_STATUS));
         raw(down_ports[i].fdp_io_mac, frame, in_block(entry, DOWN_IO_MAC));
-        if ((down_ports[i].fdp_port_status[1] & FXM_CONNECTED) != 0)
+        if ((down_ports[i].fdp_port_status[1] & FXM_CONNECTED_BIT) != 0)
             _set_config(frame, entry + DOWN_CONFIG, &down_ports[i].fdp_config);
     }
 }
@@ -115,7 +115,7 @@ static void _mask_record(fxm_fxio_t *fxio) { _mask_status(fxio->fio_substate); }
 
 static bool _connection_differs(const uint8_t *status1, const uint8_t *status2)
 {
-    return ((status1[1] ^ status2[1]) & FXM_CONNECTED) != 0;
+    return ((status1[1] ^ status2[1]) & FXM_CONNECTED_BIT) != 0;
 }
 
 static bool _connection_changed(const fxm_fxsv_t &stored, const fxm_fxsv_t &candidate)
@@ -144,7 +144,8 @@ static bool _path_changed(const fxm_fxio_t &stored, const fxm_fxio_t &candidate)
 
 // --------------------------------------------------------------------------------------------------------------- add
 
-template <typename Class> static void _add_devinfo(const typename Class::record_t &candidate)
+template <typename Class>
+static void _add_devinfo(const typename Class::record_t &candidate) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     const char *func = Class::add_devinfo_name;
     const fxm_card_data_t &card = Class::card(candidate);
@@ -252,6 +253,7 @@ static void _compare_events(const typename Class::record_t &stored, const typena
 // Stores the candidate and returns the card to normal monitoring. False when it could not be stored.
 template <typename Class>
 static bool _store_candidate(const typename Class::record_t &candidate, const char *ignore_state_name)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     const char *func = Class::update_devinfo_name;
     const uint64_t id = Class::card(candidate).fcd_id;
@@ -268,7 +270,7 @@ static bool _store_candidate(const typename Class::record_t &candidate, const ch
 
 template <typename Class>
 static void _update_devinfo(const arrival_t &arrival, const typename Class::record_t &stored,
-                            typename Class::record_t *candidate, uint32_t ignore_state)
+                            typename Class::record_t *candidate, uint32_t ignore_state) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     const char *func = Class::update_devinfo_name;
     const fxm_card_data_t &card = Class::card(*candidate);
@@ -308,7 +310,8 @@ static void _update_devinfo(const arrival_t &arrival, const typename Class::reco
 // ----------------------------------------------------------------------------------------------------- add or update
 
 // The whole step runs under fx_lock, from the look-up to the last event.
-template <typename Class> static void _set_devinfo(const arrival_t &arrival, typename Class::record_t *candidate)
+template <typename Class>
+static void _set_devinfo(const arrival_t &arrival, typename Class::record_t *candidate) FXM_EXCLUDES(fxm_fx_tbl.fx_lock)
 {
     fxm_fx_guard_t guard;
     typename Class::record_t stored;
@@ -326,6 +329,7 @@ template <typename Class> static void _set_devinfo(const arrival_t &arrival, typ
 int _fxm_recv_devinfo(uint32_t port, const uint8_t *frame, uint8_t mode)
 {
     const arrival_t arrival = {port, _fxm_frame_mac_index(frame), _fxm_get_time_ms()};
+    fxm_assert(arrival.port < FXM_PORT_NUM && arrival.mac_index < 2);
     const uint8_t host = u8(frame, DEV_HOST);
     if (host == FXM_HOST_FXSV) {
         fxm_fxsv_t candidate;

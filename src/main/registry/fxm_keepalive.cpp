@@ -36,6 +36,7 @@ static bool _expire_channels(fxm_card_data_t *card, uint64_t now)
 
 // Whether the card's channels have changed, so that the events are due.
 static bool _update_keepalive_state(fxm_card_data_t *card, uint32_t *ignore_state, uint32_t *check_count, uint64_t now)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     switch (*ignore_state) {
     case FXM_WATCH:
@@ -62,9 +63,9 @@ static bool _update_keepalive_state(fxm_card_data_t *card, uint32_t *ignore_stat
     return true;
 }
 
-template <typename Class> static void _check_class(const char *func, uint64_t now)
+template <typename Class> static void _check_class(const char *func, uint64_t now) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    _fxm_each_node<Class>([=](typename Class::node_t *node) {
+    _fxm_each_node<Class>([=](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
         if (_update_keepalive_state(&card, &Class::ignore_state(node), &Class::check_count(node), now))
             _report_disconnect<Class>(func, card);
@@ -79,9 +80,10 @@ void _devinfo_keepalive_check()
     _check_class<fxio_class>(__func__, now);
 }
 
-template <typename Class> static void _disconnect_class(const char *func, int port, uint64_t now)
+template <typename Class>
+static void _disconnect_class(const char *func, int port, uint64_t now) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    _fxm_each_node<Class>([=](typename Class::node_t *node) {
+    _fxm_each_node<Class>([=](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
         uint32_t *states = card.fcd_state[port];
         if (Class::ignore_state(node) == FXM_IGNORE || (states[0] == 0 && states[1] == 0))
@@ -95,6 +97,7 @@ template <typename Class> static void _disconnect_class(const char *func, int po
 
 void _fxm_all_disconnect(int port)
 {
+    fxm_assert(port >= 0 && port < static_cast<int>(FXM_PORT_NUM));
     const uint64_t now = _fxm_get_time_ms();
     _disconnect_class<fxsv_class>(__func__, port, now);
     _disconnect_class<fxio_class>(__func__, port, now);

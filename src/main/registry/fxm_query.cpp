@@ -56,20 +56,19 @@ int fxm_delete_fxio(uint64_t id) { return _delete_api<fxio_class>(__func__, FXM_
 
 // ---------------------------------------------------------------------------------------------------------- id lists
 
-// The three selections of cards. `expected` counts the matching cards before the walk that lists them; it runs under
-// fx_lock.
+// The three selections of cards. `expected` counts the matching cards before the walk that lists them.
 struct all_cards_t {
     bool matches(const fxm_card_data_t &) const { return true; }
-    template <typename Class> uint32_t expected() const { return Class::total(); }
+    template <typename Class> uint32_t expected() const FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return Class::total(); }
 };
 
 struct updated_since_t {
     uint64_t time;
     bool matches(const fxm_card_data_t &card) const { return card.fcd_updatetime >= time; }
-    template <typename Class> uint32_t expected() const
+    template <typename Class> uint32_t expected() const FXM_REQUIRES(fxm_fx_tbl.fx_lock)
     {
         uint32_t matching = 0;
-        _fxm_each_node<Class>([&](typename Class::node_t *node) {
+        _fxm_each_node<Class>([&](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
             matching += matches(Class::card(Class::record(node))) ? 1 : 0;
             return true;
         });
@@ -80,7 +79,7 @@ struct updated_since_t {
 struct group_t {
     uint16_t id;
     bool matches(const fxm_card_data_t &card) const { return card.fcd_vlan_id == id; }
-    template <typename Class> uint32_t expected() const { return Class::groups()[id]; }
+    template <typename Class> uint32_t expected() const FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return Class::groups()[id]; }
 };
 
 static uint64_t *_idlist_create(uint32_t entries)
@@ -93,6 +92,7 @@ static void _idlist_destroy(uint64_t *list) { _fxm_mem_free(FXM_MEM_IDLIST, list
 // Count and walk run under one holding of fx_lock, so that they agree.
 template <typename Class, typename Selection>
 static int _list_ids(const char *func, const Selection &selection, uint64_t **list, uint32_t *count)
+    FXM_EXCLUDES(fxm_fx_tbl.fx_lock)
 {
     const uint32_t limit = *count != 0 ? *count : g_config.id_list_upper_limit;
     fxm_fx_guard_t guard;
@@ -110,7 +110,7 @@ static int _list_ids(const char *func, const Selection &selection, uint64_t **li
     if (ids == nullptr)
         return ENOMEM;
     uint32_t written = 0;
-    _fxm_each_node<Class>([&](typename Class::node_t *node) {
+    _fxm_each_node<Class>([&](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         const fxm_card_data_t &card = Class::card(Class::record(node));
         if (!selection.matches(card))
             return true;
@@ -147,14 +147,12 @@ static int _ids_api(const char *func, fxm_api_row_t row, const Selection &select
 template <typename Class>
 static int _group_ids_api(const char *func, fxm_api_row_t row, uint16_t groupid, uint64_t **list, uint32_t *count)
 {
-    constexpr uint16_t first_group = 1;
-    constexpr uint16_t last_group = 4094;
     fxm_call_t call;
     fxm_log_info("%s: (IN) groupid=%u", func, groupid);
     int err = 0;
     if (!call.running)
         err = ENOSYS;
-    else if (list == nullptr || count == nullptr || groupid < first_group || groupid > last_group)
+    else if (list == nullptr || count == nullptr || groupid < FXM_GROUP_FIRST || groupid > FXM_GROUP_LAST)
         err = EINVAL;
     else
         err = _list_ids<Class>(func, group_t{groupid}, list, count);

@@ -17,7 +17,7 @@ static_assert(sizeof(fxm_fxio_t) == 128);
 
 fxm_fx_tbl_t fxm_fx_tbl;
 
-template <typename Class> static uint32_t &_group(uint16_t vlan_id)
+template <typename Class> static uint32_t &_group(uint16_t vlan_id) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     return Class::groups()[std::min<uint32_t>(vlan_id, FXM_GROUPS - 1)];
 }
@@ -34,6 +34,7 @@ fxm_channels_text_t::fxm_channels_text_t(const fxm_card_data_t &card)
 
 template <typename Class>
 static typename Class::node_t *_node_create(const typename Class::record_t *record, uint32_t ignore_state)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     auto *node = static_cast<typename Class::node_t *>(_fxm_mem_alloc(Class::account, sizeof(typename Class::node_t)));
     if (node == nullptr)
@@ -48,22 +49,24 @@ template <typename Class> static void _node_destroy(typename Class::node_t *node
     _fxm_mem_free(Class::account, node);
 }
 
-template <typename Class> static typename Class::node_t *_find(uint64_t id)
+template <typename Class> static typename Class::node_t *_find(uint64_t id) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
+    fxm_assert(_fxm_check_holds(&fxm_fx_tbl.fx_lock));
     fxm_rbnode_t *link = _fxm_rbtree_find(&Class::map(), &id);
     return link != nullptr ? Class::link_t::record(link) : nullptr;
 }
 
 // --------------------------------------------------------------------------------------------------------- lifecycle
 
-template <typename Class> static void _init_table()
+// Not analysed: no other thread uses the table before its start.
+template <typename Class> FXM_NO_ANALYSIS static void _init_table()
 {
     _fxm_rbtree_init(&Class::map(), _fxm_rbtree_compare_u64, Class::link_t::get_key);
     Class::total() = 0;
     std::fill_n(Class::groups(), FXM_GROUPS, 0u);
 }
 
-template <typename Class> static void _clear_table()
+template <typename Class> static void _clear_table() FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     _fxm_rbtree_clear(&Class::map(), [](fxm_rbnode_t *link) { _node_destroy<Class>(Class::link_t::record(link)); });
     Class::total() = 0;
@@ -131,9 +134,11 @@ template int _fxm_tbl_get<fxio_class>(uint64_t, fxm_fxio_t *, uint32_t *, uint32
 
 template <typename Class>
 static int _add(uint64_t id, const typename Class::record_t *record, uint32_t ignore_state, uint32_t flags)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     if ((flags & FXM_TBL_ALL) != FXM_TBL_ALL)
         return EINVAL;
+    fxm_assert(Class::card(*record).fcd_id == id);
     typename Class::node_t *node = _node_create<Class>(record, ignore_state);
     if (node == nullptr)
         return ENOMEM;
@@ -150,13 +155,16 @@ static int _add(uint64_t id, const typename Class::record_t *record, uint32_t ig
 
 template <typename Class>
 static void _update(typename Class::node_t *node, const typename Class::record_t *record, uint32_t ignore_state,
-                    uint32_t flags)
+                    uint32_t flags) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     if ((flags & FXM_TBL_RECORD) != 0) {
+        // The id is the key of the map, so it must stay.
+        fxm_assert(Class::card(*record).fcd_id == Class::card(Class::record(node)).fcd_id);
         const uint16_t from = Class::card(Class::record(node)).fcd_vlan_id;
         const uint16_t to = Class::card(*record).fcd_vlan_id;
         memcpy(&Class::record(node), record, sizeof(*record));
         if (from != to) {
+            fxm_assert(_group<Class>(from) > 0);
             _group<Class>(from) -= 1;
             _group<Class>(to) += 1;
         }
@@ -195,6 +203,7 @@ template <typename Class> int _fxm_tbl_remove(uint64_t id)
     _fxm_rbtree_delete(&Class::map(), &Class::link(node));
     const uint16_t vlan_id = Class::card(Class::record(node)).fcd_vlan_id;
     _node_destroy<Class>(node);
+    fxm_assert(Class::total() > 0 && _group<Class>(vlan_id) > 0);
     Class::total() -= 1;
     _group<Class>(vlan_id) -= 1;
     return 0;

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "diag/fxm_stats.h"
 #include "fxm.h"
@@ -42,17 +43,18 @@ struct fxm_fxio_node_t {
 constexpr uint32_t FXM_GROUPS = 4097; // one for each VLAN id; the last one counts every value of 4096 or more
 
 struct fxm_fx_tbl_t {
-    fxm_rbtree_t fxsv_map;
-    fxm_rbtree_t fxio_map;
+    fxm_rbtree_t fxsv_map FXM_GUARDED_BY(fx_lock);
+    fxm_rbtree_t fxio_map FXM_GUARDED_BY(fx_lock);
     // The card lock. Guards everything in this object and in every node; no pointer into a node leaves it.
-    // Order: first of all locks. Under it a thread takes blacklist_lock, wreg_lock or the lock of the event queue, one at
-    // a time, and the stats lock last. It is held for one frame, one keepalive pass, one query or the card section of a
-    // dump, and never across a frame to a card, a wait or a callback.
-    fxm_mutex_t fx_lock;
-    uint32_t fxsv_total;
-    uint32_t fxio_total;
-    uint32_t fxsv_group_num[FXM_GROUPS];
-    uint32_t fxio_group_num[FXM_GROUPS];
+    // It is taken while the thread holds no other lock of the library, except the lock of a callback entry when a callback
+    // takes it. Under it a thread takes blacklist_lock, wreg_lock or the lock of the event queue, one at a time, and the
+    // stats lock last. It is held for one frame, one keepalive pass, one query or the card section of a dump, and never
+    // across a frame to a card, a wait or a callback.
+    fxm_mutex_t fx_lock{FXM_LOCK_FX};
+    uint32_t fxsv_total FXM_GUARDED_BY(fx_lock);
+    uint32_t fxio_total FXM_GUARDED_BY(fx_lock);
+    uint32_t fxsv_group_num[FXM_GROUPS] FXM_GUARDED_BY(fx_lock);
+    uint32_t fxio_group_num[FXM_GROUPS] FXM_GUARDED_BY(fx_lock);
 };
 extern fxm_fx_tbl_t fxm_fx_tbl;
 
@@ -73,14 +75,14 @@ struct fxsv_class {
     static constexpr const char *update_state_name = "_update_fxsv_state";
 
     static constexpr fxm_mem_t account = FXM_MEM_FXSV;
-    static fxm_rbtree_t &map() { return fxm_fx_tbl.fxsv_map; }
-    static uint32_t &total() { return fxm_fx_tbl.fxsv_total; }
-    static uint32_t *groups() { return fxm_fx_tbl.fxsv_group_num; }
+    static fxm_rbtree_t &map() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxsv_map; }
+    static uint32_t &total() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxsv_total; }
+    static uint32_t *groups() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxsv_group_num; }
 
-    static record_t &record(node_t *node) { return node->fsn_data; }
-    static fxm_rbnode_t &link(node_t *node) { return node->fsn_link; }
-    static uint32_t &ignore_state(node_t *node) { return node->fsn_ignore_state; }
-    static uint32_t &check_count(node_t *node) { return node->fsn_check_count; }
+    static record_t &record(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fsn_data; }
+    static fxm_rbnode_t &link(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fsn_link; }
+    static uint32_t &ignore_state(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fsn_ignore_state; }
+    static uint32_t &check_count(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fsn_check_count; }
     static fxm_card_data_t &card(record_t &record) { return record.fsv_card; }
     static const fxm_card_data_t &card(const record_t &record) { return record.fsv_card; }
 };
@@ -100,77 +102,86 @@ struct fxio_class {
     static constexpr const char *update_state_name = "_update_fxio_state";
 
     static constexpr fxm_mem_t account = FXM_MEM_FXIO;
-    static fxm_rbtree_t &map() { return fxm_fx_tbl.fxio_map; }
-    static uint32_t &total() { return fxm_fx_tbl.fxio_total; }
-    static uint32_t *groups() { return fxm_fx_tbl.fxio_group_num; }
+    static fxm_rbtree_t &map() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxio_map; }
+    static uint32_t &total() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxio_total; }
+    static uint32_t *groups() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxio_group_num; }
 
-    static record_t &record(node_t *node) { return node->fin_data; }
-    static fxm_rbnode_t &link(node_t *node) { return node->fin_link; }
-    static uint32_t &ignore_state(node_t *node) { return node->fin_ignore_state; }
-    static uint32_t &check_count(node_t *node) { return node->fin_check_count; }
+    static record_t &record(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fin_data; }
+    static fxm_rbnode_t &link(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fin_link; }
+    static uint32_t &ignore_state(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fin_ignore_state; }
+    static uint32_t &check_count(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fin_check_count; }
     static fxm_card_data_t &card(record_t &record) { return record.fio_card; }
     static const fxm_card_data_t &card(const record_t &record) { return record.fio_card; }
 };
 
 [[nodiscard]] int _fxm_fx_init(); // 0 or EPROTO
 int _fxm_fx_fini();               // always 0; runs when no other thread of the library is left
-int _fxm_fx_lock();
-int _fxm_fx_unlock(); // always 0
+int _fxm_fx_lock() FXM_ACQUIRE(fxm_fx_tbl.fx_lock);
+int _fxm_fx_unlock() FXM_RELEASE(fxm_fx_tbl.fx_lock); // always 0
 
-struct fxm_fx_guard_t {
-    fxm_fx_guard_t() { _fxm_fx_lock(); }
-    ~fxm_fx_guard_t() { _fxm_fx_unlock(); }
+struct FXM_SCOPED_CAPABILITY fxm_fx_guard_t {
+    fxm_fx_guard_t() FXM_ACQUIRE(fxm_fx_tbl.fx_lock) { _fxm_fx_lock(); }
+    ~fxm_fx_guard_t() FXM_RELEASE() { _fxm_fx_unlock(); }
     fxm_fx_guard_t(const fxm_fx_guard_t &) = delete;
     fxm_fx_guard_t &operator=(const fxm_fx_guard_t &) = delete;
 };
 
-// The caller of every function below holds fx_lock. Each of the templates has two instances, one for each class.
+// Each of the templates has two instances, one for each class.
 
 // Copies out of the node of `id` what the flags select: 0, ENOENT, or EINVAL for a null output that a flag asks for or a
 // flag that is not allowed.
 template <typename Class>
-[[nodiscard]] int _fxm_tbl_get(uint64_t id, typename Class::record_t *record, uint32_t *ignore_state, uint32_t flags);
+[[nodiscard]] int _fxm_tbl_get(uint64_t id, typename Class::record_t *record, uint32_t *ignore_state, uint32_t flags)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock);
 
 // Updates the node of `id`; with all flags, creates it when it is absent: 0, EINVAL, ENOMEM, EPROTO.
 template <typename Class>
 [[nodiscard]] int _fxm_tbl_set(uint64_t id, const typename Class::record_t *record, uint32_t ignore_state,
-                               uint32_t flags);
+                               uint32_t flags) FXM_REQUIRES(fxm_fx_tbl.fx_lock);
 
 // Removes the node of `id` and frees it: 0 or ENOENT.
-template <typename Class> [[nodiscard]] int _fxm_tbl_remove(uint64_t id);
+template <typename Class> [[nodiscard]] int _fxm_tbl_remove(uint64_t id) FXM_REQUIRES(fxm_fx_tbl.fx_lock);
 
 [[nodiscard]] inline int _fxm_get_fxsv(uint64_t id, fxm_fxsv_t *record, uint32_t *ignore_state, uint32_t flags)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     return _fxm_tbl_get<fxsv_class>(id, record, ignore_state, flags);
 }
 
 [[nodiscard]] inline int _fxm_get_fxio(uint64_t id, fxm_fxio_t *record, uint32_t *ignore_state, uint32_t flags)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     return _fxm_tbl_get<fxio_class>(id, record, ignore_state, flags);
 }
 
 [[nodiscard]] inline int _fxm_set_fxsv(uint64_t id, const fxm_fxsv_t *record, uint32_t ignore_state, uint32_t flags)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     return _fxm_tbl_set<fxsv_class>(id, record, ignore_state, flags);
 }
 
 [[nodiscard]] inline int _fxm_set_fxio(uint64_t id, const fxm_fxio_t *record, uint32_t ignore_state, uint32_t flags)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     return _fxm_tbl_set<fxio_class>(id, record, ignore_state, flags);
 }
 
 // What a card operation needs of the card `id`, whatever its class: 0, ENOENT, EPROTO. An id in both tables is answered
 // from the FXSV table. `card` and `resource_num` may be null.
-[[nodiscard]] int _fxm_get_fxdev_rid(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state,
-                                     uint16_t *resource_num);
+[[nodiscard]] int _fxm_get_fxdev_rid(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state, uint16_t *resource_num)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock);
 
 // Visits every node of the class in ascending id order. `visit` returns false to end the walk.
-template <typename Class, typename Visit> void _fxm_each_node(Visit visit)
+template <typename Class, typename Visit> void _fxm_each_node(Visit visit) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
+    fxm_assert(_fxm_check_holds(&fxm_fx_tbl.fx_lock));
+    uint32_t nodes = 0;
     for (fxm_rbnode_t *link = _fxm_rbtree_first(&Class::map()); link != nullptr; link = _fxm_rbtree_next(link)) {
+        nodes += 1;
         if (!visit(Class::link_t::record(link)))
             return;
     }
+    fxm_assert(nodes == Class::total());
 }
 
 // The states of a card's four channels, as messages print them.
