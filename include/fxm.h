@@ -78,7 +78,7 @@
  * The process may exit at any time, also while calls are running; a log line that is being written delays the exit by
  * one second at most. dlclose does not unload the library. After a fork, the child has none of the library's threads
  * but may have copies of locks that they held, so it may only call an exec function or _exit. A program that the child
- * executes inherits the capture sockets unless the child closes them.
+ * executes inherits no descriptor of the library.
  *
  * Trust
  * -----

@@ -51,13 +51,16 @@ void _fxm_wait_calls()
         _fxm_event_timedwait(&last_call_left, FXM_WORKER_WAIT);
 }
 
-void _fxm_sleep(uint32_t ms)
+int _fxm_sleep(uint32_t ms)
 {
-    while (ms > 0 && !_fxm_stopping()) {
+    while (!_fxm_stopping()) {
+        if (ms == 0)
+            return 0;
         const uint32_t slice = std::min(ms, FXM_STOP_SLICE);
         Sleep(slice);
         ms -= slice;
     }
+    return ENOSYS;
 }
 
 #define RESULT(code, err)                                                                                              \

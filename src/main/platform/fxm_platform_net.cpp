@@ -2,6 +2,7 @@
 // opens the ports and the link watcher read the list; only the link watcher uses the notice.
 #include "platform/fxm_platform_net.h"
 
+#include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_arp.h>
 #include <linux/netlink.h>
@@ -211,6 +212,8 @@ int _fxm_pcap_mintocopy(pcap *handle)
 }
 
 int _fxm_capture_event(pcap *handle) { return pcap_get_selectable_fd(handle); }
+
+void _fxm_capture_close_on_exec(pcap *handle) { fcntl(pcap_fileno(handle), F_SETFD, FD_CLOEXEC); }
 
 void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool got_frame)
 {

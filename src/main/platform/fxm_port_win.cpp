@@ -94,8 +94,10 @@ static pcap_t *_open_capture(const char *device, char *errbuf)
     pcap_set_immediate_mode(handle, 1);
     pcap_set_buffer_size(handle, FXM_CAPTURE_RING);
     const int status = pcap_activate(handle); // above 0: open, with a warning
-    if (status >= 0)
+    if (status >= 0) {
+        _fxm_capture_close_on_exec(handle);
         return handle;
+    }
     const char *reason = pcap_geterr(handle);
     snprintf(errbuf, PCAP_ERRBUF_SIZE, "%s", reason[0] != '\0' ? reason : pcap_statustostr(status));
     pcap_close(handle);
