@@ -53,7 +53,7 @@ class platform_stand_in : public testing::Test
         ASSERT_EQ(fxm_log_init(dir.c_str()), 0);
         g_log_level = FXM_LOG_TRACE;
         _fxm_config_default();
-        _fxm_stats_init();
+        ASSERT_EQ(_fxm_stats_init(), 0);
         _fxm_ports_clear();
         g_fini_flag = FXM_OFF;
         internal_err = 0;
@@ -80,7 +80,11 @@ class platform_stand_in : public testing::Test
         return false;
     }
 
-    static uint32_t in_use() { return g_stats.mem[FXM_MEM_ADDRS].alloc - g_stats.mem[FXM_MEM_ADDRS].free; }
+    static uint32_t in_use()
+    {
+        fxm_mutex_guard_t guard(&g_stats_lock);
+        return g_stats.mem[FXM_MEM_ADDRS].alloc - g_stats.mem[FXM_MEM_ADDRS].free;
+    }
 
     static void add_adapter(uint32_t index, uint32_t type, uint32_t length, uint32_t status, const char *name)
     {
@@ -323,6 +327,7 @@ TEST_F(tables_stand_in, reading_that_shows_no_change_takes_no_channel_down)
     ASSERT_EQ(_fxm_get_fxio(0x10, &card, nullptr, FXM_TBL_RECORD), 0);
     EXPECT_EQ(card.fio_card.fcd_state[0][0], 1u) << "on a port that was down before";
     EXPECT_EQ(card.fio_card.fcd_state[1][0], 1u);
+    fxm_mutex_guard_t stats_guard(&g_stats_lock);
     EXPECT_EQ(g_stats.port_total_down[0], 0u);
 }
 

@@ -2,7 +2,6 @@
 #include "access/fxm_wreg.h"
 
 #include <cerrno>
-#include <cstddef>
 #include <new>
 
 #include "core/fxm_locks.h"
@@ -27,9 +26,7 @@ static struct {
     bool initialised; // by the first start in this process; only starts use it, one at a time
 } fxm_write_reg_lock_mng;
 
-static const void *_get_key(const fxm_rbnode_t *link) { return link + 1; } // directly behind the link
-
-static_assert(offsetof(fxm_wreg_node_t, wn_id) == sizeof(fxm_rbnode_t));
+using wreg_link_t = fxm_rbtree_of<&fxm_wreg_node_t::wn_link, &fxm_wreg_node_t::wn_id>;
 
 static void _write_reg_destroy(fxm_wreg_node_t *node)
 {
@@ -82,7 +79,7 @@ static fxm_mutex_t *_find_lock(uint64_t id)
     fxm_rbnode_t *link = _fxm_rbtree_find(&fxm_write_reg_lock_mng.map, &id);
     if (link == nullptr)
         return nullptr;
-    return &_fxm_rbtree_record<fxm_wreg_node_t>(link, offsetof(fxm_wreg_node_t, wn_link))->wn_lock;
+    return &wreg_link_t::record(link)->wn_lock;
 }
 
 // The analysis cannot follow a lock that is taken on a condition.
@@ -110,7 +107,7 @@ int _fxm_reg_init()
             fxm_log_error("%s: Failed to _fxm_mutex_init_st()", __func__);
         } else {
             fxm_mutex_guard_t guard(&fxm_write_reg_lock_mng.wreg_lock);
-            _fxm_rbtree_init(&fxm_write_reg_lock_mng.map, _fxm_rbtree_compare_u64, _get_key);
+            _fxm_rbtree_init(&fxm_write_reg_lock_mng.map, _fxm_rbtree_compare_u64, wreg_link_t::get_key);
             fxm_write_reg_lock_mng.initialised = true;
         }
     }

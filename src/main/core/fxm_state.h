@@ -50,7 +50,16 @@ void _fxm_wait_calls();
 constexpr uint32_t FXM_STOP_SLICE = 100;
 [[nodiscard]] int _fxm_sleep(uint32_t ms);
 
-[[nodiscard]] int _fxm_errno_to_result(int err);
+// The result codes, indexed by their values: the name that the status dump prints and the internal error of each.
+struct fxm_result_t {
+    int code;
+    const char *name;
+    int err;
+};
+constexpr uint32_t FXM_API_CODES = FXM_API_ENOSYS + 1;
+extern const fxm_result_t fxm_results[FXM_API_CODES];
+
+[[nodiscard]] int _fxm_errno_to_result(int err); // FXM_API_EPROTO for every error that is not in the list
 
 // The internal-error stop, for any thread of the library.
 void _fxm_fini_manager();
