@@ -14,6 +14,7 @@
 #include "registry/fxm_blacklist.h"
 #include "registry/fxm_tables.h"
 #include "wire/fxm_frame.h"
+#include "wire/fxm_recv.h"
 
 // Where and when the frame arrived.
 struct arrival_t {
@@ -65,9 +66,8 @@ static void _set_common_devinfo(const arrival_t &arrival, const uint8_t *frame, 
 
 static void _set_port_devinfo(const uint8_t *frame, fxm_down_port_t *down_ports)
 {
-    const uint8_t subtype = u8(frame, FRAME_SUBTYPE);
-    const uint32_t entries =
-        subtype == FXM_SUBTYPE_DEVINFO || subtype == FXM_SUBTYPE_NOTIFY ? FXSV_DOWN_PORTS_10G : FXSV_DOWN_PORTS_40G;
+    const bool is_40g = _fxm_frame_kind(u8(frame, FRAME_SUBTYPE))->is_40g;
+    const uint32_t entries = is_40g ? FXSV_DOWN_PORTS_40G : FXSV_DOWN_PORTS_10G;
     for (uint32_t i = 0; i < entries; ++i) {
         const size_t entry = FXSV_DOWN_PORTS + i * FXSV_DOWN_PORT_SIZE;
         raw(down_ports[i].fdp_port_status, frame, in_block(entry, DOWN_STATUS));

@@ -81,7 +81,7 @@ void _devinfo_keepalive_check()
 }
 
 template <typename Class>
-static void _disconnect_class(const char *func, int port, uint64_t now) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+static void _disconnect_class(const char *func, uint32_t port, uint64_t now) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     _fxm_each_node<Class>([=](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
@@ -95,9 +95,9 @@ static void _disconnect_class(const char *func, int port, uint64_t now) FXM_REQU
     });
 }
 
-void _fxm_all_disconnect(int port)
+void _fxm_all_disconnect(uint32_t port)
 {
-    fxm_assert(port >= 0 && port < static_cast<int>(FXM_PORT_NUM));
+    fxm_assert(port < FXM_PORT_NUM);
     const uint64_t now = _fxm_get_time_ms();
     _disconnect_class<fxsv_class>(__func__, port, now);
     _disconnect_class<fxio_class>(__func__, port, now);
