@@ -23,29 +23,6 @@ template <typename Record> testing::AssertionResult same_record(const Record &ex
     return same_frame(bytes[0], bytes[1]);
 }
 
-// "CDDD": the channels of a record as the status dump shows them.
-std::string channels(const fxm_card_data_t &card)
-{
-    std::string text;
-    for (size_t i = 0; i < 4; ++i)
-        text += card.fcd_state[i / 2][i % 2] == 1 ? 'C' : 'D';
-    return text;
-}
-
-using pieces_t = std::map<size_t, std::string>; // hexadecimal digits by offset
-
-// The first `length` bytes of the frame, or all of them, with other pieces in it.
-frame_t changed(frame_t frame, const pieces_t &pieces, size_t length = 0)
-{
-    if (length != 0)
-        frame.resize(length);
-    for (const auto &[offset, digits] : pieces) {
-        const frame_t piece = hex(digits);
-        std::copy(piece.begin(), piece.end(), frame.begin() + static_cast<std::ptrdiff_t>(offset));
-    }
-    return frame;
-}
-
 // So many frames of the cards are counted on port 0.
 std::function<bool(const dump_t &)> received(uint64_t number)
 {

@@ -99,7 +99,7 @@ static const op_t write_verified = {"fxm_write_eeprom", FXM_FLAG_VERIFY};
 static const op_t dump_words = {"fxm_dump_eeprom", 0};
 static const op_t unlock = {"fxm_unlock_eeprom", 0};
 
-static int call(const op_t &op, uint64_t id, uint32_t *words, uint64_t *size)
+static int invoke(const op_t &op, uint64_t id, uint32_t *words, uint64_t *size)
 {
     return op.name == "fxm_read_eeprom"    ? fxm_read_eeprom(id, 0x5fc, words, nullptr, op.flags)
            : op.name == "fxm_write_eeprom" ? fxm_write_eeprom(id, 0x5fc, 0xfeed0002, nullptr, op.flags)
@@ -131,17 +131,6 @@ static std::string access_of(const frame_t &frame)
     char text[32];
     snprintf(text, sizeof(text), frame[18] == 0x91 ? "r%x=" : "w%x=%x", addr, value);
     return text;
-}
-
-// The card's answer to a Register Read.
-static frame_t completion(const frame_t &request, unsigned long value)
-{
-    frame_t frame = request;                                           // its layout, VLAN and tag
-    std::rotate(frame.begin(), frame.begin() + 6, frame.begin() + 12); // back from where it went
-    frame[18] = 0x20;                                                  // Completion
-    for (size_t i = 0; i < 4; ++i)
-        frame[24 + i] = static_cast<uint8_t>(value >> 8 * i);
-    return frame;
 }
 
 static size_t count_of(const std::string &text, const std::string &part)
@@ -221,7 +210,8 @@ class eeprom_t : public fabric_t
                     if (asks && talk.starts_with(seen)) {
                         const std::string told = talk.substr(value, talk.find(' ', value) - value);
                         question = frame;
-                        answer = told == "-" ? frame_t{} : completion(frame, std::stoul(told, nullptr, 16));
+                        answer = told == "-" ? frame_t{}
+                                             : completion(frame, static_cast<uint32_t>(std::stoul(told, nullptr, 16)));
                         answers += answer.empty() ? 0 : 1;
                         seen += told;
                     }
@@ -253,7 +243,7 @@ class eeprom_t : public fabric_t
         uint32_t words[3] = {UNTOUCHED, UNTOUCHED, UNTOUCHED};
         uint64_t size = sizeof(words);
         const size_t before = log.lines().size();
-        EXPECT_EQ(converse(talk, [&] { return call(op, card, words, &size); }), end.result);
+        EXPECT_EQ(converse(talk, [&] { return invoke(op, card, words, &size); }), end.result);
         EXPECT_EQ(complaints(before), told);
         const uint32_t got = op.name == "fxm_read_eeprom" && end.result == OK ? 1 : dumped;
         for (uint32_t i = 0; i < 3; ++i)

@@ -28,15 +28,6 @@ std::vector<event_t> channels_changed(const std::vector<uint64_t> &ids)
     return events;
 }
 
-// The channels' letters as in the dump: P0M0, P0M1, P1M0, P1M1, each connected or disconnected.
-std::string channels(const fxm_card_data_t &card)
-{
-    std::string letters;
-    for (const auto &states : card.fcd_state)
-        letters += {states[0] == 1 ? 'C' : 'D', states[1] == 1 ? 'C' : 'D'};
-    return letters;
-}
-
 // What the log tells of a card that has lost channels; `left` as above.
 std::string lost(const std::string &who, const std::string &left)
 {
@@ -54,13 +45,6 @@ std::string link_line(const std::string &port, const std::string &change)
 
 const std::string LINK = "INFO _fxm_link_state_update: ";
 
-frame_t put(frame_t frame, size_t at, std::string_view digits)
-{
-    const frame_t bytes = hex(digits);
-    std::copy(bytes.begin(), bytes.end(), frame.begin() + static_cast<std::ptrdiff_t>(at));
-    return frame;
-}
-
 // ------------------------------------------------------------------------------------------------- parts of a dump
 
 // From the line `title` up to, but not including, the line `next`; to the end without it.
@@ -71,13 +55,6 @@ std::string part(const dump_t &dump, const std::string &title, const std::string
     for (auto line = std::find(dump.begin(), dump.end(), title); line < end; ++line)
         text += *line + "\n";
     return text;
-}
-
-uint64_t number_after(const dump_t &dump, const std::string &start)
-{
-    const auto line = std::find_if(dump.begin(), dump.end(), [&](const auto &text) { return text.starts_with(start); });
-    EXPECT_NE(line, dump.end()) << start;
-    return line == dump.end() ? 0 : std::stoull(line->substr(start.size()));
 }
 
 std::string ports_section(const std::string &state0, size_t falls0, const std::string &state1, size_t falls1,
@@ -284,7 +261,7 @@ TEST_F(fabric_t, lost_link_takes_down_the_channels_of_its_port_and_no_other)
         expect_events({});
         const fxm_fxsv_t risen = fxsv(FXSV_40G);
         EXPECT_EQ(memcmp(&risen, &down, sizeof(down)), 0) << "a rise by itself changes no card";
-        wire[1] = std::make_unique<wire_t>(1); // a raw socket remembers that its interface was down
+        renew_wire(1); // a raw socket remembers that its interface was down
         wire[1]->send(mac0);
         expect_events(channels_changed({FXSV_40G}), 1);
         EXPECT_EQ(channels(fxsv(FXSV_40G).fsv_card), "CDCD");
@@ -327,23 +304,13 @@ TEST_F(fabric_t, single_port_without_link_starts_and_the_other_interface_is_neve
     const size_t read = log.count(reading);
     ip("link set fxm1 down");
     ASSERT_TRUE(wait_for_line(reading, read + 1));
-    wire[0] = std::make_unique<wire_t>(0); // a raw socket remembers that its interface was down
+    renew_wire(0); // a raw socket remembers that its interface was down
     wire[0]->send(fxsv_1g_frame());
     expect_events({{FXM_EVT_NEWDEVINFO, FXSV_1G}});
     EXPECT_EQ(log.count_with("State of FXM port"), 1u);
     EXPECT_EQ(log.count_with("_fxm_get_linkstate_win: start. port=1"), 0u);
     EXPECT_EQ(part(dump(), "  - Port information", "  - FX card num"),
               ports_section("UP", 0, "DOWN", 0, "000000000000"));
-}
-
-void set_up(const char *interface, bool up)
-{
-    ifreq request{};
-    strncpy(request.ifr_name, interface, sizeof(request.ifr_name) - 1);
-    static const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(ioctl(fd, SIOCGIFFLAGS, &request), 0) << strerror(errno);
-    request.ifr_flags = static_cast<short>(up ? request.ifr_flags | IFF_UP : request.ifr_flags & ~IFF_UP);
-    ASSERT_EQ(ioctl(fd, SIOCSIFFLAGS, &request), 0) << strerror(errno);
 }
 
 TEST_F(fabric_t, flapping_link_ends_in_its_last_state_with_every_event_told_once)
@@ -411,25 +378,27 @@ TEST_F(fabric_t, dump_shows_known_cards_word_for_word)
     run(FXM_LOG_DEBUG);
 
     // 20 flow id, ver, UID switch and power; 24 link status, three status bytes: both links, version 5, interrupts
-    frame_t one_g_frame = put(put(on_vlan(0, fxsv_1g_frame()), 20, "11 00 0c"), 24, "22 81 65 03");
+    frame_t one_g_frame = changed(on_vlan(0, fxsv_1g_frame()), {{20, "11 00 0c"}, {24, "22 81 65 03"}});
     // 28 up port: buses, command, memory 0x1000 to 0x1ff0, prefetchable 0x2001 to 0x2ff1, their upper halves
-    one_g_frame = put(one_g_frame, 28, "00 01 10 07 00 10 f0 1f 01 20 f1 2f 04 03 02 01 08 07 06 05");
+    one_g_frame = changed(one_g_frame, {{28, "00 01 10 07 00 10 f0 1f 01 20 f1 2f 04 03 02 01 08 07 06 05"}});
     // 48 down port 0: status without the connection bit, MAC, registers that do not count
-    one_g_frame = put(one_g_frame, 48, "f8 fd 02 00 00 00 20 00 01 02 03 04 05 06 07 08 09 0a 0b 0c");
+    one_g_frame = changed(one_g_frame, {{48, "f8 fd 02 00 00 00 20 00 01 02 03 04 05 06 07 08 09 0a 0b 0c"}});
     // 26 version 15; 468 down port 15: status with the connection bit, MAC, registers
-    const frame_t forty_g_frame = put(put(fxsv_40g_frame(), 26, "0f"), 468,
-                                      "01 02 02 00 00 00 21 00 "
-                                      "ff fe fd fc ff ff fe ff fd ff fc ff ff ff ff ff fe ff ff ff");
+    const frame_t forty_g_frame =
+        changed(fxsv_40g_frame(), {{26, "0f"},
+                                   {468, "01 02 02 00 00 00 21 00 "
+                                         "ff fe fd fc ff ff fe ff fd ff fc ff ff ff ff ff fe ff ff ff"}});
     // 12 EtherType, TPID, TCI with VLAN 4095; 22 a fault; 26 presence and version 1; 28 sub-state, MAC of the FXSV card
     const frame_t multi_root_frame =
-        put(put(put(fxio_mr_frame(), 12, "88 b6 81 00 8f ff"), 22, "01"), 26, "81 00 00 02 02 00 00 00 10 00");
+        changed(fxio_mr_frame(), {{12, "88 b6 81 00 8f ff"}, {22, "01"}, {26, "81 00 00 02 02 00 00 00 10 00"}});
     const uint64_t FXIO_40G = 0x020000003000;
-    for (const auto &[port, frame] : {std::pair(0, one_g_frame),
-                                      {0, put(from(FXSV_40G + 1, fxsv_40g_frame()), 18, "19")}, // 18 40G NOTIFY
-                                      {1, forty_g_frame},
-                                      {1, multi_root_frame},
-                                      {0, put(fxio_frame(), 18, "11")}, // 18 1G/10G NOTIFY
-                                      {0, put(on_vlan(4094, from(FXIO_40G, fxio_frame())), 18, "18 00 00 01")}}) {
+    for (const auto &[port, frame] :
+         {std::pair(0, one_g_frame),
+          {0, changed(from(FXSV_40G + 1, fxsv_40g_frame()), {{18, "19"}})}, // 18 40G NOTIFY
+          {1, forty_g_frame},
+          {1, multi_root_frame},
+          {0, changed(fxio_frame(), {{18, "11"}})}, // 18 1G/10G NOTIFY
+          {0, changed(on_vlan(4094, from(FXIO_40G, fxio_frame())), {{18, "18 00 00 01"}})}}) {
         wire[static_cast<size_t>(port)]->send(frame);
         settle(port);
         wait_for([now = now_ms()] { return now_ms() > now; }, "the clock, so that each card has times of its own");
@@ -446,7 +415,7 @@ TEST_F(fabric_t, dump_shows_known_cards_word_for_word)
     EXPECT_EQ(fxm_set_vlanid(FXSV_40G, 100, &once, 0), FXM_API_SUCCESS);
     EXPECT_EQ(fxm_send_resetframe(FXSV_40G, 0, &once, 0), FXM_API_SUCCESS);
     EXPECT_EQ(fxm_write_mmspage(FXIO_MR, 0, page, 0), FXM_API_SUCCESS);
-    wire[0]->send(put(fxio_frame(), 18, "20"));
+    wire[0]->send(changed(fxio_frame(), {{18, "20"}}));
     settle(0);
     wait_for([&] { return memory(dump(), "evt_node").in_use == 0; }, "the last event to be freed");
 

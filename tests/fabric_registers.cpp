@@ -35,12 +35,6 @@ static const std::string LIVECHECK = "frame_retry_interval_livecheck = 150\nfram
 
 using frames_t = std::vector<frame_t>;
 
-static void put(frame_t *frame, size_t offset, std::string_view digits)
-{
-    const frame_t bytes = hex(digits);
-    std::copy(bytes.begin(), bytes.end(), frame->begin() + static_cast<std::ptrdiff_t>(offset));
-}
-
 // By P0M0, in the tagged layout.
 static frame_t to_card(const std::string &from_18)
 {
@@ -73,11 +67,8 @@ static frame_t write_frame(const std::string &value)
 
 static const frame_t VLAN_SET = to_card("80 ff ff 00 00 00" // 18 VLAN set
                                         "0f fe");           // 24 VLAN 4094
-static const frame_t RESET = [] {
-    frame_t frame = to_card("30 ff ff 00 00 5a"); // 18 Reset; 23 status
-    put(&frame, 0, "03 11 22 33 44 55");          // as configured
-    return frame;
-}();
+// 18 Reset; 23 status; 0 as configured
+static const frame_t RESET = changed(to_card("30 ff ff 00 00 5a"), {{0, "03 11 22 33 44 55"}});
 static const frame_t PAGE = [] {
     frame_t frame = to_card("92 ff ff 00 00 00" // 18 MMS page
                             "00 00 03 ff");     // 24 page 1023
@@ -96,12 +87,6 @@ static frame_t by_channel(int channel, frame_t frame)
     return frame;
 }
 
-static frame_t in_change_layout(frame_t frame)
-{
-    std::rotate(frame.begin() + 12, frame.begin() + 16, frame.begin() + 18); // 12 EtherType, 14 TPID, 16 TCI
-    return frame;
-}
-
 // What a live check with three attempts sends, with tags that go up from `tag`.
 static frames_t probes(const std::vector<int> &channels, uint8_t tag)
 {
@@ -113,21 +98,9 @@ static frames_t probes(const std::vector<int> &channels, uint8_t tag)
 
 static frame_t announcement(int channel)
 {
-    frame_t frame = from(CARD + static_cast<uint64_t>(channel % 2), fxio_mr_frame());
-    put(&frame, 14, "9a bc"); // priority 4, bit 12, which nobody looks at, VLAN 0xabc
-    frame[18] = 0x18;         // 40G DEVINFO
-    frame[21] = 1;            // ver: two MACs
-    return frame;
-}
-
-static frame_t completion(const frame_t &request, uint32_t value)
-{
-    frame_t frame = request;                                           // its layout, VLAN and tag
-    std::rotate(frame.begin(), frame.begin() + 6, frame.begin() + 12); // back from where it went
-    put(&frame, 18, "20 00 00 00 00");                                 // 18 Completion; 23 tag
-    for (size_t i = 0; i < 4; ++i)
-        frame[24 + i] = static_cast<uint8_t>(value >> (8 * i));
-    return frame;
+    // 14 priority 4, bit 12, which nobody looks at, VLAN 0xabc; 18 40G DEVINFO; 21 ver: two MACs
+    return changed(from(CARD + static_cast<uint64_t>(channel % 2), fxio_mr_frame()),
+                   {{14, "9a bc"}, {18, "18"}, {21, "01"}});
 }
 
 // What the card says to a Register Read; without a value it stays silent.
@@ -135,23 +108,6 @@ using answer_t = std::function<std::optional<uint32_t>(const frame_t &request)>;
 static const answer_t ZERO = [](const frame_t &) { return 0u; };
 
 // ------------------------------------------------------------------------------------------------------------- calls
-
-using call_t = std::future<int>;
-
-static call_t call(const std::function<int()> &function) { return std::async(std::launch::async, function); }
-
-static bool has_ended(const call_t &running)
-{
-    return running.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-}
-
-static int result_of(call_t &running)
-{
-    // A call that hangs leaves no place where the test could go on.
-    if (!wait_for([&] { return has_ended(running); }, "a call to return"))
-        abort();
-    return running.get();
-}
 
 static int read_reg(uint64_t id, retry_t retry, uint32_t flags = 0)
 {
@@ -323,12 +279,9 @@ TEST_F(registers, configured_ether_type_stands_in_the_frames)
 {
     marked = {}; // the cards of the fixture are of another type
     begin("ether_type = 0x1234\n", {});
-    frame_t announced = announcement(0), read = read_frame(1);
-    put(&announced, 16, "12 34");
-    put(&read, 16, "12 34");
-    wire[0]->send(announced);
+    wire[0]->send(changed(announcement(0), {{16, "12 34"}}));
     wait_for([] { return read_reg(CARD, &ONCE) == TIMEOUT; }, "the card");
-    EXPECT_TRUE(same_frame(read, wire[0]->receive()));
+    EXPECT_TRUE(same_frame(changed(read_frame(1), {{16, "12 34"}}), wire[0]->receive()));
 }
 
 TEST_F(registers, operations_send_what_they_must_and_no_more)
@@ -493,12 +446,8 @@ TEST_F(registers, live_check_tries_in_order_each_channel_that_card_and_host_have
     EXPECT_EQ(fxio(CARD).fio_card.fcd_state[0][0], 1u) << "a live check has changed the record";
 
     EXPECT_EQ(fxm_restart_monitor(CARD), OK);
-    hear({0, 2}, [](int channel) {
-        frame_t frame = announcement(channel);
-        frame[18] = 0x10; // 1G/10G DEVINFO
-        frame[21] = 0;    // ver: one MAC
-        return frame;
-    });
+    // 18 1G/10G DEVINFO; 21 ver: one MAC
+    hear({0, 2}, [](int channel) { return changed(announcement(channel), {{18, "10"}, {21, "00"}}); });
     EXPECT_EQ(fxm_stop_monitor(CARD), OK);
     expect(read_live, NO_LINK, probes({0, 2}, 9));
     EXPECT_EQ(stop(), OK);
@@ -568,9 +517,7 @@ TEST_F(registers, vlan_is_set_again_until_the_card_announces_it)
     wire[0]->send(on_vlan(4094, announcement(0)));
     EXPECT_EQ(result_of(setting), OK);
     // The card has it already: a frame all the same.
-    frame_t again = VLAN_SET;
-    put(&again, 14, "8f fe"); // TCI
-    expect(set(&FOR_EVER), OK, {again});
+    expect(set(&FOR_EVER), OK, {changed(VLAN_SET, {{14, "8f fe"}})}); // 14 TCI
 
     setting = call(set(&FOR_EVER));
     wire[0]->receive();
