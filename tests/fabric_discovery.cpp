@@ -342,21 +342,6 @@ TEST_F(discovery, connection_of_down_ports_counts_by_the_generation_of_the_card_
     EXPECT_EQ(fxsv(FXSV_1G).fsv_down_port[8].fdp_port_status[1], 0x02);
 }
 
-TEST_F(discovery, a_card_heard_on_both_ports_at_once_is_one_card)
-{
-    run(FXM_LOG_INFO);
-    const auto announce = [&](size_t port) {
-        for (int i = 0; i < 300; ++i)
-            wire[port]->send(fxsv_1g_frame());
-    };
-    std::thread other(announce, 1);
-    announce(0);
-    other.join();
-    settle(1);
-    expect_events(events_of(FXSV_1G, {NEW, UPDATE, CHANNEL}));
-    EXPECT_EQ(channels(fxsv(FXSV_1G).fsv_card), "CDCD");
-}
-
 // ----------------------------------------------------------------------------------------------- lists and deletion
 
 // The list queries, for FXSV and for FXIO cards, with one argument that those without an own ignore.
@@ -680,53 +665,6 @@ TEST_F(discovery, registrations_that_cannot_be_are_refused)
     EXPECT_EQ(stop(), FXM_API_SUCCESS);
     ASSERT_TRUE(manager.start(dir, FXM_LOG_TRACE));
     EXPECT_EQ(fxm_unregister_callback(stale), FXM_API_EINVAL) << "a handle has outlived a stop";
-}
-
-// What a registration counts; called on the library's event thread.
-struct tally_t {
-    std::atomic<uint32_t> calls = 0;
-    std::atomic<bool> ended = false;
-    std::atomic<uint32_t> late = 0; // times that a call has seen itself ended
-};
-
-void count_call(uint64_t, int32_t, uint64_t arg)
-{
-    auto *tally = reinterpret_cast<tally_t *>(arg);
-    tally->calls += 1;
-    for (int i = 0; i < 20; ++i) { // long enough to be met by the end of the registration
-        std::this_thread::yield();
-        tally->late += tally->ended ? 1 : 0;
-    }
-}
-
-TEST_F(discovery, no_call_is_under_way_through_a_registration_that_has_been_ended)
-{
-    run(FXM_LOG_INFO);
-    std::atomic<bool> stopping = false;
-    std::thread traffic([&] {
-        frame_t frame = fxsv_1g_frame();
-        while (!stopping) {
-            frame[20] = static_cast<uint8_t>(frame[20] + 1);
-            wire[0]->send(frame);
-            std::this_thread::yield();
-        }
-    });
-    std::vector<tally_t> tallies(200);
-    for (tally_t &tally : tallies) {
-        void *handle = nullptr;
-        EXPECT_EQ(fxm_register_callback(UPDATE, count_call, reinterpret_cast<uintptr_t>(&tally), &handle),
-                  FXM_API_SUCCESS);
-        EXPECT_TRUE(wait_for([&] { return tally.calls > 0; }, "a call", [&] { return log.tail(); }));
-        EXPECT_EQ(fxm_unregister_callback(handle), FXM_API_SUCCESS);
-        tally.ended = true;
-        if (HasFailure())
-            break;
-    }
-    stopping = true;
-    traffic.join();
-    settle(0);
-    for (const tally_t &tally : tallies)
-        EXPECT_EQ(tally.late, 0u);
 }
 
 // ---------------------------------------------------------------------------------------------------- a whole fabric

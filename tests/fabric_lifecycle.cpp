@@ -260,35 +260,6 @@ TEST_F(lifecycle, a_stop_asked_for_during_the_start_is_not_lost)
     EXPECT_EQ(manager.result(), FXM_API_SUCCESS);
 }
 
-TEST_F(lifecycle, a_stop_completes_while_sixteen_threads_go_on_calling)
-{
-    run(FXM_LOG_FATAL);
-    std::atomic<bool> quit = false;
-    std::atomic<int> calling = 0;
-    std::vector<std::thread> hosts;
-    for (int i = 0; i < 16; ++i) {
-        hosts.emplace_back([&] {
-            for (uint64_t round = 0; !quit; ++round) {
-                for (const function_t &function : functions()) {
-                    if (function.name == "fxm_stdump")
-                        continue;
-                    function.call();
-                    fxm_free_idlist(list); // the fixture's stop makes cards known
-                    list = nullptr;
-                }
-                calling += round == 0 ? 1 : 0;
-            }
-        });
-    }
-    EXPECT_TRUE(wait_for([&] { return calling == 16; }, "all threads to call"));
-    EXPECT_EQ(stop(), FXM_API_SUCCESS);
-    quit = true;
-    for (std::thread &host : hosts)
-        host.join();
-    run();
-    EXPECT_EQ(stop(), FXM_API_SUCCESS);
-}
-
 TEST_F(lifecycle, starts_and_stops_by_several_threads_at_once_make_one_run_at_a_time)
 {
     std::atomic<int> stops = 0;
