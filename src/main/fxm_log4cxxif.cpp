@@ -11,6 +11,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <type_traits>
@@ -20,14 +21,68 @@
 
 std::atomic<fxm_log_level_t> g_log_level{FXM_LOG_INFO};
 
-// Looked up while the library is being loaded, released when it is unloaded. A worker may still log when the process
-// exits without a stop, so `open` falls first.
+// A process may exit without a stop, while workers and calls still log. log4cxx is then destroyed under their hands, so
+// every use of it goes through this door. Sequentially consistent: a user counts itself in and then looks whether the
+// door is open, while the exit closes it and then looks at the count; one of the two must see the other.
+static std::atomic<bool> door_open{true};
+static std::atomic<uint32_t> users_inside{0};
+
+struct fxm_log_user_t {
+    fxm_log_user_t()
+    {
+        users_inside.fetch_add(1);
+        admitted = door_open.load();
+    }
+    ~fxm_log_user_t() { users_inside.fetch_sub(1); }
+    fxm_log_user_t(const fxm_log_user_t &) = delete;
+    fxm_log_user_t &operator=(const fxm_log_user_t &) = delete;
+    bool admitted;
+};
+
+// Waits for the users inside to leave, one second at most: one that hangs in a blocked write must not hold up the exit.
+static void _close_door()
+{
+    constexpr int longest = 1000;
+    door_open.store(false);
+    for (int ms = 0; ms < longest && users_inside.load() != 0; ++ms)
+        Sleep(1);
+}
+
+// log4cxx makes some of its objects at their first use, and the exit destroys what was made last first. So the door has
+// to close before all of them: its closing is registered again after the first line of each logger and level, when what
+// such a line needs has been made.
+static void _close_door_first(fxm_logger_t logger, fxm_log_level_t level)
+{
+    static std::atomic<uint32_t> seen{0};
+    const uint32_t bit = 1u << (logger * (FXM_LOG_TRACE + 1) + level);
+    if ((seen.load(std::memory_order_relaxed) & bit) == 0 && (seen.fetch_or(bit) & bit) == 0)
+        std::atexit(_close_door);
+}
+
+// Looked up while the library is being loaded, released when the process exits. The levels are made with them, so that
+// a first line of a level does not race with the exit.
 static struct fxm_loggers_t {
     log4cxx::LoggerPtr logger[3] = {log4cxx::Logger::getLogger("logfile"), log4cxx::Logger::getLogger("syslogfile"),
                                     log4cxx::Logger::getLogger("statslogfile")};
-    std::atomic<bool> open{true};
-    ~fxm_loggers_t() { open.store(false); }
+    log4cxx::LevelPtr level[6] = {log4cxx::Level::getFatal(), log4cxx::Level::getError(), log4cxx::Level::getWarn(),
+                                  log4cxx::Level::getInfo(),  log4cxx::Level::getDebug(), log4cxx::Level::getTrace()};
+    ~fxm_loggers_t() { _close_door(); }
 } loggers;
+
+// Set once log4cxx has been configured by fxm_log_init. Before that a host may have configured it for itself.
+static std::atomic<bool> configured{false};
+
+// Whether a line has somewhere to go. log4cxx complains on stderr about a line that has not.
+static bool _has_appender(log4cxx::LoggerPtr logger)
+{
+    if (configured.load(std::memory_order_relaxed))
+        return true;
+    for (; logger != nullptr; logger = logger->getParent()) {
+        if (!logger->getAllAppenders().empty())
+            return true;
+    }
+    return false;
+}
 
 constexpr size_t FXM_LOG_BUFFER = 512;
 constexpr size_t FXM_LOG_PATH_BUFFER = 512;
@@ -51,14 +106,18 @@ template <typename Location> static Location _location(const char *function, int
 
 void _fxm_output_log(fxm_logger_t logger, const char *message, fxm_log_level_t level) noexcept
 try {
-    if (!loggers.open.load(std::memory_order_relaxed))
+    const fxm_log_user_t user;
+    if (!user.admitted)
         return;
     const log4cxx::LoggerPtr &target = loggers.logger[logger];
+    if (!_has_appender(target))
+        return;
     const char *const function = __PRETTY_FUNCTION__; // not that of the lambda
     log4cxx::helpers::MessageBuffer text;
     const auto force = [&](const log4cxx::LevelPtr &log4cxx_level, int line) {
         target->forcedLog(log4cxx_level, text.str(text << message),
                           _location<log4cxx::spi::LocationInfo>(function, line));
+        _close_door_first(logger, level);
     };
     switch (level) {
     case FXM_LOG_FATAL:
@@ -116,6 +175,7 @@ int fxm_log_init(const char *dir)
         return FXM_API_EPROTO;
     try {
         log4cxx::PropertyConfigurator::configure(log4cxx::File(path));
+        configured.store(true, std::memory_order_relaxed);
         fxm_log_info("%s: Log initialize is done. logconfig_filepath:%s", __func__, dir != nullptr ? dir : "(null)");
     } catch (const std::exception &) {
         // A broken properties file leaves logging as log4cxx left it; the library runs all the same.

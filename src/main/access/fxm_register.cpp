@@ -71,13 +71,9 @@ static int _request(const fxm_card_data_t *card, uint32_t addr, uint32_t tag, ui
                     uint32_t retries)
 {
     for (uint32_t sent = 0;; ++sent) {
-        uint64_t mac = 0;
-        uint32_t port = 0;
-        int err = _fxm_send_regread(card, addr, tag, &mac, &port);
+        int err = _fxm_send_regread(card, addr, tag);
         if (err != 0)
             return err;
-        // Nothing stands between the send and the arming, for an answer may overtake it.
-        _fxm_set_comp_recv_wait(tag, mac, port);
         if (_fxm_sigwait_comp(tag, timeout) == EPROTO)
             return EPROTO;
         if (_fxm_stopping())

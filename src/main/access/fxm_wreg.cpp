@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <new>
 
+#include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "diag/fxm_stats.h"
 #include "fxm_log4cxxif.h"
@@ -15,14 +16,14 @@ struct fxm_wreg_node_t {
     // The card's write lock. Serialises the write-type conversations with a card, across live check, frames, retries
     // and sleeps. Taken with neither fx_lock nor wreg_lock held; under it cmp_lock, a port's send lock, the stats lock
     // and, to look itself up for the release, wreg_lock, briefly and one at a time, never fx_lock.
-    fxm_mutex_t wn_lock;
+    fxm_mutex_t wn_lock{FXM_LOCK_WN};
 };
 
 static struct {
     fxm_rbtree_t map;
     // Guards the map's shape, for one map operation; nodes stay for good once they are in. Taken under fx_lock by the
     // receive threads, alone by the host's; nothing but the stats lock is taken under it.
-    fxm_mutex_t wreg_lock;
+    fxm_mutex_t wreg_lock{FXM_LOCK_WREG};
     uint32_t initialised;
 } fxm_write_reg_lock_mng;
 

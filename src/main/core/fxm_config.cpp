@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 
@@ -129,28 +130,19 @@ static char *_next_word(char **text, const char *separators)
 
 enum number_result_t { NUMBER_OK, NUMBER_NONE, NUMBER_TOO_LARGE };
 
-// The whole word as an unsigned 32-bit number, as strtoul takes it with base 0: decimal, 0x hexadecimal, 0 octal, and a
-// sign, of which the minus wraps.
+// The whole word as an unsigned 32-bit number: decimal, 0x hexadecimal or 0 octal. strtoul wraps a number behind a minus
+// sign, at the width of a long; the width here is always 32 bits.
 static number_result_t _parse_u32(const char *word, uint32_t *value)
 {
-    const bool minus = *word == '-';
-    if (*word == '-' || *word == '+')
-        ++word;
-    int base = 10;
-    if (word[0] == '0' && (word[1] == 'x' || word[1] == 'X')) {
-        base = 16;
-        word += 2;
-    } else if (word[0] == '0') {
-        base = 8;
-    }
-    uint32_t number = 0;
-    const char *end = word + strlen(word);
-    const auto [stop, err] = std::from_chars(word, end, number, base);
-    if (err == std::errc::invalid_argument || stop != end)
-        return NUMBER_NONE;
-    if (err != std::errc())
+    char *end = nullptr;
+    errno = 0;
+    const unsigned long number = strtoul(word, &end, 0);
+    const unsigned long magnitude = *word == '-' ? 0 - number : number;
+    if (errno == ERANGE || magnitude > UINT32_MAX)
         return NUMBER_TOO_LARGE;
-    *value = minus ? 0u - number : number;
+    if (end == word || *end != '\0')
+        return NUMBER_NONE;
+    *value = static_cast<uint32_t>(number);
     return NUMBER_OK;
 }
 
@@ -297,6 +289,11 @@ int _fxm_config_read(const char *path)
     char line[FXM_CONFIG_LINE];
     while (err == 0 && fgets(line, sizeof(line), file) != nullptr)
         err = _read_line(__func__, line);
+    // A file that cannot be read to its end must not pass for a short one.
+    if (err == 0 && ferror(file) != 0) {
+        fxm_log_error("%s: file open error: %s. err=%d", __func__, path, errno);
+        err = EPROTO;
+    }
     if (err == 0 && g_config.tag_min > g_config.tag_max) {
         fxm_log_error("%s: config parameter error: tag_min > tag_max", __func__);
         err = EPROTO;

@@ -16,7 +16,18 @@ fxm_event_t g_terminate_event;
 
 static std::atomic<uint32_t> calls_in_progress{0};
 
+// Wakes the tear-down, which alone waits on it. Zero-initialised it is ready for use, and it is never destroyed: a call
+// may signal it at any time.
+static fxm_event_t last_call_left;
+
 int _fxm_terminate_event_create() { return _fxm_event_init_waitable(&g_terminate_event); }
+
+// Nobody waits before the stop, so until then the count is all that a call pays for.
+static void _leave_call()
+{
+    if (calls_in_progress.fetch_sub(1) == 1 && _fxm_stopping())
+        _fxm_event_set(&last_call_left);
+}
 
 fxm_call_t::fxm_call_t()
 {
@@ -25,19 +36,19 @@ fxm_call_t::fxm_call_t()
     // into a library that is starting.
     running = g_fini_flag.load() == FXM_OFF && g_init_flag.load() == FXM_ON;
     if (!running)
-        calls_in_progress.fetch_sub(1);
+        _leave_call();
 }
 
 fxm_call_t::~fxm_call_t()
 {
     if (running)
-        calls_in_progress.fetch_sub(1);
+        _leave_call();
 }
 
 void _fxm_wait_calls()
 {
     while (calls_in_progress.load() != 0)
-        Sleep(1);
+        _fxm_event_timedwait(&last_call_left, FXM_WORKER_WAIT);
 }
 
 void _fxm_sleep(uint32_t ms)

@@ -5,9 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/fxm_locks.h"
 #include "fxm_log4cxxif.h"
 
-fxm_mutex_t g_stats_lock;
+fxm_mutex_t g_stats_lock{FXM_LOCK_STATS};
 fxm_stats_t g_stats;
 fxm_event_t g_stats_event;
 
@@ -52,7 +53,7 @@ void _fxm_stats_frame(uint32_t port, fxm_stats_frame_t kind, fxm_stats_frame_t t
 
 void *_fxm_mem_alloc(fxm_mem_t account, size_t size)
 {
-    void *memory = fxm_platform.allocate(size);
+    void *memory = _fxm_allocate(size);
     if (memory != nullptr)
         memset(memory, 0, size);
     _fxm_stats_add(memory != nullptr ? &g_stats.mem[account].alloc : &g_stats.alloc_fail);

@@ -2,10 +2,12 @@
 // consumer is the event task, on which every callback runs; host threads register and unregister.
 #include "events/fxm_event.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <iterator>
 
+#include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "core/fxm_state.h"
 #include "diag/fxm_stats.h"
@@ -23,42 +25,72 @@ struct fxm_evt_node_t {
     uint64_t evt_id;
 };
 
-// One registration; its address is the handle that the host holds. cbi_func is null once it was unregistered from
-// within a callback of its own list, which then still walks over it.
+// One registration. cbi_func is null once it was unregistered from within a callback of its own list, which then still
+// walks over it.
 struct fxm_cbinfo_t {
     fxm_list_t cbi_link; // cbi_next, cbi_prev
     fxm_callback_t cbi_func;
     uint64_t cbi_arg;
     int32_t cbi_type;
     fxm_rbnode_t cbi_live; // link in live_handles
-    uint64_t cbi_handle;   // its own address, the key there
+    uint64_t cbi_handle;   // the key there; the host holds it as a pointer
 };
 
 static struct {
     fxm_list_t head;
     // Guards the list. Held to link or unlink one node, under fx_lock by the producers; under it the stats lock only.
-    fxm_mutex_t lock;
+    fxm_mutex_t lock{FXM_LOCK_QUEUE};
 } fxm_event_queue;
 
 // Wakes the event task. The task's wait ends within EVENT_WAIT in any case, so a lost signal delays and no more.
 static fxm_event_t event_sig;
 constexpr uint32_t EVENT_WAIT = 1000;
 
-static struct {
+struct fxm_cb_entry_t {
     fxm_list_t head; // in order of registration
     // Guards the list. The event task holds it across all callbacks of one event, so that a function is not called any
     // more once its unregistration has returned on another thread; re-entrant, because a callback may register and
     // unregister for its own kind. Under it: handle_lock, the stats lock, and whatever a callback takes through the
-    // exported functions, which is why nobody takes it with another lock held.
-    fxm_mutex_t lock;
-    bool walking; // the event task is among the registrations: unlink later
-} cb_evt_tbl[FXM_EVT_KINDS];
+    // exported functions, which is why nobody takes it with another lock held. Taken by fxm_entry_guard_t only.
+    fxm_mutex_t lock{FXM_LOCK_ENTRY};
+    // The queue in front of the lock. Threads get it in the order in which they drew their tickets, so the event task,
+    // which wants it again for each event of a backlog, does not keep the host's threads waiting for the whole of it.
+    std::atomic<uint32_t> next_ticket;
+    std::atomic<uint32_t> serving; // the ticket whose holder may take the lock
+};
+static fxm_cb_entry_t cb_evt_tbl[FXM_EVT_KINDS];
 
-// The registrations that the host may hold, by address, so that a stale or foreign handle is told from a live one
-// without reading through it.
+// The entry whose event this thread is delivering: the event task's, and so that of every callback.
+static thread_local const fxm_cb_entry_t *delivering;
+
+struct fxm_entry_guard_t {
+    explicit fxm_entry_guard_t(fxm_cb_entry_t *guarded) : entry(guarded)
+    {
+        if (delivering == entry) { // a callback has the lock already, and those in the queue wait for it to end
+            _fxm_mutex_lock(&entry->lock);
+            return;
+        }
+        const uint32_t ticket = entry->next_ticket.fetch_add(1);
+        // Ends when those in front have got the lock, which is at most the delivery of one event each.
+        for (uint32_t now = entry->serving.load(); now != ticket; now = entry->serving.load())
+            entry->serving.wait(now);
+        _fxm_mutex_lock(&entry->lock);
+        entry->serving.store(ticket + 1);
+        entry->serving.notify_all();
+    }
+    ~fxm_entry_guard_t() { _fxm_mutex_unlock(&entry->lock); }
+    fxm_entry_guard_t(const fxm_entry_guard_t &) = delete;
+    fxm_entry_guard_t &operator=(const fxm_entry_guard_t &) = delete;
+    fxm_cb_entry_t *entry;
+};
+
+// The registrations that the host may hold, by handle, so that an ended or foreign handle is told from a live one. A
+// handle is a number that never comes again in the process, so an ended one can never name a later registration.
 static fxm_rbtree_t live_handles;
-// Guards live_handles. Held for one map operation, under an entry's lock or alone; nothing is taken under it.
-static fxm_mutex_t handle_lock;
+static uint64_t last_handle;
+// Guards live_handles and last_handle. Held for one map operation, under an entry's lock or alone; nothing is taken
+// under it.
+static fxm_mutex_t handle_lock{FXM_LOCK_HANDLE};
 
 // ------------------------------------------------------------------------------------------------------------- lists
 
@@ -114,7 +146,6 @@ static fxm_cbinfo_t *_cbinfo_create(int32_t type, fxm_callback_t func, uint64_t 
     info->cbi_func = func;
     info->cbi_arg = arg;
     info->cbi_type = type;
-    info->cbi_handle = reinterpret_cast<uintptr_t>(info);
     return info;
 }
 
@@ -127,7 +158,8 @@ static int _make_table(const char *func)
 {
     for (size_t i = 0; i < std::size(cb_evt_tbl); ++i) {
         _list_init(&cb_evt_tbl[i].head);
-        cb_evt_tbl[i].walking = false;
+        cb_evt_tbl[i].next_ticket.store(0);
+        cb_evt_tbl[i].serving.store(0);
         const int err = _fxm_mutex_init(&cb_evt_tbl[i].lock);
         if (err == 0)
             continue;
@@ -177,7 +209,7 @@ int _fxm_event_cb_fini()
     _fxm_mutex_destroy(&fxm_event_queue.lock);
     for (auto &entry : cb_evt_tbl) {
         {
-            fxm_mutex_guard_t guard(&entry.lock);
+            fxm_entry_guard_t guard(&entry);
             while (entry.head.next != &entry.head) {
                 fxm_list_t *link = entry.head.next;
                 _list_unlink(link);
@@ -237,14 +269,14 @@ static void _fxm_do_callback(fxm_callback_t func, uint64_t arg, uint64_t id, int
 static void _deliver(const fxm_evt_node_t *node)
 {
     auto &entry = cb_evt_tbl[node->evt_type];
-    fxm_mutex_guard_t guard(&entry.lock);
-    entry.walking = true;
+    fxm_entry_guard_t guard(&entry);
+    delivering = &entry;
     for (fxm_list_t *link = entry.head.next; link != &entry.head; link = link->next) {
         const fxm_cbinfo_t *info = _cbi_of(link);
         if (info->cbi_func != nullptr)
             _fxm_do_callback(info->cbi_func, info->cbi_arg, node->evt_id, node->evt_type);
     }
-    entry.walking = false;
+    delivering = nullptr;
     for (fxm_list_t *link = entry.head.next, *next = nullptr; link != &entry.head; link = next) {
         next = link->next;
         if (_cbi_of(link)->cbi_func == nullptr) {
@@ -285,7 +317,10 @@ void *_fxm_event_task(void *)
 
 // ------------------------------------------------------------------------------------------------------ registration
 
-// *handle is the registration, for the log: the host's own variable may be changed by the first callback already.
+// The handle as the host holds it.
+static void *_cbid_of(uint64_t handle) { return reinterpret_cast<void *>(static_cast<uintptr_t>(handle)); }
+
+// *handle is for the log: the host's own variable may be changed by the first callback already.
 static int _register_callback(const char *func, int32_t type, fxm_callback_t callback, uint64_t arg, void **cbid,
                               const void **handle)
 {
@@ -296,14 +331,14 @@ static int _register_callback(const char *func, int32_t type, fxm_callback_t cal
         fxm_log_error("%s: Failed to _cbinfo_create().", func);
         return ENOMEM;
     }
-    fxm_mutex_guard_t guard(&cb_evt_tbl[type].lock);
+    fxm_entry_guard_t guard(&cb_evt_tbl[type]);
     {
         fxm_mutex_guard_t handle_guard(&handle_lock);
+        info->cbi_handle = ++last_handle;
         _fxm_rbtree_put(&live_handles, &info->cbi_live);
     }
     _list_append(&cb_evt_tbl[type].head, &info->cbi_link);
-    *cbid = info;
-    *handle = info;
+    *handle = *cbid = _cbid_of(info->cbi_handle);
     return 0;
 }
 
@@ -321,27 +356,43 @@ int fxm_register_callback(int32_t type, fxm_callback_t func, uint64_t arg, void 
     return _fxm_stats_api(FXM_ROW_REGISTER_CALLBACK, result);
 }
 
-// Takes a handle out of the live ones and gives its kind; -1 for a handle that is not live. Of two threads that end one
-// registration at once, one gets the kind.
-static int32_t _end_handle(const void *cbid)
+static fxm_cbinfo_t *_info_of(fxm_rbnode_t *link)
 {
-    const uint64_t handle = reinterpret_cast<uintptr_t>(cbid);
+    return _fxm_rbtree_record<fxm_cbinfo_t>(link, offsetof(fxm_cbinfo_t, cbi_live));
+}
+
+// The kind of a live handle, else -1.
+static int32_t _kind_of(uint64_t handle)
+{
+    fxm_mutex_guard_t guard(&handle_lock);
+    fxm_rbnode_t *link = _fxm_rbtree_find(&live_handles, &handle);
+    return link != nullptr ? _info_of(link)->cbi_type : -1;
+}
+
+// Takes a handle out of the live ones and gives its registration; null when it is not live. Under the entry's lock.
+static fxm_cbinfo_t *_end_handle(uint64_t handle)
+{
     fxm_mutex_guard_t guard(&handle_lock);
     fxm_rbnode_t *link = _fxm_rbtree_find(&live_handles, &handle);
     if (link == nullptr)
-        return -1;
+        return nullptr;
     _fxm_rbtree_delete(&live_handles, link);
-    return _fxm_rbtree_record<fxm_cbinfo_t>(link, offsetof(fxm_cbinfo_t, cbi_live))->cbi_type;
+    return _info_of(link);
 }
 
-static int _unregister_callback(void *cbid)
+static int _unregister_callback(const void *cbid)
 {
-    const int32_t type = cbid != nullptr ? _end_handle(cbid) : -1;
+    const uint64_t handle = reinterpret_cast<uintptr_t>(cbid);
+    const int32_t type = _kind_of(handle);
     if (type < 0)
         return EINVAL;
-    auto *info = static_cast<fxm_cbinfo_t *>(cbid);
-    fxm_mutex_guard_t guard(&cb_evt_tbl[type].lock);
-    if (cb_evt_tbl[type].walking) {
+    fxm_cb_entry_t *entry = &cb_evt_tbl[type];
+    fxm_entry_guard_t guard(entry);
+    // Looked up again: another thread, or a callback, may have ended it while this one waited for the entry.
+    fxm_cbinfo_t *info = _end_handle(handle);
+    if (info == nullptr)
+        return EINVAL;
+    if (delivering == entry) {
         info->cbi_func = nullptr; // called from a callback of this list: the walk frees it
         return 0;
     }

@@ -6,25 +6,13 @@
 #include "registry/fxm_keepalive.h"
 #include "registry/fxm_tables.h"
 #include "wire/fxm_port.h"
-#include "wire/fxm_recv.h"
-
-static void _take_channels_down(int port)
-{
-    fxm_recv_fell_at[port].store(_fxm_get_time_ms());
-    fxm_fx_guard_t guard;
-    _fxm_all_disconnect(port);
-}
 
 void _fxm_link_state_update(int port, uint32_t new_state)
 {
     fxm_port_t &record = fxm_ports[port];
     const uint32_t old_state = record.pt_link.load();
-    if (new_state == old_state) {
-        // A rise and a fall between two readings show as no change, but frames between them have raised channels.
-        if (new_state != 1)
-            _take_channels_down(port);
+    if (new_state == old_state)
         return;
-    }
     const char *from = _fxm_link_name(old_state);
     const char *to = _fxm_link_name(new_state);
     const int if_index = static_cast<int>(record.pt_if_index);
@@ -36,7 +24,8 @@ void _fxm_link_state_update(int port, uint32_t new_state)
     if (new_state == 1)
         return; // the channels come back frame by frame
     _fxm_stats_add(&g_stats.port_total_down[port]);
-    _take_channels_down(port);
+    fxm_fx_guard_t guard;
+    _fxm_all_disconnect(port);
 }
 
 void *_fxm_watch_linkstate(void *)

@@ -1,4 +1,5 @@
 // The loop of the link watcher: wait for the notice of a change, read the ports, arm again.
+#include <cerrno>
 #include <cstdint>
 
 #include "core/fxm_config.h"
@@ -8,14 +9,19 @@
 #include "platform/fxm_platform.h"
 #include "wire/fxm_port.h"
 
-// A port whose reading fails keeps its state until the next notice.
-static void _read_ports()
+// A port whose reading fails keeps its state. False: the state of a port is not known, so the notice must not be
+// forgotten. That an adapter is missing is an answer like any other.
+static bool _read_ports()
 {
+    bool all_known = true;
     for (int port = 0; port == 0 || port < static_cast<int>(_fxm_config_port_num()); ++port) {
         uint32_t state = 0;
-        if (_fxm_get_linkstate_win(port, &state) == 0)
+        const int err = _fxm_get_linkstate_win(port, &state);
+        if (err == 0)
             _fxm_link_state_update(port, state);
+        all_known = all_known && (err == 0 || err == ENOENT);
     }
+    return all_known;
 }
 
 static bool _arm(const char *func, fxm_notice_t *notice)
@@ -34,20 +40,24 @@ static bool _watch(const char *func, fxm_notice_t *notice)
 {
     if (!_arm(func, notice))
         return false;
-    _read_ports();
+    if (!_read_ports())
+        _fxm_notice_keep(notice);
     while (!_fxm_stopping()) {
         const uint32_t answer = _fxm_wait_two(&g_terminate_event, &notice->source, FXM_WORKER_WAIT);
         switch (answer) {
         case FXM_WAIT_FIRST:
             fxm_log_info("%s: WaitForMultipleObjects() catch terminate-event.", func);
             return true;
-        case FXM_WAIT_SECOND:
+        case FXM_WAIT_SECOND: {
             fxm_log_debug("%s: WaitForMultipleObjects() catch event of address table changed", func);
-            _read_ports();
+            const bool all_known = _read_ports();
             _fxm_notice_reset(notice);
             if (!_arm(func, notice))
                 return false;
+            if (!all_known)
+                _fxm_notice_keep(notice);
             break;
+        }
         case FXM_WAIT_TIMEOUT:
             fxm_log_trace("%s: WaitForMultipleObjects() returned WAIT_TIMEOUT.", func);
             break;

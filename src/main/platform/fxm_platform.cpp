@@ -57,9 +57,18 @@ void _fxm_mutex_destroy(fxm_mutex_t *mutex)
     pthread_mutex_destroy(&mutex->handle);
 }
 
-int _fxm_mutex_lock(fxm_mutex_t *mutex) { return pthread_mutex_lock(&mutex->handle) == 0 ? 0 : EPROTO; }
+// The analysis knows nothing of the system's locks, so it cannot see that these two do what they say.
+FXM_NO_ANALYSIS int _fxm_mutex_lock(fxm_mutex_t *mutex)
+{
+    _fxm_check_lock(mutex, mutex->kind);
+    return pthread_mutex_lock(&mutex->handle) == 0 ? 0 : EPROTO;
+}
 
-void _fxm_mutex_unlock(fxm_mutex_t *mutex) { pthread_mutex_unlock(&mutex->handle); }
+FXM_NO_ANALYSIS void _fxm_mutex_unlock(fxm_mutex_t *mutex)
+{
+    _fxm_check_unlock(mutex);
+    pthread_mutex_unlock(&mutex->handle);
+}
 
 // ------------------------------------------------------------------------------------------------------------ events
 
@@ -139,6 +148,7 @@ static bool _waitable_take(fxm_event_t *event)
 
 int _fxm_event_timedwait(fxm_event_t *event, uint32_t ms)
 {
+    _fxm_check_wait("a wait for an event");
     const timespec deadline = _fxm_monotonic_in(ms);
     event->waiters.fetch_add(1);
     int result = 0;
@@ -187,9 +197,17 @@ void _fxm_thread_prompt()
 
 void Sleep(uint32_t ms)
 {
+    _fxm_check_wait("a sleep");
     const timespec deadline = _fxm_monotonic_in(ms);
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
     }
+}
+
+uint64_t _fxm_monotonic_ns()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
 static uint64_t _wall_clock_ms()
@@ -200,6 +218,8 @@ static uint64_t _wall_clock_ms()
 }
 
 uint64_t _fxm_get_time_ms() { return fxm_platform.wall_clock_ms(); }
+
+void *_fxm_allocate(size_t size) { return fxm_platform.allocate(size); }
 
 static bool _has_mode(const char *path, mode_t mode)
 {
@@ -246,6 +266,7 @@ static uint32_t _wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_
 
 uint32_t _fxm_wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms)
 {
+    _fxm_check_wait("a wait for two sources");
     return fxm_platform.wait_two(first, second, ms);
 }
 
@@ -259,7 +280,7 @@ bool _fxm_notice_arm(fxm_notice_t *notice) { return fxm_platform.notice_arm(noti
 
 int _fxm_capture_mintocopy(pcap *handle) { return fxm_platform.capture_mintocopy(handle); }
 
-fxm_platform_calls_t fxm_platform = {
+FXM_PLATFORM_CONST fxm_platform_calls_t fxm_platform = {
     _mutex_make,
     _event_make,
     _thread_make,

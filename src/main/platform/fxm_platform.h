@@ -10,25 +10,30 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/fxm_annotations.h"
+#include "platform/fxm_check.h"
+
 // ------------------------------------------------------------------------------------------------------------- locks
 
 // Re-entrant for the thread that holds it. A process-wide lock (_fxm_mutex_init_st) is constant-initialised and good
 // from load to unload of the library: host threads count their calls under one before the first start and after a stop,
-// so making and closing it must not touch the lock itself. A lock in a table or a node has a life of its own.
-struct fxm_mutex_t {
+// so making and closing it must not touch the lock itself. A lock in a table or a node is made and destroyed with it.
+struct FXM_CAPABILITY("lock") fxm_mutex_t {
+    constexpr explicit fxm_mutex_t(fxm_lock_kind_t lock_kind) : kind(lock_kind) {}
     pthread_mutex_t handle = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
     bool owned = false; // made by _fxm_mutex_init and not yet destroyed
+    fxm_lock_kind_t kind;
 };
 
 int _fxm_mutex_init_st(fxm_mutex_t *mutex);
 int _fxm_mutex_init(fxm_mutex_t *mutex);
 void _fxm_mutex_destroy(fxm_mutex_t *mutex);
-int _fxm_mutex_lock(fxm_mutex_t *mutex);
-void _fxm_mutex_unlock(fxm_mutex_t *mutex);
+int _fxm_mutex_lock(fxm_mutex_t *mutex) FXM_ACQUIRE(mutex);
+void _fxm_mutex_unlock(fxm_mutex_t *mutex) FXM_RELEASE(mutex);
 
-struct fxm_mutex_guard_t {
-    explicit fxm_mutex_guard_t(fxm_mutex_t *guarded) : mutex(guarded) { _fxm_mutex_lock(mutex); }
-    ~fxm_mutex_guard_t() { _fxm_mutex_unlock(mutex); }
+struct FXM_SCOPED_CAPABILITY fxm_mutex_guard_t {
+    explicit fxm_mutex_guard_t(fxm_mutex_t *guarded) FXM_ACQUIRE(guarded) : mutex(guarded) { _fxm_mutex_lock(mutex); }
+    ~fxm_mutex_guard_t() FXM_RELEASE() { _fxm_mutex_unlock(mutex); }
     fxm_mutex_guard_t(const fxm_mutex_guard_t &) = delete;
     fxm_mutex_guard_t &operator=(const fxm_mutex_guard_t &) = delete;
     fxm_mutex_t *mutex;
@@ -68,7 +73,9 @@ void _fxm_thread_prompt(); // the calling thread is to run before others that ar
 // ------------------------------------------------------------------------------------------------- clock, files, heap
 
 void Sleep(uint32_t ms);               // monotonic
+uint64_t _fxm_monotonic_ns();          // monotonic clock, for distances of time only
 uint64_t _fxm_get_time_ms();           // wall clock, milliseconds since 1970-01-01 UTC
+void *_fxm_allocate(size_t size);      // malloc
 int _fxm_file_exist(const char *path); // 0 a regular file, else ENOENT
 int _fxm_dir_exist(const char *path);  // 0 a directory, else EINVAL
 
@@ -131,6 +138,11 @@ void _fxm_notice_close(fxm_notice_t *notice);
 bool _fxm_notice_arm(fxm_notice_t *notice); // false, with FXM_ERROR_IO_PENDING as last error, is the normal answer
 void _fxm_notice_reset(fxm_notice_t *notice);
 
+// For a notice that could not be acted upon: the next wait for it ends within FXM_NOTICE_AGAIN ms, as if there had been
+// another one. Lasts until the next reset.
+constexpr uint32_t FXM_NOTICE_AGAIN = 500;
+void _fxm_notice_keep(fxm_notice_t *notice);
+
 // ------------------------------------------------------------------------------------------------------------ capture
 
 struct pcap;
@@ -166,6 +178,12 @@ struct fxm_platform_calls_t {
     bool (*notice_arm)(fxm_notice_t *notice);
     int (*capture_mintocopy)(pcap *handle);
 };
-extern fxm_platform_calls_t fxm_platform;
+// FXM_PLATFORM_REPLACEABLE is set for the tests' form of the library; in libfxm.so the table is constant.
+#ifdef FXM_PLATFORM_REPLACEABLE
+#define FXM_PLATFORM_CONST
+#else
+#define FXM_PLATFORM_CONST const
+#endif
+extern FXM_PLATFORM_CONST fxm_platform_calls_t fxm_platform;
 
 #endif

@@ -69,24 +69,35 @@ static void _read_link(const nlmsghdr *header, fxm_adapter_t *out)
     out->OperStatus = _oper_status(info, operstate);
 }
 
-// Reads the answer to _ask_links; entries past `capacity` are only counted. 0 or an errno value. The kernel marks a
-// list that changed under its hands (NLM_F_DUMP_INTR); that is told as EAGAIN.
+// The end of a dump: 0, or the error that cut it short.
+static int _dump_error(const nlmsghdr *header)
+{
+    int32_t result = 0;
+    if (header->nlmsg_len >= NLMSG_LENGTH(sizeof(result)))
+        memcpy(&result, NLMSG_DATA(header), sizeof(result));
+    return result < 0 ? -result : 0;
+}
+
+// Reads the answer to _ask_links; entries past `capacity` are only counted. 0, EINTR for a list that changed while the
+// kernel walked it (NLM_F_DUMP_INTR) and may lack entries, or another errno value. The socket's time-out is EAGAIN.
 static int _read_links(int fd, fxm_adapter_t *list, uint32_t capacity, uint32_t *count)
 {
     alignas(nlmsghdr) uint8_t buffer[32768];
     bool interrupted = false;
     for (;;) {
-        const ssize_t got = recv(fd, buffer, sizeof(buffer), 0);
+        const ssize_t got = recv(fd, buffer, sizeof(buffer), MSG_TRUNC);
         if (got < 0 && errno == EINTR)
             continue;
         if (got <= 0)
             return got < 0 ? errno : EPROTO;
+        if (got > static_cast<ssize_t>(sizeof(buffer)))
+            return EMSGSIZE;
         auto left = static_cast<uint32_t>(got);
         for (const auto *header = reinterpret_cast<const nlmsghdr *>(buffer); NLMSG_OK(header, left);
              header = NLMSG_NEXT(header, left)) {
             interrupted = interrupted || (header->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
             if (header->nlmsg_type == NLMSG_DONE)
-                return interrupted ? EAGAIN : 0;
+                return interrupted ? EINTR : _dump_error(header);
             if (header->nlmsg_type == NLMSG_ERROR)
                 return EPROTO;
             if (header->nlmsg_type != RTM_NEWLINK)
@@ -104,10 +115,11 @@ static int _read_links(int fd, fxm_adapter_t *list, uint32_t capacity, uint32_t 
 
 uint32_t _fxm_netlink_adapters(fxm_adapter_t *list, uint32_t *size)
 {
+    constexpr int attempts = 8; // against interfaces that come and go all the time
     const uint32_t capacity = list == nullptr ? 0 : *size / static_cast<uint32_t>(sizeof(fxm_adapter_t));
     uint32_t count = 0;
-    int err = EAGAIN;
-    for (int attempt = 0; attempt < 3 && err == EAGAIN; ++attempt) {
+    int err = EINTR;
+    for (int attempt = 0; attempt < attempts && err == EINTR; ++attempt) {
         const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
         if (fd < 0)
             return static_cast<uint32_t>(errno);
@@ -117,9 +129,7 @@ uint32_t _fxm_netlink_adapters(fxm_adapter_t *list, uint32_t *size)
         err = _ask_links(fd) ? _read_links(fd, list, capacity, &count) : errno;
         close(fd);
     }
-    // Interrupted three times in a row: every entry is true to some moment of the walk, and a change that it missed has
-    // its own notice.
-    if (err != 0 && err != EAGAIN)
+    if (err != 0)
         return static_cast<uint32_t>(err);
     *size = count * static_cast<uint32_t>(sizeof(fxm_adapter_t));
     return count > capacity ? FXM_ADAPTER_OVERFLOW : 0;
@@ -187,7 +197,10 @@ void _fxm_notice_reset(fxm_notice_t *notice)
 {
     notice->source.ready = false;
     notice->source.fd = -1; // one-shot: the next change is told only after the next arming
+    notice->source.look_again = 0;
 }
+
+void _fxm_notice_keep(fxm_notice_t *notice) { notice->source.look_again = FXM_NOTICE_AGAIN; }
 
 // ------------------------------------------------------------------------------------------------------------ capture
 

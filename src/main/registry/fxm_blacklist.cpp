@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "core/fxm_state.h"
 #include "diag/fxm_stats.h"
@@ -15,11 +16,8 @@ struct fxm_bl_node_t {
     uint64_t id;
 };
 
-static fxm_rbtree_t blacklist_map;
-
-// Guards blacklist_map. Taken under fx_lock by stop, restart and the adding of a card, so that a card being stopped is
-// handled wholly before or wholly after; alone by dump and fini. Under it only the stats lock is taken.
-static fxm_mutex_t blacklist_lock;
+fxm_mutex_t blacklist_lock{FXM_LOCK_BLACKLIST};
+static fxm_rbtree_t blacklist_map FXM_GUARDED_BY(blacklist_lock);
 
 static fxm_bl_node_t *_node_of(fxm_rbnode_t *link)
 {

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "diag/fxm_stats.h"
 #include "fxm.h"
@@ -48,7 +49,7 @@ struct fxm_fx_tbl_t {
     // Order: first of all locks. Under it, one at a time: blacklist_lock, wreg_lock or the event queue's mutex, and the
     // stats lock last. Held for one frame, one keepalive pass, one query, the card section of a dump; never across a
     // frame to a card, a wait or a callback.
-    fxm_mutex_t fx_lock;
+    fxm_mutex_t fx_lock{FXM_LOCK_FX};
     uint32_t fxsv_total;
     uint32_t fxio_total;
     uint32_t fxsv_group_num[FXM_GROUPS];
@@ -99,12 +100,12 @@ struct fxio_class {
 
 int _fxm_fx_init(); // 0 or EPROTO
 int _fxm_fx_fini(); // 0; no other thread is left
-int _fxm_fx_lock();
-int _fxm_fx_unlock();
+int _fxm_fx_lock() FXM_ACQUIRE(fxm_fx_tbl.fx_lock);
+int _fxm_fx_unlock() FXM_RELEASE(fxm_fx_tbl.fx_lock);
 
-struct fxm_fx_guard_t {
-    fxm_fx_guard_t() { _fxm_fx_lock(); }
-    ~fxm_fx_guard_t() { _fxm_fx_unlock(); }
+struct FXM_SCOPED_CAPABILITY fxm_fx_guard_t {
+    fxm_fx_guard_t() FXM_ACQUIRE(fxm_fx_tbl.fx_lock) { _fxm_fx_lock(); }
+    ~fxm_fx_guard_t() FXM_RELEASE() { _fxm_fx_unlock(); }
     fxm_fx_guard_t(const fxm_fx_guard_t &) = delete;
     fxm_fx_guard_t &operator=(const fxm_fx_guard_t &) = delete;
 };

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "core/fxm_config.h"
+#include "core/fxm_locks.h"
 #include "core/fxm_state.h"
 #include "fxm_log4cxxif.h"
 
@@ -20,7 +21,7 @@ constexpr uint32_t FXM_SEND_WAIT = 50; // ms at most that a frame waits for room
 // What two of them could meet in is the handle's error text, which a failing send writes: the lock keeps the senders
 // apart there, and nobody reads the text of either side. A second handle for sending would need no lock, but the first
 // one would then capture every frame that the library sends.
-static fxm_mutex_t send_lock[FXM_PORT_NUM];
+static fxm_mutex_t send_lock[FXM_PORT_NUM] = {fxm_mutex_t{FXM_LOCK_SEND}, fxm_mutex_t{FXM_LOCK_SEND}};
 
 void _fxm_ports_clear()
 {
@@ -59,8 +60,10 @@ static int _try_send(uint32_t port, const uint8_t *frame, uint32_t length)
 
 int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length)
 {
-    // A congested port has no room in its queue for a moment: no reason to refuse a frame. All senders wait at the same
-    // time, outside the lock, and none of them past a stop.
+    _fxm_check_wait("a frame to a card");
+    // EAGAIN: the socket's own buffer has no room for a moment, which is no reason to refuse a frame. All senders wait
+    // at the same time, outside the lock, and none of them past a stop. A full queue of the interface shows as ENOBUFS
+    // instead, for which the kernel has no wait: that frame is refused.
     uint32_t left = FXM_SEND_WAIT;
     int err = _try_send(port, frame, length);
     while (err == EAGAIN && left > 0 && !_fxm_stopping()) {

@@ -10,20 +10,14 @@
 #include "diag/fxm_stats.h"
 #include "fxm_log4cxxif.h"
 #include "registry/fxm_devinfo.h"
-#include "registry/fxm_keepalive.h"
-#include "registry/fxm_tables.h"
 #include "wire/fxm_frame.h"
 #include "wire/fxm_port.h"
 
 fxm_wait_source_t fxm_recv_source[FXM_PORT_NUM];
-std::atomic<uint64_t> fxm_recv_fell_at[FXM_PORT_NUM];
-
-// Old frames have raised channels of a port without link. Each entry belongs to the port's receive thread.
-static bool raised_late[FXM_PORT_NUM];
 
 // One read. The length is that on the wire; what was captured of the frame reaches as far as any check or handler
-// reads. `captured` is the wall clock then, in ms.
-static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length, uint64_t *captured)
+// reads.
+static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length)
 {
     pcap_pkthdr *header = nullptr;
     pcap_t *handle = fxm_ports[port].pt_pcap;
@@ -31,7 +25,6 @@ static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length
     _fxm_capture_read_done(handle, &fxm_recv_source[port], rc == 1);
     if (rc == 1) {
         *length = header->len;
-        *captured = static_cast<uint64_t>(header->ts.tv_sec) * 1000 + static_cast<uint64_t>(header->ts.tv_usec) / 1000;
         return 0;
     }
     if (rc == 0)
@@ -182,17 +175,6 @@ static void _dispatch_frame(uint32_t port, const uint8_t *frame, uint8_t mode)
     _fxm_stats_frame(port, kind, FXM_STATS_R_TOTAL);
 }
 
-// Takes down again what old frames have raised, unless the link is back.
-static void _settle_late(uint32_t port)
-{
-    if (!raised_late[port])
-        return;
-    raised_late[port] = false;
-    fxm_fx_guard_t guard;
-    if (fxm_ports[port].pt_link.load() != 1)
-        _fxm_all_disconnect(static_cast<int>(port));
-}
-
 int _fxm_recv_frame(uint32_t port)
 {
     const int port_num = static_cast<int>(port);
@@ -200,11 +182,9 @@ int _fxm_recv_frame(uint32_t port)
     fxm_log_trace("%s: start. port_num=%d, ret=%d", __func__, port_num, ret);
     const uint8_t *frame = nullptr;
     uint32_t length = 0;
-    uint64_t captured = 0;
-    const int err = _fxm_recv_pcap(port, &frame, &length, &captured);
+    const int err = _fxm_recv_pcap(port, &frame, &length);
     if (err == ETIMEDOUT) {
         fxm_log_debug("%s: _fxm_recv_pcap() returned ETIMEDOUT. port_num=%d", __func__, port_num);
-        _settle_late(port);
         return ret;
     }
     if (err != 0) {
@@ -215,15 +195,9 @@ int _fxm_recv_frame(uint32_t port)
         fxm_log_trace("%s: Drop packet because start flag is not set. port_num=%d", __func__, port_num);
         return ret;
     }
-    // Frames of before the fall stand in the ring before all others, so they are settled once, behind the last of them.
-    const bool late = captured <= fxm_recv_fell_at[port].load();
-    if (!late)
-        _settle_late(port);
     uint8_t mode = FXM_VLAN_MODE_NORMAL;
-    if (_check_frame(frame, length, &mode) == 0) {
+    if (_check_frame(frame, length, &mode) == 0)
         _dispatch_frame(port, frame, mode);
-        raised_late[port] = late;
-    }
     fxm_log_trace("%s: end. port_num=%d, ret=%d", __func__, port_num, ret);
     return ret;
 }
@@ -233,7 +207,6 @@ void *_fxm_recv_task(void *arg)
     const auto port = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
     const fxm_port_t &record = fxm_ports[port];
     const int if_index = static_cast<int>(record.pt_if_index);
-    raised_late[port] = false;
     // It has little to do for a frame and others wait for it: a thread that it wakes must not put it aside.
     _fxm_thread_prompt();
     fxm_log_info("%s: start. if_index=%d, mac=%.12llx", __func__, if_index, _ull(record.pt_mac));

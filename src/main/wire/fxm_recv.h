@@ -3,7 +3,6 @@
 #ifndef FXM_RECV_H
 #define FXM_RECV_H
 
-#include <atomic>
 #include <cstdint>
 
 #include "core/fxm_config.h"
@@ -12,10 +11,6 @@
 // What each receive thread waits on beside the terminate event. As long as frames keep coming the thread reads on
 // without asking the kernel, and the read that finds none ends that.
 extern fxm_wait_source_t fxm_recv_source[FXM_PORT_NUM];
-
-// When the link of a port fell last (wall clock, ms; 0 never). The link watcher sets it before it takes the port's
-// channels down: a frame that was captured until then and is read later must not leave them up.
-extern std::atomic<uint64_t> fxm_recv_fell_at[FXM_PORT_NUM];
 
 void *_fxm_recv_task(void *port);   // thread entry; the port number as pointer
 void _fxm_recv_win(uint32_t port);  // the wait loop, in platform/fxm_recv_win.cpp

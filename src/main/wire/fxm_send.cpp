@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "access/fxm_tags.h"
 #include "core/fxm_config.h"
 #include "diag/fxm_stats.h"
 #include "fxm_log4cxxif.h"
@@ -133,21 +134,13 @@ int _fxm_send_regwrite(const fxm_card_data_t *card, uint32_t addr, uint32_t data
                            });
 }
 
-int _fxm_send_regread(const fxm_card_data_t *card, uint32_t addr, uint32_t tag, uint64_t *mac, uint32_t *port)
+int _fxm_send_regread(const fxm_card_data_t *card, uint32_t addr, uint32_t tag)
 {
-    uint64_t asked_mac = 0;
-    uint32_t asked_port = 0;
-    const int err = _build_and_send(__func__, "Sendable port don't exist.", FXM_STATS_T_REGR, card,
-                                    [&](uint32_t out_port, uint32_t mac_index, uint8_t *frame) {
-                                        _set_frame(card, FXM_SUBTYPE_REGR, out_port, mac_index, frame);
-                                        put_u8(frame, REGR_TAG, static_cast<uint8_t>(tag));
-                                        put_be32(frame, REGR_ADDR, _fxm_encode_address(addr));
-                                        asked_mac = mac48(frame, ETH_DST);
-                                        asked_port = out_port;
-                                    });
-    if (err == 0) {
-        *mac = asked_mac;
-        *port = asked_port;
-    }
-    return err;
+    return _build_and_send(__func__, "Sendable port don't exist.", FXM_STATS_T_REGR, card,
+                           [=](uint32_t port, uint32_t mac_index, uint8_t *frame) {
+                               _set_frame(card, FXM_SUBTYPE_REGR, port, mac_index, frame);
+                               put_u8(frame, REGR_TAG, static_cast<uint8_t>(tag));
+                               put_be32(frame, REGR_ADDR, _fxm_encode_address(addr));
+                               _fxm_set_comp_recv_wait(tag, mac48(frame, ETH_DST), port);
+                           });
 }
