@@ -204,9 +204,17 @@ bool connected(uint64_t id)
 
 void start_cards(unsigned count)
 {
-    char command[64];
-    snprintf(command, sizeof(command), "fxsv %012llx count=%u", static_cast<unsigned long long>(FIRST_FXSV), count);
     program.cards.start("--port0 card0");
+    tell_cards("fxsv %012llx count=%u", static_cast<unsigned long long>(FIRST_FXSV), count);
+}
+
+void tell_cards(const char *format, ...)
+{
+    char command[128];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(command, sizeof(command), format, args);
+    va_end(args);
     program.cards.command(command);
 }
 

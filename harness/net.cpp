@@ -64,16 +64,13 @@ void ip(const std::string &commands)
         harness_failed("ip (is iproute2 installed?) does not do:\n" + commands);
 }
 
-// One ioctl on an interface; false, with errno, if it fails.
+// One ioctl on an interface; false, with errno, if it fails. The socket stays open, so that interfaces can be changed
+// when the process has no descriptor left.
 static bool control(unsigned long what, const std::string &interface, ifreq *request)
 {
+    static const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     interface.copy(request->ifr_name, sizeof(request->ifr_name) - 1);
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const bool good = ioctl(fd, what, request) == 0;
-    const int err = errno;
-    close(fd);
-    errno = err;
-    return good;
+    return ioctl(fd, what, request) == 0;
 }
 
 void set_up(const std::string &interface, bool up)

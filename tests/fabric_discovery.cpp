@@ -1,21 +1,24 @@
 // What a host sees of cards: from a frame on the wire to the record, the events, the lists and the callbacks.
-#include "fabric.h"
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <optional>
+#include <set>
+#include <thread>
 
-namespace
-{
+#include "fabric.h"
 
 constexpr int32_t NEW = FXM_EVT_NEWDEVINFO, UPDATE = FXM_EVT_UPDATEDEVINFO, CONNECTION = FXM_EVT_CONNECTIONCHANGE,
                   ERROR = FXM_EVT_MAJORMINORERROR, PATH = FXM_EVT_PATHSTATECHANGE, CHANNEL = FXM_EVT_CHANNELSTATECHANGE;
 
-fxm_card_data_t &card_of(fxm_fxsv_t &record) { return record.fsv_card; }
-fxm_card_data_t &card_of(fxm_fxio_t &record) { return record.fio_card; }
+static fxm_card_data_t &card_of(fxm_fxsv_t &record) { return record.fsv_card; }
+static fxm_card_data_t &card_of(fxm_fxio_t &record) { return record.fio_card; }
 
-template <typename Record> testing::AssertionResult same_record(const Record &expected, const Record &actual)
+template <typename Record> static testing::AssertionResult same_record(const Record &expected, const Record &actual)
 {
     frame_t bytes[2] = {frame_t(sizeof(Record)), frame_t(sizeof(Record))};
     memcpy(bytes[0].data(), &expected, sizeof(Record));
@@ -24,7 +27,7 @@ template <typename Record> testing::AssertionResult same_record(const Record &ex
 }
 
 // So many frames of the cards are counted on port 0.
-std::function<bool(const dump_t &)> received(uint64_t number)
+static std::function<bool(const dump_t &)> received(uint64_t number)
 {
     return [=](const dump_t &dump) { return frames_counted(dump, 0, "FXM_STATS_R_TOTAL") == number; };
 }
@@ -348,22 +351,23 @@ TEST_F(discovery, connection_of_down_ports_counts_by_the_generation_of_the_card_
 using query_t = int (*)(uint64_t, uint64_t **, uint32_t *);
 using queries_t = std::array<query_t, 2>;
 
-int fxsvids(uint64_t, uint64_t **list, uint32_t *count) { return fxm_get_fxsvids(list, count); }
-int fxioids(uint64_t, uint64_t **list, uint32_t *count) { return fxm_get_fxioids(list, count); }
+static int fxsvids(uint64_t, uint64_t **list, uint32_t *count) { return fxm_get_fxsvids(list, count); }
+static int fxioids(uint64_t, uint64_t **list, uint32_t *count) { return fxm_get_fxioids(list, count); }
 
-template <int (*of_group)(uint16_t, uint64_t **, uint32_t *)> int group(uint64_t id, uint64_t **list, uint32_t *count)
+template <int (*of_group)(uint16_t, uint64_t **, uint32_t *)>
+static int group(uint64_t id, uint64_t **list, uint32_t *count)
 {
     return of_group(static_cast<uint16_t>(id), list, count);
 }
 
-const queries_t ALL_CARDS = {fxsvids, fxioids};
-const queries_t BY_TIME = {fxm_get_update_fxsvids, fxm_get_update_fxioids};
-const queries_t BY_GROUP = {group<fxm_get_group_fxsvids>, group<fxm_get_group_fxioids>};
+static const queries_t ALL_CARDS = {fxsvids, fxioids};
+static const queries_t BY_TIME = {fxm_get_update_fxsvids, fxm_get_update_fxioids};
+static const queries_t BY_GROUP = {group<fxm_get_group_fxsvids>, group<fxm_get_group_fxioids>};
 
 using ids_t = std::vector<uint64_t>;
 using answer_t = std::tuple<int, uint32_t, std::optional<ids_t>>; // result, count, ids unless the list is not written
 
-answer_t ask(query_t query, uint64_t argument, uint32_t count = 0)
+static answer_t ask(query_t query, uint64_t argument, uint32_t count = 0)
 {
     uint64_t untouched = 0;
     uint64_t *list = &untouched;
@@ -377,7 +381,7 @@ answer_t ask(query_t query, uint64_t argument, uint32_t count = 0)
 }
 
 // The answer that lists `number` cards of every second id.
-answer_t listed(uint64_t first, uint32_t number)
+static answer_t listed(uint64_t first, uint32_t number)
 {
     ids_t ids;
     for (uint32_t i = 0; i < number; ++i)
@@ -385,7 +389,7 @@ answer_t listed(uint64_t first, uint32_t number)
     return {FXM_API_SUCCESS, number, ids};
 }
 
-const answer_t NONE = {FXM_API_SUCCESS, 0, ids_t()};
+static const answer_t NONE = {FXM_API_SUCCESS, 0, ids_t()};
 constexpr uint64_t FIRST[2] = {FXSV_1G, FXIO}; // cards of the two classes
 
 TEST_F(discovery, lists_are_ascending_and_keep_to_their_limits)
@@ -580,9 +584,9 @@ struct listener_t {
     void *cbid = nullptr;
 };
 
-std::vector<std::string> heard; // read when the fixture has been told of a later event
+static std::vector<std::string> heard; // read when the fixture has been told of a later event
 
-void hear(uint64_t, int32_t, uint64_t arg)
+static void hear(uint64_t, int32_t, uint64_t arg)
 {
     const auto *listener = reinterpret_cast<listener_t *>(arg);
     heard.push_back(listener->name);
@@ -590,7 +594,7 @@ void hear(uint64_t, int32_t, uint64_t arg)
         listener->then();
 }
 
-int listen(listener_t *listener)
+static int listen(listener_t *listener)
 {
     return fxm_register_callback(UPDATE, hear, reinterpret_cast<uintptr_t>(listener), &listener->cbid);
 }
@@ -667,6 +671,119 @@ TEST_F(discovery, registrations_that_cannot_be_are_refused)
     EXPECT_EQ(fxm_unregister_callback(stale), FXM_API_EINVAL) << "a handle has outlived a stop";
 }
 
+// Whether the thread sleeps in the system, as one does that waits for a lock.
+static bool sleeps(pid_t thread)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    const size_t at = stat.rfind(") ");
+    return at != std::string::npos && stat[at + 2] == 'S';
+}
+
+// A call on a thread of its own that finds the event thread in a callback.
+struct waiting_call_t {
+    explicit waiting_call_t(std::function<int()> function)
+        : thread([this, function = std::move(function)] {
+              id = gettid();
+              result = function();
+          })
+    {
+    }
+    void await_sleep() const
+    {
+        wait_for([this] { return id != 0 && sleeps(id); }, "the other thread to wait for the callback");
+    }
+    std::atomic<pid_t> id = 0;
+    int result = -1;
+    std::thread thread;
+};
+
+TEST_F(discovery, of_a_callback_and_a_thread_that_end_one_registration_the_callback_wins)
+{
+    run();
+    frame_t frame = fxsv_1g_frame();
+    wire[0]->send(frame);
+    settle(0);
+    listener_t first{"first"}, second{"second"};
+    ASSERT_EQ(listen(&first), FXM_API_SUCCESS);
+    ASSERT_EQ(listen(&second), FXM_API_SUCCESS);
+    std::unique_ptr<waiting_call_t> other;
+    int ended = -1;
+    first.then = [&] {
+        other = std::make_unique<waiting_call_t>([&] { return fxm_unregister_callback(second.cbid); });
+        other->await_sleep();
+        ended = fxm_unregister_callback(second.cbid);
+        first.then = {};
+    };
+    frame[20] = 1;
+    wire[0]->send(frame);
+    settle(0);
+    other->thread.join();
+    EXPECT_EQ(ended, FXM_API_SUCCESS);
+    EXPECT_EQ(other->result, FXM_API_EINVAL);
+    EXPECT_EQ(std::exchange(heard, {}), (std::vector<std::string>{"first"})) << "the host has freed the second's data";
+    EXPECT_EQ(fxm_unregister_callback(first.cbid), FXM_API_SUCCESS);
+}
+
+TEST_F(discovery, ended_handle_never_comes_again)
+{
+    std::set<void *> ended;
+    for (int round = 0; round < 2; ++round) {
+        run(FXM_LOG_ERROR);
+        listener_t listener{"never"};
+        for (int i = 0; i < 500; ++i) {
+            ASSERT_EQ(listen(&listener), FXM_API_SUCCESS);
+            ASSERT_FALSE(ended.contains(listener.cbid)) << "after " << ended.size();
+            for (void *const handle : ended)
+                ASSERT_EQ(fxm_unregister_callback(handle), FXM_API_EINVAL);
+            ASSERT_EQ(fxm_unregister_callback(listener.cbid), FXM_API_SUCCESS);
+            ended.insert(listener.cbid);
+        }
+        EXPECT_EQ(stop(), FXM_API_SUCCESS);
+        ended.insert(std::begin(cbid), std::end(cbid)); // of the fixture, ended by the stop
+    }
+}
+
+TEST_F(discovery, registering_and_ending_wait_for_the_event_in_progress_and_not_for_those_behind_it)
+{
+    constexpr int BACKLOG = 200;
+    run(FXM_LOG_ERROR); // a call sleeps for nothing but the event then
+    frame_t frame = fxsv_1g_frame();
+    wire[0]->send(frame);
+    settle(0);
+    std::atomic<bool> inside = false, held = false;
+    listener_t first{"first"}, other{"other"};
+    first.then = [&] {
+        inside = true;
+        while (held)
+            std::this_thread::yield();
+    };
+    ASSERT_EQ(listen(&first), FXM_API_SUCCESS);
+    const auto events_heard_by_other = [&](const std::function<int()> &function) {
+        inside = false;
+        held = true;
+        for (int i = 0; i < BACKLOG; ++i) {
+            frame[20] = static_cast<uint8_t>(frame[20] + 1);
+            wire[0]->send(frame);
+        }
+        wait_for([&] { return inside.load(); }, "the first event");
+        dump_when([&](const dump_t &told) { return memory(told, "evt_node").in_use >= BACKLOG; }, "the other events");
+        waiting_call_t call(function);
+        call.await_sleep();
+        held = false;
+        call.thread.join();
+        EXPECT_EQ(call.result, FXM_API_SUCCESS);
+        settle(0);
+        const std::vector<std::string> all = std::exchange(heard, {});
+        return std::count(all.begin(), all.end(), "other");
+    };
+    // Apart from the event in progress one may come first.
+    EXPECT_GE(events_heard_by_other([&] { return listen(&other); }), BACKLOG - 2);
+    EXPECT_LE(events_heard_by_other([&] { return fxm_unregister_callback(other.cbid); }), 2);
+    EXPECT_EQ(fxm_unregister_callback(first.cbid), FXM_API_SUCCESS);
+}
+
 // ---------------------------------------------------------------------------------------------------- a whole fabric
 
 TEST_F(discovery, two_thousand_cards_on_two_ports_are_all_found_once_with_all_channels)
@@ -705,5 +822,3 @@ TEST_F(discovery, two_thousand_cards_on_two_ports_are_all_found_once_with_all_ch
     EXPECT_EQ(told[NEW], 2 * number) << "a card was new twice";
     EXPECT_EQ(told[CHANNEL], 3 * number + number);
 }
-
-} // namespace

@@ -1,12 +1,19 @@
 // The life of a manager: starts, refusals, configuration, log, state, ports that come and go, stops.
+#include <dlfcn.h>
 #include <net/if.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -97,7 +104,7 @@ static const std::vector<function_t> &functions()
         {CALL(fxm_stop_monitor, FXSV_1G), 0, " " + id, ret_id},
         {CALL(fxm_restart_monitor, FXSV_1G), 0, " " + id, ret_id},
         {CALL(fxm_register_callback, 6, nullptr, 0, &cbid), 1, " type=6", " ret=#, type=6"},
-        {CALL(fxm_unregister_callback, reinterpret_cast<void *>(0x10)), 1, " cbid=0x10", " ret=#"},
+        {CALL(fxm_unregister_callback, reinterpret_cast<void *>(-16)), 1, " cbid=0xfffffffffffffff0", " ret=#"},
         {CALL(fxm_read_register, FXSV_1G, 4, word, nullptr, 0), 3, ". " + id + ", addr=0x00000004" + null, ret_id},
         {CALL(fxm_write_register, FXSV_1G, 4, 10, &retry, 0x80000005), 3,
          ". " + id + ", addr=0x00000004, data=0x0000000A" + given, ret_id},
@@ -134,18 +141,36 @@ static std::map<std::string, std::vector<uint64_t>> results(const dump_t &dump)
     return counts;
 }
 
-TEST(library, exports_its_functions_and_nothing_else)
+// What the pattern finds in a source file.
+static std::set<std::string> found_in(const std::string &file, const std::string &pattern)
+{
+    std::ifstream stream(FXM_SOURCE_DIR "/" + file);
+    const std::string text{std::istreambuf_iterator<char>(stream), {}};
+    const std::regex regex(pattern);
+    std::set<std::string> found;
+    for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match)
+        found.insert((*match)[1]);
+    return found;
+}
+
+TEST(library, exports_what_its_header_declares_under_a_version_and_nothing_else)
 {
     std::set<std::string> expected = {"fxm_init_manager", "fxm_fini_manager", "fxm_free_idlist"};
     for (const function_t &function : functions())
         expected.insert(function.name);
     ASSERT_EQ(expected.size(), 31u);
+    EXPECT_EQ(found_in("include/fxm.h", "FXM_EXPORT int (\\w+)\\("), expected);
+    EXPECT_EQ(found_in("src/main/fxm.map", "(fxm_[^;]*);"), expected) << "each by its name";
 
     FILE *symbols = popen("nm -D --defined-only --format=posix " FXM_LIBRARY, "r");
     ASSERT_NE(symbols, nullptr);
+    const std::string version = "@@FXM_1.0";
     std::set<std::string> exported;
-    for (char line[512]; fgets(line, sizeof(line), symbols) != nullptr;)
-        exported.insert(std::string(line).substr(0, std::string(line).find(' ')));
+    for (char line[512]; fgets(line, sizeof(line), symbols) != nullptr;) {
+        const std::string symbol = std::string(line).substr(0, std::string(line).find(' '));
+        if (symbol != "FXM_1.0") // the version itself
+            exported.insert(symbol.ends_with(version) ? symbol.substr(0, symbol.find('@')) : symbol + " (no version)");
+    }
     ASSERT_EQ(pclose(symbols), 0) << "nm does not read the library";
     EXPECT_EQ(exported, expected);
 }
@@ -315,6 +340,75 @@ TEST_F(lifecycle, starts_and_stops_by_several_threads_at_once_make_one_run_at_a_
     EXPECT_EQ(stop(), FXM_API_SUCCESS);
 }
 
+// -------------------------------------------------------------------------------------------------------- the process
+
+// Runs `child` in a process of its own, which is to exit with status 0.
+static testing::AssertionResult exits_well(const std::function<void()> &child)
+{
+    fflush(nullptr);
+    const pid_t id = fork();
+    if (id == 0) {
+        child();
+        exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    if (!wait_for([&] { return waitpid(id, &status, WNOHANG) != 0; }, "a process to end")) {
+        kill(id, SIGKILL);
+        waitpid(id, &status, 0);
+    }
+    if (status == 0)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << (WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "exit status not 0");
+}
+
+TEST_F(lifecycle, a_process_that_exits_while_its_threads_call_ends_well)
+{
+    const char *const given = getenv("FXM_TEST_EXITS"); // more of them
+    const int rounds = given != nullptr ? atoi(given) : 40;
+    for (int round = 0; round < rounds; ++round) {
+        const auto child = [&] {
+            const int32_t level = round % 4 == 3 ? FXM_LOG_INFO : FXM_LOG_TRACE;
+            static auto *const host = new manager_t; // never destroyed: that would be a stop
+            if (!host->start(dir, level) || fxm_start_manager() != FXM_API_SUCCESS)
+                return;
+            static std::atomic<int> calling;
+            for (int i = 0; i < 4; ++i) {
+                std::thread([] {
+                    for (uint64_t id = 0;; ++id) {
+                        fxm_fxsv_t record;
+                        fxm_get_fxsv(id, &record);
+                        calling += id == 20 ? 1 : 0;
+                    }
+                }).detach();
+            }
+            wait_for([] { return calling == 4; }, "all threads to call");
+        };
+        ASSERT_TRUE(exits_well(child)) << "round " << round;
+        fs::remove(dir / "logfile");
+    }
+}
+
+TEST_F(lifecycle, library_stays_when_it_is_closed_while_it_runs)
+{
+    // Another one than that of this process.
+    const fs::path other = dir / "libfxm-other.so";
+    fs::copy_file(FXM_LIBRARY, other);
+    const auto child = [&] {
+        void *const library = dlopen(other.c_str(), RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(library, nullptr) << dlerror();
+        const auto init = reinterpret_cast<int (*)(const char *, int32_t)>(dlsym(library, "fxm_init_manager"));
+        const auto start = reinterpret_cast<int (*)()>(dlsym(library, "fxm_start_manager"));
+        const auto stop = reinterpret_cast<int (*)()>(dlsym(library, "fxm_fini_manager"));
+        std::thread host([&] { EXPECT_EQ(init(dir.c_str(), FXM_LOG_INFO), FXM_API_SUCCESS); });
+        wait_for([&] { return start() == FXM_API_SUCCESS; }, "the library to come up");
+        EXPECT_EQ(dlclose(library), 0);
+        EXPECT_EQ(start(), FXM_API_SUCCESS);
+        EXPECT_EQ(stop(), FXM_API_SUCCESS);
+        host.join();
+    };
+    EXPECT_TRUE(exits_well(child));
+}
+
 // -------------------------------------------------------------------------------------------------------- refusals
 
 TEST_F(lifecycle, one_manager_runs_in_a_process_until_its_last_callback_has_returned)
@@ -442,10 +536,15 @@ TEST_F(lifecycle, an_error_in_the_configuration_is_named_and_stops_the_start)
                            "ERROR _fxm_config_read: " + message,
                            "ERROR fxm_init_manager: Failed to _fxm_config_read() err=" + std::to_string(EPROTO)}));
     }
-    fs::remove(dir / "conf/fxm.conf");
+    // A regular file that opens and cannot be read.
+    const std::string path = dir.string() + "/conf/fxm.conf";
+    fs::remove(path);
+    fs::create_symlink("/proc/self/mem", path);
+    EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_EPROTO);
+    EXPECT_EQ(log.count("ERROR _fxm_config_read: file open error: " + path + ". err=" + std::to_string(EIO)), 1u);
+    fs::remove(path);
     EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT) << "there is neither eth0 nor eth1 here";
-    EXPECT_EQ(log.count("WARN _fxm_config_read: Failed to _fxm_file_exist(). path=" + dir.string() + "/conf/fxm.conf"),
-              1u);
+    EXPECT_EQ(log.count("WARN _fxm_config_read: Failed to _fxm_file_exist(). path=" + path), 1u);
     EXPECT_EQ(log.count_with("_fxm_config_value_print"), 0u);
 }
 

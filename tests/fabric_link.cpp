@@ -1,5 +1,6 @@
 // What the library makes of silence and of lost links, and the report that it gives of itself.
 #include <net/if.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -65,7 +66,7 @@ static std::string ports_section(const std::string &state0, size_t falls0, const
 // The lines are those of the file. With FXM_UPDATE_GOLDEN in the environment the file is made from them.
 static void expect_golden(const std::string &name, const dump_t &lines)
 {
-    const std::string path = GOLDEN_DIR "/" + name;
+    const std::string path = FXM_SOURCE_DIR "/tests/golden/" + name;
     if (getenv("FXM_UPDATE_GOLDEN") != nullptr) {
         std::ofstream file(path);
         for (const std::string &line : lines)
@@ -246,7 +247,8 @@ TEST_F(links, single_port_without_link_starts_and_the_other_interface_is_never_r
 
 TEST_F(links, flapping_link_ends_in_its_last_state_with_every_event_told_once)
 {
-    configure(NO_PASS); // what goes down goes with the link
+    // Frames that wait in the ring as a link falls raise channels, which go down by silence.
+    configure("devinfo_expire_time = 2000\n");
     start_cards("--period 1");
     cards("fxsv 02:00:00:00:40:00 gen=40g");
     cards("fxio 02:00:00:00:20:00");
@@ -277,7 +279,9 @@ TEST_F(links, flapping_link_ends_in_its_last_state_with_every_event_told_once)
         EXPECT_TRUE(wait_for(stays_true, std::string(interface) + " " + expected, [&] { return seen; }));
     }
     stop_cards();
-    wire = {std::make_unique<wire_t>(0), std::make_unique<wire_t>(1)}; // a raw socket remembers that its link was down
+    const auto silent = [&] { return channels(fxsv(FXSV_40G).fsv_card) + channels(fxio(FXIO).fio_card) == "DDDDDDDD"; };
+    ASSERT_TRUE(wait_for(silent, "all channels to go down by silence"));
+    renew_wire(0), renew_wire(1);
     settle(0);
     settle(1);
 
@@ -298,6 +302,57 @@ TEST_F(links, flapping_link_ends_in_its_last_state_with_every_event_told_once)
         EXPECT_EQ(sys_log.count(link_line(to_string(port), "UP->DOWN")), falls[port]);
     }
     EXPECT_EQ(part(told, "  - Port information", "  - FX card num"), ports_section("UP", falls[0], "UP", falls[1]));
+}
+
+TEST_F(links, cards_on_a_port_that_reads_down_keep_their_channels_as_long_as_frames_come)
+{
+    configure(NO_PASS);
+    ip("link set fxm1 down\nlink set fxm1 mode dormant\nlink set fxm1 up"); // up for frames, but not operational
+    run();
+    const std::string reading = "TRACE _fxm_get_linkstate_win: Success. port=1, IF_status=";
+    ASSERT_TRUE(wait_for_line(reading + "0"));
+    ASSERT_TRUE(has_line(dump(), "      Link state: DOWN"));
+    wire[1]->send(fxsv_1g_frame());
+    expect_events({{FXM_EVT_NEWDEVINFO, FXSV_1G}}, 1);
+    for (int i = 1; i <= 3; ++i) {
+        const size_t read = log.count(reading + "0");
+        ip("addr add 192.0.2." + to_string(i) + "/24 dev fxm0");
+        ASSERT_TRUE(wait_for_line(reading + "0", read + 1));
+    }
+    wire[1]->send(fxsv_1g_frame());
+    expect_events({}, 1);
+    EXPECT_EQ(channels(fxsv(FXSV_1G).fsv_card), "DDCD");
+    EXPECT_EQ(log.count(reading + "1"), 0u);
+}
+
+TEST_F(links, fall_is_told_though_the_link_could_not_be_read_when_it_came)
+{
+    configure(NO_PASS);
+    run();
+    wire[1]->send(fxsv_1g_frame());
+    expect_events({{FXM_EVT_NEWDEVINFO, FXSV_1G}}, 1);
+    std::ifstream file(dir / "logfile"); // open before there is no descriptor left
+    const auto has_failed = [&](int times) {
+        std::string line;
+        int failed = 0;
+        file.clear();
+        file.seekg(0);
+        while (std::getline(file, line))
+            failed += line == "ERROR _fxm_get_linkstate_win: end. ret=71" ? 1 : 0;
+        return failed >= times;
+    };
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {3, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    set_up("card1", false);
+    // A second time, though nothing has changed since: each time both ports.
+    EXPECT_TRUE(wait_for([&] { return has_failed(4); }, "readings that fail"));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_TRUE(wait_for([&] { return sys_log.count(link_line("1", "UP->DOWN")) == 1; }, "the fall"));
+    expect_events(channels_changed({FXSV_1G}));
+    set_up("card1", true);
+    wait_for([&] { return sys_log.count(link_line("1", "DOWN->UP")) == 1; }, "the rise");
 }
 
 // ------------------------------------------------------------------------------------------------------------- dump

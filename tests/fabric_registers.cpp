@@ -1,11 +1,16 @@
 // Commands to cards: what each operation puts on the wire, what an answer must be to count, and what becomes of calls
 // when cards are silent, links fall, everybody calls at once, or the library stops.
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <cstdlib>
-#include <future>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
 #include <map>
 #include <optional>
-#include <random>
+#include <set>
 
 #include "fabric.h"
 
@@ -218,18 +223,15 @@ class registers : public fabric_t
             EXPECT_TRUE(same_frame(expected[i], seen[i])) << "frame " << i;
     }
 
-    // A tag that is in use for good is missing in the row.
-    void expect_all_tags_in_turn()
+    // A tag that is in use for good never comes up. In a second round those come up that rest during the first.
+    void expect_all_tags_to_be_free()
     {
-        const auto reads = [] {
-            for (int i = 1; i < 256; ++i)
-                EXPECT_EQ(read_reg(CARD, &ONCE), TIMEOUT);
-            return read_reg(CARD, &ONCE);
-        };
-        const frames_t frames = play(reads, TIMEOUT);
-        ASSERT_EQ(frames.size(), 256u);
-        for (size_t i = 1; i < frames.size(); ++i)
-            ASSERT_TRUE(same_frame(read_frame(static_cast<uint8_t>(frames[i - 1][23] + 1)), frames[i]));
+        std::set<uint8_t> tags;
+        for (int i = 0; i < 512 && tags.size() < 256; ++i) {
+            EXPECT_EQ(read_reg(CARD, &ONCE), TIMEOUT);
+            tags.insert(wire[0]->receive().at(23));
+        }
+        EXPECT_EQ(tags.size(), 256u);
     }
 
     std::vector<size_t> marked = {0, 1}; // ports
@@ -439,7 +441,144 @@ TEST_F(registers, request_beyond_256_in_flight_is_refused_at_once)
     }
     settle(0);
     marked = {0};
-    expect_all_tags_in_turn(); // and no frame of the refused calls before them
+    EXPECT_TRUE(wire[0]->received().empty()) << "of the refused calls";
+    expect_all_tags_to_be_free();
+}
+
+// Reads with four tags, of which some are answered late.
+class late_answers : public registers
+{
+  protected:
+    // One that has been sent.
+    struct read_t {
+        call_t ended;
+        uint32_t value = 0;
+        frame_t request;
+    };
+    using read_ptr = std::unique_ptr<read_t>;
+
+    read_ptr begin_read(uint32_t address, retry_t retry)
+    {
+        auto read = std::make_unique<read_t>();
+        const auto work = [=, to = &read->value] { return fxm_read_register(CARD, address, to, retry, 0); };
+        const auto is_it = [this, address, to = &read->request] {
+            *to = wire[0]->receive(); // or the repeat of another
+            return (to->at(26) << 8 | to->at(27)) == static_cast<int>(address);
+        };
+        read->ended = call(work);
+        wait_for(is_it, "the request");
+        tags.push_back(read->request.at(23));
+        return read;
+    }
+
+    void answer(const read_ptr &read, uint32_t value)
+    {
+        wire[0]->send(completion(read->request, value));
+        EXPECT_EQ(result_of(read->ended), OK);
+        foreign += read->value != value ? 1 : 0;
+    }
+
+    void answer_when_repeated(const read_ptr &read, uint32_t value)
+    {
+        wait_for([&] { return wire[0]->receive() == read->request; }, "the request again");
+        answer(read, value);
+    }
+
+    // Once more if the least rest of a tag, 1 s, may have ended meanwhile.
+    void rest_and(const std::function<void()> &round)
+    {
+        uint64_t begun = 0;
+        do {
+            if (manager.started()) {
+                EXPECT_EQ(stop(), OK);
+            }
+            tags.clear();
+            foreign = 0;
+            begin("tag_min = 0\ntag_max = 3\n", {0});
+            begun = now_ms();
+            round();
+        } while (now_ms() >= begun + 1000);
+    }
+
+    const fxm_retry_param_t REPEATED = {1000, 20};
+    std::vector<int> tags; // in the order of the requests
+    int foreign = 0;       // reads that got another value than theirs
+};
+
+TEST_F(late_answers, reach_no_later_read_of_the_card)
+{
+    rest_and([&] {
+        const read_ptr given_up = begin_read(0x100, &ONCE);
+        EXPECT_EQ(result_of(given_up->ended), TIMEOUT);
+        const read_ptr twice = begin_read(0x200, &REPEATED);
+        answer_when_repeated(twice, 2);
+        for (uint32_t i = 0; i < 6; ++i) {
+            const read_ptr read = begin_read(0x300 + 4 * i, &ANSWERED);
+            wire[0]->send(completion(given_up->request, 0xbad));
+            wire[0]->send(completion(twice->request, 0xbad));
+            answer(read, 0x300 + i);
+        }
+    });
+    EXPECT_EQ(foreign, 0);
+    EXPECT_EQ(tags, (std::vector{1, 2, 3, 0, 3, 0, 3, 0}));
+    const auto all_come_up = [&] {
+        answer(begin_read(0x400, &ANSWERED), 7);
+        return std::set(tags.end() - 4, tags.end()).size() == 4;
+    };
+    wait_for(all_come_up, "the end of both rests", [&] { return testing::PrintToString(tags); });
+}
+
+TEST_F(late_answers, are_least_likely_for_the_tag_that_has_rested_longest)
+{
+    rest_and([&] {
+        std::vector<read_ptr> reads;
+        for (uint32_t i = 0; i < 4; ++i)
+            reads.push_back(begin_read(0x100 + 4 * i, &REPEATED));
+        EXPECT_EQ(read_reg(CARD, &ONCE), FXM_API_EPROTO) << "with all in flight there is none";
+        for (const size_t i : {2u, 0u, 3u, 1u})
+            answer_when_repeated(reads[i], 1);
+        for (uint32_t i = 0; i < 4; ++i)
+            answer_when_repeated(begin_read(0x200 + 4 * i, &REPEATED), 2);
+    });
+    EXPECT_EQ(tags, (std::vector{1, 2, 3, 0, 3, 1, 0, 2}));
+    EXPECT_EQ(stop(), OK);
+
+    // One tag has none to make way for it.
+    begin("tag_min = 7\ntag_max = 7\n", {0});
+    EXPECT_EQ(read_reg(CARD, &ONCE), TIMEOUT);
+    const read_ptr read = begin_read(0x100, &FOR_EVER);
+    EXPECT_EQ(tags.back(), 7);
+    EXPECT_EQ(read_reg(CARD, &ONCE), FXM_API_EPROTO);
+    answer(read, 4);
+    EXPECT_GE(log.count("ERROR _fxm_get_tag: Can't get a tag value, because all tags are used."), 2u);
+}
+
+static std::atomic<bool> caller_held;
+
+TEST_F(registers, answer_that_comes_while_the_frame_is_still_leaving_is_not_lost)
+{
+    begin("", {0});
+    // Each frame at the card's end is a signal to the caller's thread, which takes it before it leaves the system call
+    // that sends, and is held there until the library has dealt with the answer.
+    signal(SIGIO, [](int) {
+        while (caller_held)
+            poll(nullptr, 0, 1);
+    });
+    const wire_t listener(0);
+    ASSERT_EQ(fcntl(listener.fd, F_SETFL, O_ASYNC), 0) << strerror(errno);
+    const fxm_retry_param_t once = {0, 2000};
+    for (int round = 0; round < 5 && !HasFailure(); ++round) {
+        caller_held = true;
+        call_t reading = call([&] {
+            const f_owner_ex caller = {F_OWNER_TID, gettid()};
+            EXPECT_EQ(fcntl(listener.fd, F_SETOWN_EX, &caller), 0) << strerror(errno);
+            return read_reg(CARD, &once);
+        });
+        wire[0]->send(completion(wire[0]->receive(), 7));
+        settle(0);
+        caller_held = false;
+        EXPECT_EQ(result_of(reading), OK);
+    }
 }
 
 TEST_F(registers, live_check_tries_in_order_each_channel_that_card_and_host_have)
@@ -504,7 +643,7 @@ TEST_F(registers, card_without_a_channel_is_reached_with_a_live_check_alone)
     expect(read_live, OK, {probe_frame(15), read_frame(16)}, ZERO);
     EXPECT_EQ(fxio(CARD).fio_card.fcd_state[0][0], 0u) << "an answer is no announcement";
     hear({0});
-    expect_all_tags_in_turn(); // also those of the operations without a channel
+    expect_all_tags_to_be_free(); // also those of the operations without a channel
 }
 
 TEST_F(registers, vlan_is_set_again_until_the_card_announces_it)

@@ -62,6 +62,9 @@ int main(void)
 {
     const int freed = fxm_free_idlist(NULL);
     const int started = fxm_start_manager();
-    printf("%d %d\n", freed, started);
-    return freed == FXM_API_SUCCESS && started == FXM_API_ENOSYS ? 0 : 1;
+    const int again = fxm_start_manager(); /* as a host does that waits for the library to come up */
+    if (freed == FXM_API_SUCCESS && started == FXM_API_ENOSYS && again == FXM_API_ENOSYS)
+        return 0;
+    fprintf(stderr, "%d %d %d\n", freed, started, again);
+    return 1;
 }

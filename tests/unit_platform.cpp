@@ -305,7 +305,7 @@ class tables_stand_in : public platform_stand_in
     }
 };
 
-TEST_F(tables_stand_in, link_that_rose_and_fell_between_two_readings_leaves_no_channel_up)
+TEST_F(tables_stand_in, reading_that_shows_no_change_takes_no_channel_down)
 {
     fxm_fxio_t card;
     memset(&card, 0, sizeof(card));
@@ -321,9 +321,9 @@ TEST_F(tables_stand_in, link_that_rose_and_fell_between_two_readings_leaves_no_c
     _fxm_link_state_update(1, 1);
     fxm_fx_guard_t guard;
     ASSERT_EQ(_fxm_get_fxio(0x10, &card, nullptr, FXM_TBL_RECORD), 0);
-    EXPECT_EQ(card.fio_card.fcd_state[0][0], 0u);
-    EXPECT_EQ(card.fio_card.fcd_state[1][0], 1u) << "a port that is up";
-    EXPECT_EQ(g_stats.port_total_down[0], 0u) << "no change of state is no fall";
+    EXPECT_EQ(card.fio_card.fcd_state[0][0], 1u) << "on a port that was down before";
+    EXPECT_EQ(card.fio_card.fcd_state[1][0], 1u);
+    EXPECT_EQ(g_stats.port_total_down[0], 0u);
 }
 
 TEST_F(platform_stand_in, receive_thread_stops_the_library_when_its_wait_fails)
