@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
-#include "fxm.h"
 #include "wait.h"
 
 namespace fs = std::filesystem;
@@ -162,6 +162,47 @@ installation_t::~installation_t()
 }
 
 void installation_t::configure(const std::string &lines) const { std::ofstream(dir / "conf/fxm.conf") << lines; }
+
+// --------------------------------------------------------------------------------------------------- calls and events
+
+call_t call(const std::function<int()> &function) { return std::async(std::launch::async, function); }
+
+bool has_ended(const call_t &running) { return running.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+
+int result_of(call_t &running)
+{
+    // A call that hangs leaves no place where the program could go on.
+    if (!poll_until([&] { return has_ended(running); })) {
+        fprintf(stderr, "a call has not returned\n");
+        abort();
+    }
+    return running.get();
+}
+
+std::ostream &operator<<(std::ostream &out, const event_t &event)
+{
+    static const char *const names[] = {"NEWDEVINFO",      "UPDATEDEVINFO",   "CONNECTIONCHANGE",
+                                        "MAJORMINORERROR", "PATHSTATECHANGE", "CHANNELSTATECHANGE"};
+    char id[32];
+    snprintf(id, sizeof(id), " 0x%.12llx", static_cast<unsigned long long>(event.id));
+    return out << (event.type >= 0 && event.type < 6 ? names[event.type] : "?") << id;
+}
+
+std::vector<event_t> events_of(uint64_t id, const std::vector<int32_t> &types)
+{
+    std::vector<event_t> events;
+    for (const int32_t type : types)
+        events.push_back({type, id});
+    return events;
+}
+
+std::string channels(const fxm_card_data_t &card)
+{
+    std::string text;
+    for (const auto &states : card.fcd_state)
+        text += {states[0] == 1 ? 'C' : 'D', states[1] == 1 ? 'C' : 'D'};
+    return text;
+}
 
 // ------------------------------------------------------------------------------------------------------------ manager
 

@@ -5,9 +5,14 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <future>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "fxm.h"
 
 // ---------------------------------------------------------------------------------------------------- logs and dumps
 
@@ -67,6 +72,25 @@ class installation_t
 
     std::filesystem::path dir;
 };
+
+// A call on a thread of its own.
+using call_t = std::future<int>;
+call_t call(const std::function<int()> &function);
+bool has_ended(const call_t &running);
+int result_of(call_t &running); // waits for its return; a call that hangs ends the program
+
+struct event_t {
+    int32_t type;
+    uint64_t id;
+    bool operator==(const event_t &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const event_t &event);
+
+// The event's kinds, all for one card, in order.
+std::vector<event_t> events_of(uint64_t id, const std::vector<int32_t> &types);
+
+// "CDDD": the channels of a card as the status dump shows them.
+std::string channels(const fxm_card_data_t &card);
 
 // fxm_init_manager on a thread.
 class manager_t

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -31,47 +30,6 @@ testing::AssertionResult same_frame(const frame_t &expected, const frame_t &actu
                                        << " bytes differ from offset " << differ - expected.begin() << "\nexpected\n"
                                        << to_hex(expected) << "\nactual\n"
                                        << to_hex(actual);
-}
-
-// -------------------------------------------------------------------------------------------------- calls and events
-
-call_t call(const std::function<int()> &function) { return std::async(std::launch::async, function); }
-
-bool has_ended(const call_t &running) { return running.wait_for(0s) == std::future_status::ready; }
-
-int result_of(call_t &running)
-{
-    // A call that hangs leaves no place where the test could go on.
-    if (!poll_until([&] { return has_ended(running); })) {
-        fprintf(stderr, "a call has not returned\n");
-        abort();
-    }
-    return running.get();
-}
-
-std::ostream &operator<<(std::ostream &out, const event_t &event)
-{
-    static const char *const names[] = {"NEWDEVINFO",      "UPDATEDEVINFO",   "CONNECTIONCHANGE",
-                                        "MAJORMINORERROR", "PATHSTATECHANGE", "CHANNELSTATECHANGE"};
-    char id[32];
-    snprintf(id, sizeof(id), " 0x%.12llx", static_cast<unsigned long long>(event.id));
-    return out << (event.type >= 0 && event.type < 6 ? names[event.type] : "?") << id;
-}
-
-std::vector<event_t> events_of(uint64_t id, const std::vector<int32_t> &types)
-{
-    std::vector<event_t> events;
-    for (const int32_t type : types)
-        events.push_back({type, id});
-    return events;
-}
-
-std::string channels(const fxm_card_data_t &card)
-{
-    std::string text;
-    for (const auto &states : card.fcd_state)
-        text += {states[0] == 1 ? 'C' : 'D', states[1] == 1 ? 'C' : 'D'};
-    return text;
 }
 
 // -------------------------------------------------------------------------------------------------------- the fixture

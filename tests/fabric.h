@@ -10,10 +10,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -32,27 +30,6 @@ testing::AssertionResult same_frame(const frame_t &expected, const frame_t &actu
 
 // MAC addresses of fxm0 and fxm1.
 constexpr uint64_t PORT_MAC[2] = {0x02000000aa00, 0x02000000aa01};
-
-// -------------------------------------------------------------------------------------------------- calls and events
-
-// A call on a thread of its own.
-using call_t = std::future<int>;
-call_t call(const std::function<int()> &function);
-bool has_ended(const call_t &running);
-int result_of(call_t &running); // waits for its return; a call that hangs ends the program
-
-struct event_t {
-    int32_t type;
-    uint64_t id;
-    bool operator==(const event_t &) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const event_t &event);
-
-// The event's kinds, all for one card, in order.
-std::vector<event_t> events_of(uint64_t id, const std::vector<int32_t> &types);
-
-// "CDDD": the channels of a card as the status dump shows them.
-std::string channels(const fxm_card_data_t &card);
 
 // ------------------------------------------------------------------------------------------------------ the fixture
 

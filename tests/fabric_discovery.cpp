@@ -223,7 +223,7 @@ TEST_F(discovery, frame_that_fails_a_check_leaves_one_line_and_is_counted_nowher
         {changed(fxsv_40g, {{18, "19"}}, 272), "Recv size is not enough. subtype=0x19, recv_size=272, msg_size=496"},
         {changed(fxio, {}, 43), "Recv size is not enough. subtype=0x10, recv_size=43, msg_size=44"},
         {changed(fxio, {{18, "19"}}, 43), "Recv size is not enough. subtype=0x19, recv_size=43, msg_size=44"},
-        {changed(fxio_mr, {}, 45), "Recv size is not enough. subtype=0x10, recv_size=45, msg_size=46"},
+        {changed(fxio_mr, {{26, "f1"}}, 45), "Recv size is not enough. subtype=0x10, recv_size=45, msg_size=46"},
         {changed(fxio_mr, {{18, "18"}}, 44), "Recv size is not enough. subtype=0x18, recv_size=44, msg_size=46"},
         {changed(fxsv_1g, {{21, "01"}}), "Drop 1G/10G DEVINFO to send from (ver=1) FX card."},
         {changed(fxio, {{18, "11"}, {21, "ff"}}), "Drop 1G/10G NOTIFY to send from (ver=255) FX card."},
@@ -317,7 +317,10 @@ TEST_F(discovery, each_change_of_an_fxio_card_raises_its_events_in_order)
                   {{{29, "03"}}, {UPDATE, CONNECTION}},
                   {{{22, "01"}}, {UPDATE, PATH}}, // 22 fault of link 0
                   {{{22, "02"}}, {UPDATE, PATH}}, // the one goes, the other comes
-                  {{{41, "01"}}, {UPDATE}},       // 41 class code
+                  {{{22, "03"}}, {UPDATE, PATH}}, // that of link 0 again
+                  {{{22, "01"}}, {UPDATE, PATH}}, // that of link 1 alone
+                  {{{22, "02"}}, {UPDATE, PATH}},
+                  {{{41, "01"}}, {UPDATE}}, // 41 class code
                   {{{22, "01"}, {27, "c0"}, {28, "10"}, {29, "01"}}, {UPDATE, CONNECTION, ERROR, PATH, CHANNEL}, 1}});
     EXPECT_EQ(fxio(FXIO).fio_substate[1], 0x01);
     EXPECT_EQ(log.count("INFO _update_fxio_devinfo: FXIO id=0x020000002000 state change to connect. P0M0: CONNECT, "
