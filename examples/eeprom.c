@@ -1,10 +1,12 @@
-/* Reads, writes, saves and restores the EEPROM of one card from the command line. Everything runs on
- * the main thread. */
+/* Reads, writes, saves and restores the EEPROM of one card. Everything runs on the main thread. */
 #include "host.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static const char _usage_text[] =
@@ -13,22 +15,22 @@ static const char _usage_text[] =
     "       fxm-eeprom [options] ID dump FILE\n"
     "       fxm-eeprom [options] ID restore FILE\n"
     "       fxm-eeprom [options] ID unlock\n"
-    "ID is the card, as 0x020000001000 or 02:00:00:00:10:00. An EEPROM has 2048 bytes; addresses are\n"
-    "multiples of 4 up to 0x7fc, and a file holds the words from address 0 on, least significant byte\n"
-    "first. Everything written is verified. unlock releases a lock that another manager has left\n"
-    "standing. Ctrl-C ends dump and restore between two words, so that no lock stays on the card.\n"
-    "  --force        clear the lock of another manager who does not give it back\n" HOST_TOOL_OPTIONS;
+    "Accesses the EEPROM of the card ID, which is a MAC such as 02:00:00:00:10:00. An EEPROM has 2048 bytes;\n"
+    "addresses are multiples of 4 up to 0x7fc. A FILE holds all words in order, each with its least\n"
+    "significant byte first. Every write is verified. unlock releases a lock that another manager has left\n"
+    "behind. Ctrl-C stops dump and restore between two words, so no lock remains on the card.\n"
+    "  --force        clear the lock of another manager that does not release it\n" HOST_TOOL_OPTIONS HOST_EXIT_CODES;
 
 #define EEPROM_SIZE 0x800u
-#define STEP_WORDS  4u /* what a dump reads between two looks at Ctrl-C */
+#define STEP_WORDS  4u /* words that a dump reads between two checks for Ctrl-C */
 #define BAR_WIDTH   40u
 
 enum { READ, WRITE, DUMP, RESTORE, UNLOCK };
 static const host_command_t _commands[] = {{"read", 1},    {"write", 2},  {"dump", 1},
                                            {"restore", 1}, {"unlock", 0}, {NULL, 0}};
-static const host_usage_t _usage = {_usage_text, FXM_FLAG_LIVECHECK | FXM_FLAG_FORCELOCK, _commands};
+static const host_usage_t _usage = {"fxm-eeprom", _usage_text, FXM_FLAG_LIVECHECK | FXM_FLAG_FORCELOCK, _commands};
 
-/* A whole EEPROM takes a minute: a person who watches sees a bar, a log file does not. */
+/* A whole EEPROM takes about a minute. The bar is for a terminal only; it would clutter a log file. */
 static void _progress(const char *what, uint32_t done, uint32_t total)
 {
     char bar[BAR_WIDTH + 1] = "";
@@ -40,29 +42,81 @@ static void _progress(const char *what, uint32_t done, uint32_t total)
             done == total ? "\n" : "");
 }
 
-/* The broken end of a bar is left standing above the message. */
+/* Leaves the unfinished bar on its line, so that a message can follow. */
 static void _progress_stopped(void)
 {
     if (isatty(STDERR_FILENO))
         fputc('\n', stderr);
 }
 
-static int _file_failed(const char *doing, const char *path)
+/* False, so that it ends the function that calls it. */
+static bool _file_failed(const char *doing, const char *path)
 {
     fprintf(stderr, "Cannot %s %s: %s\n", doing, path, strerror(errno));
-    return HOST_FAILED;
+    return false;
 }
 
 static int _interrupted(const char *what, uint32_t done)
 {
+    _progress_stopped();
     fprintf(stderr, "Interrupted: %s %u of %u bytes.\n", what, done, EEPROM_SIZE);
-    return HOST_FAILED;
+    return HOST_INTERRUPTED;
 }
 
-/* The file comes last and whole: a dump that fails leaves none, and an older one stays as it is. */
-static int _dump(const host_tool_t *tool, const char *path)
+/* The file of a dump. It is written under a temporary name and renamed when it is complete, so a dump that fails leaves
+ * no file behind and an existing file as it was. A device or a pipe cannot be renamed and is written directly. */
+static struct {
+    FILE *stream;
+    char path[PATH_MAX];      /* empty for a device or a pipe */
+    char temporary[PATH_MAX]; /* beside it */
+} _file;
+
+/* Opens the file before the card is read: a minute later would be late for "cannot create". */
+static bool _create_file(const char *path)
 {
-    uint8_t bytes[EEPROM_SIZE];
+    struct stat status;
+    const bool exists = stat(path, &status) == 0;
+    const mode_t mask = umask(0);
+    int fd = -1;
+
+    umask(mask);
+    if (exists && !S_ISREG(status.st_mode)) {
+        _file.stream = fopen(path, "wb");
+        return _file.stream != NULL || _file_failed("open", path);
+    }
+    /* The target of a symbolic link is replaced, not the link. */
+    errno = 0;
+    if (exists ? realpath(path, _file.path) == NULL || access(path, W_OK) != 0
+               : snprintf(_file.path, sizeof _file.path, "%s", path) >= (int)sizeof _file.path)
+        return _file_failed("write", path);
+    if (snprintf(_file.temporary, sizeof _file.temporary, "%s.XXXXXX", _file.path) < (int)sizeof _file.temporary)
+        fd = mkstemp(_file.temporary);
+    if (fd < 0)
+        return _file_failed("create a file beside", path);
+    fchmod(fd, exists ? status.st_mode & 0777 : 0666 & ~mask);
+    _file.stream = fdopen(fd, "wb");
+    return _file.stream != NULL;
+}
+
+/* Ends a dump with its exit code: writes `bytes` and keeps the file after HOST_DONE, and discards it otherwise. */
+static int _close_file(const char *path, const uint8_t *bytes, int status)
+{
+    bool good = status != HOST_DONE || fwrite(bytes, 1, EEPROM_SIZE, _file.stream) == EEPROM_SIZE;
+
+    good = fclose(_file.stream) == 0 && good;
+    if (good && status == HOST_DONE && _file.path[0] != '\0')
+        good = rename(_file.temporary, _file.path) == 0;
+    if (!good) {
+        _file_failed("write", path);
+        status = HOST_FAILED;
+    }
+    if (status != HOST_DONE && _file.path[0] != '\0')
+        unlink(_file.temporary);
+    return status;
+}
+
+static int _dump(const host_tool_t *tool, uint8_t *bytes)
+{
     uint32_t addr = 0;
 
     for (; addr < EEPROM_SIZE && !host_stop_asked(0); addr += 4 * STEP_WORDS) {
@@ -77,32 +131,24 @@ static int _dump(const host_tool_t *tool, const char *path)
         for (uint32_t i = 0; i < 4 * STEP_WORDS; i++)
             bytes[addr + i] = (uint8_t)(words[i / 4] >> 8 * (i % 4));
     }
-    if (addr < EEPROM_SIZE) {
-        _progress_stopped();
+    if (addr < EEPROM_SIZE)
         return _interrupted("no file was written after reading", addr);
-    }
     _progress("Reading", addr, EEPROM_SIZE);
-    FILE *file = fopen(path, "wb");
-    if (file == NULL)
-        return _file_failed("create", path);
-    size_t written = fwrite(bytes, 1, EEPROM_SIZE, file);
-    return fclose(file) != 0 || written != EEPROM_SIZE ? _file_failed("write", path) : HOST_DONE;
+    return HOST_DONE;
 }
 
-/* Read and checked before the card is touched. */
+/* Reads and checks the file before the card is touched. */
 static bool _read_file(const char *path, uint8_t *bytes)
 {
     FILE *file = fopen(path, "rb");
 
-    if (file == NULL) {
-        _file_failed("open", path);
-        return false;
-    }
+    if (file == NULL)
+        return _file_failed("open", path);
     size_t size = fread(bytes, 1, EEPROM_SIZE, file);
     bool whole = size == EEPROM_SIZE && fgetc(file) == EOF;
     fclose(file);
     if (!whole)
-        fprintf(stderr, "%s is no dump of an EEPROM: it must have %u bytes.\n", path, EEPROM_SIZE);
+        fprintf(stderr, "%s is not an EEPROM dump: a dump has exactly %u bytes.\n", path, EEPROM_SIZE);
     return whole;
 }
 
@@ -118,14 +164,12 @@ static int _restore(const host_tool_t *tool, const uint8_t *bytes)
         int result = fxm_write_eeprom(tool->id, addr, word, tool->retry, tool->flags | FXM_FLAG_VERIFY);
         if (result != FXM_API_SUCCESS) {
             _progress_stopped();
-            fprintf(stderr, "The word at 0x%.3x could not be written; those before it are.\n", addr);
+            fprintf(stderr, "All words before 0x%.3x have been restored; this one could not be written.\n", addr);
             return host_tool_report(tool, "restore", result);
         }
     }
-    if (addr < EEPROM_SIZE) {
-        _progress_stopped();
-        return _interrupted("the card has got", addr);
-    }
+    if (addr < EEPROM_SIZE)
+        return _interrupted("the card has received", addr);
     _progress("Restoring", addr, EEPROM_SIZE);
     return HOST_DONE;
 }
@@ -136,7 +180,7 @@ int main(int argc, char **argv)
     int status = HOST_USAGE;
     uint32_t addr = 0;
     uint32_t data = 0;
-    uint8_t bytes[EEPROM_SIZE];
+    uint8_t bytes[EEPROM_SIZE] = {0};
 
     if (!host_tool_arguments(argc, argv, &_usage, &tool, &status))
         return status;
@@ -151,8 +195,12 @@ int main(int argc, char **argv)
     if (tool.command == RESTORE && !_read_file(tool.argv[0], bytes))
         return HOST_FAILED;
 
-    if (!host_tool_start(&tool))
+    if (tool.command == DUMP && !_create_file(tool.argv[0]))
         return HOST_FAILED;
+
+    status = host_tool_start(&tool);
+    if (status != HOST_DONE)
+        return tool.command == DUMP ? _close_file(tool.argv[0], bytes, status) : status;
     switch (tool.command) {
     case READ:
         status = host_tool_report(&tool, "read", fxm_read_eeprom(tool.id, addr, &data, tool.retry, tool.flags));
@@ -164,7 +212,7 @@ int main(int argc, char **argv)
                                   fxm_write_eeprom(tool.id, addr, data, tool.retry, tool.flags | FXM_FLAG_VERIFY));
         break;
     case DUMP:
-        status = _dump(&tool, tool.argv[0]);
+        status = _close_file(tool.argv[0], bytes, _dump(&tool, bytes));
         break;
     case RESTORE:
         status = _restore(&tool, bytes);
@@ -173,5 +221,5 @@ int main(int argc, char **argv)
         status = host_tool_report(&tool, "unlock", fxm_unlock_eeprom(tool.id));
         break;
     }
-    return host_stop() == FXM_API_SUCCESS ? status : HOST_FAILED;
+    return host_tool_end(status);
 }

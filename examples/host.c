@@ -1,8 +1,9 @@
-/* What every host of the library needs; see host.h. Main thread, except _run, which is the manager's own. */
+/* What every host of the library needs; see host.h. Everything runs on the main thread, except _run. */
 #include "host.h"
 
 #include <errno.h>
 #include <getopt.h>
+#include <inttypes.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdatomic.h>
@@ -11,6 +12,8 @@
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
+
+#include "explain.h"
 
 #define WAIT_DEFAULT     10u /* seconds; cards announce themselves every second */
 #define RETRIES_DEFAULT  10u
@@ -24,6 +27,7 @@ static struct {
     bool stop_asked;
 } _host;
 
+/* The manager's thread. */
 static void *_run(void *unused)
 {
     (void)unused;
@@ -69,59 +73,39 @@ const char *host_result(int result)
     }
 }
 
-/* fxm_init_manager has one result for all that goes wrong, and a first start goes wrong for few reasons: name them. */
-static void _explain_start(int result)
-{
-    char path[4096];
-    fprintf(stderr, "fxm did not start in %s: %s\n", _host.dir, host_result(result));
-    snprintf(path, sizeof path, "%s/conf/fxm_log4c_win.properties", _host.dir);
-    if (result == FXM_API_EINVAL)
-        fprintf(stderr, "%s is not a directory: give the installation directory with --dir.\n", _host.dir);
-    else if (result == FXM_API_ENOENT)
-        fprintf(stderr, "None of its ports exists: compare ether_port in %s/conf/fxm.conf with `ip link`.\n",
-                _host.dir);
-    else if (result == FXM_API_EPROTO && access(path, R_OK) != 0)
-        fprintf(stderr, "Cannot read %s: %s. Copy the sample of the same name there.\n", path, strerror(errno));
-    else if (result == FXM_API_EPROTO && geteuid() != 0)
-        fprintf(stderr,
-                "Raw sockets need root or CAP_NET_RAW: run it with sudo. If it has that right, the log tells.\n");
-    else if (result == FXM_API_EPROTO)
-        fprintf(stderr,
-                "Its log names the reason: a bad line of fxm.conf, or a port that cannot be opened. The log files are"
-                " those of %s.\n",
-                path);
-}
-
 bool host_start(const char *dir)
 {
     uint64_t *list = NULL;
     uint32_t count = 0;
 
-    /* Blocked before the library makes its threads, which inherit it, the signals stay pending until host_stop_asked
-     * fetches them: no handler is needed, and a word on its way to an EEPROM is not torn off. */
+    /* The library's threads inherit the mask, so the signals stay pending until host_stop_asked fetches them. No
+     * handler is needed, and a signal never cuts short an EEPROM write. */
     const sigset_t signals = _stop_signals();
     pthread_sigmask(SIG_BLOCK, &signals, NULL);
     free(_host.dir);
     _host.dir = strdup(dir);
     atomic_store(&_host.running, true);
     if (_host.dir == NULL || pthread_create(&_host.thread, NULL, _run, NULL) != 0) {
-        fprintf(stderr, "No memory for the manager's thread.\n");
+        fprintf(stderr, "Cannot start a thread for fxm: out of memory.\n");
         atomic_store(&_host.running, false);
         return false;
     }
-    /* Every function answers FXM_API_ENOSYS until start-up is complete, and for ever when it has failed: so look at the
-     * thread too. */
+    /* Every function returns FXM_API_ENOSYS until start-up is complete, and for good if it has failed, so the loop
+     * watches the thread too. A request to stop waits the few milliseconds until the manager is up: the caller's first
+     * host_stop_asked sees it. */
+    const struct timespec pause = {0, 10 * 1000000L};
     int result;
     do {
-        host_stop_asked(10);
+        nanosleep(&pause, NULL);
         result = fxm_get_fxsvids(&list, &count);
     } while (result == FXM_API_ENOSYS && host_running());
     if (result != FXM_API_ENOSYS) {
         fxm_free_idlist(list);
+        explain_ports(dir);
         return true;
     }
     pthread_join(_host.thread, NULL);
-    _explain_start(_host.result);
+    explain_start(dir, _host.result);
     return false;
 }
 
@@ -141,7 +125,8 @@ int host_stop(void)
     fxm_fini_manager();
     pthread_join(_host.thread, NULL);
     if (_host.result != FXM_API_SUCCESS)
-        fprintf(stderr, "fxm stopped with %s. Its log has a FATAL line with the reason.\n", host_result(_host.result));
+        fprintf(stderr, "fxm stopped by itself: %s. A FATAL line in its log names the reason.\n",
+                host_result(_host.result));
     return _host.result;
 }
 
@@ -175,20 +160,29 @@ const char *host_channels(const fxm_card_data_t *card, char *text)
 
 bool host_parse_id(const char *text, uint64_t *id)
 {
-    char digits[13] = "";
-    size_t length = 0;
+    const char separator = text[strcspn(text, ":-.")];
+    size_t group = 12; /* digits between two separators */
+    uint64_t value = 0;
 
-    if (strncmp(text, "0x", 2) == 0)
+    if (separator != '\0')
+        group = separator == '.' ? 4 : 2;
+    else if (text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
         text += 2;
+    if (strlen(text) != 12 + 12 / group - 1)
+        return false;
     for (size_t i = 0; text[i] != '\0'; i++) {
-        if (text[i] == ':' && i % 3 == 2)
+        const char digit[2] = {text[i], '\0'};
+        if (i % (group + 1) == group) {
+            if (text[i] != separator)
+                return false;
             continue;
-        if (length == 12 || strchr("0123456789abcdefABCDEF", text[i]) == NULL)
+        }
+        if (strspn(digit, "0123456789abcdefABCDEF") == 0)
             return false;
-        digits[length++] = text[i];
+        value = value << 4 | strtoul(digit, NULL, 16);
     }
-    *id = strtoull(digits, NULL, 16);
-    return length == 12;
+    *id = value;
+    return true;
 }
 
 bool host_parse_u32(const char *text, uint32_t *value)
@@ -205,9 +199,11 @@ bool host_parse_u32(const char *text, uint32_t *value)
 
 /* ------------------------------------------------------------------------- tools that work on one card and end */
 
+void host_print_version(const char *program) { printf("%s %s\n", program, HOST_VERSION); }
+
 static bool _refuse(int *status, const host_usage_t *usage, const char *what, const char *on)
 {
-    fprintf(stderr, "%s: %s\n\n%s", what, on, usage->text);
+    fprintf(stderr, "%s: %s: %s\nSee \"%s --help\".\n", usage->program, what, on, usage->program);
     *status = HOST_USAGE;
     return false;
 }
@@ -215,21 +211,17 @@ static bool _refuse(int *status, const host_usage_t *usage, const char *what, co
 bool host_tool_arguments(int argc, char **argv, const host_usage_t *usage, host_tool_t *tool, int *status)
 {
     static const struct option options[] = {
-        {"dir", required_argument, NULL, 'd'},
-        {"wait", required_argument, NULL, 'w'},
-        {"retries", required_argument, NULL, 'r'},
-        {"interval", required_argument, NULL, 'i'},
-        {"livecheck", no_argument, NULL, 'l'},
-        {"verify", no_argument, NULL, 'v'},
-        {"force", no_argument, NULL, 'f'},
-        {"help", no_argument, NULL, 'h'},
-        {NULL, 0, NULL, 0},
+        {"dir", required_argument, NULL, 'd'},     {"wait", required_argument, NULL, 'w'},
+        {"retries", required_argument, NULL, 'r'}, {"interval", required_argument, NULL, 'i'},
+        {"livecheck", no_argument, NULL, 'l'},     {"verify", no_argument, NULL, 'v'},
+        {"force", no_argument, NULL, 'f'},         {"help", no_argument, NULL, 'h'},
+        {"version", no_argument, NULL, 'V'},       {NULL, 0, NULL, 0},
     };
     static fxm_retry_param_t retry;
 
     *tool = (host_tool_t){.dir = HOST_DIR, .wait = WAIT_DEFAULT};
     retry = (fxm_retry_param_t){RETRIES_DEFAULT, INTERVAL_DEFAULT};
-    for (int option; (option = getopt_long(argc, argv, "", options, NULL)) != -1;) {
+    for (int option; (option = getopt_long(argc, argv, "h", options, NULL)) != -1;) {
         uint32_t flag = 0;
         uint32_t *number = NULL;
         switch (option) {
@@ -260,52 +252,81 @@ bool host_tool_arguments(int argc, char **argv, const host_usage_t *usage, host_
             fputs(usage->text, stdout);
             *status = HOST_DONE;
             return false;
-        default: /* getopt_long has said what is wrong */
-            fputs(usage->text, stderr);
+        case 'V':
+            host_print_version(usage->program);
+            *status = HOST_DONE;
+            return false;
+        default: /* getopt_long has printed what is wrong */
+            fprintf(stderr, "See \"%s --help\".\n", usage->program);
             *status = HOST_USAGE;
             return false;
         }
         if (number != NULL && !host_parse_u32(optarg, number))
-            return _refuse(status, usage, "Not a number", optarg);
+            return _refuse(status, usage, "not a 32-bit number", optarg);
         if ((flag & ~usage->flags) != 0)
-            return _refuse(status, usage, "This tool has no such option", argv[optind - 1]);
+            return _refuse(status, usage, "this tool has no such option", argv[optind - 1]);
         tool->flags |= flag;
     }
     if (retry.retry_int == 0)
-        return _refuse(status, usage, "An interval is 1 ms or more", "--interval 0");
+        return _refuse(status, usage, "an interval is at least 1 ms", "--interval 0");
     if (argc - optind < 2)
-        return _refuse(status, usage, "Missing", argc == optind ? "the card's id and a command" : "a command");
+        return _refuse(status, usage, "missing", argc == optind ? "the card's id and a command" : "a command");
     if (!host_parse_id(argv[optind], &tool->id))
-        return _refuse(status, usage, "Not a card id (0x020000001000 or 02:00:00:00:10:00)", argv[optind]);
+        return _refuse(status, usage, "not a card id, such as 02:00:00:00:10:00", argv[optind]);
     const char *word = argv[optind + 1];
     while (usage->commands[tool->command].word != NULL && strcmp(usage->commands[tool->command].word, word) != 0)
         tool->command++;
     if (usage->commands[tool->command].word == NULL)
-        return _refuse(status, usage, "Unknown command", word);
+        return _refuse(status, usage, "unknown command", word);
     if (argc - optind - 2 != usage->commands[tool->command].argc)
-        return _refuse(status, usage, "Wrong number of arguments for", word);
+        return _refuse(status, usage, "wrong number of arguments", word);
     tool->argv = argv + optind + 2;
     return true;
 }
 
-bool host_tool_start(const host_tool_t *tool)
+/* True once a channel of the card is up. The odd MAC of a 40G card is accepted for its id, the even one. */
+static bool _is_reachable(host_tool_t *tool)
 {
     fxm_card_data_t card;
     char channels[HOST_CHANNELS];
+    uint64_t id = tool->id;
 
-    if (!host_start(tool->dir))
+    if (host_find_card(id, &card) == NULL) {
+        id &= ~1ull;
+        if (host_find_card(id, &card) == NULL || card.fcd_type == 0)
+            return false;
+    }
+    if (strcmp(host_channels(&card, channels), "none") == 0)
         return false;
+    if (id != tool->id)
+        fprintf(stderr, "0x%.12" PRIx64 " is the second MAC of the 40G card 0x%.12" PRIx64 ".\n", tool->id, id);
+    tool->id = id;
+    return true;
+}
+
+int host_tool_start(host_tool_t *tool)
+{
+    if (!host_start(tool->dir))
+        return HOST_NOT_STARTED;
     fxm_start_manager();
-    for (uint64_t waited = 0; waited <= tool->wait * 100ull && host_running() && !host_stop_asked(10); waited++)
-        if (host_find_card(tool->id, &card) != NULL && strcmp(host_channels(&card, channels), "none") != 0)
-            return true;
-    if (host_running() && !host_stop_asked(0))
+    bool reachable = false;
+    for (uint64_t waited = 0; waited <= tool->wait * 100ull && !reachable && host_running(); waited++) {
+        if (host_stop_asked(10)) {
+            host_stop();
+            fprintf(stderr, "Interrupted before anything was sent to card 0x%.12" PRIx64 ".\n", tool->id);
+            return HOST_INTERRUPTED;
+        }
+        reachable = _is_reachable(tool);
+    }
+    if (reachable)
+        return HOST_DONE;
+    if (host_running())
         fprintf(stderr,
-                "Card 0x%.12llx has not announced itself in %u seconds. See what is there with fxm-monitor, or wait "
-                "longer with --wait.\n",
-                (unsigned long long)tool->id, tool->wait);
+                "Card 0x%.12" PRIx64 " has not announced itself within %u seconds. List the cards with fxm-monitor, or"
+                " wait longer with --wait.\n",
+                tool->id, tool->wait);
     host_stop();
-    return false;
+    return HOST_FAILED;
 }
 
 int host_tool_report(const host_tool_t *tool, const char *what, int result)
@@ -315,12 +336,24 @@ int host_tool_report(const host_tool_t *tool, const char *what, int result)
     if (result == FXM_API_SUCCESS)
         return HOST_DONE;
     if (result == FXM_API_ENOLINK)
-        advice = " Its channels are down: --livecheck looks for one on which it answers.";
+        advice = " Its channels are down. --livecheck looks for a channel on which it answers.";
     else if (result == FXM_API_ETIMEDOUT)
         advice = " Try again with more --retries or a longer --interval.";
     else if (result == FXM_API_EBUSY)
         advice = " Try again later, or take the lock with --force.";
-    fprintf(stderr, "%s on card 0x%.12llx failed: %s.%s\n", what, (unsigned long long)tool->id, host_result(result),
-            advice);
+    else if (result == FXM_API_EPROTO)
+        advice = " The log has the reason.";
+    fprintf(stderr, "%s on card 0x%.12" PRIx64 " failed: %s.%s\n", what, tool->id, host_result(result), advice);
     return HOST_FAILED;
+}
+
+int host_tool_end(int status)
+{
+    const bool stopped = host_stop() == FXM_API_SUCCESS;
+
+    if (fflush(stdout) != 0 || ferror(stdout)) {
+        fprintf(stderr, "Cannot write to standard output: %s.\n", strerror(errno));
+        return HOST_FAILED;
+    }
+    return stopped ? status : HOST_FAILED;
 }

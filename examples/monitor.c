@@ -1,5 +1,5 @@
-/* The smallest host: starts the library, prints every event with the card behind it and now and then a table of all
- * cards, and stops on Ctrl-C. The main thread waits for the end; events come on the library's event thread. */
+/* The smallest host: starts the library, prints every event together with its card, and stops on Ctrl-C. The main
+ * thread prints a table of all cards now and then; events arrive on the library's event thread. */
 #include "host.h"
 
 #include <getopt.h>
@@ -8,14 +8,18 @@
 #include <time.h>
 
 static const char _usage[] = "Usage: fxm-monitor [--dir DIR] [--table S] [--seconds N]\n"
-                             "Shows the cards of the management network and what happens to them, until Ctrl-C.\n"
+                             "Shows the cards of the management network and their events, until Ctrl-C.\n"
                              "  --dir DIR    installation directory with conf/fxm.conf (default " HOST_DIR ")\n"
-                             "  --table S    a table of all cards every S seconds (default: at the end only)\n"
-                             "  --seconds N  stop after N seconds\n";
+                             "  --table S    print a table of all cards every S seconds (default: at the end only)\n"
+                             "  --seconds N  stop after N seconds\n"
+                             "  --version    print the version\n"
+                             "  -h, --help   print this text\n"
+                             "Exit code: 0 stopped by Ctrl-C, SIGTERM or --seconds, 1 failed, 2 wrong usage, 3 fxm did "
+                             "not start.\n";
 
 static const char *const _event_words[] = {"new", "update", "connection", "error", "path", "channel"};
 
-/* What only one class of card has: partners of an FXSV card's down ports, or what stands behind an FXIO card. */
+/* Prints what only one class has: the partners of an FXSV card's down ports, or the PCI function of an FXIO card. */
 static void _print_class(uint64_t id)
 {
     fxm_fxsv_t fxsv;
@@ -45,7 +49,7 @@ static void _print_card(uint64_t id)
     const char *class_word = host_find_card(id, &card);
 
     if (class_word == NULL) {
-        printf("0x%.12" PRIx64 " (deleted meanwhile)\n", id);
+        printf("0x%.12" PRIx64 " (has been deleted)\n", id);
         return;
     }
     printf("0x%.12" PRIx64 " %s %-6s vlan=%-4u int=%02x %-19s", id, class_word, card.fcd_type ? "40G" : "1/10G",
@@ -65,8 +69,8 @@ static void _print_time(void)
     printf("%s.%03ld ", text, now.tv_nsec / 1000000);
 }
 
-/* An event carries the id alone; the card is read here, as it is now. The lock of stdout keeps lines whole beside a
- * table. */
+/* An event carries only the id, so the card is read here, as it is now. Locking stdout keeps the line apart from a
+ * table that the main thread prints. */
 static void _on_event(uint64_t id, int32_t type, uint64_t arg)
 {
     (void)arg;
@@ -81,7 +85,7 @@ static void _on_event(uint64_t id, int32_t type, uint64_t arg)
 static uint32_t _print_list(int (*get_ids)(uint64_t **, uint32_t *))
 {
     uint64_t *list = NULL;
-    uint32_t count = 0; /* no limit of our own */
+    uint32_t count = 0; /* the configured limit applies */
 
     if (get_ids(&list, &count) != FXM_API_SUCCESS)
         return 0;
@@ -107,38 +111,44 @@ static void _print_table(void)
 
 int main(int argc, char **argv)
 {
-    static const struct option options[] = {{"dir", required_argument, NULL, 'd'},
-                                            {"table", required_argument, NULL, 't'},
-                                            {"seconds", required_argument, NULL, 's'},
-                                            {"help", no_argument, NULL, 'h'},
-                                            {NULL, 0, NULL, 0}};
+    static const struct option options[] = {
+        {"dir", required_argument, NULL, 'd'},     {"table", required_argument, NULL, 't'},
+        {"seconds", required_argument, NULL, 's'}, {"help", no_argument, NULL, 'h'},
+        {"version", no_argument, NULL, 'V'},       {NULL, 0, NULL, 0}};
     const char *dir = HOST_DIR;
     uint32_t table = 0;
     uint32_t seconds = 0;
 
-    for (int option; (option = getopt_long(argc, argv, "", options, NULL)) != -1;) {
+    for (int option; (option = getopt_long(argc, argv, "h", options, NULL)) != -1;) {
         if (option == 'd') {
             dir = optarg;
         } else if (option == 'h') {
             fputs(_usage, stdout);
             return HOST_DONE;
-        } else if (option == '?' || !host_parse_u32(optarg, option == 't' ? &table : &seconds)) {
-            fputs(_usage, stderr);
+        } else if (option == 'V') {
+            host_print_version("fxm-monitor");
+            return HOST_DONE;
+        } else if (option == '?') { /* getopt_long has printed what is wrong */
+            fputs("See \"fxm-monitor --help\".\n", stderr);
+            return HOST_USAGE;
+        } else if (!host_parse_u32(optarg, option == 't' ? &table : &seconds)) {
+            fprintf(stderr, "fxm-monitor: not a 32-bit number: %s\nSee \"fxm-monitor --help\".\n", optarg);
             return HOST_USAGE;
         }
     }
     if (optind < argc) {
-        fprintf(stderr, "Unknown argument: %s\n\n%s", argv[optind], _usage);
+        fprintf(stderr, "fxm-monitor: unknown argument: %s\nSee \"fxm-monitor --help\".\n", argv[optind]);
         return HOST_USAGE;
     }
 
     if (!host_start(dir))
-        return HOST_FAILED;
+        return HOST_NOT_STARTED;
     for (int32_t type = FXM_EVT_NEWDEVINFO; type <= FXM_EVT_CHANNELSTATECHANGE; type++) {
         void *cbid;
         int result = fxm_register_callback(type, _on_event, 0, &cbid);
         if (result != FXM_API_SUCCESS)
-            fprintf(stderr, "Events of the kind \"%s\" will be missing: %s\n", _event_words[type], host_result(result));
+            fprintf(stderr, "Events of the kind \"%s\" will not be shown: %s\n", _event_words[type],
+                    host_result(result));
     }
     fxm_start_manager();
     puts("fxm is running; Ctrl-C stops it.");
@@ -151,5 +161,5 @@ int main(int argc, char **argv)
             break;
     }
     _print_table();
-    return host_stop() == FXM_API_SUCCESS ? HOST_DONE : HOST_FAILED;
+    return host_tool_end(HOST_DONE);
 }

@@ -1,6 +1,6 @@
-# shellcheck shell=bash disable=SC2034 # the variables are for the scripts that source it
-# What the scripts share: packages, network namespaces, headings. Sourced by them, with the top of the tree as the
-# working directory afterwards.
+# shellcheck shell=bash disable=SC2034,SC2154 # variables that the sourcing scripts use and set
+# What the scripts share: options, packages, network namespaces, headings. The scripts source this file; afterwards the
+# working directory is the top of the tree.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -15,11 +15,36 @@ die() {
     exit 1
 }
 
-# need_packages NAME...: installs what is missing, with apt-get, as root or by sudo; else says what to type.
+# common_options "$@": ends the script if -h, --help or --version is among its arguments. `usage` holds the usage text.
+common_options() {
+    local argument
+    for argument in "$@"; do
+        case $argument in
+        -h | --help)
+            printf '%s\n' "$usage"
+            exit 0
+            ;;
+        --version)
+            # CMakeLists.txt is the one place of the version.
+            printf '%s (fxm) %s\n' "${0##*/}" "$(sed -n 's/^project(fxm VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)"
+            exit 0
+            ;;
+        esac
+    done
+}
+
+# wrong_usage ARGUMENT: ends the script because of an argument that it does not know.
+wrong_usage() {
+    printf '%s: unknown argument: %s\n%s\n' "${0##*/}" "$1" "$usage" >&2
+    exit 2
+}
+
+# need_packages NAME...: installs the missing packages with apt-get, as root or with sudo. Where it may not, it prints
+# the command to type.
 need_packages() {
     local missing=() package as_root=()
     if ! command -v dpkg-query >/dev/null; then
-        printf 'This machine has no dpkg; the equivalents of these Debian packages are needed: %s\n' "$*" >&2
+        printf 'This machine has no dpkg. Install the equivalents of these Debian packages: %s\n' "$*" >&2
         return
     fi
     for package in "$@"; do
@@ -27,25 +52,25 @@ need_packages() {
         [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
     done
     [ ${#missing[@]} -gt 0 ] || return 0
-    say "Installing packages that are missing: ${missing[*]}"
+    say "Installing missing packages: ${missing[*]}"
     if [ "$(id -u)" -ne 0 ]; then
-        # Asking for a password needs somebody to ask.
+        # sudo can ask for a password only at a terminal.
         if command -v sudo >/dev/null && { sudo -n true 2>/dev/null || [ -t 0 ]; }; then
             as_root=(sudo)
         else
             die "these packages are missing: ${missing[*]}
 Type, as root:  apt-get update && apt-get install -y ${missing[*]}
-and start ${0##*/} again."
+and run ${0##*/} again."
         fi
     fi
     "${as_root[@]}" apt-get update -q ||
-        printf 'apt-get update failed; trying with the package lists that are there.\n' >&2
+        printf 'apt-get update failed. Continuing with the existing package lists.\n' >&2
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "${missing[@]}" ||
-        die "apt-get could not install: ${missing[*]}. Its messages stand above."
+        die "apt-get could not install: ${missing[*]}. See its messages above."
 }
 
-# need_clang: installs clang, and sets FXM_FORMAT and FXM_TIDY to the commands that look at the tree. What these find
-# differs from version to version, so each is empty where the tree's own version is not to be had.
+# need_clang: installs clang, and sets FXM_FORMAT and FXM_TIDY to the commands that check the tree. Their findings
+# differ from version to version, so each is empty if the required version is not available.
 need_clang() {
     local v=$FXM_CLANG_VERSION
     need_packages clang
@@ -54,18 +79,18 @@ need_clang() {
         need_packages "clang-format-$v"
         FXM_FORMAT=clang-format-$v
     fi
-    # An older lint does not understand the headers of a newer system.
+    # An older lint cannot parse the headers of a newer system.
     if clang --version | grep -q "version $v\."; then
         need_packages "clang-tidy-$v"
         FXM_TIDY=clang-tidy-$v
     fi
 }
 
-# need_network: sets FXM_UNSHARE to the command that runs another one in a network namespace of its own, with the right
-# to make interfaces there; without such a command says what is missing and what to type.
+# need_network: sets FXM_UNSHARE to the command that runs another command in a new network namespace, with the right to
+# create interfaces there. If there is no such command, it prints what is missing and what to type.
 need_network() {
     local try
-    # iproute2 lives in sbin, which a user's PATH may lack.
+    # iproute2 is in sbin, which may be missing from a user's PATH.
     PATH=$PATH:/usr/sbin:/sbin
     for try in "unshare -n" "unshare -rn"; do
         if $try ip link add fxmtry0 type veth peer name fxmtry1 2>/dev/null; then
@@ -73,37 +98,37 @@ need_network() {
             return
         fi
     done
-    die "cannot make a network namespace with a pair of virtual interfaces in it. Either
-  run it as root:                            sudo ./scripts/${0##*/}
-or let users make namespaces of their own, as root:
+    die "cannot create a network namespace with a pair of virtual interfaces. Either
+  run the script as root:                    sudo ./scripts/${0##*/}
+or allow users to create namespaces, as root:
   sysctl -w user.max_user_namespaces=10000
   sysctl -w kernel.unprivileged_userns_clone=1                 (where that key exists: Debian)
   sysctl -w kernel.apparmor_restrict_unprivileged_userns=0     (where that key exists: Ubuntu)
-and, where the kernel has veth as a module:  modprobe veth
-In a container, start it with the right to do so (--privileged, or CAP_SYS_ADMIN and CAP_NET_ADMIN)."
+and, if veth is a kernel module:  modprobe veth
+A container must be started with that right (--privileged, or CAP_SYS_ADMIN and CAP_NET_ADMIN)."
 }
 
-# build_release: the release build, in build/release.
+# build_release: makes the release build in build/release.
 build_release() {
     mkdir -p build
     cmake --preset release >build/cmake.log 2>&1 || {
         cat build/cmake.log >&2
-        die "cmake could not configure the release build; its messages stand above."
+        die "cmake could not configure the release build; see its messages above."
     }
     cmake --build build/release
 }
 
-# built NAME: the path of a program of the release build.
+# built NAME: prints the path of a program of the release build.
 built() { find build/release -name "$1" -type f -perm -u+x -print -quit; }
 
-# fabric_up: inside a network namespace, the two cables of the fabric; the library sits at fxm0 and fxm1, the cards at
+# fabric_up: creates the two cables of the fabric inside a network namespace. The library uses fxm0 and fxm1, the cards
 # card0 and card1.
 fabric_up() {
     local n
     ip link set lo up
     for n in 0 1; do
         ip link add "fxm$n" type veth peer name "card$n"
-        # The kernel's own IPv6 frames would only be noise on a network of raw frames.
+        # The kernel's IPv6 frames would only be noise on a network of raw frames.
         printf 1 2>/dev/null >"/proc/sys/net/ipv6/conf/fxm$n/disable_ipv6" || true
         printf 1 2>/dev/null >"/proc/sys/net/ipv6/conf/card$n/disable_ipv6" || true
         ip link set "fxm$n" up

@@ -1,15 +1,16 @@
-// A wheel of slots that goes round once in a period. A card stays in its slot for life.
+// A wheel of slots that turns once per period. A card never changes its slot.
 #include "announce.h"
+
+#include <algorithm>
+
 #include "frames.h"
 #include "timers.h"
 #include "wire.h"
 
-#include <algorithm>
-
-// No finer than a millisecond, and no more slots than can be searched in no time.
+// A slot is at least a millisecond, and the wheel is small enough to search it in each round of the loop.
 static constexpr u32 SLOTS_MAX = 1000;
 
-// So many cards can speak at once without hurting anybody.
+// This many announcements at once overrun no receiver.
 static constexpr size_t CROWD = 64;
 
 struct waiting_t {
@@ -19,10 +20,10 @@ struct waiting_t {
 
 static std::vector<std::vector<card_t *>> _slots;
 static u64 _slot_width; // ns
-static size_t _slot;    // whose turn it is next
+static size_t _slot;    // the next one
 static u64 _slot_due;
 static constexpr u64 UNKNOWN = 0;
-static u64 _due = UNKNOWN; // of the next slot with a card in it
+static u64 _due = UNKNOWN; // of the next slot that holds a card
 static std::vector<waiting_t> _waiting;
 
 void announce_begin(u32 period_ms)
@@ -33,7 +34,7 @@ void announce_begin(u32 period_ms)
     _slot_due = time_now() + _slot_width;
 }
 
-// Steps of the golden section spread any number of cards evenly, whenever they come.
+// Steps of the golden section spread any number of cards evenly, whenever they are added.
 static std::vector<card_t *> &_slot_of(const card_t &card)
 {
     const u64 turn = static_cast<u32>(card.serial * 2654435769U);
@@ -66,7 +67,7 @@ static void _queue(card_t &card, unsigned channels, bool notify)
             }
 }
 
-// The next slot with a card in it, so that a few cards leave the loop its sleep.
+// Empty slots are skipped, so that a few cards do not keep the loop awake.
 u64 announce_due()
 {
     if (_due == UNKNOWN) {
@@ -80,11 +81,11 @@ u64 announce_due()
 
 void announce_run(u64 now)
 {
-    // Held up for longer than a period, cards have nothing to catch up.
+    // After a delay of more than a period, missed announcements are not caught up.
     if (_slot_due + _slot_width * _slots.size() < now)
         _slot_due = now;
     bool spoken = false;
-    // One slot with cards only: whoever waits for an answer comes before the next one.
+    // Only one slot that holds cards: frames that wait for an answer come before the next slot.
     while (_slot_due <= now && !spoken) {
         for (card_t *card : _slots[_slot]) {
             _queue(*card, ALL_CHANNELS & ~card->silent, false);

@@ -4,23 +4,23 @@
 
 #include "card.h"
 
-// Every card announces itself once in each period, at a moment of its own: spread out, the announcements of very many
-// cards are an even stream and no burst.
+// Every card announces itself once per period. The cards are spread over the period, so that the announcements of very
+// many cards form an even stream instead of a burst.
 void announce_begin(u32 period_ms);
-void announce_join(card_t &card);  // from now on, besides once at the next announce_waiting
-void announce_leave(card_t &card); // no more
+void announce_join(card_t &card);  // starts it, with one announcement at the next announce_waiting
+void announce_leave(card_t &card); // ends it
 
-u64 announce_due(); // when the next cards have their moment, or NEVER
+u64 announce_due(); // when the next cards have to announce themselves, or NEVER
 void announce_run(u64 now);
 
-// One DEVINFO or NOTIFY on those of the channels that the card has, at once.
+// Sends one DEVINFO or NOTIFY at once, on those of the channels that the card has.
 void announce_now(card_t &card, unsigned channels, bool notify);
 
-// Once, at the next announce_waiting, unless it is silent there.
+// Has the card announce itself once at the next announce_waiting, on those channels where it is not silent.
 void announce_soon(const card_t &card, unsigned channels);
 
-// Lets those speak that are to do it soon, at the end of a command or of a whole scenario. If there are very many they
-// do not all speak at once, which no receiver would stand, but have to wait for their moment in the period.
+// Sends what announce_soon has collected, at the end of a command or a scenario. Very many cards would overrun any
+// receiver at once, so they wait for their moment in the period instead.
 void announce_waiting();
 
 #endif

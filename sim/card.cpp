@@ -5,6 +5,12 @@ std::unordered_map<u64, card_t> cards;
 
 static u64 _last_serial;
 
+u32 card_register(const card_t &card, u32 address)
+{
+    auto found = card.registers.find(address);
+    return found == card.registers.end() ? 0 : found->second;
+}
+
 unsigned card_channels(const card_t &card)
 {
     unsigned channels = 0;

@@ -1,4 +1,4 @@
-// The card: what it says of itself, what lies behind its registers, and the table of all cards. Single thread.
+// The card: what it announces, what is behind its registers, and the table of all cards. Single thread.
 #ifndef SIM_CARD_H
 #define SIM_CARD_H
 
@@ -10,15 +10,15 @@
 #include <unordered_map>
 #include <vector>
 
-// The arithmetic on registers and MACs is in these widths.
+// The widths of registers and MACs.
 using u8 = uint8_t;
 using u16 = uint16_t;
 using u32 = uint32_t;
 using u64 = uint64_t;
 
-// Bit 0 of the last byte tells the second MAC of a 40G card from the first, whose number is the card's id.
+// Bit 0 of the last byte distinguishes the second MAC of a 40G card from the first, which is the card's id.
 constexpr u64 MAC_SECOND = 1;
-constexpr u64 MAC_GROUP = 0x010000000000; // of many, in the first byte
+constexpr u64 MAC_GROUP = 0x010000000000; // group bit, in the first byte
 constexpr u64 MAC_LAST = 0xffffffffffff;
 
 constexpr unsigned PORTS = 2;
@@ -26,7 +26,7 @@ constexpr unsigned DOWN_PORTS = 16;
 constexpr size_t PAGE_SIZE = 128;
 constexpr u32 PAGES = 1024;
 
-// A channel is a port and a MAC of the card: p0m0, p0m1, p1m0, p1m1. Sets of channels are masks of these bits.
+// A channel is a pair of port and MAC of the card: p0m0, p0m1, p1m0, p1m1. A set of channels is a mask of these bits.
 constexpr unsigned channel_bit(unsigned port, unsigned mac) { return 1U << (port * 2 + mac); }
 constexpr unsigned ALL_CHANNELS = 0xf;
 
@@ -37,25 +37,25 @@ enum forms_t : u8 { BOTH_FORMS, SPLIT_FORM, PLAIN_FORM };
 enum engine_kind_t : u8 { ENGINE_NORMAL, ENGINE_BUSY, ENGINE_STUCK, ENGINE_REFUSE, ENGINE_HANG };
 
 struct down_port_t {
-    u64 io_mac = 0; // of the FXIO card there
+    u64 io_mac = 0; // of the connected FXIO card
     u16 status = 0;
 };
 
-// The two status bytes of a down port and the two sub-state bytes of an FXIO card have their connection bit here.
+// The connection bit in the two status bytes of a down port and in the two sub-state bytes of an FXIO card.
 constexpr u16 STATUS_CONNECTED = 0x0002;
 
 // The EEPROM and the engine that moves its words.
 struct eeprom_t {
-    std::vector<u32> words; // empty until one is written; all are 0 then
+    std::vector<u32> words; // empty, and all zero, until one is written
     engine_kind_t kind = ENGINE_NORMAL;
     forms_t forms = BOTH_FORMS;
-    u32 looks = 0; // status reads for which an access is seen running
-    // The access under way, or the one whose status has not been cleared.
+    u32 looks = 0; // status reads that see an access running
+    // The current access, or the last one until its status is cleared.
     enum { IDLE, RUNNING, FINISHED, REFUSED } state = IDLE;
     u32 looks_left = 0;
     u32 command = 0;
-    u32 address = 0; // as given to the engine, in either form
-    u32 word = 0;    // that a write is to store
+    u32 address = 0; // as the engine received it, in either form
+    u32 word = 0;    // to be stored by a write
 };
 
 enum fault_kind_t : u8 {
@@ -75,21 +75,21 @@ struct fault_t {
     bool any_address = true;
     bool for_ever = true;
     u32 address = 0;
-    u32 left = 0;  // times still to come, unless for ever
-    u32 every = 1; // the last of so many cases
-    u32 cases = 0; // seen of these
+    u32 left = 0;  // remaining times, unless for ever
+    u32 every = 1; // applies to the last of this many cases
+    u32 cases = 0; // cases seen since
     u32 ms = 0;
     u32 value = 0;
 };
 
-// The other one who wants the EEPROM.
+// The other holder of the EEPROM lock.
 struct holder_t {
     enum { QUIET, KEEP, VISIT, FIGHT } habit = QUIET;
     bool for_ever = false;
     u32 left = 0;
     u32 ms = 0;         // of a visit
-    u32 reads_left = 0; // of the lock until he takes his bit in a fight; 0: he waits for nothing
-    u32 turn = 0;       // raised whenever he takes or gives: a timer that ends an earlier turn finds itself outdated
+    u32 reads_left = 0; // of the lock until it takes its bit in a fight; 0: no fight is on
+    u32 turn = 0;       // counts takes and gives, so that a timer for an earlier turn knows that it is outdated
 };
 
 struct counts_t {
@@ -97,9 +97,9 @@ struct counts_t {
 };
 
 struct card_t {
-    // Who and where it is.
+    // Identity and place.
     u64 id = 0;
-    u64 serial = 0; // no other card of this run has it, not even one with the same id later on
+    u64 serial = 0; // unique in this run, even if a later card has the same id
     class_t cls = FXSV;
     bool is_40g = false;
     layout_t layout = NORMAL;
@@ -108,10 +108,10 @@ struct card_t {
     unsigned silent = 0; // channels on which it does not announce itself
     bool deaf = false;
 
-    // What its announcements say.
+    // Contents of its announcements.
     u8 flow = 0;
     u8 link = 0;
-    std::array<u8, 3> sw{}; // the accessors below know the bits
+    std::array<u8, 3> sw{}; // bits: see SW1_ below
     bool uidsw = false;
     bool power = true;
     // FXIO
@@ -127,15 +127,15 @@ struct card_t {
     std::array<down_port_t, DOWN_PORTS> down{};
     std::array<u8, 3> bus{0, 1, 16}; // primary, secondary, subordinate
 
-    // What is behind it.
+    // Registers and what they control.
     std::unordered_map<u32, u32> registers;
     std::map<u32, std::array<u8, PAGE_SIZE>> pages;
     eeprom_t eeprom;
     lock_t lock = BIT_LOCK;
-    std::vector<u32> arbiter; // bits of the holders of the ID lock, the owner first
+    std::vector<u32> arbiter; // the holders of the ID lock, as bits, the owner first
     holder_t holder;
 
-    // What it is told to do wrong, and what it keeps a record of.
+    // Requested faults and records.
     std::vector<fault_t> faults;
     bool watching = false;
     std::string watched;
@@ -143,7 +143,7 @@ struct card_t {
     u8 reset_status = 0;
 };
 
-// The bits that the second status byte has besides the version.
+// The second status byte: version and flags.
 constexpr u8 SW1_VERSION = 0x0f;
 constexpr u8 SW1_PORT0_LINK = 0x20;
 constexpr u8 SW1_PORT1_LINK = 0x40;
@@ -153,25 +153,28 @@ inline bool card_is_multi_root(const card_t &card) { return card.cls == FXIO && 
 
 inline unsigned card_macs(const card_t &card) { return card.is_40g ? 2 : 1; }
 
-// The channels that the card has: the ports it is on, times its MACs.
+// The stored value of a register; 0 if it was never written.
+u32 card_register(const card_t &card, u32 address);
+
+// The channels of the card: its ports times its MACs.
 unsigned card_channels(const card_t &card);
 
-// A card as it is before any field has been told.
+// A card with all fields at their defaults.
 card_t card_blank(class_t cls, u64 id);
 
-// All cards by id. A card stays where it is in memory until it is removed.
+// All cards by id. A card keeps its address until it is removed.
 extern std::unordered_map<u64, card_t> cards;
 
 card_t *card_find(u64 id);
 
-// The card that this MAC belongs to.
+// The card that has this MAC, or null.
 card_t *card_of_mac(u64 mac);
 
-// Takes a card into the table; no card may have one of its MACs (card_conflict).
+// Adds a card to the table. No other card may have one of its MACs; see card_conflict.
 card_t &card_add(const card_t &card);
 void card_remove(u64 id);
 
-// Whether another card answers to a MAC of this one, which a card of both MACs shares with its neighbour.
+// Whether another card has a MAC of this one. Only the neighbour can, if either of the two has both MACs.
 bool card_conflict(const card_t &card);
 
 #endif

@@ -1,17 +1,18 @@
-// The commands, a function each, and the table of them at the end.
+// One function for each command, and the table of commands at the end.
 #include "command.h"
-#include "announce.h"
-#include "fields.h"
-#include "holder.h"
-#include "registers.h"
-#include "text.h"
-#include "wire.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <functional>
+
+#include "announce.h"
+#include "fields.h"
+#include "holder.h"
+#include "registers.h"
+#include "text.h"
+#include "wire.h"
 
 using std::string;
 using std::string_view;
@@ -32,21 +33,21 @@ static string _bad(string_view word, string_view expected)
     return _error(string(word) + ": expected " + string(expected));
 }
 
-// The one card that a word names; without it the answer says why.
+// The card that a word names, or null with the reason in `answer`.
 static card_t *_one(string_view word, string &answer)
 {
     u64 id = 0;
     card_t *card = nullptr;
     if (word == "all")
-        answer = _error("all: this is asked of one card at a time");
+        answer = _error("all: this command takes a single card");
     else if (!text_mac(word, id))
-        answer = _bad(word, "a card, as 02:00:00:00:10:00");
+        answer = _bad(word, "a card, such as 02:00:00:00:10:00");
     else if (!(card = card_find(id)))
         answer = _error(string(word) + ": there is no such card");
     return card;
 }
 
-// Does something to the card that a word names, or to all.
+// Calls `act` for the card that a word names, or for all cards.
 static string _each(string_view word, const std::function<void(card_t &)> &act)
 {
     if (word == "all") {
@@ -60,13 +61,13 @@ static string _each(string_view word, const std::function<void(card_t &)> &act)
     return answer;
 }
 
-// Whether the fields of a card go together, once they are set.
+// Checks a card's fields against each other and against the other cards.
 static bool _fits(const card_t &card, string &why)
 {
     if (card.is_40g && (card.id & MAC_SECOND))
-        why = text_of_mac(card.id) + ": the id of a 40g card is even, the odd MAC is its second";
+        why = text_of_mac(card.id) + ": the id of a 40g card must be even; the odd MAC is its second one";
     else if (card_conflict(card))
-        why = text_of_mac(card.id) + ": its MAC belongs to the card " + text_of_mac(card.id ^ MAC_SECOND);
+        why = text_of_mac(card.id) + ": its MAC belongs to card " + text_of_mac(card.id ^ MAC_SECOND);
     else
         return true;
     return false;
@@ -79,7 +80,7 @@ static string _add(class_t cls, const words_t &words)
     string why;
 
     if (!text_mac(words[1], id))
-        return _bad(words[1], "an id, as 02:00:00:00:10:00");
+        return _bad(words[1], "an id, such as 02:00:00:00:10:00");
     card_t card = card_blank(cls, id);
     for (unsigned port = 0; port < PORTS; port++)
         card.on_port[port] = wire_is_open(port);
@@ -93,12 +94,12 @@ static string _add(class_t cls, const words_t &words)
         }
     }
     if (id + (count - 1) * 2 > MAC_LAST)
-        return _error("count: there are no MACs for so many cards from here on");
+        return _error("count: there are not enough MACs above this id");
 
-    // All of them or none.
+    // All cards are added, or none.
     for (u64 i = 0; i < count; i++, card.id += 2) {
         if (card_find(card.id))
-            return _error(text_of_mac(card.id) + ": there is such a card already");
+            return _error(text_of_mac(card.id) + ": this card exists already");
         if (!_fits(card, why))
             return _error(why);
     }
@@ -112,7 +113,7 @@ static string _fxsv(const words_t &words) { return _add(FXSV, words); }
 
 static string _fxio(const words_t &words) { return _add(FXIO, words); }
 
-// Sets the fields on all cards named or on none: they are tried on a card of the same kind first.
+// Sets the fields of all named cards or of none, so it tries them on a blank card of the same kind first.
 static string _set(const words_t &words)
 {
     string why;
@@ -145,7 +146,7 @@ static string _remove(const words_t &words)
     return answer;
 }
 
-// Channels from word 2 on; all of them if none is named.
+// The channels in the words from number 2 on; all channels if there are none.
 static bool _channels(const words_t &words, unsigned &channels, string &answer)
 {
     channels = words.size() > 2 ? 0 : ALL_CHANNELS;
@@ -236,7 +237,7 @@ static string _watched(const words_t &words)
     if (!card)
         return answer;
     if (!card->watching)
-        return _error(string(words[1]) + ": it is not watched");
+        return _error(string(words[1]) + ": the card is not watched");
     answer = _ok + card->watched;
     card->watched.clear();
     return answer;
@@ -323,13 +324,13 @@ static string _fault(const words_t &words)
             with_value = true;
             fault.value = n;
         } else {
-            return _bad(words[i], "addr=A, count=N, every=N, ms=N or value=V, with count and every from 1 on");
+            return _bad(words[i], "addr=A, count=N, every=N, ms=N or value=V, where count and every are at least 1");
         }
     }
     if (fault.kind == FAULT_LATE && !with_ms)
-        return _error("late: it takes ms=N");
+        return _error("late: ms=N is missing");
     if (fault.kind == FAULT_VALUE && !with_value)
-        return _error("value: it takes value=V");
+        return _error("value: value=V is missing");
     return _each(words[1], [&](card_t &card) { card.faults.push_back(fault); });
 }
 
@@ -362,15 +363,15 @@ static string _file_error(string_view path, string_view what)
 
 static string _eeprom_load(const words_t &words)
 {
-    // One byte more shows a file that is too long.
+    // One byte more than needed, to detect a file that is too long.
     u8 bytes[EEPROM_SIZE + 1];
     errno = 0;
     std::ifstream file(string(words[2]), std::ios::binary);
     if (!file)
-        return _file_error(words[2], "cannot open it");
+        return _file_error(words[2], "cannot open the file");
     file.read(reinterpret_cast<char *>(bytes), sizeof bytes);
     if (file.gcount() != EEPROM_SIZE)
-        return _file_error(words[2], "it has not 2048 bytes");
+        return _file_error(words[2], "the file does not have 2048 bytes");
     return _each(words[1], [&](card_t &card) {
         for (u32 a = 0; a < EEPROM_SIZE; a += 4)
             eeprom_set(card, a,
@@ -391,7 +392,7 @@ static string _eeprom_save(const words_t &words)
     std::ofstream file(string(words[2]), std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char *>(bytes), sizeof bytes);
     file.close();
-    return file ? _ok : _file_error(words[2], "cannot write it");
+    return file ? _ok : _file_error(words[2], "cannot write the file");
 }
 
 static string _eeprom_fill(const words_t &words)
@@ -424,7 +425,7 @@ static string _holder(const words_t &words)
     if (habit == std::end(habits))
         return _bad(words[2], "take, give, keep, visit, fight or gone");
     if (words.size() != 3 + habit->numbers)
-        return _error(string(words[2]) + ": it takes " + std::to_string(habit->numbers) + " numbers");
+        return _error(string(words[2]) + ": expected " + std::to_string(habit->numbers) + " numbers");
     u32 numbers[2]{};
     for (size_t i = 0; i < habit->numbers; i++) {
         u64 number = 0;
@@ -506,7 +507,7 @@ bool command_scenario(const char *path, string &why)
     errno = 0;
     std::ifstream file(path);
     if (!file) {
-        why = string(path) + ": cannot open it: " + std::strerror(errno);
+        why = string(path) + ": cannot open the file: " + std::strerror(errno);
         return false;
     }
     string line;
@@ -519,7 +520,7 @@ bool command_scenario(const char *path, string &why)
         }
     }
     if (file.bad()) { // a directory opens, but does not read
-        why = string(path) + ": cannot read it";
+        why = string(path) + ": cannot read the file";
         return false;
     }
     announce_waiting();

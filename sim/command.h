@@ -1,21 +1,21 @@
-// The commands of standard input and of scenarios. Each is done when it is answered.
+// The commands of standard input and of scenarios. A command is complete when it is answered.
 #ifndef SIM_COMMAND_H
 #define SIM_COMMAND_H
 
-#include "card.h"
-
 #include <string_view>
 
-// No line of commands is longer.
+#include "card.h"
+
+// The longest line, in bytes.
 constexpr size_t COMMAND_MAX = 65536;
 
-// Carries out one command and gives its answer, one line without its end: "ok", "ok ..." or "error: ...".
+// Runs one command. Returns its answer as one line without a line end: "ok", "ok ..." or "error: ...".
 std::string command_run(std::string_view line);
 
-// Carries out all commands of a file. On failure `why` names the line.
+// Runs all commands of a file. On failure `why` names the line.
 bool command_scenario(const char *path, std::string &why);
 
-// Set once `quit` has been asked for.
+// True after `quit`.
 extern bool command_quit;
 
 #endif

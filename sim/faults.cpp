@@ -1,4 +1,4 @@
-// Which fault is done to which frame.
+// Selects the fault for a frame.
 #include "faults.h"
 
 static access_t _access_of(fault_kind_t kind)

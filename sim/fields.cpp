@@ -1,9 +1,10 @@
-// Which fields there are, what they take, and where in the card they go.
+// The fields, the values that they accept, and their places in the card.
 #include "fields.h"
-#include "text.h"
-#include "wire.h"
 
 #include <algorithm>
+
+#include "text.h"
+#include "wire.h"
 
 using std::string_view;
 
@@ -16,7 +17,7 @@ struct field_rule_t {
     bool (*set)(card_t &card, string_view value);
 };
 
-// A word out of a list, the first of which stands for 0.
+// A word from a list; its position is the value.
 template <typename T> static bool _choice(string_view value, std::initializer_list<string_view> words, T &out)
 {
     const auto found = std::find(words.begin(), words.end(), value);
@@ -126,7 +127,7 @@ static bool _set_down(down_port_t &down, string_view value)
 
 static constexpr field_rule_t _rules[] = {
     {"gen", OF_BOTH, "1g or 40g", _set_generation},
-    {"ports", OF_BOTH, "0, 1 or 0,1, and an interface for each of them", _set_ports},
+    {"ports", OF_BOTH, "0, 1 or 0,1, and fxmsim must have an interface for each", _set_ports},
     {"vlan", OF_BOTH, "0 to 4095", [](card_t &c, string_view v) { return _number(v, 4095, c.vlan); }},
     {"layout", OF_BOTH, "normal or change", _set_layout},
     {"int", OF_BOTH, "two hexadecimal digits", [](card_t &c, string_view v) { return _hex(v, 2, c.sw[2]); }},

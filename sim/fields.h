@@ -2,11 +2,11 @@
 #ifndef SIM_FIELDS_H
 #define SIM_FIELDS_H
 
-#include "card.h"
-
 #include <string_view>
 
-// Sets one field of the card. On failure the card is as it was, and `why` says what is wrong.
+#include "card.h"
+
+// Sets one field of the card. On failure the card is unchanged and `why` has the reason.
 bool field_set(card_t &card, std::string_view assignment, std::string &why);
 
 #endif

@@ -1,11 +1,11 @@
-// Each layout of the fabric, once, in the order of the wire.
+// Every frame layout, in the order of the wire.
 #include "frames.h"
 
 #include <cstring>
 
 u16 frame_ether_type = 0x88b6;
 
-// MACs and strings of status bytes are numbers here whose most significant byte comes first on the wire.
+// MACs and groups of status bytes are numbers whose most significant byte comes first on the wire.
 enum order_t : u8 { BE, LE };
 
 struct field_t {
@@ -14,7 +14,7 @@ struct field_t {
     order_t order;
 };
 
-// The header has two layouts, which differ in the order of the tag and the EtherType only.
+// The header has two layouts, which differ only in the order of VLAN tag and EtherType.
 
 static constexpr field_t TO{0, 6, BE};
 static constexpr field_t FROM{6, 6, BE};
@@ -106,7 +106,7 @@ static constexpr size_t PAGE_END = 156;
 
 static constexpr size_t ETHERNET_MIN = 60;
 
-// The encoded address has the lower 12 bits of a register's address in place and the upper 10 from bit 16 on.
+// The encoded address keeps the lower 12 bits of the register address and carries the upper 10 from bit 16 on.
 static constexpr u32 ENCODED_LOW = 0x00000fff;
 static constexpr u32 ENCODED_HIGH = 0x03ff0000;
 
@@ -135,8 +135,8 @@ static void _put_header(u8 *frame, const card_t &card, u64 from, u64 to, u8 subt
     _put(frame, SUBTYPE, subtype);
 }
 
-// Windows as a machine's firmware would give them out: every down port has a place of its own, and the up port's
-// windows span them all. The values of two ports differ in every field, so that a mixed up field shows.
+// Address windows as firmware would assign them: every down port has its own, and those of the up port span them all.
+// No two ports share a value in any field, so that swapped fields are noticed.
 static void _put_bridge(u8 *block, std::array<u8, 3> bus, unsigned first, unsigned last)
 {
     _put(block, BRIDGE_PRIMARY, bus[0]);
@@ -174,7 +174,7 @@ static size_t _put_device_body(u8 *frame, const card_t &card)
     _put(frame, IO_SERVER, card.server);
     _put(frame, IO_DEVICE, card.device);
     _put(frame, IO_VENDOR, card.vendor);
-    _put(frame, IO_UNREAD_40, 0xa5); // nobody is to read it
+    _put(frame, IO_UNREAD_40, 0xa5); // must not be interpreted
     _put(frame, IO_CLASS, card.pci_class);
     if (!card_is_multi_root(card))
         return IO_END;
@@ -186,7 +186,7 @@ static u8 _announced_flags(const card_t &card)
 {
     u8 flags = 0;
     if (card.cls == FXIO) {
-        // A multi-root card has its two links the other way round.
+        // On a multi-root card the two flags are swapped.
         const bool swapped = card_is_multi_root(card);
         if (swapped ? card.fault1 : card.fault0)
             flags |= FLAG_FAULT_A;
@@ -200,7 +200,7 @@ static u8 _announced_flags(const card_t &card)
     return flags;
 }
 
-// The group that all managers and cards listen to.
+// The multicast address to which cards announce themselves.
 static constexpr u64 GROUP = 0x0300ffffffff;
 
 size_t frame_announcement(u8 *frame, const card_t &card, unsigned mac, bool notify)
@@ -211,7 +211,7 @@ size_t frame_announcement(u8 *frame, const card_t &card, unsigned mac, bool noti
 
     std::memset(frame, 0, FRAME_ROOM);
     _put_header(frame, card, card.id | (mac ? MAC_SECOND : 0), GROUP, subtype);
-    _put(frame, SAY_UNREAD_19, 0xa5); // nobody is to read it
+    _put(frame, SAY_UNREAD_19, 0xa5); // must not be interpreted
     _put(frame, SAY_FLOW, card.flow);
     _put(frame, SAY_GENERATION, card.is_40g ? 1 : 0);
     _put(frame, SAY_FLAGS, _announced_flags(card));
@@ -228,7 +228,7 @@ size_t frame_completion(u8 *frame, const card_t &card, u64 from, u64 to, u8 tag,
 {
     std::memset(frame, 0, FRAME_ROOM);
     _put_header(frame, card, from, to, SUBTYPE_COMPLETION);
-    _put(frame, COMPLETION_UNREAD_19, 0xa5a5a5a5); // nobody is to read it
+    _put(frame, COMPLETION_UNREAD_19, 0xa5a5a5a5); // must not be interpreted
     _put(frame, COMPLETION_TAG, tag);
     _put(frame, COMPLETION_VALUE, value);
     return ETHERNET_MIN;
@@ -250,7 +250,7 @@ static bool _address(const u8 *frame, u32 &address)
 
 bool frame_command(const u8 *frame, size_t size, command_t &command)
 {
-    // The only check of the length: no field but those of a page lies beyond.
+    // This covers all fields but those of a page, whose length is checked below.
     if (size < ETHERNET_MIN)
         return false;
     if (_header_is(frame, NORMAL))

@@ -1,5 +1,5 @@
-// The frames of the fabric from the cards' side: building what cards send, reading what they are sent. The layouts
-// stand in frames.cpp, once each. No state but the EtherType.
+// Frames from the cards' point of view: builds what cards send and reads what they receive. Each layout is defined
+// once, in frames.cpp. The EtherType is the only state.
 #ifndef SIM_FRAMES_H
 #define SIM_FRAMES_H
 
@@ -7,16 +7,16 @@
 
 extern u16 frame_ether_type;
 
-// Room for the longest frame that a card sends.
+// Space for the longest frame that a card sends.
 constexpr size_t FRAME_ROOM = 512;
 
-// Both build a whole frame in FRAME_ROOM bytes and give its length, which is at least the Ethernet minimum.
+// Both build a complete frame in FRAME_ROOM bytes and return its length, which is at least the Ethernet minimum.
 size_t frame_announcement(u8 *frame, const card_t &card, unsigned mac, bool notify);
 size_t frame_completion(u8 *frame, const card_t &card, u64 from, u64 to, u8 tag, u32 value);
 
 enum command_kind_t : u8 { COMMAND_RESET, COMMAND_VLAN, COMMAND_WRITE, COMMAND_READ, COMMAND_PAGE };
 
-// A frame to a card. What a kind of frame does not have is 0.
+// A frame to a card. Fields that its kind does not have are 0.
 struct command_t {
     command_kind_t kind = COMMAND_RESET;
     layout_t layout = NORMAL;
@@ -32,7 +32,7 @@ struct command_t {
     const u8 *data = nullptr; // PAGE_SIZE bytes, in the frame
 };
 
-// Reads a frame from the wire; false for one that is no command to a card.
+// Parses a frame from the wire. False if it is not a command to a card.
 bool frame_command(const u8 *frame, size_t size, command_t &command);
 
 #endif

@@ -1,6 +1,7 @@
-// The other holder. He acts when somebody touches the lock, and by timers.
+// The other holder acts when the lock is accessed, and by timers.
 #include "holder.h"
-#include "registers.h"
+
+#include "lock.h"
 #include "timers.h"
 
 static constexpr u32 FIGHT_READS = 3;
@@ -82,7 +83,7 @@ void holder_sees_write(card_t &card, bool managers_before, bool others_before)
         holder_take(card);
     if (holder.habit == holder_t::VISIT && managers_before && !managers && !others && _once_more(holder))
         _take_for(card, holder.ms);
-    // A manager who gives up before the third read has had no fight.
+    // A manager that gives up before the third read has had no fight.
     if (holder.habit == holder_t::FIGHT && managers_before != managers)
         holder.reads_left = managers ? FIGHT_READS : 0;
 }

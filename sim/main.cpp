@@ -1,5 +1,15 @@
-// The simulator's one thread: a loop that waits for frames, commands and times. Frames come first, since the far side
-// measures how long an answer takes.
+// The simulator's only thread: a loop that waits for frames, commands and timers. Frames come first, because the far
+// side measures the time to an answer.
+#include <getopt.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
 #include "announce.h"
 #include "command.h"
 #include "frames.h"
@@ -8,24 +18,18 @@
 #include "timers.h"
 #include "wire.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
-#include <getopt.h>
-#include <poll.h>
-#include <unistd.h>
-
 enum { DONE = 0, FAILED = 1, USAGE = 2 };
 
 static const char _usage_text[] =
     "Usage: fxmsim --port0 IF [--port1 IF] [--scenario FILE] [--period MS] [--ethertype N]\n"
-    "Plays the cards at the far end of one or two cables. Commands come on standard input.\n"
-    "  --port0 IF, --port1 IF   the interfaces at the cards' end\n"
-    "  --scenario FILE          commands to begin with\n"
+    "Simulates cards at the far end of one or two cables. Reads commands from standard input.\n"
+    "  --port0 IF, --port1 IF   the interfaces at the cards' end of the cables\n"
+    "  --scenario FILE          commands to run first\n"
     "  --period MS              how often each card announces itself on each of its channels (1000)\n"
-    "  --ethertype N            the EtherType of the fabric (0x88B6)\n";
+    "  --ethertype N            the EtherType of the fabric (0x88B6)\n"
+    "  --version                print the version\n"
+    "  -h, --help               print this text\n"
+    "Exit code: 0 done, 1 an interface or the scenario failed, 2 wrong usage.\n";
 
 struct options_t {
     const char *port[PORTS] = {};
@@ -33,52 +37,69 @@ struct options_t {
     u64 period = 1000;
 };
 
+static bool _refuse(const std::string &what)
+{
+    std::fprintf(stderr, "fxmsim: %s\nSee \"fxmsim --help\".\n", what.c_str());
+    return false;
+}
+
+// False, with the exit code in `status`, if the program must end at once.
 static bool _options(int argc, char **argv, options_t &options, int &status)
 {
-    enum { PORT0, PORT1, SCENARIO, PERIOD, ETHERTYPE, HELP };
+    enum { PORT0, PORT1, SCENARIO, PERIOD, ETHERTYPE, VERSION };
     static const option known[] = {
         {"port0", required_argument, nullptr, PORT0},
         {"port1", required_argument, nullptr, PORT1},
         {"scenario", required_argument, nullptr, SCENARIO},
         {"period", required_argument, nullptr, PERIOD},
         {"ethertype", required_argument, nullptr, ETHERTYPE},
-        {"help", no_argument, nullptr, HELP},
+        {"version", no_argument, nullptr, VERSION},
+        {"help", no_argument, nullptr, 'h'},
         {},
     };
     status = USAGE;
-    for (int c = 0; (c = getopt_long(argc, argv, "", known, nullptr)) >= 0;) {
+    for (int c = 0; (c = getopt_long(argc, argv, "h", known, nullptr)) >= 0;) {
         u64 number = 0;
-        if (c == PORT0 || c == PORT1) {
+        switch (c) {
+        case PORT0:
+        case PORT1:
             options.port[c - PORT0] = optarg;
-        } else if (c == SCENARIO) {
+            break;
+        case SCENARIO:
             options.scenario = optarg;
-        } else if (c == PERIOD) {
-            if (!text_number(optarg, UINT32_MAX, options.period) || options.period == 0) {
-                std::fprintf(stderr, "fxmsim: --period %s: expected milliseconds from 1 on\n", optarg);
-                return false;
-            }
-        } else if (c == ETHERTYPE) {
-            if (!text_number(optarg, UINT16_MAX, number)) {
-                std::fprintf(stderr, "fxmsim: --ethertype %s: expected a number of 16 bits\n", optarg);
-                return false;
-            }
+            break;
+        case PERIOD:
+            if (!text_number(optarg, UINT32_MAX, options.period) || options.period == 0)
+                return _refuse(std::string("--period ") + optarg + ": expected milliseconds, at least 1");
+            break;
+        case ETHERTYPE:
+            if (!text_number(optarg, UINT16_MAX, number))
+                return _refuse(std::string("--ethertype ") + optarg + ": expected a 16-bit number");
             frame_ether_type = static_cast<u16>(number);
-        } else {
-            std::fputs(_usage_text, c == HELP ? stdout : stderr);
-            status = c == HELP ? DONE : USAGE;
+            break;
+        case VERSION:
+            std::puts("fxmsim " FXMSIM_VERSION);
+            status = DONE;
+            return false;
+        case 'h':
+            std::fputs(_usage_text, stdout);
+            status = DONE;
+            return false;
+        default: // getopt_long has printed what is wrong
+            std::fputs("See \"fxmsim --help\".\n", stderr);
             return false;
         }
     }
-    if (optind < argc || !options.port[0]) {
-        std::fputs(_usage_text, stderr);
-        return false;
-    }
+    if (optind < argc)
+        return _refuse(std::string("unknown argument: ") + argv[optind]);
+    if (!options.port[0])
+        return _refuse("--port0 is missing");
     return true;
 }
 
 static volatile sig_atomic_t _stopped;
 
-// Outside ppoll the signals are blocked, so that one just before the wait still ends it.
+// The signals are blocked outside ppoll, so that one that arrives just before the wait still ends it.
 static sigset_t _catch_signals()
 {
     struct sigaction action {
@@ -99,13 +120,13 @@ static sigset_t _catch_signals()
 
 static bool _say(std::string answer)
 {
-    // An error repeats a word of the command, whatever is in it, and must stay one line all the same.
+    // An error repeats a word of the command, which may hold any bytes, and must still be one line.
     std::replace_if(
         answer.begin(), answer.end(), [](char c) { return c >= 0 && c < ' '; }, '?');
     return std::fputs((answer + "\n").c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
 }
 
-// What standard input has now; false at its end, on quit, and if nobody takes the answers.
+// Runs the commands that standard input holds now. False at its end, on quit, and if an answer cannot be written.
 static bool _take_input(std::string &pending)
 {
     char chunk[4096];
@@ -115,14 +136,14 @@ static bool _take_input(std::string &pending)
     if (got > 0)
         pending.append(chunk, static_cast<size_t>(got));
     else if (!pending.empty())
-        pending += '\n'; // the last line may lack its end
+        pending += '\n'; // the last line may have no line end
 
     size_t begin = 0;
     for (size_t end = 0; !command_quit && (end = pending.find('\n', begin)) != pending.npos; begin = end + 1)
         if (!_say(command_run(std::string_view(pending).substr(begin, end - begin))))
             return false;
     pending.erase(0, begin);
-    // A line without an end must not grow for ever; cut off here, it is still too long for a command.
+    // A line without an end must not grow for ever. Cut off here, it is still too long and is refused.
     if (pending.size() > COMMAND_MAX + 1)
         pending.resize(COMMAND_MAX + 1);
     return got > 0 && !command_quit;
@@ -138,7 +159,7 @@ static timespec _until(u64 due)
 static void _loop(const sigset_t &while_waiting)
 {
     std::string pending;
-    // A descriptor of -1 is left out.
+    // poll ignores a descriptor of -1.
     pollfd ready[] = {{wire_fd(0), POLLIN, 0}, {wire_fd(1), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
 
     while (!_stopped) {

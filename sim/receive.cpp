@@ -1,5 +1,8 @@
-// Commands to cards, carried out and answered at once.
+// Carries out and answers commands to cards.
 #include "receive.h"
+
+#include <cstring>
+
 #include "announce.h"
 #include "faults.h"
 #include "frames.h"
@@ -7,8 +10,6 @@
 #include "text.h"
 #include "timers.h"
 #include "wire.h"
-
-#include <cstring>
 
 static bool _hears(const card_t &card, unsigned port, const command_t &command)
 {
@@ -80,7 +81,7 @@ static void _write_page(card_t &card, const command_t &command)
         std::memcpy(card.pages[command.page].data(), command.data, PAGE_SIZE);
 }
 
-// A Reset goes to a group: to all cards of its VLAN.
+// A Reset is addressed to a group and reaches all cards of its VLAN.
 static void _reset(unsigned port, const command_t &command)
 {
     if (!(command.to & MAC_GROUP))

@@ -4,7 +4,7 @@
 
 #include "card.h"
 
-// Takes a frame from the wire and lets the card that it is for, if any, act on it and answer.
+// Takes a frame from the wire and has the card that it is addressed to, if any, act on it and answer.
 void receive_frame(unsigned port, const u8 *frame, size_t size);
 
 #endif

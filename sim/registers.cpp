@@ -1,8 +1,8 @@
-// The registers of a card, and what lies behind those of them that are not mere memory.
+// The registers of a card, and the EEPROM engine behind some of them.
 #include "registers.h"
-#include "holder.h"
 
-#include <algorithm>
+#include "holder.h"
+#include "lock.h"
 
 struct engine_registers_t {
     u32 control, address, read_data, write_data;
@@ -11,19 +11,7 @@ struct engine_registers_t {
 static constexpr engine_registers_t _engine_1g{0x5010, 0x5014, 0x5018, 0x501c};
 static constexpr engine_registers_t _engine_40g{0x40, 0x44, 0x48, 0x4c};
 
-static constexpr u32 REG_LOCK_BITS = 0x50f0;    // bit lock: a bit for each holder
-static constexpr u32 REG_LOCK_OWNER = 0x5200;   // ID lock: written to ask, reads as the bit of the owner
-static constexpr u32 REG_LOCK_RELEASE = 0x5204; // ID lock: written to take holders out
-static constexpr u32 REG_LOCK_PENDING = 0x5208; // ID lock: reads as the bits of all who have asked
-static constexpr u32 REG_LOCK_TYPE = 0x520c;    // bit 0: 1 with the ID lock
-
 static const engine_registers_t &_engine(const card_t &card) { return card.is_40g ? _engine_40g : _engine_1g; }
-
-static u32 _stored(const card_t &card, u32 address)
-{
-    auto found = card.registers.find(address);
-    return found == card.registers.end() ? 0 : found->second;
-}
 
 // The engine of the EEPROM.
 
@@ -48,11 +36,11 @@ void eeprom_set(card_t &card, u32 address, u32 word)
     card.eeprom.words[address / 4] = word;
 }
 
-// The byte address of a word, from the form in which the engine was given it; false for one that it does not take.
+// The byte address of a word, from the form that the engine received. False if the card does not accept that form.
 static bool _decode_address(const eeprom_t &eeprom, u32 given, u32 &address)
 {
     const bool split =
-        eeprom.forms == SPLIT_FORM || (eeprom.forms == BOTH_FORMS && given > EEPROM_SIZE - 4); // no plain address
+        eeprom.forms == SPLIT_FORM || (eeprom.forms == BOTH_FORMS && given > EEPROM_SIZE - 4); // not a plain address
     address = given;
     if (split) {
         if (given & ~0x000f00ffU)
@@ -78,7 +66,7 @@ static u32 _engine_status(const eeprom_t &eeprom)
     return status;
 }
 
-// An access gets on only by being looked at, so that a test decides how long it takes, and no clock.
+// Only status reads advance an access, so that a test decides how long it takes, and no clock.
 static void _engine_look(card_t &card)
 {
     eeprom_t &eeprom = card.eeprom;
@@ -100,8 +88,8 @@ static void _engine_look(card_t &card)
     eeprom.state = eeprom_t::FINISHED;
 }
 
-// A write to the control register. One that does not start anything clears the last command and its status, also of an
-// access that has not finished, which then never does. While one runs there is no starting another.
+// A write to the control register. Without the start bit it clears the last command and its status, even of an access
+// that is still running, which then never finishes. A start is ignored while an access runs.
 static void _engine_command(card_t &card, u32 command)
 {
     eeprom_t &eeprom = card.eeprom;
@@ -116,60 +104,8 @@ static void _engine_command(card_t &card, u32 command)
     eeprom.state = eeprom_t::RUNNING;
     eeprom.looks_left = eeprom.looks;
     eeprom.command = command;
-    eeprom.address = _stored(card, _engine(card).address);
-    eeprom.word = _stored(card, _engine(card).write_data);
-}
-
-bool lock_has(const card_t &card, u32 holder)
-{
-    if (card.lock == BIT_LOCK)
-        return (_stored(card, REG_LOCK_BITS) & holder) != 0;
-    return std::find(card.arbiter.begin(), card.arbiter.end(), holder) != card.arbiter.end();
-}
-
-void lock_take(card_t &card, u32 holder)
-{
-    if (card.lock == BIT_LOCK)
-        card.registers[REG_LOCK_BITS] |= holder;
-    else if (!lock_has(card, holder))
-        card.arbiter.push_back(holder);
-}
-
-void lock_give(card_t &card, u32 holder)
-{
-    if (card.lock == BIT_LOCK)
-        card.registers[REG_LOCK_BITS] &= ~holder;
-    else
-        std::erase(card.arbiter, holder);
-}
-
-static bool _lock_is_managers_alone(const card_t &card)
-{
-    if (card.lock == BIT_LOCK)
-        return (_stored(card, REG_LOCK_BITS) & (LOCK_MANAGER | LOCK_OTHER)) == LOCK_MANAGER;
-    return !card.arbiter.empty() && card.arbiter.front() == LOCK_MANAGER;
-}
-
-static void _arbiter_ask(card_t &card, u32 holders)
-{
-    for (u32 bit = 1; bit != 0; bit <<= 1)
-        if (holders & bit)
-            lock_take(card, bit);
-}
-
-static void _arbiter_take_out(card_t &card, u32 holders)
-{
-    std::erase_if(card.arbiter, [holders](u32 holder) { return (holder & holders) != 0; });
-}
-
-static bool _is_arbiters(const card_t &card, u32 address)
-{
-    return card.lock == ID_LOCK && address >= REG_LOCK_OWNER && address <= REG_LOCK_PENDING;
-}
-
-static bool _is_locks(const card_t &card, u32 address)
-{
-    return card.lock == BIT_LOCK ? address == REG_LOCK_BITS : _is_arbiters(card, address);
+    eeprom.address = card_register(card, _engine(card).address);
+    eeprom.word = card_register(card, _engine(card).write_data);
 }
 
 u32 register_peek(const card_t &card, u32 address)
@@ -177,29 +113,18 @@ u32 register_peek(const card_t &card, u32 address)
     if (address == _engine(card).control)
         return _engine_status(card.eeprom);
     if (address == REG_LOCK_TYPE)
-        return (_stored(card, address) & ~1U) | card.lock;
-    if (!_is_arbiters(card, address))
-        return _stored(card, address);
-
-    u32 value = 0;
-    if (address == REG_LOCK_OWNER && !card.arbiter.empty())
-        value = card.arbiter.front();
-    if (address == REG_LOCK_PENDING)
-        for (u32 holder : card.arbiter)
-            value |= holder;
-    return value;
+        return (card_register(card, address) & ~1U) | card.lock;
+    return arbiter_has_register(card, address) ? arbiter_peek(card, address) : card_register(card, address);
 }
 
 void register_poke(card_t &card, u32 address, u32 value)
 {
     if (address == _engine(card).control)
         _engine_command(card, value);
-    else if (!_is_arbiters(card, address))
+    else if (arbiter_has_register(card, address))
+        arbiter_poke(card, address, value);
+    else
         card.registers[address] = value;
-    else if (address == REG_LOCK_OWNER)
-        _arbiter_ask(card, value);
-    else if (address == REG_LOCK_RELEASE)
-        _arbiter_take_out(card, value);
     if (address == REG_LOCK_TYPE)
         card.lock = value & 1 ? ID_LOCK : BIT_LOCK;
 }
@@ -216,12 +141,12 @@ u32 register_read(card_t &card, u32 address)
 void register_write(card_t &card, u32 address, u32 value)
 {
     if (address == REG_LOCK_TYPE)
-        return; // read only on the wire
-    if (address == _engine(card).control && (value & COMMAND_START) && !_lock_is_managers_alone(card))
+        return; // read-only on the wire
+    if (address == _engine(card).control && (value & COMMAND_START) && !lock_is_managers_alone(card))
         card.counts.foul++;
     const bool managers_before = lock_has(card, LOCK_MANAGER);
     const bool others_before = lock_has(card, LOCK_OTHER);
     register_poke(card, address, value);
-    if (_is_locks(card, address))
+    if (lock_has_register(card, address))
         holder_sees_write(card, managers_before, others_before);
 }

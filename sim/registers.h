@@ -1,23 +1,16 @@
-// A card's registers: those that only keep a value, and those of the EEPROM and its lock, which do something.
+// A card's registers: ordinary memory, and the registers of the EEPROM and its lock, which have effects.
 #ifndef SIM_REGISTERS_H
 #define SIM_REGISTERS_H
 
 #include "card.h"
 
-// Accesses by a frame, with everything that they set going.
+// Accesses by a frame, with all their effects.
 u32 register_read(card_t &card, u32 address);
 void register_write(card_t &card, u32 address, u32 value);
 
-// Accesses from the command line: looking at a register changes nothing, and nobody takes notice of them.
+// Accesses by a command: a peek has no effect, and the other holder does not notice either of them.
 u32 register_peek(const card_t &card, u32 address);
 void register_poke(card_t &card, u32 address, u32 value);
-
-// The lock of the EEPROM, of either kind, for a holder by his bit.
-constexpr u32 LOCK_MANAGER = 4;
-constexpr u32 LOCK_OTHER = 8;
-bool lock_has(const card_t &card, u32 holder); // for the ID lock also true while he waits for it
-void lock_take(card_t &card, u32 holder);
-void lock_give(card_t &card, u32 holder);
 
 constexpr u32 EEPROM_SIZE = 2048;
 u32 eeprom_get(const card_t &card, u32 address);

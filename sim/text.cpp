@@ -1,4 +1,4 @@
-// Parsing and printing of single words.
+// Parses and prints single words.
 #include "text.h"
 
 #include <algorithm>

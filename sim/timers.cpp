@@ -1,4 +1,4 @@
-// The timers, in the order of their times.
+// The timers, ordered by their times.
 #include "timers.h"
 
 #include <ctime>
@@ -28,7 +28,7 @@ u64 timers_due() { return _timers.empty() ? NEVER : _timers.begin()->first; }
 
 void timers_run(u64 now)
 {
-    // A timer may set others; one of 0 ms waits for the next round, so that they cannot keep the loop here.
+    // A timer may set others. One of 0 ms waits for the next round, so that timers cannot block the loop.
     while (!_timers.empty() && _timers.begin()->first <= now) {
         auto timer = _timers.extract(_timers.begin());
         card_t *card = card_find(timer.mapped().id);

@@ -1,10 +1,10 @@
-// What is to happen later: late answers, and the end of the other holder's turns. Run by the main loop.
+// Timers for late answers and for the end of the other holder's turns. Run by the main loop.
 #ifndef SIM_TIMERS_H
 #define SIM_TIMERS_H
 
-#include "card.h"
-
 #include <functional>
+
+#include "card.h"
 
 constexpr u64 NEVER = ~u64{0};
 constexpr u64 NS_PER_MS = 1000000;
@@ -12,7 +12,7 @@ constexpr u64 NS_PER_MS = 1000000;
 // Monotonic, in nanoseconds.
 u64 time_now();
 
-// Does `act` after so many milliseconds if the card is still there then.
+// Calls `act` after `ms` milliseconds if the card still exists then.
 void timer_set(const card_t &card, u32 ms, std::function<void(card_t &)> act);
 
 u64 timers_due(); // when the next one is, or NEVER

@@ -1,22 +1,25 @@
-// Packet sockets. The kernel takes the VLAN tag out of a received frame and hands it over beside the data, but only to
-// sockets of all EtherTypes: one bound to the fabric's EtherType would get its frames without any trace of their tag.
+// Packet sockets. The kernel removes the VLAN tag of a received frame and passes it beside the data, but only to
+// sockets for all EtherTypes. A socket bound to the fabric's EtherType would receive the frames with no trace of their
+// tag.
 #include "wire.h"
-#include "frames.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <cstring>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
+#include "frames.h"
+
 static constexpr int SOCKET_BUFFER = 16 << 20;
 static constexpr unsigned BATCH = 64; // of frames to send
 static constexpr unsigned TAKE = 16;  // of frames to receive
 static constexpr unsigned TAKES_IN_A_ROW = 64;
-static constexpr size_t RECEIVE_ROOM = 2048; // no command is longer; the rest of a longer frame is of no interest
+static constexpr size_t RECEIVE_ROOM = 2048; // no command is longer; the rest of a longer frame is dropped
 
 static constexpr size_t MACS = 12;
 static constexpr size_t TAG = 4;
@@ -44,15 +47,15 @@ bool wire_open(unsigned port, const char *interface, std::string &why)
 {
     const unsigned index = if_nametoindex(interface);
     if (index == 0) {
-        why = std::string("there is no interface ") + interface + "; make one with: ip link add fxm" +
+        why = std::string("there is no interface ") + interface + "; create one with: ip link add fxm" +
               std::to_string(port) + " type veth peer name " + interface;
         return false;
     }
-    // No protocol yet: bound to none it takes in nothing, so that no frame of another interface slips in.
+    // Without a protocol the socket receives nothing, so no frame of another interface gets in before bind.
     const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         why = std::string("cannot open a packet socket: ") + std::strerror(errno) +
-              "; it takes root or the capability CAP_NET_RAW";
+              "; root or the capability CAP_NET_RAW is required";
         return false;
     }
     _set_buffer(fd, SO_RCVBUFFORCE, SO_RCVBUF);
@@ -125,7 +128,7 @@ void wire_flush()
             _flush(port);
 }
 
-// Puts the tag back that the kernel has put beside the frame. There is room for it before the frame.
+// Reinserts the VLAN tag that the kernel has removed. There is space for it before the frame.
 static void _retag(msghdr &header, u8 *&frame, size_t &size)
 {
     for (cmsghdr *c = CMSG_FIRSTHDR(&header); c; c = CMSG_NXTHDR(&header, c)) {
@@ -169,12 +172,12 @@ void wire_receive(unsigned port, void (*take)(unsigned port, const u8 *frame, si
             message[i].msg_hdr.msg_namelen = sizeof in[i].from;
         }
         const int got = recvmmsg(_fd[port], message, TAKE, MSG_DONTWAIT, nullptr);
-        // An interface that went down is reported once, and the socket lives on.
+        // An error is reported once when the interface goes down; the socket stays usable.
         if (got <= 0)
             return;
         for (unsigned i = 0; i < static_cast<unsigned>(got); i++) {
             if (in[i].from.sll_pkttype == PACKET_OUTGOING)
-                continue; // somebody else's at this end of the cable
+                continue; // sent by another program at this end of the cable
             u8 *frame = in[i].frame + TAG;
             size_t size = message[i].msg_len;
             _retag(message[i].msg_hdr, frame, size);

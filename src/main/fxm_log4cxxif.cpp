@@ -12,7 +12,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <type_traits>
 
@@ -21,9 +20,9 @@
 
 std::atomic<fxm_log_level_t> g_log_level{FXM_LOG_INFO};
 
-// A process may exit without a stop, while workers and calls still log. log4cxx is then destroyed under their hands, so
-// every use of it goes through this door. Sequentially consistent: a user counts itself in and then looks whether the
-// door is open, while the exit closes it and then looks at the count; one of the two must see the other.
+// A process may exit without a stop, while workers and calls still log. The exit destroys log4cxx, so every use of it
+// passes this door. Both words are sequentially consistent: a user counts itself in and then reads whether the door is
+// open, the exit closes the door and then reads the count, and one of the two must see the other.
 static std::atomic<bool> door_open{true};
 static std::atomic<uint32_t> users_inside{0};
 
@@ -39,7 +38,8 @@ struct fxm_log_user_t {
     bool admitted;
 };
 
-// Waits for the users inside to leave, one second at most: one that hangs in a blocked write must not hold up the exit.
+// Waits until the users inside have left, one second at most: a user that hangs in a blocked write must not hold up the
+// exit.
 static void _close_door()
 {
     constexpr int longest = 1000;
@@ -48,9 +48,9 @@ static void _close_door()
         Sleep(1);
 }
 
-// log4cxx makes some of its objects at their first use, and the exit destroys what was made last first. So the door has
-// to close before all of them: its closing is registered again after the first line of each logger and level, when what
-// such a line needs has been made.
+// log4cxx makes some of its objects when they are first used, and the exit destroys the last made first. The door must
+// close before all of them. So its closing is registered again after the first line of each logger and level, when
+// everything that such a line needs has been made.
 static void _close_door_first(fxm_logger_t logger, fxm_log_level_t level)
 {
     static std::atomic<uint32_t> seen{0};
@@ -59,8 +59,8 @@ static void _close_door_first(fxm_logger_t logger, fxm_log_level_t level)
         std::atexit(_close_door);
 }
 
-// Looked up while the library is being loaded, released when the process exits. The levels are made with them, so that
-// a first line of a level does not race with the exit.
+// Looked up while the library is loaded, released when the process exits. The levels are made here too, so that the first
+// line of a level cannot race with the exit.
 static struct fxm_loggers_t {
     log4cxx::LoggerPtr logger[3] = {log4cxx::Logger::getLogger("logfile"), log4cxx::Logger::getLogger("syslogfile"),
                                     log4cxx::Logger::getLogger("statslogfile")};
@@ -69,10 +69,10 @@ static struct fxm_loggers_t {
     ~fxm_loggers_t() { _close_door(); }
 } loggers;
 
-// Set once log4cxx has been configured by fxm_log_init. Before that a host may have configured it for itself.
+// Set when fxm_log_init has configured log4cxx. A host may have configured it for its own use before that.
 static std::atomic<bool> configured{false};
 
-// Whether a line has somewhere to go. log4cxx complains on stderr about a line that has not.
+// Whether a line has an appender to go to. log4cxx prints a complaint on stderr about one that has not.
 static bool _has_appender(log4cxx::LoggerPtr logger)
 {
     if (configured.load(std::memory_order_relaxed))
@@ -85,7 +85,6 @@ static bool _has_appender(log4cxx::LoggerPtr logger)
 }
 
 constexpr size_t FXM_LOG_BUFFER = 512;
-constexpr size_t FXM_LOG_PATH_BUFFER = 512;
 
 const char *_fxm_loglevel_name(fxm_log_level_t level)
 {
@@ -93,8 +92,8 @@ const char *_fxm_loglevel_name(fxm_log_level_t level)
     return level >= FXM_LOG_FATAL && level <= FXM_LOG_TRACE ? names[level] : "";
 }
 
-// The location that log4cxx is told: always this adapter, with a line of its own for each level. log4cxx 1.0 has added
-// an argument for the file's short name.
+// The location for log4cxx: always this adapter, with a fixed line for each level. log4cxx 1.0 has added an argument for
+// the file's short name.
 template <typename Location> static Location _location(const char *function, int line)
 {
     static const char *const file = "src\\main\\fxm_log4cxxif";
@@ -148,7 +147,7 @@ try {
         break;
     }
 } catch (...) {
-    // A log that cannot be written is no reason to stop a fabric, and nobody is left to be told.
+    // A log that cannot be written is no reason to stop, and there is nobody left to report to.
 }
 
 void _fxm_format_log(fxm_logger_t logger, fxm_log_level_t level, const char *format, ...) noexcept
@@ -163,15 +162,8 @@ void _fxm_format_log(fxm_logger_t logger, fxm_log_level_t level, const char *for
 
 int fxm_log_init(const char *dir)
 {
-    static const char *const name = "conf/fxm_log4c_win.properties";
-    char path[FXM_LOG_PATH_BUFFER] = "C:/Program Files/QOR/FXM/conf/fxm_log4c_win.properties";
-    if (dir != nullptr && dir[0] != '\0') {
-        // "/", the name and the terminating zero.
-        if (strlen(dir) + strlen(name) + 2 > sizeof(path))
-            return FXM_API_EPROTO;
-        snprintf(path, sizeof(path), "%s/%s", dir, name);
-    }
-    if (_fxm_file_exist(path) != 0)
+    char path[FXM_PATH_SIZE];
+    if (!_fxm_path_below(dir, "conf/fxm_log4c_win.properties", path) || _fxm_file_exist(path) != 0)
         return FXM_API_EPROTO;
     try {
         log4cxx::PropertyConfigurator::configure(log4cxx::File(path));

@@ -1,6 +1,6 @@
-// The log adapter, the one piece that uses log4cxx: three loggers, a level filter in front of log4cxx's own, and the
-// printf-like log calls. Any thread logs, under any lock: a call has its buffer on its own stack and log4cxx serialises
-// its appenders. A call that the filter stops costs one load and one comparison.
+// The log adapter, the only user of log4cxx: three loggers, a level filter in front of log4cxx's own, and printf-like
+// log calls. Any thread may log under any lock: each call has its buffer on its own stack, and log4cxx serialises its
+// appenders. A call that the filter stops costs one load and one comparison.
 #ifndef FXM_LOG4CXXIF_H
 #define FXM_LOG4CXXIF_H
 

@@ -13,10 +13,6 @@
 #include "wire/fxm_frame.h"
 #include "wire/fxm_send.h"
 
-constexpr uint16_t FXM_VLAN_FIRST = 16;
-constexpr uint16_t FXM_VLAN_LAST = 4094;
-constexpr uint32_t FXM_MMS_PAGES = 1024;
-
 // The card takes the VLAN by itself and says so by tagging its next announcement with it, so the verify watches the
 // table. `timeout` is the time granted to each frame.
 static int _fxm_set_vlanid(const fxm_card_data_t *card, uint16_t vlanid, uint32_t timeout, uint32_t retries,

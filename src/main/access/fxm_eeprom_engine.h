@@ -7,8 +7,6 @@
 
 #include "fxm.h"
 
-constexpr uint32_t FXM_EEPROM_SIZE = 0x800; // bytes
-
 // retries bounds each register access and the attempts for the word. 0, ETIMEDOUT, ENOSYS, EPROTO.
 int _fxm_read_eeprom(const fxm_card_data_t *card, uint32_t addr, uint32_t *data, uint32_t timeout, uint32_t retries);
 int _fxm_write_eeprom(const fxm_card_data_t *card, uint32_t addr, uint32_t data, uint32_t timeout, uint32_t retries,

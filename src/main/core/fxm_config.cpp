@@ -2,7 +2,6 @@
 // on the threads that write a status dump.
 #include "core/fxm_config.h"
 
-#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -20,99 +19,34 @@ constexpr uint32_t FXM_MAX = 0xFFFFFFFF;
 
 static const char *const BLANKS = " \t\r\n";
 
+static const char *const PARSE_ERROR = "config parameter parse error";
+static const char *const RANGE_ERROR = "out of range error";
+
 // ------------------------------------------------------------------------------------------------------- the table
 
-enum kind_t { NUMBER, PORT_NAMES, PORT_INDEXES, MAC, ETHER_TYPE };
+struct config_key_t;
 
-// One row for each key that stands for one field, in the order of the record. A number whose range is the whole of 32
-// bits has no out of range message; one that takes a minus sign lets it wrap, as strtoul does.
+using emit_t = void (*)(const char *name, const char *value);
+
+// What the keys of one kind do with their values.
+struct config_kind_t {
+    const char *(*parse)(const config_key_t &key, char *text); // into the record: null, or what is wrong with the text
+    void (*show)(const config_key_t &key, emit_t emit);
+};
+
+// One row for each key of the file, in the order in which the values are shown.
 struct config_key_t {
     const char *name;
-    kind_t kind;
+    const config_kind_t *kind;
+    const char *preset; // as it would stand in the file
+    // Of numbers: where the value goes, what is accepted, how it is shown. A number that accepts all of 32 bits cannot
+    // be out of range. One that takes a minus sign lets it wrap.
     uint32_t fxm_config_t::*field;
-    uint32_t preset;
     uint32_t low;
     uint32_t high;
     bool minus;
     const char *format;
 };
-
-#define KEY_NUMBER(field, preset, low, high) #field, NUMBER, &fxm_config_t::field, preset, low, high, false, "%u"
-
-static const config_key_t keys[] = {
-    // key, default, least, most
-    {"ether_port", PORT_NAMES, nullptr, 2, 0, FXM_MAX, false, "%s"},
-    {"broadcast_mac", MAC, nullptr, 0, 0, FXM_MAX, false, "%.12llx"},
-    {"ether_port_ifindex", PORT_INDEXES, nullptr, 2, 0, FXM_MAX, false, "%u"},
-    {KEY_NUMBER(devinfo_check_interval, 1000, 1000, 100000)},
-    {KEY_NUMBER(devinfo_expire_time, 5000, 1000, 100000)},
-    {KEY_NUMBER(devinfo_flag_check_interval, 100, 1, 100000)},
-    {KEY_NUMBER(vlan_check_interval, 10, 1, 1000)},
-    {KEY_NUMBER(frame_retry_interval, 100, 1, 1000)},
-    {KEY_NUMBER(frame_retry_count, 10, 0, 100)},
-    {KEY_NUMBER(frame_retry_interval_livecheck, 100, 1, 1000)},
-    {KEY_NUMBER(frame_retry_count_livecheck, 10, 0, 100)},
-    {"eeprom_id_number", NUMBER, &fxm_config_t::eeprom_id_number, 256, 1, 32768, true, "%#.4x"},
-    {KEY_NUMBER(eeprom_retry_interval, 50, 1, 1000)},
-    {KEY_NUMBER(eeprom_retry_count, 100, 0, 1000)},
-    {KEY_NUMBER(eeprom_check_interval, 1, 0, 1000)},
-    {KEY_NUMBER(eeprom_check_retry_count, 50, 0, 1000)},
-    {KEY_NUMBER(eeprom_verify_count, 20, 0, 60)},
-    {KEY_NUMBER(eeprom_verify_interval, 1, 1, FXM_MAX)},
-    {"eeprom_lock_other_bit", NUMBER, &fxm_config_t::eeprom_lock_other_bit, 8, 0, FXM_MAX, true, "%#.8x"},
-    {KEY_NUMBER(eeprom_rw_interval, 100, 0, 1000)},
-    {KEY_NUMBER(tag_min, 0, 0, 255)},
-    {KEY_NUMBER(tag_max, 255, 0, 255)},
-    {"id_list_upper_limit", NUMBER, &fxm_config_t::id_list_upper_limit, FXM_MAX, 0, FXM_MAX, true, "%#.8x"},
-    {KEY_NUMBER(log_level, 3, 0, 5)},
-    {KEY_NUMBER(network_composition, 2, 1, 2)},
-    {KEY_NUMBER(eeprom_type, 0, 0, 1)},
-    {KEY_NUMBER(stats_interval, 3600, 1, 2592000)},
-    {KEY_NUMBER(stats_verbose_level, 0, 0, FXM_MAX)},
-    {KEY_NUMBER(force_lock_try_count, 10, 0, 1000)},
-    {KEY_NUMBER(register_verify_interval, 0, 0, 1000)},
-    {KEY_NUMBER(update_evt_mask, 2, 1, 2)},
-    {"ether_type", ETHER_TYPE, nullptr, 0x88B6, 0, 0xFFFF, true, "%#.4x"},
-};
-
-static bool key_seen[std::size(keys)];
-
-void _fxm_config_default()
-{
-    g_config = {};
-    snprintf(g_config.ether_port0_name, sizeof(g_config.ether_port0_name), "eth0");
-    snprintf(g_config.ether_port1_name, sizeof(g_config.ether_port1_name), "eth1");
-    g_config.broadcast_mac = 0x0300FFFFFFFF;
-    g_config.ether_port0_ifindex = 0;
-    g_config.ether_port1_ifindex = 1;
-    for (const config_key_t &key : keys) {
-        if (key.kind == NUMBER)
-            g_config.*key.field = key.preset;
-        else if (key.kind == PORT_NAMES)
-            g_config.use_port_num_linux = key.preset;
-        else if (key.kind == PORT_INDEXES)
-            g_config.use_port_num_win = key.preset;
-        else if (key.kind == ETHER_TYPE)
-            g_config.ether_type = static_cast<uint16_t>(key.preset);
-    }
-    memset(key_seen, 0, sizeof(key_seen));
-}
-
-bool _fxm_config_ports_by_index()
-{
-    for (size_t i = 0; i < std::size(keys); ++i) {
-        if (keys[i].kind == PORT_INDEXES)
-            return key_seen[i];
-    }
-    return false;
-}
-
-uint32_t _fxm_config_port_num()
-{
-    return _fxm_config_ports_by_index() ? g_config.use_port_num_win : g_config.use_port_num_linux;
-}
-
-// --------------------------------------------------------------------------------------------------------- parsing
 
 // Cuts the next word off *text at any of `separators`; null when there is none.
 static char *_next_word(char **text, const char *separators)
@@ -127,6 +61,15 @@ static char *_next_word(char **text, const char *separators)
     *end = '\0';
     return word;
 }
+
+template <typename Value> static void _show(emit_t emit, const char *name, const char *format, Value value)
+{
+    char shown[FXM_PORT_NAME_SIZE];
+    snprintf(shown, sizeof(shown), format, value);
+    emit(name, shown);
+}
+
+// -- numbers
 
 enum number_result_t { NUMBER_OK, NUMBER_NONE, NUMBER_TOO_LARGE };
 
@@ -146,29 +89,72 @@ static number_result_t _parse_u32(const char *word, uint32_t *value)
     return NUMBER_OK;
 }
 
-static bool _parse_mac(const char *word, uint64_t *mac)
+static const char *_parse_number(const config_key_t &key, char *text)
 {
-    if (strlen(word) != 17)
-        return false;
-    uint64_t value = 0;
-    for (size_t i = 0; i < 17; ++i) {
-        if (i % 3 == 2) {
-            if (word[i] != ':')
-                return false;
-            continue;
-        }
-        if (isxdigit(static_cast<unsigned char>(word[i])) == 0)
-            return false;
-        const char digit[2] = {word[i], '\0'};
-        uint32_t nibble = 0;
-        std::from_chars(digit, digit + 1, nibble, 16);
-        value = value << 4 | nibble;
-    }
-    *mac = value;
-    return true;
+    const char *word = _next_word(&text, BLANKS);
+    uint32_t value = 0;
+    if (word == nullptr || (*word == '-' && !key.minus) || _parse_u32(word, &value) != NUMBER_OK)
+        return PARSE_ERROR;
+    if (value < key.low || value > key.high)
+        return RANGE_ERROR;
+    g_config.*key.field = value;
+    return nullptr;
 }
 
-static bool _parse_port_names(char *text)
+static void _show_number(const config_key_t &key, emit_t emit)
+{
+    _show(emit, key.name, key.format, g_config.*key.field);
+}
+
+static const config_kind_t number_kind = {_parse_number, _show_number};
+
+static const char *_parse_ether_type(const config_key_t &key, char *text)
+{
+    const char *word = _next_word(&text, BLANKS);
+    uint32_t value = 0;
+    if (word == nullptr || _parse_u32(word, &value) != NUMBER_OK || value > key.high)
+        return PARSE_ERROR;
+    g_config.ether_type = static_cast<uint16_t>(value);
+    return nullptr;
+}
+
+static void _show_ether_type(const config_key_t &key, emit_t emit)
+{
+    _show(emit, key.name, key.format, static_cast<uint32_t>(g_config.ether_type));
+}
+
+static const config_kind_t ether_type_kind = {_parse_ether_type, _show_ether_type};
+
+// -- the MAC address
+
+static const char *_parse_mac(const config_key_t &, char *text)
+{
+    constexpr size_t length = 17; // six bytes of two digits, and a colon between them
+    const char *word = _next_word(&text, BLANKS);
+    if (word == nullptr || strlen(word) != length)
+        return PARSE_ERROR;
+    uint64_t mac = 0;
+    for (size_t i = 0; i < length; i += 3) {
+        uint8_t byte = 0;
+        const auto [end, err] = std::from_chars(word + i, word + i + 2, byte, 16);
+        if (err != std::errc() || end != word + i + 2 || (word[i + 2] != ':' && word[i + 2] != '\0'))
+            return PARSE_ERROR;
+        mac = mac << 8 | byte;
+    }
+    g_config.broadcast_mac = mac;
+    return nullptr;
+}
+
+static void _show_mac(const config_key_t &key, emit_t emit)
+{
+    _show(emit, key.name, key.format, _ull(g_config.broadcast_mac));
+}
+
+static const config_kind_t mac_kind = {_parse_mac, _show_mac};
+
+// -- the ports, by name and by index
+
+static const char *_parse_port_names(const config_key_t &, char *text)
 {
     g_config.ether_port0_name[0] = g_config.ether_port1_name[0] = '\0';
     g_config.use_port_num_linux = 0;
@@ -183,15 +169,23 @@ static bool _parse_port_names(char *text)
             break;
         }
         if (strlen(name) >= FXM_PORT_NAME_SIZE)
-            return false;
+            return PARSE_ERROR;
         char *slot = g_config.use_port_num_linux == 0 ? g_config.ether_port0_name : g_config.ether_port1_name;
         snprintf(slot, FXM_PORT_NAME_SIZE, "%s", name);
         g_config.use_port_num_linux += 1;
     }
-    return g_config.use_port_num_linux > 0;
+    return g_config.use_port_num_linux > 0 ? nullptr : PARSE_ERROR;
 }
 
-static bool _parse_port_indexes(char *text)
+static void _show_port_names(const config_key_t &, emit_t emit)
+{
+    emit("ether_port0_name", g_config.ether_port0_name);
+    emit("ether_port1_name", g_config.ether_port1_name);
+}
+
+static const config_kind_t port_names_kind = {_parse_port_names, _show_port_names};
+
+static const char *_parse_port_indexes(const config_key_t &, char *text)
 {
     constexpr size_t longest = 10;
     g_config.ether_port0_ifindex = g_config.ether_port1_ifindex = 0;
@@ -201,49 +195,106 @@ static bool _parse_port_indexes(char *text)
         if (word == nullptr)
             break;
         if (*word == '-')
-            return false;
+            return PARSE_ERROR;
         word[strcspn(word, "\r\n")] = '\0';
         if (strlen(word) > longest)
-            return false;
+            return PARSE_ERROR;
         uint32_t *slot = token == 0 ? &g_config.ether_port0_ifindex : &g_config.ether_port1_ifindex;
         const number_result_t result = _parse_u32(word, slot);
         if (result == NUMBER_TOO_LARGE)
-            return false;
+            return PARSE_ERROR;
         if (result == NUMBER_NONE)
             break;
         g_config.use_port_num_win += 1;
     }
-    return g_config.use_port_num_win > 0;
+    return g_config.use_port_num_win > 0 ? nullptr : PARSE_ERROR;
 }
 
-// Parses the text behind the "=" into the record. Null, or the words of the failure.
-static const char *_parse_value(const config_key_t &key, char *text)
+// Both counts of ports are shown with the indexes.
+static void _show_port_indexes(const config_key_t &, emit_t emit)
 {
-    static const char *const parse_error = "config parameter parse error";
-    static const char *const range_error = "out of range error";
+    _show(emit, "ether_port0_ifindex", "%u", g_config.ether_port0_ifindex);
+    _show(emit, "ether_port1_ifindex", "%u", g_config.ether_port1_ifindex);
+    _show(emit, "use_port_num_win", "%u", g_config.use_port_num_win);
+    _show(emit, "use_port_num_linux", "%u", g_config.use_port_num_linux);
+}
 
-    if (key.kind == PORT_NAMES)
-        return _parse_port_names(text) ? nullptr : parse_error;
-    if (key.kind == PORT_INDEXES)
-        return _parse_port_indexes(text) ? nullptr : parse_error;
+static const config_kind_t port_indexes_kind = {_parse_port_indexes, _show_port_indexes};
 
-    const char *word = _next_word(&text, BLANKS);
-    if (word == nullptr)
-        return parse_error;
-    if (key.kind == MAC)
-        return _parse_mac(word, &g_config.broadcast_mac) ? nullptr : parse_error;
+// -- the rows
 
-    uint32_t value = 0;
-    if ((*word == '-' && !key.minus) || _parse_u32(word, &value) != NUMBER_OK)
-        return parse_error;
-    if (value < key.low || value > key.high)
-        return key.kind == ETHER_TYPE ? parse_error : range_error;
-    if (key.kind == ETHER_TYPE)
-        g_config.ether_type = static_cast<uint16_t>(value);
-    else
-        g_config.*key.field = value;
+// clang-format off
+#define NUMBER(field, preset, low, high) #field, &number_kind, preset, &fxm_config_t::field, low, high, false, "%u"
+#define MASK(field, preset, low, high, format) #field, &number_kind, preset, &fxm_config_t::field, low, high, true, format
+
+static const config_key_t keys[] = {
+    // key, default, least, most
+    {"ether_port", &port_names_kind, "eth0 eth1", nullptr, 0, 0, false, nullptr},
+    {"broadcast_mac", &mac_kind, "03:00:ff:ff:ff:ff", nullptr, 0, 0, false, "%.12llx"},
+    {"ether_port_ifindex", &port_indexes_kind, "0 1", nullptr, 0, 0, false, nullptr},
+    {NUMBER(devinfo_check_interval, "1000", 1000, 100000)},
+    {NUMBER(devinfo_expire_time, "5000", 1000, 100000)},
+    {NUMBER(devinfo_flag_check_interval, "100", 1, 100000)},
+    {NUMBER(vlan_check_interval, "10", 1, 1000)},
+    {NUMBER(frame_retry_interval, "100", 1, 1000)},
+    {NUMBER(frame_retry_count, "10", 0, 100)},
+    {NUMBER(frame_retry_interval_livecheck, "100", 1, 1000)},
+    {NUMBER(frame_retry_count_livecheck, "10", 0, 100)},
+    {MASK(eeprom_id_number, "0x100", 1, 32768, "%#.4x")},
+    {NUMBER(eeprom_retry_interval, "50", 1, 1000)},
+    {NUMBER(eeprom_retry_count, "100", 0, 1000)},
+    {NUMBER(eeprom_check_interval, "1", 0, 1000)},
+    {NUMBER(eeprom_check_retry_count, "50", 0, 1000)},
+    {NUMBER(eeprom_verify_count, "20", 0, 60)},
+    {NUMBER(eeprom_verify_interval, "1", 1, FXM_MAX)},
+    {MASK(eeprom_lock_other_bit, "8", 0, FXM_MAX, "%#.8x")},
+    {NUMBER(eeprom_rw_interval, "100", 0, 1000)},
+    {NUMBER(tag_min, "0", 0, 255)},
+    {NUMBER(tag_max, "255", 0, 255)},
+    {MASK(id_list_upper_limit, "0xFFFFFFFF", 0, FXM_MAX, "%#.8x")},
+    {NUMBER(log_level, "3", 0, 5)},
+    {NUMBER(network_composition, "2", 1, 2)},
+    {NUMBER(eeprom_type, "0", 0, 1)},
+    {NUMBER(stats_interval, "3600", 1, 2592000)},
+    {NUMBER(stats_verbose_level, "0", 0, FXM_MAX)},
+    {NUMBER(force_lock_try_count, "10", 0, 1000)},
+    {NUMBER(register_verify_interval, "0", 0, 1000)},
+    {NUMBER(update_evt_mask, "2", 1, 2)},
+    {"ether_type", &ether_type_kind, "0x88B6", nullptr, 0, 0xFFFF, true, "%#.4x"},
+};
+// clang-format on
+
+static bool key_seen[std::size(keys)];
+static bool ports_by_index; // the file has named the ports by index
+
+// The row of a key, or null.
+static const config_key_t *_find_key(const char *name)
+{
+    for (const config_key_t &key : keys) {
+        if (strcmp(name, key.name) == 0)
+            return &key;
+    }
     return nullptr;
 }
+
+void _fxm_config_default()
+{
+    g_config = {};
+    for (const config_key_t &key : keys) {
+        char text[FXM_CONFIG_LINE];
+        snprintf(text, sizeof(text), "%s", key.preset);
+        [[maybe_unused]] const char *failure = key.kind->parse(key, text);
+        fxm_assert(failure == nullptr);
+    }
+    memset(key_seen, 0, sizeof(key_seen));
+    ports_by_index = false;
+}
+
+bool _fxm_config_ports_by_index() { return ports_by_index; }
+
+uint32_t _fxm_config_port_num() { return ports_by_index ? g_config.use_port_num_win : g_config.use_port_num_linux; }
+
+// ---------------------------------------------------------------------------------------------------------- reading
 
 // One line of the file, under the name of the reader. 0 or EPROTO.
 static int _read_line(const char *func, char *line)
@@ -256,21 +307,22 @@ static int _read_line(const char *func, char *line)
     const char *name = _next_word(&line, BLANKS);
     if (name == nullptr)
         return 0;
-    for (size_t i = 0; i < std::size(keys); ++i) {
-        if (strcmp(name, keys[i].name) != 0)
-            continue;
-        if (key_seen[i])
-            return 0; // the first occurrence of a key wins
-        const char *failure = _parse_value(keys[i], value);
-        if (failure != nullptr) {
-            fxm_log_error("%s: %s: %s", func, failure, keys[i].name);
-            return EPROTO;
-        }
-        key_seen[i] = true;
-        return 0;
+    const config_key_t *key = _find_key(name);
+    if (key == nullptr) {
+        fxm_log_error("%s: Unknown config parameter: %s", func, name);
+        return EPROTO;
     }
-    fxm_log_error("%s: Unknown config parameter: %s", func, name);
-    return EPROTO;
+    bool &seen = key_seen[key - keys];
+    if (seen)
+        return 0; // the first occurrence of a key wins
+    const char *failure = key->kind->parse(*key, value);
+    if (failure != nullptr) {
+        fxm_log_error("%s: %s: %s", func, failure, key->name);
+        return EPROTO;
+    }
+    seen = true;
+    ports_by_index = ports_by_index || key->kind == &port_indexes_kind;
+    return 0;
 }
 
 int _fxm_config_read(const char *path)
@@ -306,50 +358,23 @@ int _fxm_config_read(const char *path)
 
 // --------------------------------------------------------------------------------------------------------- showing
 
-// Gives the name and the shown value of every field, in the order of the record.
-template <typename Emit> static void _each_line(Emit emit)
+static void _show_all(emit_t emit)
 {
-    const auto line = [&](const char *name, const char *format, auto value) {
-        char shown[FXM_PORT_NAME_SIZE];
-        snprintf(shown, sizeof(shown), format, value);
-        emit(name, shown);
-    };
-    line("ether_port0_name", "%s", g_config.ether_port0_name);
-    line("ether_port1_name", "%s", g_config.ether_port1_name);
-    for (const config_key_t &key : keys) {
-        switch (key.kind) {
-        case PORT_NAMES:
-            break;
-        case MAC:
-            line(key.name, key.format, _ull(g_config.broadcast_mac));
-            break;
-        case PORT_INDEXES:
-            line("ether_port0_ifindex", key.format, g_config.ether_port0_ifindex);
-            line("ether_port1_ifindex", key.format, g_config.ether_port1_ifindex);
-            line("use_port_num_win", key.format, g_config.use_port_num_win);
-            line("use_port_num_linux", key.format, g_config.use_port_num_linux);
-            break;
-        case ETHER_TYPE:
-            line(key.name, key.format, static_cast<uint32_t>(g_config.ether_type));
-            break;
-        case NUMBER:
-            line(key.name, key.format, g_config.*key.field);
-            break;
-        }
-    }
+    for (const config_key_t &key : keys)
+        key.kind->show(key, emit);
 }
 
 void _fxm_config_value_print()
 {
     fxm_log_info("%s: start.", __func__);
-    _each_line([](const char *name, const char *value) { fxm_log_info("    %-30s: %s", name, value); });
+    _show_all([](const char *name, const char *value) { fxm_log_info("    %-30s: %s", name, value); });
     fxm_log_info("%s: end.", __func__);
 }
 
 void _fxm_config_value_dump()
 {
     fxm_log_stats("  - Config parameters");
-    _each_line([](const char *name, const char *value) { fxm_log_stats("    %-30s: %s", name, value); });
+    _show_all([](const char *name, const char *value) { fxm_log_stats("    %-30s: %s", name, value); });
     fxm_log_stats(" ");
 }
 

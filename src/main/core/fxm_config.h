@@ -1,5 +1,5 @@
-// The configuration: one record, given its defaults and overlaid from conf/fxm.conf while the library starts, on the
-// caller's thread of fxm_init_manager. Read-only from then on, so every thread reads it without a lock.
+// The configuration: one record. It gets its defaults, and then the values of conf/fxm.conf, while the library starts,
+// on the thread that called fxm_init_manager. After that nobody writes it, so all threads read it without a lock.
 #ifndef FXM_CONFIG_H
 #define FXM_CONFIG_H
 
@@ -9,7 +9,7 @@
 constexpr uint32_t FXM_PORT_NUM = 2; // ports at most
 constexpr size_t FXM_PORT_NAME_SIZE = 256;
 
-// The fields, their keys, defaults and ranges stand in one table in fxm_config.cpp; conf/fxm.conf explains each key.
+// The table in fxm_config.cpp holds all keys with their defaults and ranges; conf/fxm.conf explains each key.
 struct fxm_config_t {
     char ether_port0_name[FXM_PORT_NAME_SIZE];
     char ether_port1_name[FXM_PORT_NAME_SIZE];
@@ -57,8 +57,8 @@ void _fxm_config_value_print();         // all values, to the log at INFO
 void _fxm_config_value_dump();          // all values, to the status dump
 void _fxm_config_fini();
 
-// Which key selects the ports: a file that sets `ether_port_ifindex` names them by index, any other by name. Everybody
-// who asks how many ports there are asks here.
+// A file that sets `ether_port_ifindex` selects the ports by index, any other file by name. The number of ports follows
+// from that.
 bool _fxm_config_ports_by_index();
 uint32_t _fxm_config_port_num();
 

@@ -1,8 +1,7 @@
-// The life of the library: start-up, the interval check, and the tear-down, all on the thread that the host has called
-// fxm_init_manager on. The tear-down mirrors the start-up, so the two read side by side.
+// The life of the library: start-up, interval check and tear-down, all on the thread on which the host has called
+// fxm_init_manager. Scopes undo the start-up in reverse order.
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
+#include <iterator>
 
 #include "access/fxm_tags.h"
 #include "access/fxm_wreg.h"
@@ -19,8 +18,6 @@
 #include "registry/fxm_tables.h"
 #include "wire/fxm_port.h"
 #include "wire/fxm_recv.h"
-
-constexpr size_t FXM_CONF_PATH_BUFFER = 512;
 
 // ----------------------------------------------------------------------------------------------------- interval check
 
@@ -62,62 +59,71 @@ static const struct {
     {_fxm_cmp_init, [] { _fxm_cmp_fini(); }},
     {_fxm_reg_init, _fxm_reg_fini},
 };
-constexpr size_t SUBSYSTEMS = sizeof(subsystems) / sizeof(subsystems[0]);
 
-// Brings them up; *made tells how many stand afterwards. 0 or the value of the first failure.
-static int _init_subsystems(size_t *made)
-{
-    for (*made = 0; *made < SUBSYSTEMS; ++*made) {
-        const int err = subsystems[*made].init();
-        if (err != 0)
-            return err;
+// Those that have been brought up; released at the end of the scope.
+struct subsystems_t {
+    size_t made = 0;
+
+    // 0, or the value of the first failure.
+    int bring_up()
+    {
+        for (; made < std::size(subsystems); ++made) {
+            const int err = subsystems[made].init();
+            if (err != 0)
+                return err;
+        }
+        return 0;
     }
-    return 0;
-}
-
-static void _fini_subsystems(size_t made)
-{
-    while (made-- > 0)
-        subsystems[made].fini();
-}
+    ~subsystems_t()
+    {
+        while (made > 0)
+            subsystems[--made].fini();
+    }
+};
 
 // -------------------------------------------------------------------------------------------------- ports and workers
 
-// What a run has opened and started; joins and closes follow it exactly.
-struct run_t {
-    bool port_open[FXM_PORT_NUM];
-    fxm_thread_t recv[FXM_PORT_NUM];
-    fxm_thread_t event_task;
-    fxm_thread_t watch_link;
-    fxm_thread_t stats_task;
+// The ports that have been opened; closed at the end of the scope.
+struct open_ports_t {
+    bool is_open[FXM_PORT_NUM] = {};
+
+    ~open_ports_t()
+    {
+        for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
+            if (is_open[port])
+                _fxm_socket_close(port);
+        }
+    }
 };
 
 // Opens the configured ports. One is enough: the other's failure is forgotten then. 0, or the error of the last one
 // tried.
-static int _open_ports(const char *func, run_t *run)
+static int _open_ports(const char *func, open_ports_t *ports)
 {
     _fxm_ports_clear();
     int err = 0;
+    bool any = false;
     for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
         if (port > 0 && _fxm_config_port_num() <= port)
             break;
         const int open_err = _fxm_socket_open(port);
-        run->port_open[port] = open_err == 0;
+        ports->is_open[port] = open_err == 0;
+        any = any || open_err == 0;
         if (open_err == 0)
             continue;
         fxm_log_error("%s: Failed to _fxm_socket_open(). port=%u, err=%d", func, port, open_err);
         err = open_err;
     }
-    return run->port_open[0] || run->port_open[1] ? 0 : err;
+    return any ? 0 : err;
 }
 
-static void _close_ports(const run_t *run)
-{
-    for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
-        if (run->port_open[port])
-            _fxm_socket_close(port);
-    }
-}
+// The workers that have been started; the joins follow it exactly.
+struct workers_t {
+    fxm_thread_t recv[FXM_PORT_NUM];
+    fxm_thread_t event_task;
+    fxm_thread_t watch_link;
+    fxm_thread_t stats_task;
+};
 
 static bool _start_worker(const char *func, const char *name, fxm_thread_t *thread, fxm_thread_start_t start, void *arg)
 {
@@ -128,37 +134,36 @@ static bool _start_worker(const char *func, const char *name, fxm_thread_t *thre
     return false;
 }
 
-// Starts the workers; one receive thread is enough. False: not all that are needed run, and the stop has been asked
-// for.
-static bool _start_workers(const char *func, run_t *run)
+// Starts the workers; one receive thread is enough. False: not all that are needed run, and a stop has been requested.
+static bool _start_workers(const char *func, const open_ports_t &ports, workers_t *workers)
 {
     static const char *const recv_names[FXM_PORT_NUM] = {"recv port0", "recv port1"};
     bool receiving = false;
     for (uintptr_t port = 0; port < FXM_PORT_NUM; ++port) {
-        if (run->port_open[port] &&
-            _start_worker(func, recv_names[port], &run->recv[port], _fxm_recv_task, reinterpret_cast<void *>(port)))
+        if (ports.is_open[port] &&
+            _start_worker(func, recv_names[port], &workers->recv[port], _fxm_recv_task, reinterpret_cast<void *>(port)))
             receiving = true;
     }
-    if (receiving && _start_worker(func, "event_task", &run->event_task, _fxm_event_task, nullptr) &&
-        _start_worker(func, "watch_link", &run->watch_link, _fxm_watch_linkstate, nullptr) &&
-        _start_worker(func, "stats_task", &run->stats_task, _fxm_stats_task, nullptr))
+    if (receiving && _start_worker(func, "event_task", &workers->event_task, _fxm_event_task, nullptr) &&
+        _start_worker(func, "watch_link", &workers->watch_link, _fxm_watch_linkstate, nullptr) &&
+        _start_worker(func, "stats_task", &workers->stats_task, _fxm_stats_task, nullptr))
         return true;
     _fxm_fini_manager();
     _fxm_event_set(&g_terminate_event);
     return false;
 }
 
-static void _join_workers(run_t *run)
+static void _join_workers(workers_t *workers)
 {
-    _fxm_thread_join(&run->stats_task);
-    _fxm_thread_join(&run->watch_link);
-    _fxm_thread_join(&run->event_task);
-    for (fxm_thread_t &thread : run->recv)
+    _fxm_thread_join(&workers->stats_task);
+    _fxm_thread_join(&workers->watch_link);
+    _fxm_thread_join(&workers->event_task);
+    for (fxm_thread_t &thread : workers->recv)
         _fxm_thread_join(&thread);
 }
 
 // From the terminate event to its closing, with the whole of a run between them. 0 or EPROTO.
-static int _run_workers(const char *func, run_t *run)
+static int _run_workers(const char *func, const open_ports_t &ports)
 {
     const int err = _fxm_terminate_event_create();
     if (err != 0) {
@@ -166,9 +171,10 @@ static int _run_workers(const char *func, run_t *run)
         return EPROTO;
     }
     internal_err.store(0);
-    if (_start_workers(func, run)) {
-        // g_fini_flag stands as the start set it, unless a worker has failed or the host has asked for the stop in the
-        // meantime: that stop must not be lost, for workers have seen it and are gone.
+    workers_t workers = {};
+    if (_start_workers(func, ports, &workers)) {
+        // g_fini_flag is not written here. If a worker has failed or the host has requested a stop in the meantime, that
+        // stop must not be lost: workers have seen it and have ended.
         g_start_flag.store(FXM_OFF);
         g_init_flag.store(FXM_ON);
         g_init_guard.store(1);
@@ -178,31 +184,26 @@ static int _run_workers(const char *func, run_t *run)
         _fxm_event_set(&g_stats_event);
         _fxm_event_set(&g_terminate_event);
     }
-    _join_workers(run);
-    // Calls that have found the library running go on using ports, tags and tables until they return.
+    _join_workers(&workers);
+    // Calls that have found the library running use ports, tags and tables until they return.
     _fxm_wait_calls();
     _fxm_event_destroy(&g_terminate_event);
     return 0;
 }
 
-// ------------------------------------------------------------------------------------------------- exported functions
-
-// "conf/fxm.conf" below `dir`. 0 or EPROTO.
-static int _make_conf_filename(const char *func, const char *dir, char (&path)[FXM_CONF_PATH_BUFFER])
+// What lies between the configuration and the end of the tear-down. 0, or the error that kept it from running.
+static int _run(const char *func)
 {
-    static const char *const name = "conf/fxm.conf";
-    if (dir == nullptr || dir[0] == '\0') {
-        snprintf(path, sizeof(path), "C:/Program Files/QOR/FXM/%s", name);
-        return 0;
-    }
-    // "/", the name and the terminating zero.
-    if (strlen(dir) + strlen(name) + 2 > sizeof(path)) {
-        fxm_log_error("%s: Failed to make_conf_filename()", func);
-        return EPROTO;
-    }
-    snprintf(path, sizeof(path), "%s/%s", dir, name);
-    return 0;
+    subsystems_t up;
+    int err = up.bring_up();
+    if (err != 0)
+        return err;
+    open_ports_t ports;
+    err = _open_ports(func, &ports);
+    return err != 0 ? err : _run_workers(func, ports);
 }
+
+// ------------------------------------------------------------------------------------------------- exported functions
 
 // Arguments, logging, configuration: what comes before there is anything to release. An FXM_API_ code.
 static int _prepare(const char *func, const char *dir, int32_t log_level)
@@ -215,9 +216,11 @@ static int _prepare(const char *func, const char *dir, int32_t log_level)
     if (log_result != 0)
         return log_result;
     _fxm_config_default();
-    char path[FXM_CONF_PATH_BUFFER];
-    if (_make_conf_filename(func, dir, path) != 0)
+    char path[FXM_PATH_SIZE];
+    if (!_fxm_path_below(dir, "conf/fxm.conf", path)) {
+        fxm_log_error("%s: Failed to make_conf_filename()", func);
         return FXM_API_EPROTO;
+    }
     const int err = _fxm_config_read(path);
     if (err != 0 && err != ENOENT) {
         fxm_log_error("%s: Failed to _fxm_config_read() err=%d", func, err);
@@ -227,7 +230,7 @@ static int _prepare(const char *func, const char *dir, int32_t log_level)
     return FXM_API_SUCCESS;
 }
 
-// Takes the guard. A second call, at whatever moment, is told that the library is busy and touches nothing.
+// Takes the guard. False for a second call, which must not touch anything.
 static bool _enter_start()
 {
     if (g_init_flag.load() == FXM_ON)
@@ -235,7 +238,7 @@ static bool _enter_start()
     int free_guard = 1;
     if (!g_init_guard.compare_exchange_strong(free_guard, 0))
         return false;
-    // Between the look at the flag and the guard another start may have completed.
+    // Another start may have completed since the flag was read.
     if (g_init_flag.load() == FXM_ON) {
         g_init_guard.store(1);
         return false;
@@ -255,24 +258,14 @@ int fxm_init_manager(const char *dir, int32_t log_level)
         return refused;
     }
 
-    run_t run = {};
-    size_t made = 0;
-    int err = _init_subsystems(&made);
-    if (err == 0) {
-        err = _open_ports(__func__, &run);
-        if (err == 0) {
-            err = _run_workers(__func__, &run);
-            _close_ports(&run);
-        }
-    }
-    _fini_subsystems(made);
+    int err = _run(__func__);
     _fxm_config_fini();
 
-    // Taken before the flags are released: from then on the word may be another start's.
+    // Read before the flags are released. After that the word may belong to another start.
     const int stop_err = internal_err.exchange(0);
     g_start_flag.store(FXM_OFF);
-    // One store, the last, lets the next start in, and it must not be stored over: after a complete start the guard has
-    // been free for long, and the flag has kept others out.
+    // The last store lets the next start in, so nothing may be stored after it. After a complete start that is the flag:
+    // the guard has been free since then.
     if (g_init_flag.load() == FXM_ON)
         g_init_flag.store(FXM_OFF);
     else

@@ -16,13 +16,13 @@ fxm_event_t g_terminate_event;
 
 static std::atomic<uint32_t> calls_in_progress{0};
 
-// Wakes the tear-down, which alone waits on it. Zero-initialised it is ready for use, and it is never destroyed: a call
-// may signal it at any time.
+// Wakes the tear-down, the only thread that waits on it. It needs no initialisation and is never destroyed, because a
+// call may signal it at any time.
 static fxm_event_t last_call_left;
 
 int _fxm_terminate_event_create() { return _fxm_event_init_waitable(&g_terminate_event); }
 
-// Nobody waits before the stop, so until then the count is all that a call pays for.
+// Nobody waits before the stop, so until then a call only counts.
 static void _leave_call()
 {
     if (calls_in_progress.fetch_sub(1) == 1 && _fxm_stopping())
@@ -32,8 +32,8 @@ static void _leave_call()
 fxm_call_t::fxm_call_t()
 {
     calls_in_progress.fetch_add(1);
-    // In this order: read the other way round, with a stop and the next start between the two, they would let a call
-    // into a library that is starting.
+    // In this order. With a stop and the next start between two reads in the other order, a call could enter a library
+    // that is still starting.
     running = g_fini_flag.load() == FXM_OFF && g_init_flag.load() == FXM_ON;
     if (!running)
         _leave_call();

@@ -1,5 +1,5 @@
-// What every exported function and every worker shares: the state words, the count of calls in progress, the mapping of
-// internal errors to result codes, and the internal-error stop.
+// Shared by all exported functions and workers: the state words, the count of calls in progress, the mapping of internal
+// errors to result codes, and the internal-error stop.
 #ifndef FXM_STATE_H
 #define FXM_STATE_H
 
@@ -12,17 +12,17 @@
 constexpr int FXM_ON = 0;
 constexpr int FXM_OFF = 1;
 
-// Process-wide words, read and written without a lock by every thread. Sequentially consistent, because a call counts
-// itself in and then looks at the flags, while the stop sets a flag and then looks at the count: one of the two must
-// see the other.
+// Process-wide words that every thread reads and writes without a lock. They are sequentially consistent: a call counts
+// itself in and then reads the flags, the stop sets a flag and then reads the count, and one of the two must see the
+// other.
 extern std::atomic<int> g_init_flag;  // ON from the moment all workers run until the end of the tear-down
 extern std::atomic<int> g_start_flag; // ON after fxm_start_manager; while OFF every received frame is dropped
 extern std::atomic<int> g_fini_flag;  // ON: stop. Every loop of the library runs only while it is OFF
 extern std::atomic<int> g_init_guard; // 1 free, 0 a start-up is under way
 extern std::atomic<int> internal_err; // EPROTO after an internal-error stop, else 0
 
-// Receive threads and link watcher wait on it beside their own source. Auto-reset and signalled once a stop: it wakes
-// one of them, the others end with their wait of at most 1000 ms.
+// The receive threads and the link watcher wait on it beside their own source. It is auto-reset and signalled once in a
+// stop, so it wakes one of them; the others end when their wait runs out, after at most 1000 ms.
 extern fxm_event_t g_terminate_event;
 constexpr uint32_t FXM_WORKER_WAIT = 1000;
 
@@ -30,10 +30,10 @@ int _fxm_terminate_event_create(); // 0 or EPROTO
 
 inline bool _fxm_stopping() { return g_fini_flag.load() == FXM_ON; }
 
-// A call of an exported function in progress, from its entry to its return. The tear-down closes ports, tables and
-// locks only when no call is inside (_fxm_wait_calls), so a call that has found the library running may use them to its
-// end. A call that has not is none: it uses what outlives a stop, and hosts that go on calling must not hold the
-// tear-down up.
+// A call of an exported function, from its entry to its return. The tear-down closes ports, tables and locks only when no
+// call is in progress (_fxm_wait_calls), so a call that has found the library running may use them until it returns. A
+// call that has not found it running is not counted: it uses only what outlives a stop, and hosts that keep calling must
+// not delay the tear-down.
 struct fxm_call_t {
     fxm_call_t();
     ~fxm_call_t();
@@ -42,7 +42,7 @@ struct fxm_call_t {
     bool running; // the test of the state at entry
 };
 
-// Waits until every call has left. Their waits end by themselves when g_fini_flag is ON, each within FXM_STOP_SLICE.
+// Waits until every call has returned. With g_fini_flag ON each wait inside a call ends within FXM_STOP_SLICE.
 void _fxm_wait_calls();
 
 // Sleeps on behalf of a call; a stop cuts it short. No wait of a call outlives the stop by more than a slice.

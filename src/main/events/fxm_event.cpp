@@ -10,10 +10,11 @@
 #include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "core/fxm_state.h"
+#include "core/fxm_undo.h"
 #include "diag/fxm_stats.h"
 #include "fxm_log4cxxif.h"
 
-// Circular, doubly linked, the first members of what they link. A head or a fresh node links to itself.
+// The links of a circular, doubly linked list, first in what they link. A head or a new node links to itself.
 struct fxm_list_t {
     fxm_list_t *next;
     fxm_list_t *prev;
@@ -25,8 +26,8 @@ struct fxm_evt_node_t {
     uint64_t evt_id;
 };
 
-// One registration. cbi_func is null once it was unregistered from within a callback of its own list, which then still
-// walks over it.
+// One registration. cbi_func becomes null when a callback of the same list ends the registration, because the walk that
+// called the callback still passes over it.
 struct fxm_cbinfo_t {
     fxm_list_t cbi_link; // cbi_next, cbi_prev
     fxm_callback_t cbi_func;
@@ -37,60 +38,61 @@ struct fxm_cbinfo_t {
 };
 
 static struct {
-    fxm_list_t head;
-    // Guards the list. Held to link or unlink one node, under fx_lock by the producers; under it the stats lock only.
+    fxm_list_t head FXM_GUARDED_BY(lock);
+    // Guards the list. A thread holds it to link or unlink one node; producers take it under fx_lock. Under it only the
+    // stats lock is taken.
     fxm_mutex_t lock{FXM_LOCK_QUEUE};
 } fxm_event_queue;
 
-// Wakes the event task. The task's wait ends within EVENT_WAIT in any case, so a lost signal delays and no more.
+// Wakes the event task. The task's wait ends within EVENT_WAIT in any case, so a lost signal only delays delivery.
 static fxm_event_t event_sig;
 constexpr uint32_t EVENT_WAIT = 1000;
 
 struct fxm_cb_entry_t {
-    fxm_list_t head; // in order of registration
-    // Guards the list. The event task holds it across all callbacks of one event, so that a function is not called any
-    // more once its unregistration has returned on another thread; re-entrant, because a callback may register and
-    // unregister for its own kind. Under it: handle_lock, the stats lock, and whatever a callback takes through the
-    // exported functions, which is why nobody takes it with another lock held. Taken by fxm_entry_guard_t only.
+    fxm_list_t head FXM_GUARDED_BY(lock); // in order of registration
+    // Guards the list. The event task holds it across all callbacks of one event, so a function is no longer called once
+    // its unregistration has returned on another thread. It is re-entrant, because a callback may register and
+    // unregister for its own kind. Under it a thread takes handle_lock, the stats lock, and whatever a callback takes
+    // through the exported functions; so it is never taken with another lock held. Only fxm_entry_guard_t takes it.
     fxm_mutex_t lock{FXM_LOCK_ENTRY};
-    // The queue in front of the lock. Threads get it in the order in which they drew their tickets, so the event task,
-    // which wants it again for each event of a backlog, does not keep the host's threads waiting for the whole of it.
+    // The queue in front of the lock. Threads get the lock in the order of their tickets. The event task takes it for
+    // each event of a backlog, and would otherwise keep a host thread waiting for the whole backlog.
     std::atomic<uint32_t> next_ticket;
     std::atomic<uint32_t> serving; // the ticket whose holder may take the lock
 };
 static fxm_cb_entry_t cb_evt_tbl[FXM_EVT_KINDS];
 
-// The entry whose event this thread is delivering: the event task's, and so that of every callback.
+// The entry whose event this thread is delivering. Only the event task sets it, so only callbacks see it set.
 static thread_local const fxm_cb_entry_t *delivering;
 
-struct fxm_entry_guard_t {
-    explicit fxm_entry_guard_t(fxm_cb_entry_t *guarded) : entry(guarded)
+struct FXM_SCOPED_CAPABILITY fxm_entry_guard_t {
+    explicit fxm_entry_guard_t(fxm_cb_entry_t *guarded) FXM_ACQUIRE(guarded->lock) : entry(guarded)
     {
         if (delivering == entry) { // a callback has the lock already, and those in the queue wait for it to end
             _fxm_mutex_lock(&entry->lock);
             return;
         }
         const uint32_t ticket = entry->next_ticket.fetch_add(1);
-        // Ends when those in front have got the lock, which is at most the delivery of one event each.
+        // The wait ends when those in front have got the lock; each of them waits for one event at most.
         for (uint32_t now = entry->serving.load(); now != ticket; now = entry->serving.load())
             entry->serving.wait(now);
         _fxm_mutex_lock(&entry->lock);
         entry->serving.store(ticket + 1);
         entry->serving.notify_all();
     }
-    ~fxm_entry_guard_t() { _fxm_mutex_unlock(&entry->lock); }
+    ~fxm_entry_guard_t() FXM_RELEASE() { _fxm_mutex_unlock(&entry->lock); }
     fxm_entry_guard_t(const fxm_entry_guard_t &) = delete;
     fxm_entry_guard_t &operator=(const fxm_entry_guard_t &) = delete;
     fxm_cb_entry_t *entry;
 };
 
-// The registrations that the host may hold, by handle, so that an ended or foreign handle is told from a live one. A
-// handle is a number that never comes again in the process, so an ended one can never name a later registration.
-static fxm_rbtree_t live_handles;
-static uint64_t last_handle;
-// Guards live_handles and last_handle. Held for one map operation, under an entry's lock or alone; nothing is taken
-// under it.
+// Guards live_handles and last_handle. A thread holds it for one map operation, under an entry's lock or alone, and
+// takes nothing under it.
 static fxm_mutex_t handle_lock{FXM_LOCK_HANDLE};
+// The live registrations by handle. A handle that is not in the map was ended or never given. A handle is a number that
+// never comes again in the process, so an ended one cannot name a later registration.
+static fxm_rbtree_t live_handles FXM_GUARDED_BY(handle_lock);
+static uint64_t last_handle FXM_GUARDED_BY(handle_lock);
 
 // ------------------------------------------------------------------------------------------------------------- lists
 
@@ -153,39 +155,61 @@ static void _cbinfo_destroy(fxm_cbinfo_t *info) { _fxm_mem_free(FXM_MEM_CBINFO, 
 
 // --------------------------------------------------------------------------------------------------------- lifecycle
 
-// Makes the mutexes of the table. 0, or EPROTO with none of them left.
-static int _make_table(const char *func)
+static void _destroy_entries(size_t number)
 {
-    for (size_t i = 0; i < std::size(cb_evt_tbl); ++i) {
-        _list_init(&cb_evt_tbl[i].head);
-        cb_evt_tbl[i].next_ticket.store(0);
-        cb_evt_tbl[i].serving.store(0);
-        const int err = _fxm_mutex_init(&cb_evt_tbl[i].lock);
-        if (err == 0)
-            continue;
-        fxm_log_error("%s: Failed to _fxm_mutex_init() for cb_evt_tbl. err=%d, i=%d", func, err, static_cast<int>(i));
-        while (i-- > 0)
-            _fxm_mutex_destroy(&cb_evt_tbl[i].lock);
+    while (number-- > 0)
+        _fxm_mutex_destroy(&cb_evt_tbl[number].lock);
+}
+
+static int _make_entries(const char *func)
+{
+    size_t made = 0;
+    fxm_undo_t undo_entries([&] { _destroy_entries(made); });
+    for (; made < std::size(cb_evt_tbl); ++made) {
+        fxm_cb_entry_t &entry = cb_evt_tbl[made];
+        _list_init(&entry.head);
+        entry.next_ticket.store(0);
+        entry.serving.store(0);
+        const int err = _fxm_mutex_init(&entry.lock);
+        if (err != 0) {
+            fxm_log_error("%s: Failed to _fxm_mutex_init() for cb_evt_tbl. err=%d, i=%d", func, err,
+                          static_cast<int>(made));
+            return err;
+        }
+    }
+    undo_entries.keep();
+    return 0;
+}
+
+// No other thread is there yet.
+FXM_NO_ANALYSIS static int _event_cb_init(const char *func)
+{
+    _list_init(&fxm_event_queue.head);
+    _fxm_rbtree_init(&live_handles, _fxm_rbtree_compare_u64, _handle_key);
+    int err = _fxm_mutex_init_st(&fxm_event_queue.lock);
+    if (err != 0) {
+        fxm_log_error("%s: Failed to _fxm_mutex_init_st() for fxm_event_queue. err=%d", func, err);
         return err;
     }
+    fxm_undo_t undo_queue([] { _fxm_mutex_destroy(&fxm_event_queue.lock); });
+    err = _fxm_event_init(&event_sig);
+    if (err != 0) {
+        fxm_log_error("%s: Failed to _fxm_event_init() for event_sig. err=%d", func, err);
+        return err;
+    }
+    fxm_undo_t undo_signal([] { _fxm_event_destroy(&event_sig); });
+    err = _make_entries(func);
+    if (err != 0)
+        return err;
+    undo_signal.keep();
+    undo_queue.keep();
     return 0;
 }
 
 int _fxm_event_cb_init()
 {
     fxm_log_info("%s: start.", __func__);
-    _list_init(&fxm_event_queue.head);
-    _fxm_rbtree_init(&live_handles, _fxm_rbtree_compare_u64, _handle_key);
-    int err = _fxm_mutex_init_st(&fxm_event_queue.lock);
-    if (err != 0) {
-        fxm_log_error("%s: Failed to _fxm_mutex_init_st() for fxm_event_queue. err=%d", __func__, err);
-    } else if ((err = _fxm_event_init(&event_sig)) != 0) {
-        fxm_log_error("%s: Failed to _fxm_event_init() for event_sig. err=%d", __func__, err);
-        _fxm_mutex_destroy(&fxm_event_queue.lock);
-    } else if ((err = _make_table(__func__)) != 0) {
-        _fxm_event_destroy(&event_sig);
-        _fxm_mutex_destroy(&fxm_event_queue.lock);
-    }
+    const int err = _event_cb_init(__func__);
     fxm_log_info("%s: end. ret=%d", __func__, err);
     return err;
 }
@@ -235,7 +259,7 @@ int _fxm_add_event(int32_t type, uint64_t id)
     {
         fxm_mutex_guard_t guard(&fxm_event_queue.lock);
         _list_append(&fxm_event_queue.head, &node->evt_link);
-        // From here on the node is the event task's.
+        // From here on the node belongs to the event task.
         _fxm_stats_add(&g_stats.evt_count[type]);
     }
     _fxm_event_set(&event_sig);
@@ -259,13 +283,14 @@ static void _fxm_do_callback(fxm_callback_t func, uint64_t arg, uint64_t id, int
     fxm_log_debug("%s: start. id=0x%.12llx, event_type=%d, cb_func=%p", __func__, _ull(id), type,
                   reinterpret_cast<void *>(func));
     _fxm_stats_add(&g_stats.cb_called);
+    _fxm_check_callback("a callback");
     func(id, type, arg);
     _fxm_stats_add(&g_stats.cb_returned);
     fxm_log_debug("%s: end.", __func__);
 }
 
-// Calls every registration of the event's kind, those among them that a callback adds. Those that a callback ends stay
-// linked until the walk is over and are passed over.
+// Calls every registration of the event's kind, including those that a callback adds. A registration that a callback ends
+// stays linked until the walk is over and is no longer called.
 static void _deliver(const fxm_evt_node_t *node)
 {
     auto &entry = cb_evt_tbl[node->evt_type];
@@ -320,7 +345,7 @@ void *_fxm_event_task(void *)
 // The handle as the host holds it.
 static void *_cbid_of(uint64_t handle) { return reinterpret_cast<void *>(static_cast<uintptr_t>(handle)); }
 
-// *handle is for the log: the host's own variable may be changed by the first callback already.
+// *handle is for the log, because the first callback may already change the host's own variable.
 static int _register_callback(const char *func, int32_t type, fxm_callback_t callback, uint64_t arg, void **cbid,
                               const void **handle)
 {
@@ -369,7 +394,7 @@ static int32_t _kind_of(uint64_t handle)
     return link != nullptr ? _info_of(link)->cbi_type : -1;
 }
 
-// Takes a handle out of the live ones and gives its registration; null when it is not live. Under the entry's lock.
+// Ends a live handle and gives its registration, or null. The caller holds the entry's lock.
 static fxm_cbinfo_t *_end_handle(uint64_t handle)
 {
     fxm_mutex_guard_t guard(&handle_lock);
@@ -388,7 +413,7 @@ static int _unregister_callback(const void *cbid)
         return EINVAL;
     fxm_cb_entry_t *entry = &cb_evt_tbl[type];
     fxm_entry_guard_t guard(entry);
-    // Looked up again: another thread, or a callback, may have ended it while this one waited for the entry.
+    // Looked up again, because a callback or another thread may have ended it while this thread waited for the entry.
     fxm_cbinfo_t *info = _end_handle(handle);
     if (info == nullptr)
         return EINVAL;

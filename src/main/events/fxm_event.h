@@ -1,5 +1,5 @@
-// The event queue: any thread that notices a change queues an event with the card's id, and the event task, a thread of
-// its own, calls the host. No host code runs on a receive thread or under a registry lock.
+// The event queue. A thread that notices a change queues an event with the card's id; the event task takes the events in
+// order and calls the host. No host code runs on a receive thread or under a registry lock.
 #ifndef FXM_EVENT_H
 #define FXM_EVENT_H
 
@@ -10,7 +10,7 @@ int _fxm_event_cb_fini(); // 0; no worker is left
 
 int _fxm_add_event(int32_t type, uint64_t id); // 0 or ENOMEM; any thread, also under fx_lock
 
-// Queues an event; a failure is a WARN line under the name of the caller, and the event is lost.
+// Queues an event. A failure is logged at WARN under the name of the caller, and the event is lost.
 void _fxm_raise_event(const char *func, int32_t type, uint64_t id);
 
 void *_fxm_event_task(void *); // thread entry

@@ -7,7 +7,7 @@
 #include "registry/fxm_tables.h"
 #include "wire/fxm_port.h"
 
-void _fxm_link_state_update(int port, uint32_t new_state)
+void _fxm_link_state_update(uint32_t port, uint32_t new_state)
 {
     fxm_port_t &record = fxm_ports[port];
     const uint32_t old_state = record.pt_link.load();
@@ -15,17 +15,16 @@ void _fxm_link_state_update(int port, uint32_t new_state)
         return;
     const char *from = _fxm_link_name(old_state);
     const char *to = _fxm_link_name(new_state);
-    const int if_index = static_cast<int>(record.pt_if_index);
-    fxm_log_info("%s: State of FXM port%d changed. mac=%.12llx, if_index=%d (%s->%s)", __func__, port,
-                 _ull(record.pt_mac), if_index, from, to);
-    fxm_log_sys("State of FXM port%d changed. mac=%.12llx, if_index=%d (%s->%s)", port, _ull(record.pt_mac), if_index,
-                from, to);
+    fxm_log_info("%s: State of FXM port%u changed. mac=%.12llx, if_index=%u (%s->%s)", __func__, port,
+                 _ull(record.pt_mac), record.pt_if_index, from, to);
+    fxm_log_sys("State of FXM port%u changed. mac=%.12llx, if_index=%u (%s->%s)", port, _ull(record.pt_mac),
+                record.pt_if_index, from, to);
     record.pt_link.store(new_state);
     if (new_state == 1)
         return; // the channels come back frame by frame
     _fxm_stats_add(&g_stats.port_total_down[port]);
     fxm_fx_guard_t guard;
-    _fxm_all_disconnect(port);
+    _fxm_all_disconnect(static_cast<int>(port));
 }
 
 void *_fxm_watch_linkstate(void *)

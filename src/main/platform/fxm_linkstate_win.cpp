@@ -9,12 +9,12 @@
 #include "platform/fxm_platform.h"
 #include "wire/fxm_port.h"
 
-// A port whose reading fails keeps its state. False: the state of a port is not known, so the notice must not be
-// forgotten. That an adapter is missing is an answer like any other.
+// A port whose reading fails keeps its state. Returns false when the state of a port is not known; the caller must then
+// keep the notice. A missing adapter is a known state.
 static bool _read_ports()
 {
     bool all_known = true;
-    for (int port = 0; port == 0 || port < static_cast<int>(_fxm_config_port_num()); ++port) {
+    for (uint32_t port = 0; port == 0 || port < _fxm_config_port_num(); ++port) {
         uint32_t state = 0;
         const int err = _fxm_get_linkstate_win(port, &state);
         if (err == 0)
@@ -35,7 +35,7 @@ static bool _arm(const char *func, fxm_notice_t *notice)
     return false;
 }
 
-// False: the library has to stop.
+// Returns false when the library must stop.
 static bool _watch(const char *func, fxm_notice_t *notice)
 {
     if (!_arm(func, notice))

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
@@ -127,18 +128,18 @@ void _fxm_event_set(fxm_event_t *event)
     if (fd >= 0) {
         event->signalled.store(1);
         const uint64_t one = 1;
-        // A full counter means that the event is signalled already, so the result tells nothing.
+        // The write fails only when the counter is full, and then the event is signalled already.
         [[maybe_unused]] const ssize_t written = write(fd, &one, sizeof(one));
         return;
     }
-    // Sequentially consistent against the waiter's increment and its test of the word: either it sees the signal, or
-    // its count is seen here.
+    // Sequentially consistent with the waiter, which counts itself and then tests the word: either the waiter sees the
+    // signal, or this thread sees the waiter.
     if (event->signalled.exchange(1) == 0 && event->waiters.load() != 0)
         syscall(SYS_futex, &event->signalled, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
-// Takes the signal of an event that has a descriptor. The hint falls before the descriptor is read: a signal that comes
-// between the two raises it again.
+// Takes the signal of an event that has a descriptor. The hint is cleared first, so that a signal that comes between the
+// two steps sets it again.
 static bool _waitable_take(fxm_event_t *event)
 {
     event->signalled.store(0);
@@ -157,7 +158,7 @@ int _fxm_event_timedwait(fxm_event_t *event, uint32_t ms)
                                 FUTEX_BITSET_MATCH_ANY);
         if (rc == 0 || errno == EAGAIN || errno == EINTR)
             continue;
-        // A signal may fall into the moment between the time-out and here; it must not be left for the next wait.
+        // A signal may have come since the time-out. It must not be left for the next wait.
         if (event->signalled.exchange(0) == 0)
             result = errno == ETIMEDOUT ? ETIMEDOUT : EPROTO;
         break;
@@ -232,6 +233,14 @@ int _fxm_file_exist(const char *path) { return _has_mode(path, S_IFREG) ? 0 : EN
 
 int _fxm_dir_exist(const char *path) { return _has_mode(path, S_IFDIR) ? 0 : EINVAL; }
 
+bool _fxm_path_below(const char *dir, const char *name, char (&path)[FXM_PATH_SIZE])
+{
+    if (dir == nullptr || dir[0] == '\0')
+        dir = "C:/Program Files/QOR/FXM";
+    const int length = snprintf(path, sizeof(path), "%s/%s", dir, name);
+    return length >= 0 && static_cast<size_t>(length) < sizeof(path);
+}
+
 // --------------------------------------------------------------------------------------------------- two-source wait
 
 static uint32_t _wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms)
@@ -246,17 +255,17 @@ static uint32_t _wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_
         ms = second->look_again;
     const timespec deadline = _fxm_monotonic_in(ms);
     for (int64_t left = ms;; left = _fxm_ms_until(&deadline)) {
-        // A negative descriptor is passed over by poll: a source that is not armed waits on the event alone.
+        // poll ignores a negative descriptor, so the wait for a source that is not armed is for the event alone.
         pollfd fds[2] = {{first->fd.load(), POLLIN, 0}, {second->fd, POLLIN, 0}};
         const int rc = poll(fds, 2, static_cast<int>(left > INT_MAX ? INT_MAX : left));
         if (rc < 0 && errno != EINTR) {
             _fxm_set_last_error(errno);
             return FXM_WAIT_FAILED;
         }
-        // Of several threads that poll one event, the one whose read succeeds has taken it.
+        // When several threads poll one event, the thread whose read succeeds has taken it.
         if (rc > 0 && fds[0].revents != 0 && _waitable_take(first))
             return FXM_WAIT_FIRST;
-        // An error on the descriptor wakes as well: the owner's read finds out what it is.
+        // An error on the descriptor also ends the wait; the owner's read reports it.
         if (rc > 0 && fds[1].revents != 0 && (second->take == nullptr || second->take(second)))
             return FXM_WAIT_SECOND;
         if (left == 0)

@@ -1,6 +1,11 @@
-// What the library needs of an operating system: locks, events, threads, clock, file tests, memory, the two-source
-// wait, the list of adapters and the notice of a changed link. The bottom layer: it knows nothing of cards and logs
-// nothing. No other file includes a system header for these. A failure of a system service is EPROTO.
+// The operating system, as the library sees it: locks, events, threads, clock, files, memory, the two-source wait, the
+// list of adapters and the notice of a changed link. This is the bottom layer. It knows nothing about cards and logs
+// nothing. No other file includes a system header for these services. A failing service gives EPROTO.
+//
+// The operations have the names and the shape of the Windows services that fxm was first written for, because the log
+// lines of the library name those services and operators know them by these names. The library waits for one of two
+// sources, as WaitForMultipleObjects does, reads an adapter list into a buffer whose size it asks for first, as with
+// GetAdaptersAddresses, and arms a notice for one change at a time, as with NotifyAddrChange.
 #ifndef FXM_PLATFORM_H
 #define FXM_PLATFORM_H
 
@@ -15,9 +20,10 @@
 
 // ------------------------------------------------------------------------------------------------------------- locks
 
-// Re-entrant for the thread that holds it. A process-wide lock (_fxm_mutex_init_st) is constant-initialised and good
-// from load to unload of the library: host threads count their calls under one before the first start and after a stop,
-// so making and closing it must not touch the lock itself. A lock in a table or a node is made and destroyed with it.
+// A lock is re-entrant for the thread that holds it. A process-wide lock (_fxm_mutex_init_st) is initialised at compile
+// time and works as long as the library is loaded, because host threads count their calls under one before the first
+// start and after a stop. Making and closing such a lock must therefore not touch it. A lock in a table or a node is
+// made and destroyed with it.
 struct FXM_CAPABILITY("lock") fxm_mutex_t {
     constexpr explicit fxm_mutex_t(fxm_lock_kind_t lock_kind) : kind(lock_kind) {}
     pthread_mutex_t handle = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
@@ -41,10 +47,10 @@ struct FXM_SCOPED_CAPABILITY fxm_mutex_guard_t {
 
 // ------------------------------------------------------------------------------------------------------------ events
 
-// Auto-reset: a signal without a waiter stays until the next wait takes it, a second one before that is lost, and of
-// several waiters one is released. It is one word and a futex, so a Completion wakes its waiter with one system call
-// and nothing is there to be used after destruction. Only an event that shares a wait with another source has a
-// descriptor.
+// An event is auto-reset. A signal without a waiter stays until the next wait takes it; a second signal before that is
+// lost. Of several waiters one is released. An event is one word and a futex, so a Completion wakes its waiter with one
+// system call, and a late signal to a destroyed event does no harm. Only an event that shares a wait with another source
+// has a descriptor.
 struct fxm_event_t {
     std::atomic<uint32_t> signalled{0}; // the futex word; with a descriptor, a hint that spares a system call
     std::atomic<uint32_t> waiters{0};
@@ -72,12 +78,17 @@ void _fxm_thread_prompt(); // the calling thread is to run before others that ar
 
 // ------------------------------------------------------------------------------------------------- clock, files, heap
 
-void Sleep(uint32_t ms);               // monotonic
-uint64_t _fxm_monotonic_ns();          // monotonic clock, for distances of time only
+void Sleep(uint32_t ms);               // on the monotonic clock
+uint64_t _fxm_monotonic_ns();          // monotonic clock, for intervals only
 uint64_t _fxm_get_time_ms();           // wall clock, milliseconds since 1970-01-01 UTC
 void *_fxm_allocate(size_t size);      // malloc
 int _fxm_file_exist(const char *path); // 0 a regular file, else ENOENT
 int _fxm_dir_exist(const char *path);  // 0 a directory, else EINVAL
+
+// Makes the path of `name` below the installation directory `dir`; null or an empty string selects the default
+// directory. Returns false when the path is too long.
+constexpr size_t FXM_PATH_SIZE = 512;
+bool _fxm_path_below(const char *dir, const char *name, char (&path)[FXM_PATH_SIZE]);
 
 // --------------------------------------------------------------------------------------------------- two-source wait
 
@@ -86,8 +97,8 @@ constexpr uint32_t FXM_WAIT_SECOND = 1;
 constexpr uint32_t FXM_WAIT_TIMEOUT = 258;
 constexpr uint32_t FXM_WAIT_FAILED = 0xFFFFFFFF;
 
-// The second source of a wait: a descriptor, and what its owner knows without asking the system. It belongs to the one
-// thread that waits. A wait looks at the first source, then at `ready`, and only then sleeps.
+// The second source of a wait: a descriptor, and what its owner knows without asking the system. Only the thread that
+// waits uses it. A wait checks the first source, then `ready`, and only then sleeps.
 struct fxm_wait_source_t {
     int fd = -1;
     bool ready = false;
@@ -95,8 +106,8 @@ struct fxm_wait_source_t {
     uint32_t look_again = 0; // ms after which it counts as signalled though fd is silent; 0 never
 };
 
-// Waits for either, at most `ms`: FXM_WAIT_FIRST (which resets the event), FXM_WAIT_SECOND, FXM_WAIT_TIMEOUT or
-// FXM_WAIT_FAILED, with the reason in _fxm_last_error.
+// Waits for either source, at most `ms`. Gives FXM_WAIT_FIRST (and resets the event), FXM_WAIT_SECOND, FXM_WAIT_TIMEOUT
+// or FXM_WAIT_FAILED, with the reason in _fxm_last_error.
 uint32_t _fxm_wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms);
 uint32_t _fxm_last_error(); // of the calling thread's last failed platform call
 
@@ -117,8 +128,9 @@ struct fxm_adapter_t {
     char AdapterName[16];
 };
 
-// Fills `list` with the adapters of the machine, in one buffer of *size bytes. 0, FXM_ADAPTER_OVERFLOW, or another
-// system error. With a null list and *size 0 it only tells the size.
+// Fills `list`, a buffer of *size bytes, with all adapters of the machine. Gives 0, FXM_ADAPTER_OVERFLOW with the size
+// needed in *size, or another system error. It never gives an incomplete list. With a null list and *size 0 it only
+// gives the size.
 uint32_t _fxm_get_adapters(fxm_adapter_t *list, uint32_t *size);
 uint32_t _fxm_adapter_index(const char *name); // interface index, 0 when there is no such interface
 
@@ -126,8 +138,9 @@ uint32_t _fxm_adapter_index(const char *name); // interface index, 0 when there 
 
 constexpr uint32_t FXM_ERROR_IO_PENDING = 997;
 
-// A manual-reset event with a one-shot notice. The kernel's messages about links and addresses stand behind it; those
-// that come while it is not armed are kept and signal as soon as it is armed and waited for, so no change is missed.
+// A manual-reset event with a one-shot notice of a changed link or address. Its source are the kernel's messages. The
+// socket keeps those that arrive while the notice is not armed, and they signal as soon as it is armed and waited for,
+// so no change is missed.
 struct fxm_notice_t {
     fxm_wait_source_t source; // its descriptor is -1 while the notice is not armed
     int netlink_fd = -1;
@@ -138,8 +151,8 @@ void _fxm_notice_close(fxm_notice_t *notice);
 bool _fxm_notice_arm(fxm_notice_t *notice); // false, with FXM_ERROR_IO_PENDING as last error, is the normal answer
 void _fxm_notice_reset(fxm_notice_t *notice);
 
-// For a notice that could not be acted upon: the next wait for it ends within FXM_NOTICE_AGAIN ms, as if there had been
-// another one. Lasts until the next reset.
+// Keeps a notice that could not be acted upon: the next wait for it ends within FXM_NOTICE_AGAIN ms, as if another
+// message had come. This lasts until the next reset.
 constexpr uint32_t FXM_NOTICE_AGAIN = 500;
 void _fxm_notice_keep(fxm_notice_t *notice);
 
@@ -147,24 +160,29 @@ void _fxm_notice_keep(fxm_notice_t *notice);
 
 struct pcap;
 
-// Makes the capture hand over every single frame as soon as it is there, and a read that finds none return at once: a
-// blocking handle hangs past time-out and stop once the interface was set down. Its sends do not block either. 0 or -1.
+// Makes the capture deliver every single frame at once, and makes a read that finds no frame return at once. A blocking
+// handle would hang past its time-out, and past a stop, once its interface has been set down. Sends do not block either.
+// 0 or -1.
 int _fxm_capture_mintocopy(pcap *handle);
 int _fxm_capture_event(pcap *handle); // the descriptor to wait on
 
-// Waits at most `ms` until a frame may be sent again. What is left of the time, 0 when it is over.
+// Keeps the capture from programs that the host executes. libpcap leaves its socket open for them.
+void _fxm_capture_close_on_exec(pcap *handle);
+
+// Waits at most `ms` until a frame may be sent again. Gives the time that is left, 0 when it has run out.
 uint32_t _fxm_capture_wait_room(pcap *handle, uint32_t ms);
 
-// What a read tells about the next wait. As long as reads give frames, the capture counts as signalled without a system
-// call: beside a full ring the kernel's poll can sleep while frames wait. Once the interface went down, its deletion
-// makes the descriptor readable no more, and only a read finds out: the capture then counts as signalled now and then.
+// Prepares the next wait after a read. While reads give frames, the capture counts as signalled without a system call;
+// with a full ring the kernel's poll could even sleep while frames wait. After the interface went down, its deletion no
+// longer makes the descriptor readable, and only a read finds out. The capture then counts as signalled every
+// FXM_CAPTURE_DOWN_LOOK ms.
 constexpr uint32_t FXM_CAPTURE_DOWN_LOOK = 100;
 void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool got_frame);
 
 // ---------------------------------------------------------------------------------------------------------- stand-ins
 
-// The calls that a test may replace before it starts the library, to see what the logic makes of a failing or strange
-// system. The library itself never writes to it.
+// The calls that a test may replace before it starts the library, to play a failing or strange system. The library
+// itself never writes to the table.
 struct fxm_platform_calls_t {
     bool (*mutex_make)(pthread_mutex_t *handle, bool initialise);
     bool (*event_make)(int *fd, bool waitable);

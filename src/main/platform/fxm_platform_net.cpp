@@ -1,7 +1,8 @@
-// Adapters and the notice of a changed link, from the kernel's rtnetlink, and the waitable capture. The list is asked
-// for on the thread that opens the ports and on the link watcher; the notice belongs to the link watcher alone.
+// Adapters and the notice of a changed link, from the kernel's rtnetlink, and the waitable capture. The thread that
+// opens the ports and the link watcher read the list; only the link watcher uses the notice.
 #include "platform/fxm_platform_net.h"
 
+#include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_arp.h>
 #include <linux/netlink.h>
@@ -16,7 +17,7 @@
 #include <cerrno>
 #include <cstring>
 
-// Declared by <net/if.h>, which does not go together with <linux/if.h>.
+// Declared by <net/if.h>, which cannot be included together with <linux/if.h>.
 extern "C" unsigned int if_nametoindex(const char *name);
 
 uint32_t _fxm_adapter_index(const char *name) { return if_nametoindex(name); }
@@ -37,7 +38,7 @@ static bool _ask_links(int fd)
     return send(fd, &request, sizeof(request), 0) == static_cast<ssize_t>(sizeof(request));
 }
 
-// The operational state counts. A driver that does not keep one reports it as unknown; then the carrier does.
+// The operational state decides. A driver that does not keep one reports it as unknown; then the carrier decides.
 static uint32_t _oper_status(const ifinfomsg *info, uint8_t operstate)
 {
     const bool up = (info->ifi_flags & IFF_UP) != 0;
@@ -137,8 +138,8 @@ uint32_t _fxm_netlink_adapters(fxm_adapter_t *list, uint32_t *size)
 
 // ------------------------------------------------------------------------------------------------ notice of a change
 
-// Empties the socket. The content does not matter: a notice says that something changed, and the watcher reads the
-// state for itself. An overrun (ENOBUFS) has lost messages, so it is a notice too.
+// Empties the socket. The content does not matter: a notice only says that something changed, and the watcher then reads
+// the state. An overrun (ENOBUFS) has lost messages, so it counts as a notice too.
 static bool _take_notices(fxm_wait_source_t *source)
 {
     uint8_t scrap[256];
@@ -212,10 +213,12 @@ int _fxm_pcap_mintocopy(pcap *handle)
 
 int _fxm_capture_event(pcap *handle) { return pcap_get_selectable_fd(handle); }
 
+void _fxm_capture_close_on_exec(pcap *handle) { fcntl(pcap_fileno(handle), F_SETFD, FD_CLOEXEC); }
+
 void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool got_frame)
 {
     source->ready = got_frame;
-    // libpcap asks for reads without a signal from the moment on that it saw the interface go down.
+    // Once libpcap has seen the interface go down, it asks for reads without a signal.
     source->look_again = pcap_get_required_select_timeout(handle) != nullptr ? FXM_CAPTURE_DOWN_LOOK : 0;
 }
 
@@ -225,6 +228,6 @@ uint32_t _fxm_capture_wait_room(pcap *handle, uint32_t ms)
     pollfd fd = {pcap_fileno(handle), POLLOUT, 0};
     if (poll(&fd, 1, static_cast<int>(ms)) <= 0)
         return 0;
-    // At least one less, so that a sender who never gets the room he saw ends too.
+    // At least 1 ms less, so that a sender that keeps losing the race for the room still times out.
     return std::min(ms - 1, static_cast<uint32_t>(_fxm_ms_until(&deadline)));
 }

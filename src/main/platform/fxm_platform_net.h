@@ -1,5 +1,5 @@
-// What the two halves of the platform layer have from each other: the one that speaks rtnetlink and libpcap, and the one
-// that hands its functions out. Included by them only.
+// The interface between the two halves of the platform layer: fxm_platform_net.cpp uses rtnetlink and libpcap,
+// fxm_platform.cpp publishes its functions. No other file includes this header.
 #ifndef FXM_PLATFORM_NET_H
 #define FXM_PLATFORM_NET_H
 

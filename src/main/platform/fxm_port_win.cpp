@@ -9,18 +9,26 @@
 #include "platform/fxm_platform.h"
 #include "wire/fxm_port.h"
 
-// Every check reads at most the 496 bytes of the longest frame; the wire length comes with the frame.
+// No check reads past the 496 bytes of the longest frame. The length on the wire comes with each frame.
 constexpr int FXM_SNAP_LENGTH = 1024;
 constexpr int FXM_READ_TIMEOUT = 1000;
 
-// The capture ring. In immediate mode each frame takes a slot of the snap length's size, so libpcap's 2 MiB hold 1,900
-// frames, 4 ms of a port at full speed. 64 MiB hold 60,000: a whole second's announcements of a fabric of that many
-// cards, should they all come at once. The price is 64 MiB of kernel memory for each open port.
+// The capture ring. In immediate mode each frame takes a slot of the snap length's size, so libpcap's default of 2 MiB
+// holds 1,900 frames, which is 4 ms of a port at full speed. 64 MiB hold 60,000 frames: one announcement from each card
+// of a fabric of that size, all at once. The ring is kernel memory, 64 MiB for each open port.
 constexpr int FXM_CAPTURE_RING = 64 * 1024 * 1024;
 
-// The adapter list, in one counted buffer. 0, ENOMEM or EPROTO; on 0 the caller frees it. The size is asked for first,
-// and once more should the list have grown before it was fetched.
-static int _get_adapter_list(const char *func, fxm_adapter_t **list)
+// The adapter list, in one counted buffer.
+struct adapter_list_t {
+    adapter_list_t() = default;
+    ~adapter_list_t() { _fxm_mem_free(FXM_MEM_ADDRS, first); }
+    adapter_list_t(const adapter_list_t &) = delete;
+    adapter_list_t &operator=(const adapter_list_t &) = delete;
+    fxm_adapter_t *first = nullptr;
+};
+
+// Asks for the size, then fetches the list; tries once more when the list has grown in between. 0, ENOMEM or EPROTO.
+static int _get_adapter_list(const char *func, adapter_list_t *list)
 {
     uint32_t size = 0;
     uint32_t err = _fxm_get_adapters(nullptr, &size);
@@ -30,19 +38,19 @@ static int _get_adapter_list(const char *func, fxm_adapter_t **list)
         return EPROTO;
     }
     for (int attempt = 0; attempt < 2; ++attempt) {
-        *list = static_cast<fxm_adapter_t *>(_fxm_mem_alloc(FXM_MEM_ADDRS, size));
-        if (*list == nullptr) {
+        list->first = static_cast<fxm_adapter_t *>(_fxm_mem_alloc(FXM_MEM_ADDRS, size));
+        if (list->first == nullptr) {
             fxm_log_error("%s: Failed to malloc()", func);
             return ENOMEM;
         }
-        err = _fxm_get_adapters(*list, &size);
+        err = _fxm_get_adapters(list->first, &size);
         if (err == 0)
             return 0;
-        _fxm_mem_free(FXM_MEM_ADDRS, *list);
+        _fxm_mem_free(FXM_MEM_ADDRS, list->first);
+        list->first = nullptr;
         if (err != FXM_ADAPTER_OVERFLOW)
             break;
     }
-    *list = nullptr;
     fxm_log_error("%s: Failed to GetAdaptersAddresses() err=%lu", func, static_cast<unsigned long>(err));
     return EPROTO;
 }
@@ -56,7 +64,7 @@ static int _log_end(const char *func, int err)
     return err;
 }
 
-// The adapter that a port can be opened on, or null.
+// The adapter on which a port can be opened, or null.
 static const fxm_adapter_t *_find_usable(const char *func, const fxm_adapter_t *list, uint32_t if_index)
 {
     for (const fxm_adapter_t *adapter = list; adapter != nullptr; adapter = adapter->Next) {
@@ -79,23 +87,25 @@ static pcap_t *_open_capture(const char *device, char *errbuf)
     pcap_t *handle = pcap_create(device, errbuf);
     if (handle == nullptr)
         return nullptr;
-    // Before the activation these set options of the handle and cannot fail.
+    // These cannot fail before the activation.
     pcap_set_snaplen(handle, FXM_SNAP_LENGTH);
     pcap_set_promisc(handle, 1);
     pcap_set_timeout(handle, FXM_READ_TIMEOUT);
     pcap_set_immediate_mode(handle, 1);
     pcap_set_buffer_size(handle, FXM_CAPTURE_RING);
     const int status = pcap_activate(handle); // above 0: open, with a warning
-    if (status >= 0)
+    if (status >= 0) {
+        _fxm_capture_close_on_exec(handle);
         return handle;
+    }
     const char *reason = pcap_geterr(handle);
     snprintf(errbuf, PCAP_ERRBUF_SIZE, "%s", reason[0] != '\0' ? reason : pcap_statustostr(status));
     pcap_close(handle);
     return nullptr;
 }
 
-// The device of exactly that name, else the first whose name contains it: names with a prefix are found, and eth1 is
-// not taken for eth10.
+// The device with exactly that name, else the first whose name contains it. So a name with a prefix is found, and eth1
+// is not taken for eth10.
 static const pcap_if_t *_find_device(const pcap_if_t *devices, const char *adapter_name)
 {
     for (const pcap_if_t *device = devices; device != nullptr; device = device->next) {
@@ -137,17 +147,21 @@ int get_pcap(const char *adapter_name, pcap_t **handle)
     return err;
 }
 
-// Fills `port` from the adapter of that index in the list.
-static int _open_adapter(const char *func, const fxm_adapter_t *list, uint32_t if_index, fxm_port_t *port)
+// Fills `port` from the adapter of that index.
+static int _open_adapter(const char *func, uint32_t if_index, fxm_port_t *port)
 {
-    const fxm_adapter_t *adapter = _find_usable(func, list, if_index);
+    adapter_list_t list;
+    int err = _get_adapter_list(func, &list);
+    if (err != 0)
+        return err;
+    const fxm_adapter_t *adapter = _find_usable(func, list.first, if_index);
     if (adapter == nullptr)
         return ENOENT;
     uint64_t mac = 0;
     for (uint32_t i = 0; i < adapter->PhysicalAddressLength; ++i)
         mac = (mac << 8) + adapter->PhysicalAddress[i];
 
-    const int err = get_pcap(adapter->AdapterName, &port->pt_pcap);
+    err = get_pcap(adapter->AdapterName, &port->pt_pcap);
     if (err != 0) {
         fxm_log_error("%s: Failed to get_pcap(). err=%d", func, err);
         return EPROTO;
@@ -155,38 +169,35 @@ static int _open_adapter(const char *func, const fxm_adapter_t *list, uint32_t i
     port->pt_if_index = adapter->IfIndex;
     port->pt_link = adapter->OperStatus == FXM_IF_OPER_UP ? 1 : 0;
     port->pt_mac = mac;
-    fxm_log_info("%s: Success. IF name=%s, IF index=%d, IF status=%d, IF MAC=%.12llx", func, adapter->AdapterName,
-                 static_cast<int>(port->pt_if_index), static_cast<int>(port->pt_link.load()), _ull(mac));
+    fxm_log_info("%s: Success. IF name=%s, IF index=%u, IF status=%u, IF MAC=%.12llx", func, adapter->AdapterName,
+                 port->pt_if_index, port->pt_link.load(), _ull(mac));
     return 0;
 }
 
 int _fxm_socket_open_win(uint32_t if_index, fxm_port_t *port)
 {
     fxm_log_trace("%s: start. if_index=%u", __func__, if_index);
-    fxm_adapter_t *list = nullptr;
-    int err = _get_adapter_list(__func__, &list);
-    if (err == 0)
-        err = _open_adapter(__func__, list, if_index, port);
-    _fxm_mem_free(FXM_MEM_ADDRS, list);
-    return _log_end(__func__, err);
+    return _log_end(__func__, _open_adapter(__func__, if_index, port));
 }
 
-int _fxm_get_linkstate_win(int port, uint32_t *state)
+static int _get_linkstate(const char *func, uint32_t port, uint32_t *state)
 {
-    fxm_log_trace("%s: start. port=%d", __func__, port);
-    fxm_adapter_t *list = nullptr;
-    int err = _get_adapter_list(__func__, &list);
-    if (err == 0) {
-        const fxm_adapter_t *adapter = list;
-        while (adapter != nullptr && adapter->IfIndex != fxm_ports[port].pt_if_index)
-            adapter = adapter->Next;
-        if (adapter == nullptr) {
-            err = ENOENT;
-        } else {
-            *state = adapter->OperStatus == FXM_IF_OPER_UP ? 1 : 0;
-            fxm_log_trace("%s: Success. port=%d, IF_status=%d", __func__, port, static_cast<int>(*state));
-        }
-    }
-    _fxm_mem_free(FXM_MEM_ADDRS, list);
-    return _log_end(__func__, err);
+    adapter_list_t list;
+    const int err = _get_adapter_list(func, &list);
+    if (err != 0)
+        return err;
+    const fxm_adapter_t *adapter = list.first;
+    while (adapter != nullptr && adapter->IfIndex != fxm_ports[port].pt_if_index)
+        adapter = adapter->Next;
+    if (adapter == nullptr)
+        return ENOENT;
+    *state = adapter->OperStatus == FXM_IF_OPER_UP ? 1 : 0;
+    fxm_log_trace("%s: Success. port=%u, IF_status=%u", func, port, *state);
+    return 0;
+}
+
+int _fxm_get_linkstate_win(uint32_t port, uint32_t *state)
+{
+    fxm_log_trace("%s: start. port=%u", __func__, port);
+    return _log_end(__func__, _get_linkstate(__func__, port, state));
 }

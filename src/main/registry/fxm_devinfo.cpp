@@ -71,7 +71,7 @@ static void _set_port_devinfo(const uint8_t *frame, fxm_down_port_t *down_ports)
         const size_t entry = FXSV_DOWN_PORTS + i * FXSV_DOWN_PORT_SIZE;
         raw(down_ports[i].fdp_port_status, frame, in_block(entry, DOWN_STATUS));
         raw(down_ports[i].fdp_io_mac, frame, in_block(entry, DOWN_IO_MAC));
-        if ((down_ports[i].fdp_port_status[1] & FXM_CONNECTED) != 0)
+        if ((down_ports[i].fdp_port_status[1] & FXM_CONNECTED_BIT) != 0)
             _set_config(frame, entry + DOWN_CONFIG, &down_ports[i].fdp_config);
     }
 }
@@ -114,7 +114,7 @@ static void _mask_record(fxm_fxio_t *fxio) { _mask_status(fxio->fio_substate); }
 
 static bool _connection_differs(const uint8_t *status1, const uint8_t *status2)
 {
-    return ((status1[1] ^ status2[1]) & FXM_CONNECTED) != 0;
+    return ((status1[1] ^ status2[1]) & FXM_CONNECTED_BIT) != 0;
 }
 
 static bool _connection_changed(const fxm_fxsv_t *stored, const fxm_fxsv_t *candidate)

@@ -154,14 +154,12 @@ static int _ids_api(const char *func, fxm_api_row_t row, uint64_t **list, uint32
 template <typename Class>
 static int _group_ids_api(const char *func, fxm_api_row_t row, uint16_t groupid, uint64_t **list, uint32_t *count)
 {
-    constexpr uint16_t first_group = 1;
-    constexpr uint16_t last_group = 4094;
     fxm_call_t call;
     fxm_log_info("%s: (IN) groupid=%u", func, groupid);
     int err = 0;
     if (!call.running)
         err = ENOSYS;
-    else if (list == nullptr || count == nullptr || groupid < first_group || groupid > last_group)
+    else if (list == nullptr || count == nullptr || groupid < FXM_GROUP_FIRST || groupid > FXM_GROUP_LAST)
         err = EINVAL;
     else
         err = _group_ids<Class>(func, groupid, list, count);

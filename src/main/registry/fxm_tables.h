@@ -46,9 +46,9 @@ struct fxm_fx_tbl_t {
     fxm_rbtree_t fxsv_map;
     fxm_rbtree_t fxio_map;
     // The card lock. Guards everything in this object and in every node; no pointer into a node leaves it.
-    // Order: first of all locks. Under it, one at a time: blacklist_lock, wreg_lock or the event queue's mutex, and the
-    // stats lock last. Held for one frame, one keepalive pass, one query, the card section of a dump; never across a
-    // frame to a card, a wait or a callback.
+    // Taken while the thread holds no other lock of the library, except an entry lock when a callback takes it. Under
+    // it, one at a time: blacklist_lock, wreg_lock or the queue lock, and the stats lock last. Held for one frame, one
+    // keepalive pass, one query, the card section of a dump; never across a frame to a card, a wait or a callback.
     fxm_mutex_t fx_lock{FXM_LOCK_FX};
     uint32_t fxsv_total;
     uint32_t fxio_total;

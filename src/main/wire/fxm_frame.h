@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "fxm.h"
+
 // -------------------------------------------------------------------------------------------------------- accessors
 
 // clang-format off
@@ -132,7 +134,6 @@ constexpr uint8_t FXM_STATUS2_VER   = 0x0F;    // DEV_STATUS2: card version, not
 constexpr uint8_t FXM_STATUS2_PORT0 = 1u << 5;
 constexpr uint8_t FXM_STATUS2_PORT1 = 1u << 6;
 constexpr uint8_t FXM_STATUS2_PCIE  = 1u << 7; // FXIO only
-constexpr uint8_t FXM_VER_MULTIROOT = 1;
 
 // ------------------------------------------------------------------------- configuration block of a port, 20 bytes
 
@@ -157,16 +158,14 @@ constexpr uint32_t FXSV_DOWN_PORTS_10G = 8;  // entries of subtypes 0x10 and 0x1
 constexpr uint32_t FXSV_DOWN_PORTS_40G = 16; // entries of subtypes 0x18 and 0x19
 
 //                                     offset   name (within the entry)
-constexpr raw_at<2> DOWN_STATUS       {0};   // port status
+constexpr raw_at<2> DOWN_STATUS       {0};   // port status, FXM_CONNECTED_BIT in its second byte
 constexpr raw_at<6> DOWN_IO_MAC       {2};   // MAC of the FXIO card
 constexpr size_t    DOWN_CONFIG      = 8;    // configuration block, good while connected
-
-constexpr uint8_t FXM_CONNECTED = 1u << 1;   // second byte of DOWN_STATUS and of IO_SUBSTATE
 
 // ---------------------------------------------------------------------------------------------- FXIO body, 28 on
 
 //                                     offset   name
-constexpr raw_at<2> IO_SUBSTATE       {28};  // sub-state
+constexpr raw_at<2> IO_SUBSTATE       {28};  // sub-state, FXM_CONNECTED_BIT in its second byte
 constexpr raw_at<6> IO_SER_MAC        {30};  // MAC of the FXSV card
 constexpr le16_at   IO_DEVICE_ID      {36};  // PCI device id
 constexpr le16_at   IO_VENDOR_ID      {38};  // PCI vendor id
@@ -202,7 +201,6 @@ constexpr uint32_t FXM_LEN_FXIO = 44;
 constexpr uint32_t FXM_LEN_FXIO_MR = 46;
 constexpr uint32_t FXM_LEN_OUT = 60;      // Ethernet minimum without FCS; the library pads for itself
 constexpr uint32_t FXM_LEN_OUT_MMS = 156;
-constexpr uint32_t FXM_MMS_PAGE_SIZE = 128;
 // clang-format on
 static_assert(FXM_LEN_FXSV == 272 && FXM_LEN_FXSV40 == 496);
 static_assert(MMS_DATA.at + FXM_MMS_PAGE_SIZE == FXM_LEN_OUT_MMS);

@@ -13,14 +13,12 @@ fxm_port_t fxm_ports[FXM_PORT_NUM];
 
 constexpr uint32_t FXM_SEND_WAIT = 50; // ms at most that a frame waits for room
 
-// One for each port; held across one pcap_sendpacket, by any sender, under whatever it holds; nothing is taken under
-// it.
+// One lock for each port. A sender holds it across one pcap_sendpacket and takes nothing under it.
 //
-// Sends and the receive thread use one capture handle at once. On Linux libpcap's injection is one send(2) on the
-// descriptor and its reading touches the mapped ring alone, so the two do not meet, and a receive thread needs no lock.
-// What two of them could meet in is the handle's error text, which a failing send writes: the lock keeps the senders
-// apart there, and nobody reads the text of either side. A second handle for sending would need no lock, but the first
-// one would then capture every frame that the library sends.
+// Senders and the receive thread share one capture handle. On Linux libpcap sends with one send(2) on the descriptor and
+// reads only the mapped ring, so the two do not touch the same data, and the receive thread needs no lock. Two senders
+// share the handle's error text, which a failing send writes; this lock keeps them apart. Nobody reads that text. A
+// second handle for sending would need no lock, but then the first one would capture every frame that the library sends.
 static fxm_mutex_t send_lock[FXM_PORT_NUM] = {fxm_mutex_t{FXM_LOCK_SEND}, fxm_mutex_t{FXM_LOCK_SEND}};
 
 void _fxm_ports_clear()
@@ -36,7 +34,7 @@ void _fxm_ports_clear()
 int _fxm_socket_open(uint32_t number)
 {
     uint32_t if_index = number == 0 ? g_config.ether_port0_ifindex : g_config.ether_port1_ifindex;
-    // A name without an interface becomes index 0, which no interface has: it goes the same road to ENOENT.
+    // A name without an interface gives index 0, which no interface has: it fails with ENOENT like any unknown index.
     if (!_fxm_config_ports_by_index())
         if_index = _fxm_adapter_index(number == 0 ? g_config.ether_port0_name : g_config.ether_port1_name);
     return _fxm_socket_open_win(if_index, &fxm_ports[number]);
@@ -49,7 +47,7 @@ void _fxm_socket_close(uint32_t number)
     fxm_ports[number].pt_pcap = nullptr;
 }
 
-// One try: 0, or the system's error.
+// One attempt: 0, or the system's error.
 static int _try_send(uint32_t port, const uint8_t *frame, uint32_t length)
 {
     fxm_mutex_guard_t guard(&send_lock[port]);
@@ -61,9 +59,9 @@ static int _try_send(uint32_t port, const uint8_t *frame, uint32_t length)
 int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length)
 {
     _fxm_check_wait("a frame to a card");
-    // EAGAIN: the socket's own buffer has no room for a moment, which is no reason to refuse a frame. All senders wait
-    // at the same time, outside the lock, and none of them past a stop. A full queue of the interface shows as ENOBUFS
-    // instead, for which the kernel has no wait: that frame is refused.
+    // EAGAIN means that the socket's own buffer is full for a moment, which is no reason to refuse a frame. Senders wait
+    // outside the lock, side by side, and not past a stop. A full queue of the interface gives ENOBUFS instead. The
+    // kernel offers no wait for that, so the frame is refused.
     uint32_t left = FXM_SEND_WAIT;
     int err = _try_send(port, frame, length);
     while (err == EAGAIN && left > 0 && !_fxm_stopping()) {

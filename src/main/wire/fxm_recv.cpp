@@ -15,8 +15,24 @@
 
 fxm_wait_source_t fxm_recv_source[FXM_PORT_NUM];
 
-// One read. The length is that on the wire; what was captured of the frame reaches as far as any check or handler
-// reads.
+static const fxm_frame_kind_t frame_kinds[] = {
+    {FXM_SUBTYPE_DEVINFO, "1G/10G DEVINFO", FXM_STATS_R_DEV, false},
+    {FXM_SUBTYPE_NOTIFY, "1G/10G NOTIFY", FXM_STATS_R_NOTI, false},
+    {FXM_SUBTYPE_DEVINFO40, "40G DEVINFO", FXM_STATS_R_DEV40, true},
+    {FXM_SUBTYPE_NOTIFY40, "40G NOTIFY", FXM_STATS_R_NOTI40, true},
+    {FXM_SUBTYPE_COMP, "Completion", FXM_STATS_R_COMP, false},
+};
+
+const fxm_frame_kind_t *_fxm_frame_kind(uint8_t subtype)
+{
+    for (const fxm_frame_kind_t &kind : frame_kinds) {
+        if (kind.subtype == subtype)
+            return &kind;
+    }
+    return nullptr;
+}
+
+// One read. `length` is the length on the wire. The captured part of a frame is as long as any check or handler needs.
 static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length)
 {
     pcap_pkthdr *header = nullptr;
@@ -36,16 +52,15 @@ static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length
     return EPROTO;
 }
 
-// The least length of a frame by subtype, host and low nibble of the second status byte; all three lie within the 28
-// bytes that every frame has.
-static uint32_t _min_length(const uint8_t *frame)
+// The least length of a frame by kind, host and low nibble of the second status byte. Every frame has these bytes: they
+// lie within the first 28.
+static uint32_t _min_length(const fxm_frame_kind_t &kind, const uint8_t *frame)
 {
-    const uint8_t subtype = u8(frame, FRAME_SUBTYPE);
-    if (subtype == FXM_SUBTYPE_COMP)
+    if (kind.subtype == FXM_SUBTYPE_COMP)
         return FXM_LEN_MIN;
     switch (u8(frame, DEV_HOST)) {
     case FXM_HOST_FXSV:
-        return subtype == FXM_SUBTYPE_DEVINFO || subtype == FXM_SUBTYPE_NOTIFY ? FXM_LEN_FXSV : FXM_LEN_FXSV40;
+        return kind.is_40g ? FXM_LEN_FXSV40 : FXM_LEN_FXSV;
     case FXM_HOST_FXIO:
         return (u8(frame, DEV_STATUS2) & FXM_STATUS2_VER) == FXM_VER_MULTIROOT ? FXM_LEN_FXIO_MR : FXM_LEN_FXIO;
     default:
@@ -103,19 +118,13 @@ int _check_frame(const uint8_t *frame, uint32_t length, uint8_t *mode)
     *mode = tagged ? FXM_VLAN_MODE_NORMAL : FXM_VLAN_MODE_CHANGE;
 
     const uint8_t subtype = u8(frame, FRAME_SUBTYPE);
-    switch (subtype) {
-    case FXM_SUBTYPE_DEVINFO:
-    case FXM_SUBTYPE_NOTIFY:
-    case FXM_SUBTYPE_DEVINFO40:
-    case FXM_SUBTYPE_NOTIFY40:
-    case FXM_SUBTYPE_COMP:
-        break;
-    default:
+    const fxm_frame_kind_t *kind = _fxm_frame_kind(subtype);
+    if (kind == nullptr) {
         fxm_log_trace("%s: Subtype is mismatch. subtype=0x%.2X", __func__, subtype);
         return -1;
     }
 
-    const uint32_t least = _min_length(frame);
+    const uint32_t least = _min_length(*kind, frame);
     if (length < least) {
         fxm_log_trace("%s: Recv size is not enough. subtype=0x%.2X, recv_size=%llu, msg_size=%llu", __func__, subtype,
                       _ull(length), _ull(least));
@@ -124,12 +133,8 @@ int _check_frame(const uint8_t *frame, uint32_t length, uint8_t *mode)
 
     // A card of the 40G generation announces itself in the 40G form only.
     const uint32_t ver = u8(frame, DEV_VER);
-    if (subtype == FXM_SUBTYPE_DEVINFO && ver != 0) {
-        fxm_log_trace("%s: Drop 1G/10G DEVINFO to send from (ver=%u) FX card.", __func__, ver);
-        return -1;
-    }
-    if (subtype == FXM_SUBTYPE_NOTIFY && ver != 0) {
-        fxm_log_trace("%s: Drop 1G/10G NOTIFY to send from (ver=%u) FX card.", __func__, ver);
+    if (subtype != FXM_SUBTYPE_COMP && !kind->is_40g && ver != 0) {
+        fxm_log_trace("%s: Drop %s to send from (ver=%u) FX card.", __func__, kind->name, ver);
         return -1;
     }
     return 0;
@@ -140,65 +145,46 @@ static void _fxm_recv_completion(uint32_t port, const uint8_t *frame)
     _fxm_recv_comp(u8(frame, COMP_TAG), port, mac48(frame, ETH_SRC), le32(frame, COMP_DATA));
 }
 
+// A frame that has passed _check_frame. It is counted after its handler, whatever the handler did with it.
 static void _dispatch_frame(uint32_t port, const uint8_t *frame, uint8_t mode)
 {
-    fxm_stats_frame_t kind = FXM_STATS_R_TOTAL;
-    switch (u8(frame, FRAME_SUBTYPE)) {
-    case FXM_SUBTYPE_DEVINFO:
-        fxm_log_trace("%s: 1G/10G DEVINFO is received.", __func__);
-        kind = FXM_STATS_R_DEV;
-        break;
-    case FXM_SUBTYPE_NOTIFY:
-        fxm_log_trace("%s: 1G/10G NOTIFY is received.", __func__);
-        kind = FXM_STATS_R_NOTI;
-        break;
-    case FXM_SUBTYPE_DEVINFO40:
-        fxm_log_trace("%s: 40G DEVINFO is received.", __func__);
-        kind = FXM_STATS_R_DEV40;
-        break;
-    case FXM_SUBTYPE_NOTIFY40:
-        fxm_log_trace("%s: 40G NOTIFY is received.", __func__);
-        kind = FXM_STATS_R_NOTI40;
-        break;
-    case FXM_SUBTYPE_COMP:
-        fxm_log_trace("%s: Completion is received.", __func__);
-        kind = FXM_STATS_R_COMP;
-        break;
-    default:
-        fxm_log_trace("%s: Unknown frame is received. subtype=%.2X", __func__, u8(frame, FRAME_SUBTYPE));
+    const uint8_t subtype = u8(frame, FRAME_SUBTYPE);
+    const fxm_frame_kind_t *kind = _fxm_frame_kind(subtype);
+    if (kind == nullptr) {
+        fxm_log_trace("%s: Unknown frame is received. subtype=%.2X", __func__, subtype);
         return;
     }
-    if (kind == FXM_STATS_R_COMP)
+    fxm_log_trace("%s: %s is received.", __func__, kind->name);
+    if (subtype == FXM_SUBTYPE_COMP)
         _fxm_recv_completion(port, frame);
     else
         _fxm_recv_devinfo(port, frame, mode);
-    _fxm_stats_frame(port, kind, FXM_STATS_R_TOTAL);
+    _fxm_stats_frame(port, kind->counter, FXM_STATS_R_TOTAL);
 }
 
 int _fxm_recv_frame(uint32_t port)
 {
-    const int port_num = static_cast<int>(port);
     const int ret = 0;
-    fxm_log_trace("%s: start. port_num=%d, ret=%d", __func__, port_num, ret);
+    fxm_log_trace("%s: start. port_num=%u, ret=%d", __func__, port, ret);
     const uint8_t *frame = nullptr;
     uint32_t length = 0;
     const int err = _fxm_recv_pcap(port, &frame, &length);
     if (err == ETIMEDOUT) {
-        fxm_log_debug("%s: _fxm_recv_pcap() returned ETIMEDOUT. port_num=%d", __func__, port_num);
+        fxm_log_debug("%s: _fxm_recv_pcap() returned ETIMEDOUT. port_num=%u", __func__, port);
         return ret;
     }
     if (err != 0) {
-        fxm_log_error("%s: Failed to _fxm_recv_pcap(). port_num=%d", __func__, port_num);
+        fxm_log_error("%s: Failed to _fxm_recv_pcap(). port_num=%u", __func__, port);
         return -1;
     }
     if (g_start_flag.load() != FXM_ON) {
-        fxm_log_trace("%s: Drop packet because start flag is not set. port_num=%d", __func__, port_num);
+        fxm_log_trace("%s: Drop packet because start flag is not set. port_num=%u", __func__, port);
         return ret;
     }
     uint8_t mode = FXM_VLAN_MODE_NORMAL;
     if (_check_frame(frame, length, &mode) == 0)
         _dispatch_frame(port, frame, mode);
-    fxm_log_trace("%s: end. port_num=%d, ret=%d", __func__, port_num, ret);
+    fxm_log_trace("%s: end. port_num=%u, ret=%d", __func__, port, ret);
     return ret;
 }
 
@@ -206,11 +192,10 @@ void *_fxm_recv_task(void *arg)
 {
     const auto port = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
     const fxm_port_t &record = fxm_ports[port];
-    const int if_index = static_cast<int>(record.pt_if_index);
-    // It has little to do for a frame and others wait for it: a thread that it wakes must not put it aside.
+    // This thread does little for each frame, and others wait for it. A thread that it wakes must not preempt it.
     _fxm_thread_prompt();
-    fxm_log_info("%s: start. if_index=%d, mac=%.12llx", __func__, if_index, _ull(record.pt_mac));
+    fxm_log_info("%s: start. if_index=%u, mac=%.12llx", __func__, record.pt_if_index, _ull(record.pt_mac));
     _fxm_recv_win(port);
-    fxm_log_info("%s: end. if_index=%d, mac=%.12llx", __func__, if_index, _ull(record.pt_mac));
+    fxm_log_info("%s: end. if_index=%u, mac=%.12llx", __func__, record.pt_if_index, _ull(record.pt_mac));
     return nullptr;
 }

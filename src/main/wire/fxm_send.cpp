@@ -52,7 +52,7 @@ static void _set_frame_header_change(const fxm_card_data_t *card, uint32_t port,
     put_be16(frame, ETH_CHANGE_TCI, _tci(card));
 }
 
-// Everything but the body that only one kind of frame has.
+// Fills the header and the bytes that all five frames have.
 static void _set_frame(const fxm_card_data_t *card, uint8_t subtype, uint32_t port, uint32_t mac_index, uint8_t *frame)
 {
     put_u8(frame, FRAME_SUBTYPE, subtype);
@@ -64,7 +64,7 @@ static void _set_frame(const fxm_card_data_t *card, uint8_t subtype, uint32_t po
         _set_frame_header_change(card, port, mac_index, frame);
 }
 
-// The card's channel, VLAN and layout, but everybody's address.
+// A Reset goes through the card's channel, on its VLAN and in its layout, but to the broadcast address.
 static void _set_reset_frame(const fxm_card_data_t *card, uint8_t status, uint32_t port, uint32_t mac_index,
                              uint8_t *frame)
 {
@@ -75,7 +75,7 @@ static void _set_reset_frame(const fxm_card_data_t *card, uint8_t status, uint32
 
 static const char *const SEND_PORT_ERROR = "Send port error.";
 
-// The steps of every sender: channel, zeroed frame, what `fill` writes into it, port, counters.
+// The steps of every sender: pick the channel, zero the frame, let `fill` write it, send it, count it.
 template <uint32_t Length = FXM_LEN_OUT, typename Fill>
 static int _build_and_send(const char *func, const char *no_channel, fxm_stats_frame_t kind,
                            const fxm_card_data_t *card, Fill fill)

@@ -1,6 +1,7 @@
-// The five frames to a card, one function each. Each picks the first connected channel of the caller's copy of the
-// card, builds the frame on its stack and hands it to the port: no wait, no retry, no lock but the port's and the
-// counters'. Any thread. Results: 0, ENOLINK no connected channel, EPROTO the capture library refused the frame.
+// The five frames to a card, one function each. Each function picks the first connected channel of the caller's copy of
+// the card, builds the frame on its stack and hands it to the port. It does not wait or retry and takes no lock but the
+// port's and the counters'. Any thread may call it. Results: 0; ENOLINK: no channel is connected; EPROTO: the capture
+// library refused the frame.
 #ifndef FXM_SEND_H
 #define FXM_SEND_H
 
