@@ -664,14 +664,6 @@ TEST_F(discovery, registrations_that_cannot_be_are_refused)
     EXPECT_EQ(memory(dump(), "cbinfo").alloc, 6u);
     EXPECT_EQ(fxm_unregister_callback(nullptr), FXM_API_EINVAL);
     EXPECT_EQ(fxm_unregister_callback(&listener), FXM_API_EINVAL) << "never given out";
-    ASSERT_EQ(listen(&listener), FXM_API_SUCCESS);
-    EXPECT_EQ(fxm_unregister_callback(listener.cbid), FXM_API_SUCCESS);
-    EXPECT_EQ(fxm_unregister_callback(listener.cbid), FXM_API_EINVAL) << "ended already";
-
-    void *const stale = this->cbid[0];
-    EXPECT_EQ(stop(), FXM_API_SUCCESS);
-    ASSERT_TRUE(manager.start(dir, FXM_LOG_TRACE));
-    EXPECT_EQ(fxm_unregister_callback(stale), FXM_API_EINVAL) << "a handle has outlived a stop";
 }
 
 // Whether the thread sleeps in the system, as one does that waits for a lock.

@@ -393,27 +393,6 @@ class tables : public platform
     }
 };
 
-TEST_F(tables, reading_that_shows_no_change_takes_no_channel_down)
-{
-    fxm_fxio_t card;
-    memset(&card, 0, sizeof(card));
-    card.fio_card.fcd_id = 0x10;
-    card.fio_card.fcd_state[0][0] = card.fio_card.fcd_state[1][0] = 1;
-    {
-        fxm_fx_guard_t guard;
-        ASSERT_EQ(_fxm_set_fxio(0x10, &card, FXM_WATCH, FXM_TBL_ALL), 0);
-    }
-    fxm_ports[0].pt_link = 0;
-    fxm_ports[1].pt_link = 1;
-    _fxm_link_state_update(0, 0);
-    _fxm_link_state_update(1, 1);
-    fxm_fx_guard_t guard;
-    ASSERT_EQ(_fxm_get_fxio(0x10, &card, nullptr, FXM_TBL_RECORD), 0);
-    EXPECT_EQ(card.fio_card.fcd_state[0][0], 1u) << "on a port that was down before";
-    EXPECT_EQ(card.fio_card.fcd_state[1][0], 1u);
-    EXPECT_EQ(g_stats.port_total_down[0], 0u);
-}
-
 TEST_F(platform, receive_thread_stops_the_library_when_its_wait_fails)
 {
     fxm_platform.capture_mintocopy = [](pcap *) { return -1; };
