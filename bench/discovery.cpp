@@ -3,7 +3,6 @@
 #include <pcap/pcap.h>
 #include <poll.h>
 #include <sched.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -41,8 +40,8 @@ static void measure_latency()
     start_library("");
     void *cbid = nullptr;
     fxm_register_callback(FXM_EVT_UPDATEDEVINFO, on_update, 0, &cbid);
-    const int wire = open_wire("card0", 0);
-    std::vector<uint8_t> frame = fxsv_frame(FIRST_FXSV);
+    const wire_t wire("card0", 0);
+    frame_t frame = from(FIRST_FXSV, fxsv_1g_frame());
     std::vector<int64_t> sent;
     std::vector<double> record_us;
     std::vector<double> callback_us;
@@ -52,7 +51,7 @@ static void measure_latency()
         frame[AT_FLOW_ID] = static_cast<uint8_t>(number >> 8);
         frame[AT_LINK_STATUS] = static_cast<uint8_t>(number);
         sent.push_back(now_ns());
-        send_frame(wire, frame);
+        wire.send(frame);
         const auto there = [&] {
             fxm_fxsv_t record;
             return fxm_get_fxsv(FIRST_FXSV, &record) == FXM_API_SUCCESS &&
@@ -67,7 +66,6 @@ static void measure_latency()
     for (size_t i = 0; i < frames; ++i)
         callback_us.push_back(static_cast<double>(called[i] - sent[i + 1]) / 1000);
     stop_library();
-    close(wire);
 
     const summary_t record = summarise(record_us);
     printf("From the sending of a frame, %zu frames at 1 kHz\n"
@@ -107,8 +105,8 @@ static void start_receiver(flood_kind_t kind, const std::function<void()> &start
 }
 
 // Sends every card's frame over and over and adds what came of it. The CPU time is that of all threads but this one.
-static void flood(flood_kind_t kind, announcements_t *cards, int wire, const std::function<bool()> &fence_seen,
-                  const std::function<uint64_t()> &received, flood_t *total)
+static void flood(flood_kind_t kind, announcements_t *cards, const wire_t &wire,
+                  const std::function<bool()> &fence_seen, const std::function<uint64_t()> &received, flood_t *total)
 {
     const auto cpu_ns = [] { return read_clock(CLOCK_PROCESS_CPUTIME_ID) - read_clock(CLOCK_THREAD_CPUTIME_ID); };
     const size_t rounds = full_or_quick(100, 20);
@@ -124,7 +122,7 @@ static void flood(flood_kind_t kind, announcements_t *cards, int wire, const std
     // The fence may be lost with others.
     for (int ms = 0; !fence_seen(); ++ms) {
         if (ms % 200 == 0) {
-            send_frame(wire, fxio_frame(FENCE));
+            wire.send(fxio_frame(FENCE));
             ++fences;
         }
         if (ms == 30000)
@@ -152,7 +150,7 @@ static pcap_t *open_capture()
     return handle;
 }
 
-static void flood_bare_loop(flood_kind_t kind, announcements_t *cards, int wire, flood_t *total)
+static void flood_bare_loop(flood_kind_t kind, announcements_t *cards, const wire_t &wire, flood_t *total)
 {
     std::atomic<bool> stop{false};
     std::atomic<bool> fence_seen{false};
@@ -183,7 +181,7 @@ static void flood_bare_loop(flood_kind_t kind, announcements_t *cards, int wire,
     pcap_close(handle);
 }
 
-static void flood_library(flood_kind_t kind, announcements_t *cards, int wire, flood_t *total)
+static void flood_library(flood_kind_t kind, announcements_t *cards, const wire_t &wire, flood_t *total)
 {
     start_receiver(kind, [] { start_library("devinfo_expire_time = 100000\n"); });
     cards->send(wire); // the tables are full from here on
@@ -208,7 +206,7 @@ static void measure_flood(flood_kind_t kind, const char *name)
 {
     const size_t turns = full_or_quick(5, 2);
     announcements_t cards(CARDS);
-    const int wire = open_wire("card0", 0);
+    const wire_t wire("card0", 0);
     flood_t bare;
     flood_t library;
     for (size_t i = 0; i < turns; ++i) {
@@ -218,7 +216,6 @@ static void measure_flood(flood_kind_t kind, const char *name)
     }
     progress("", turns, turns);
     release_cpus();
-    close(wire);
 
     printf("\nAnnouncements of %zu cards %s\n"
            "                       CPU ns/frame       lost\n",

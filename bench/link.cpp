@@ -54,7 +54,7 @@ int main(int argc, char **argv)
     const size_t flaps = full_or_quick(200, 20);
     start_library("devinfo_expire_time = 100000\n");
     announcements_t cards(CARDS);
-    const int wire = open_wire("card0", 0);
+    const wire_t wire("card0", 0);
     const int notices = open_notices();
     // All cards go down under one holding of the library's lock, and frames are dealt with in order.
     const auto last_connected = [&] { return connected(cards.last_id); };
@@ -64,14 +64,14 @@ int main(int argc, char **argv)
         cards.send(wire);
         wait_until(last_connected, "the cards to be connected");
         const int64_t pulled = now_ns();
-        set_link("card0", false);
+        set_up("card0", false);
         await_notice(notices, false);
         const int64_t told = now_ns();
         wait_until([&] { return !last_connected(); }, "the cards to be disconnected");
         const int64_t down = now_ns();
         notice_us.push_back(static_cast<double>(down - told) / 1000);
         pull_us.push_back(static_cast<double>(down - pulled) / 1000);
-        set_link("card0", true);
+        set_up("card0", true);
         await_notice(notices, true);
         progress("flap", i + 1, flaps);
     }

@@ -1,14 +1,9 @@
-// Program, figures, the library's thread, and fxmsim.
 #include "setup.h"
 
-#include <fcntl.h>
 #include <sched.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <barrier>
 #include <cerrno>
 #include <cstdarg>
@@ -17,52 +12,27 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <numeric>
+#include <optional>
 #include <thread>
 
-#include "wire.h"
-
-namespace fs = std::filesystem;
+#include "host.h"
+#include "net.h"
+#include "sim.h"
+#include "wait.h"
 
 constexpr int64_t SECOND = 1000000000;
 
 static struct {
     bool quick, strict, missed;
     cpu_set_t cpus;
-    fs::path dir; // installation directory of the library
+    std::optional<installation_t> installation; // of the library
+    manager_t library;
+    sim_t cards;
 } program;
 
-static struct {
-    std::thread thread;
-    std::atomic<bool> returned;
-    int result;
-} library;
-
-static struct {
-    pid_t id;
-    int in, out;
-} cards;
-
 // -------------------------------------------------------------------------------------------------------- the program
-
-static void write_file(const fs::path &path, const std::string &text) { std::ofstream(path) << text; }
-
-static void make_installation()
-{
-    std::string name = fs::temp_directory_path() / "fxm-bench-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr)
-        fail("cannot make a directory: %s", strerror(errno));
-    program.dir = name;
-    fs::create_directory(program.dir / "conf");
-    const std::string appender = "log4j.appender.STATS";
-    write_file(program.dir / "conf/fxm_log4c_win.properties",
-               "log4j.rootLogger=OFF\nlog4j.logger.statslogfile=INFO, STATS\n" + appender +
-                   "=org.apache.log4j.FileAppender\n" + appender + ".File=" + (program.dir / "status").string() + "\n" +
-                   appender + ".layout=org.apache.log4j.PatternLayout\n" + appender +
-                   ".layout.ConversionPattern=%m%n\n");
-}
 
 void bench_begin(int argc, char **argv)
 {
@@ -78,18 +48,16 @@ void bench_begin(int argc, char **argv)
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);
     sched_getaffinity(0, sizeof(program.cpus), &program.cpus);
-    if (unshare(CLONE_NEWNET) != 0)
-        fail("cannot make a network namespace: %s. Run it as root or through scripts/bench.", strerror(errno));
-    // Keeps the kernel's own frames off the wire; a kernel without IPv6 has no such file.
-    write_file("/proc/sys/net/ipv6/conf/default/disable_ipv6", "1");
-    make_installation();
+    on_failure = [](const std::string &what) { fail("%s", what.c_str()); };
+    if (!enter_namespace())
+        exit(1);
+    program.installation.emplace();
     lay_cable("fxm0", "card0");
 }
 
 int bench_end()
 {
-    std::error_code ignored;
-    fs::remove_all(program.dir, ignored);
+    program.installation.reset();
     return program.strict && program.missed ? 1 : 0;
 }
 
@@ -204,37 +172,23 @@ void release_cpus() { sched_setaffinity(0, sizeof(program.cpus), &program.cpus);
 
 void start_library(const std::string &lines)
 {
-    write_file(program.dir / "conf/fxm.conf", "ether_port = fxm0\n" + lines);
-    library.returned = false;
-    library.thread = std::thread([] {
-        library.result = fxm_init_manager(program.dir.c_str(), FXM_LOG_FATAL);
-        library.returned = true;
-    });
-    // Not before the library writes its first dump, and so has set up its log: log4cxx would complain.
-    wait_until([] { return fs::exists(program.dir / "status") || library.returned; }, "the library's log");
-    wait_until([] { return fxm_start_manager() == FXM_API_SUCCESS || library.returned; }, "the library to come up");
-    if (library.returned)
-        fail("fxm_init_manager has returned %d", library.result);
+    program.installation->configure("ether_port = fxm0\n" + lines);
+    if (!program.library.start(program.installation->dir, FXM_LOG_FATAL))
+        fail("fxm_init_manager has returned %d", program.library.result());
+    fxm_start_manager();
 }
 
 void stop_library()
 {
-    fxm_fini_manager();
-    library.thread.join();
-    if (library.result != FXM_API_SUCCESS)
-        fail("the library has stopped with %d", library.result);
+    const int result = program.library.stop();
+    if (result != FXM_API_SUCCESS)
+        fail("the library has stopped with %d", result);
 }
 
 uint64_t counter(const char *name)
 {
-    if (fxm_stdump(0) != FXM_API_SUCCESS)
-        fail("no status dump");
-    std::ifstream file(program.dir / "status");
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    const size_t at = text.find(name, text.rfind("+ Port0"));
-    if (at == std::string::npos)
-        fail("no counter %s in the status dump", name);
-    return std::stoull(text.substr(text.find(':', at) + 1));
+    log_t dumps(program.installation->dir / "statslogfile");
+    return frames_counted(read_dump(&dumps), 0, name);
 }
 
 bool connected(uint64_t id)
@@ -248,53 +202,20 @@ bool connected(uint64_t id)
 
 // ------------------------------------------------------------------------------------------------------------- fxmsim
 
-static void expect_ok()
-{
-    std::string line;
-    for (char c = 0; c != '\n'; line += c) {
-        if (read(cards.out, &c, 1) != 1)
-            fail("fxmsim has ended");
-    }
-    if (!line.starts_with("ok"))
-        fail("fxmsim answers: %s", line.c_str());
-}
-
 void start_cards(unsigned count)
 {
-    int in[2];
-    int out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0)
-        fail("no pipe: %s", strerror(errno));
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    const char *const argv[] = {FXMSIM, "--port0", "card0", nullptr};
-    const int err = posix_spawn(&cards.id, FXMSIM, &actions, nullptr, const_cast<char **>(argv), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(in[0]);
-    close(out[1]);
-    if (err != 0)
-        fail("cannot start %s: %s", FXMSIM, strerror(err));
-    cards.in = in[1];
-    cards.out = out[0];
-    expect_ok();
+    program.cards.start("--port0 card0");
     tell_cards("fxsv %012llx count=%u", static_cast<unsigned long long>(FIRST_FXSV), count);
 }
 
-void tell_cards(const char *command, ...)
+void tell_cards(const char *format, ...)
 {
+    char command[128];
     va_list args;
-    va_start(args, command);
-    vdprintf(cards.in, command, args);
+    va_start(args, format);
+    vsnprintf(command, sizeof(command), format, args);
     va_end(args);
-    dprintf(cards.in, "\n");
-    expect_ok();
+    program.cards.command(command);
 }
 
-void stop_cards()
-{
-    close(cards.in);
-    close(cards.out);
-    waitpid(cards.id, nullptr, 0);
-}
+void stop_cards() { program.cards.stop(); }

@@ -52,6 +52,7 @@ uint64_t counter(const char *name); // of port 0 in a status dump, such as "FXM_
 bool connected(uint64_t id);        // the card is in its table, with channel P0M0 up
 
 // fxmsim at card0, with so many FXSV cards from FIRST_FXSV up, in steps of 2.
+constexpr uint64_t FIRST_FXSV = 0x020000100000;
 void start_cards(unsigned count);
 void tell_cards(const char *command, ...) __attribute__((format(printf, 1, 2))); // one of fxmsim's commands
 void stop_cards();

@@ -1,36 +1,35 @@
 // The life of a manager: starts, refusals, configuration, log, state, ports that come and go, stops.
-#include "fabric.h"
-
 #include <dlfcn.h>
 #include <net/if.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <set>
 #include <sstream>
 
-namespace
-{
+#include "fabric.h"
 
 namespace fs = std::filesystem;
 using lifecycle = fabric_t;
 using lines_t = std::vector<std::string>;
 
-size_t entries(const char *directory)
+static size_t entries(const char *directory)
 {
     return static_cast<size_t>(std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
 }
 
 // Index of the line in the log, behind `from`; the number of lines when it is not there.
-size_t find_line(log_t *log, const std::string &line, size_t from = 0)
+static size_t find_line(log_t *log, const std::string &line, size_t from = 0)
 {
     const lines_t &lines = log->lines();
     const auto begin = lines.begin() + static_cast<std::ptrdiff_t>(std::min(from, lines.size()));
@@ -38,7 +37,7 @@ size_t find_line(log_t *log, const std::string &line, size_t from = 0)
 }
 
 // These lines stand in the log in this order, whatever stands between them.
-void expect_order(log_t *log, const lines_t &expected)
+static void expect_order(log_t *log, const lines_t &expected)
 {
     size_t at = 0;
     for (const std::string &line : expected) {
@@ -49,7 +48,7 @@ void expect_order(log_t *log, const lines_t &expected)
 }
 
 // What is logged from here to the end of `act`.
-lines_t lines_of(log_t *log, const std::function<void()> &act)
+static lines_t lines_of(log_t *log, const std::function<void()> &act)
 {
     const auto before = static_cast<std::ptrdiff_t>(log->lines().size());
     act();
@@ -57,7 +56,7 @@ lines_t lines_of(log_t *log, const std::function<void()> &act)
 }
 
 // The text with `word` in the place of its #.
-std::string put_in(const std::string &text, const std::string &word)
+static std::string put_in(const std::string &text, const std::string &word)
 {
     const size_t at = text.find('#');
     return text.substr(0, at) + word + text.substr(at + 1);
@@ -67,26 +66,27 @@ std::string put_in(const std::string &text, const std::string &word)
 struct function_t {
     std::string name;
     int (*call)();
-    int result; // of a library that runs and knows no card
-    // What its log lines say behind "(IN)" and "(OUT)", # for the result. Those of most operations on cards are looked at
-    // beside their frames, not here.
-    std::string in = {}, out = {};
+    int result;          // of a library that runs and knows no card
+    std::string in, out; // what its log lines say behind "(IN)" and "(OUT)", # for the result
 };
-
-thread_local uint64_t *list; // of the last call that made one; its caller gives it back
 
 #define CALL(name, ...) #name, [] { return name(__VA_ARGS__); }
 
-const std::vector<function_t> &functions()
+static const std::vector<function_t> &functions()
 {
-    static thread_local fxm_fxsv_t fxsv;
-    static thread_local fxm_fxio_t fxio;
-    static thread_local uint32_t count;
-    static thread_local uint32_t word[4];
-    static thread_local uint64_t size;
-    static thread_local uint8_t page[128];
-    static thread_local void *cbid;
+    static fxm_fxsv_t fxsv;
+    static fxm_fxio_t fxio;
+    static uint64_t *list;
+    static uint32_t count;
+    static uint32_t word[4];
+    static uint64_t size;
+    static uint8_t page[128];
+    static void *cbid;
+    static const fxm_retry_param_t retry = {5, 70};
     static const std::string id = "id=0x020000001000";
+    static const std::string ret_id = " ret=#, " + id;
+    static const std::string null = ", retry_param=NULL, flags=0x00000000";
+    static const std::string given = ", retry_cnt=5, retry_int=70, flags=0x80000005";
     static const std::vector<function_t> all = {
         {CALL(fxm_start_manager), 0, "", " ret=#"},
         {CALL(fxm_set_loglevel, 6), 1, " log_level=6", " ret=#, g_log_level=3"},
@@ -101,27 +101,48 @@ const std::vector<function_t> &functions()
         {CALL(fxm_get_group_fxioids, 4094, &list, &count), 0, " groupid=4094", " ret=#, groupid=4094"},
         {CALL(fxm_delete_fxsv, FXSV_1G), 3, ". " + id, ". ret=# " + id},
         {CALL(fxm_delete_fxio, FXSV_1G), 3, ". " + id, ". ret=# " + id},
-        {CALL(fxm_stop_monitor, FXSV_1G), 0, " " + id, " ret=#, " + id},
-        {CALL(fxm_restart_monitor, FXSV_1G), 0, " " + id, " ret=#, " + id},
+        {CALL(fxm_stop_monitor, FXSV_1G), 0, " " + id, ret_id},
+        {CALL(fxm_restart_monitor, FXSV_1G), 0, " " + id, ret_id},
         {CALL(fxm_register_callback, 6, nullptr, 0, &cbid), 1, " type=6", " ret=#, type=6"},
         {CALL(fxm_unregister_callback, reinterpret_cast<void *>(-16)), 1, " cbid=0xfffffffffffffff0", " ret=#"},
-        {CALL(fxm_read_register, FXSV_1G, 0, word, nullptr, 0), 3},
-        {CALL(fxm_write_register, FXSV_1G, 0, 0, nullptr, 0), 3},
-        {CALL(fxm_modify_register, FXSV_1G, 0, 0, 0, nullptr, 0), 3},
-        {CALL(fxm_dump_register, FXSV_1G, 0, 16, word, &(size = sizeof(word)), nullptr, 0), 3},
-        {CALL(fxm_set_vlanid, FXSV_1G, 100, nullptr, 0), 3},
-        {CALL(fxm_send_resetframe, FXSV_1G, 0, nullptr, 0), 3},
-        {CALL(fxm_write_mmspage, FXIO, 0, page, 0), 3},
-        {CALL(fxm_read_eeprom, FXSV_1G, 0, word, nullptr, 0), 3},
-        {CALL(fxm_write_eeprom, FXSV_1G, 0, 0, nullptr, 0), 3},
-        {CALL(fxm_dump_eeprom, FXSV_1G, 0, 16, word, &(size = sizeof(word)), nullptr, 0), 3},
-        {CALL(fxm_unlock_eeprom, FXSV_1G), 3, " " + id, " ret=#, " + id},
+        {CALL(fxm_read_register, FXSV_1G, 4, word, nullptr, 0), 3, ". " + id + ", addr=0x00000004" + null, ret_id},
+        {CALL(fxm_write_register, FXSV_1G, 4, 10, &retry, 0x80000005), 3,
+         ". " + id + ", addr=0x00000004, data=0x0000000A" + given, ret_id},
+        {CALL(fxm_modify_register, FXSV_1G, 4, 10, 15, nullptr, 0), 3,
+         ". " + id + ", addr=0x00000004, data=0x0000000A, mask=0x0000000F" + null, ret_id},
+        {CALL(fxm_dump_register, FXSV_1G, 4, 16, word, &(size = sizeof(word)), &retry, 0x80000005), 3,
+         ". " + id + ", startaddr=0x00000004, endaddr=0x00000010" + given, ret_id},
+        {CALL(fxm_set_vlanid, FXSV_1G, 100, nullptr, 0), 3, ". " + id + ", vlanid=100" + null, ret_id + ", vlanid=100"},
+        {CALL(fxm_send_resetframe, FXSV_1G, 0x5a, &retry, 0x80000005), 3, ". " + id + ", status=0x5A" + given, ret_id},
+        {CALL(fxm_write_mmspage, FXSV_1G, 9, page, 7), 3, ". " + id + ", page=9, flags=0x00000007", ret_id},
+        {CALL(fxm_read_eeprom, FXSV_1G, 0x7fc, word, nullptr, 0), 3, ". " + id + ", addr=0x000007FC" + null, ret_id},
+        {CALL(fxm_write_eeprom, FXSV_1G, 0x7fc, 10, &retry, 0x80000005), 3,
+         ". " + id + ", addr=0x000007FC, data=0x0000000A" + given, ret_id},
+        {CALL(fxm_dump_eeprom, FXSV_1G, 4, 16, word, &(size = sizeof(word)), nullptr, 0), 3,
+         ". " + id + ", startaddr=0x00000004, endaddr=0x00000010" + null, ret_id},
+        {CALL(fxm_unlock_eeprom, FXSV_1G), 3, " " + id, ret_id},
     };
     return all;
 }
 
+// The counted results of each function by their codes, and "" for those of all.
+static std::map<std::string, std::vector<uint64_t>> results(const dump_t &dump)
+{
+    std::map<std::string, std::vector<uint64_t>> counts;
+    std::string name;
+    for (const std::string &line : section(dump, "  - API error code"))
+        counts[""].push_back(std::stoull(line.substr(line.rfind(' '))));
+    for (const std::string &line : section(dump, "  - API error code detail")) {
+        if (line.ends_with("()"))
+            name = line.substr(4, line.size() - 6);
+        else
+            counts[name].push_back(std::stoull(line.substr(line.rfind(' '))));
+    }
+    return counts;
+}
+
 // What the pattern finds in a source file.
-std::set<std::string> found_in(const std::string &file, const std::string &pattern)
+static std::set<std::string> found_in(const std::string &file, const std::string &pattern)
 {
     std::ifstream stream(FXM_SOURCE_DIR "/" + file);
     const std::string text{std::istreambuf_iterator<char>(stream), {}};
@@ -156,7 +177,7 @@ TEST(library, exports_what_its_header_declares_under_a_version_and_nothing_else)
 
 // ----------------------------------------------------------------------------------------------------------- state
 
-TEST_F(lifecycle, functions_answer_only_while_the_library_runs_and_every_call_is_logged)
+TEST_F(lifecycle, functions_answer_only_while_the_library_runs_and_every_call_is_logged_and_counted)
 {
     const auto expect_all = [&](bool running, const std::string &when) {
         for (const auto &[name, call, result, in, out] : functions()) {
@@ -166,11 +187,8 @@ TEST_F(lifecycle, functions_answer_only_while_the_library_runs_and_every_call_is
             EXPECT_EQ(actual, expected) << name << " " << when;
             const std::string begin = "INFO " + name + ": ";
             std::erase_if(lines, [&](const std::string &line) { return !line.starts_with(begin); });
-            ASSERT_EQ(lines.size(), 2u) << name << " " << when;
-            if (!out.empty()) {
-                EXPECT_EQ(lines[0], begin + "(IN)" + in) << when;
-                EXPECT_EQ(lines[1], begin + "(OUT)" + put_in(out, std::to_string(expected))) << when;
-            }
+            EXPECT_EQ(lines, (lines_t{begin + "(IN)" + in, begin + "(OUT)" + put_in(out, std::to_string(expected))}))
+                << when;
         }
     };
     for (const function_t &function : functions())
@@ -180,7 +198,20 @@ TEST_F(lifecycle, functions_answer_only_while_the_library_runs_and_every_call_is
     for (const char *round : {"once", "again"}) {
         SCOPED_TRACE(round);
         run(FXM_LOG_INFO);
+        auto expected = results(dump(1));
         expect_all(true, "running");
+        const auto counted = results(dump(1));
+        for (const function_t &function : functions())
+            expected[function.name][static_cast<size_t>(function.result)] += 1;
+        expected["fxm_stdump"][FXM_API_SUCCESS] += 1; // the first of the two, which did not count itself yet
+        std::vector<uint64_t> sums(10);
+        for (const auto &[name, counts] : counted) {
+            for (size_t code = 0; code < 10 && !name.empty(); ++code) {
+                EXPECT_EQ(counts[code], expected[name][code]) << name << " " << code;
+                sums[code] += counts[code];
+            }
+        }
+        EXPECT_EQ(sums, counted.at(""));
         char registered[100];
         snprintf(registered, sizeof(registered), "INFO fxm_register_callback: (OUT) ret=0, type=5, cbid=%p", cbid[5]);
         EXPECT_GE(log.count(registered), 1u) << registered;
@@ -194,16 +225,9 @@ TEST_F(lifecycle, functions_answer_only_while_the_library_runs_and_every_call_is
 
 TEST_F(lifecycle, ten_runs_in_one_process_each_begin_afresh_and_leave_nothing_but_the_hosts_lists)
 {
-    std::atomic<bool> quiet = false;
-    std::thread traffic([&] {
-        while (!quiet) {
-            for (const size_t port : {0u, 1u}) {
-                wire[port]->send(fxsv_1g_frame());
-                wire[port]->send(fxio_frame());
-            }
-            std::this_thread::yield();
-        }
-    });
+    start_cards("--period 1");
+    cards("fxsv 020000001000");
+    cards("fxio 020000002000");
     size_t files = 0;
     size_t threads = 0;
     for (int i = 0; i < 10 && !HasFailure(); ++i) {
@@ -235,8 +259,6 @@ TEST_F(lifecycle, ten_runs_in_one_process_each_begin_afresh_and_leave_nothing_bu
     }
     EXPECT_EQ(entries("/proc/self/fd"), files) << "open files are left";
     EXPECT_EQ(entries("/proc/self/task"), threads) << "threads are left";
-    quiet = true;
-    traffic.join();
     EXPECT_GE(log.count("INFO _fxm_reg_init: fxm_write_reg_lock_mng is already initialized."), 9u)
         << "write locks outlive a stop";
     EXPECT_EQ(log.count("INFO fxm_free_idlist: (OUT) ret=0"), 10u);
@@ -286,56 +308,25 @@ TEST_F(lifecycle, a_stop_asked_for_during_the_start_is_not_lost)
     EXPECT_EQ(manager.result(), FXM_API_SUCCESS);
 }
 
-TEST_F(lifecycle, a_stop_completes_while_sixteen_threads_go_on_calling)
-{
-    run(FXM_LOG_FATAL);
-    std::atomic<bool> quit = false;
-    std::atomic<int> calling = 0;
-    std::vector<std::thread> hosts;
-    for (int i = 0; i < 16; ++i) {
-        hosts.emplace_back([&] {
-            for (uint64_t round = 0; !quit; ++round) {
-                for (const function_t &function : functions()) {
-                    if (function.name == "fxm_stdump")
-                        continue;
-                    function.call();
-                    fxm_free_idlist(list); // the fixture's stop makes cards known
-                    list = nullptr;
-                }
-                calling += round == 0 ? 1 : 0;
-            }
-        });
-    }
-    EXPECT_TRUE(wait_for([&] { return calling == 16; }, "all threads to call"));
-    EXPECT_EQ(stop(), FXM_API_SUCCESS);
-    quit = true;
-    for (std::thread &host : hosts)
-        host.join();
-    run();
-    EXPECT_EQ(stop(), FXM_API_SUCCESS);
-}
-
 TEST_F(lifecycle, starts_and_stops_by_several_threads_at_once_make_one_run_at_a_time)
 {
     std::atomic<int> stops = 0;
-    std::atomic<int> starters_left = 3;
-    std::vector<std::thread> starters;
+    std::vector<call_t> starters;
     for (int i = 0; i < 3; ++i) {
-        starters.emplace_back([&] {
-            while (stops < 30) {
+        starters.push_back(call([&] {
+            while (stops < 15) {
                 const int result = fxm_init_manager(dir.c_str(), FXM_LOG_INFO);
                 stops += result == FXM_API_EBUSY ? 0 : 1;
                 EXPECT_TRUE(result == FXM_API_SUCCESS || result == FXM_API_EBUSY) << result;
             }
-            --starters_left;
-        });
+            return 0;
+        }));
     }
-    while (starters_left > 0) { // one that is inside needs a stop to get out
-        fxm_fini_manager();
-        std::this_thread::yield();
-    }
-    for (std::thread &starter : starters)
-        starter.join();
+    // One that is inside needs a stop to get out.
+    wait_for([&] { return fxm_fini_manager(), std::all_of(starters.begin(), starters.end(), has_ended); },
+             "the starts");
+    for (call_t &starter : starters)
+        result_of(starter);
     int running = 0;
     for (const std::string &line : log.lines()) {
         running += line == "INFO _fxm_stats_init: start." ? 1 : line == "INFO _fxm_config_fini: end." ? -1 : 0;
@@ -352,7 +343,7 @@ TEST_F(lifecycle, starts_and_stops_by_several_threads_at_once_make_one_run_at_a_
 // -------------------------------------------------------------------------------------------------------- the process
 
 // Runs `child` in a process of its own, which is to exit with status 0.
-testing::AssertionResult exits_well(const std::function<void()> &child)
+static testing::AssertionResult exits_well(const std::function<void()> &child)
 {
     fflush(nullptr);
     const pid_t id = fork();
@@ -447,6 +438,8 @@ TEST_F(lifecycle, one_manager_runs_in_a_process_until_its_last_callback_has_retu
     frame[20] = 1;
     wire[0]->send(frame);
     EXPECT_TRUE(wait_for([&] { return inside.load(); }, "the callback"));
+    const dump_t meanwhile = dump();
+    EXPECT_EQ(number_after(meanwhile, "    Total called  : "), number_after(meanwhile, "    Total returned: ") + 1);
     EXPECT_EQ(fxm_fini_manager(), FXM_API_SUCCESS);
     EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_EBUSY) << "while it stops";
     EXPECT_FALSE(manager.returned());
@@ -467,7 +460,8 @@ TEST_F(lifecycle, bad_arguments_are_refused_and_a_good_call_may_follow)
     EXPECT_EQ(fxm_init_manager((longest + "/").c_str(), 3), FXM_API_EPROTO) << "too long";
     EXPECT_EQ(log.lines().size(), 0u) << "nothing is logged before the log is there";
     EXPECT_EQ(fxm_init_manager(longest.c_str(), 3), FXM_API_ENOENT) << "gets as far as the port that is not there";
-    EXPECT_GT(log.lines().size(), 0u);
+    const std::string first = "fxm_log_init: Log initialize is done. logconfig_filepath:" + longest;
+    EXPECT_EQ(log.lines().at(0), "INFO " + first.substr(0, 511)) << "a line has at most so many characters";
 
     // Log properties that log4cxx does not take hinder no start.
     std::ofstream(dir / "conf/fxm_log4c_win.properties") << "log4j.logger.logfile=TRACE, NOWHERE\n"
@@ -497,7 +491,8 @@ TEST_F(lifecycle, without_a_directory_the_paths_of_the_default_installation_coun
 TEST_F(lifecycle, an_error_in_the_configuration_is_named_and_stops_the_start)
 {
     std::vector<std::pair<std::string, std::string>> bad = {
-        {"no_such_key = 1", "Unknown config parameter: no_such_key"},
+        // A line is read in pieces of 127 bytes, and each piece is a line.
+        {std::string(127, '#') + "no_such_key = 1", "Unknown config parameter: no_such_key"},
         {" # not at the beginning", "Unknown config parameter: #"},
         {"Log_level = 3", "Unknown config parameter: Log_level"},
         {"tag_min = 6\ntag_max = 5", "config parameter error: tag_min > tag_max"},
@@ -571,29 +566,22 @@ TEST_F(lifecycle, configuration_is_read_by_its_rules_and_shown)
               "broadcast_mac = 01:23:45:67:89:aB\n"
               "devinfo_expire_time = 100000");
     ASSERT_TRUE(manager.start(dir, FXM_LOG_CONFIGURED));
-    const size_t begin = find_line(&log, "INFO _fxm_config_value_print: start.");
+    const lines_t shown = section(dump(), "  - Config parameters");
     std::istringstream expected(
-        "ether_port0_name fxm0  ether_port1_name fxm1  broadcast_mac 0123456789ab  ether_port0_ifindex 0 "
-        "ether_port1_ifindex 1  use_port_num_win 2  use_port_num_linux 2  devinfo_check_interval 1000 "
-        "devinfo_expire_time 100000  devinfo_flag_check_interval 100  vlan_check_interval 10 "
-        "frame_retry_interval 100  frame_retry_count 16  frame_retry_interval_livecheck 100 "
-        "frame_retry_count_livecheck 10  eeprom_id_number 0x0100  eeprom_retry_interval 50  eeprom_retry_count 100 "
-        "eeprom_check_interval 1  eeprom_check_retry_count 50  eeprom_verify_count 20  eeprom_verify_interval 1 "
-        "eeprom_lock_other_bit 0x0000001f  eeprom_rw_interval 100  tag_min 7  tag_max 7 "
-        "id_list_upper_limit 0xffffffff  log_level 5  network_composition 2  eeprom_type 0  stats_interval 3600 "
-        "stats_verbose_level 4294967295  force_lock_try_count 10  register_verify_interval 0  update_evt_mask 2 "
+        "ether_port0_name fxm0  ether_port1_name fxm1  broadcast_mac 0123456789ab  use_port_num_linux 2  "
+        "devinfo_expire_time 100000  frame_retry_count 16  eeprom_id_number 0x0100  eeprom_lock_other_bit 0x0000001f  "
+        "tag_min 7  tag_max 7  id_list_upper_limit 0xffffffff  log_level 5  stats_verbose_level 4294967295  "
         "ether_type 0x9abc");
-    lines_t values;
     for (std::string key, value; expected >> key >> value;) {
         char text[100];
         snprintf(text, sizeof(text), "    %-30s: %s", key.c_str(), value.c_str());
-        values.push_back(text);
+        EXPECT_TRUE(has_line(shown, text)) << text;
     }
-    ASSERT_EQ(values.size(), 36u);
-    for (size_t i = 0; i < values.size(); ++i)
-        EXPECT_EQ(log.lines().at(begin + 1 + i), "INFO " + values[i]);
-    EXPECT_EQ(log.lines().at(begin + 1 + values.size()), "INFO _fxm_config_value_print: end.");
-    EXPECT_EQ(section(dump(), "  - Config parameters"), values);
+    ASSERT_EQ(shown.size(), 36u);
+    const size_t begin = find_line(&log, "INFO _fxm_config_value_print: start.");
+    for (size_t i = 0; i < shown.size(); ++i)
+        EXPECT_EQ(log.lines().at(begin + 1 + i), "INFO " + shown[i]);
+    EXPECT_EQ(log.lines().at(begin + 1 + shown.size()), "INFO _fxm_config_value_print: end.");
     EXPECT_EQ(stats_log.count_with("fxm status dump (v4294967295)"), 1u) << "the dump of the start";
     EXPECT_GT(log.count_with("TRACE "), 0u) << "the configured level counts";
 }
@@ -603,23 +591,25 @@ TEST_F(lifecycle, log_level_filters_the_log_and_nothing_but_the_log)
     configure("log_level = 2\n");
     run(FXM_LOG_INFO);
     EXPECT_EQ(log.count_with("TRACE ") + log.count_with("DEBUG "), 0u);
-    const lines_t lowered = lines_of(&log, [] { fxm_set_loglevel(FXM_LOG_FATAL); });
-    EXPECT_EQ(lowered, (lines_t{"INFO fxm_set_loglevel: (IN) log_level=0",
-                                "INFO _fxm_set_loglevel: Set loglevel. old=3, new=0"}));
-    const lines_t raised = lines_of(&log, [&] {
+    lines_t lines = lines_of(&log, [&] {
+        EXPECT_EQ(fxm_set_loglevel(FXM_LOG_FATAL), FXM_API_SUCCESS);
         EXPECT_TRUE(has_line(dump(), "    Log level : FATAL")) << "a dump does not go by the level";
         EXPECT_EQ(fxm_restart_monitor(FXIO), FXM_API_SUCCESS);
         EXPECT_EQ(fxm_set_loglevel(-2), FXM_API_EINVAL);
         EXPECT_EQ(fxm_set_loglevel(FXM_LOG_INFO), FXM_API_SUCCESS);
     });
-    EXPECT_EQ(raised, (lines_t{"INFO fxm_set_loglevel: (OUT) ret=0, g_log_level=3"}));
+    // The first lines of a worker may come as late as here.
+    std::erase_if(lines, [](const std::string &line) { return line.ends_with("start."); });
+    EXPECT_EQ(lines,
+              (lines_t{"INFO fxm_set_loglevel: (IN) log_level=0", "INFO _fxm_set_loglevel: Set loglevel. old=3, new=0",
+                       "INFO fxm_set_loglevel: (OUT) ret=0, g_log_level=3"}));
     EXPECT_EQ(fxm_set_loglevel(FXM_LOG_CONFIGURED), FXM_API_SUCCESS);
     EXPECT_TRUE(has_line(dump(), "    Log level : WARN"));
     EXPECT_EQ(fxm_set_loglevel(FXM_LOG_TRACE), FXM_API_SUCCESS);
     EXPECT_EQ(log.lines().back(), "INFO fxm_set_loglevel: (OUT) ret=0, g_log_level=5");
-    EXPECT_EQ(lines_of(&log, [] { fxm_delete_fxsv(FXSV_1G); }),
-              (lines_t{"INFO fxm_delete_fxsv: (IN). id=0x020000001000", "TRACE _fxm_fx_lock: fx lock",
-                       "TRACE _fxm_fx_unlock: fx unlock", "INFO fxm_delete_fxsv: (OUT). ret=3 id=0x020000001000"}));
+    lines = lines_of(&log, [] { fxm_delete_fxsv(FXSV_1G); });
+    std::erase_if(lines, [](const std::string &line) { return line.find(" fx ") == std::string::npos; });
+    EXPECT_EQ(lines, (lines_t{"TRACE _fxm_fx_lock: fx lock", "TRACE _fxm_fx_unlock: fx unlock"}));
 }
 
 // ------------------------------------------------------------------------------------------------------------ ports
@@ -660,19 +650,20 @@ TEST_F(lifecycle, without_any_port_the_start_fails_and_with_one_it_does_not)
 
 TEST_F(lifecycle, a_deleted_interface_stops_the_library_with_an_error_however_it_goes)
 {
-    // Five times as it runs; then set down before, at once and once the library knows.
-    for (int i = 0; i < 7 && !HasFailure(); ++i) {
+    // Twice as it runs; then set down before, at once and once the library knows.
+    for (int i = 0; i < 4 && !HasFailure(); ++i) {
         SCOPED_TRACE(i);
         run(FXM_LOG_INFO);
         const size_t falls = sys_log.count_with("(UP->DOWN)");
-        if (i >= 5)
+        if (i >= 2)
             ip("link set fxm0 down");
-        if (i >= 6)
+        if (i >= 3)
             wait_for([&] { return sys_log.count_with("(UP->DOWN)") > falls; }, "the fall");
         ip("link del fxm0");
         EXPECT_EQ(manager.result(), FXM_API_EPROTO);
         if (i == 0)
-            expect_order(&log, {"ERROR _fxm_recv_frame: Failed to _fxm_recv_pcap(). port_num=0",
+            expect_order(&log, {"FATAL _fxm_recv_pcap: Failed to pcap_next_ex().",
+                                "ERROR _fxm_recv_frame: Failed to _fxm_recv_pcap(). port_num=0",
                                 "FATAL _fxm_recv_win: Failed to _fxm_recv_frame(). port_num=0",
                                 "FATAL _fxm_fini_manager: LFI will terminate by reason of internal error.",
                                 "INFO _fxm_interval_check: end.", "INFO _fxm_config_fini: end.",
@@ -682,10 +673,13 @@ TEST_F(lifecycle, a_deleted_interface_stops_the_library_with_an_error_however_it
         ip("link add fxm0 type veth peer name card0\nlink set card0 up\nlink set fxm0 up");
         wire[0] = std::make_unique<wire_t>(0);
     }
+    // The error of the last run is forgotten, by a start that fails and by one that does not.
+    configure("ether_port = lo nowhere0\n");
+    EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT);
+    EXPECT_GE(log.count_with("WARN _fxm_socket_open_win: Interface is loopback."), 1u);
+    configure("");
     run();
     wire[1]->send(fxsv_1g_frame());
     expect_events(events_of(FXSV_1G, {FXM_EVT_NEWDEVINFO}), 1);
-    EXPECT_EQ(stop(), FXM_API_SUCCESS) << "the error of the last run is forgotten";
+    EXPECT_EQ(stop(), FXM_API_SUCCESS);
 }
-
-} // namespace

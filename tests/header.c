@@ -5,58 +5,36 @@
 #include <stddef.h>
 #include <stdio.h>
 
-#define AT(type, field, offset) _Static_assert(offsetof(type, field) == (offset), #field)
+#define AT(type, field, offset) (offsetof(type, field) == (offset))
 
-_Static_assert(sizeof(fxm_retry_param_t) == 8, "fxm_retry_param_t");
-_Static_assert(sizeof(fxm_card_data_t) == 104, "fxm_card_data_t");
-_Static_assert(sizeof(fxm_pci_config_t) == 20, "fxm_pci_config_t");
-_Static_assert(sizeof(fxm_down_port_t) == 28, "fxm_down_port_t");
-_Static_assert(sizeof(fxm_fxsv_t) == 576, "fxm_fxsv_t");
-_Static_assert(sizeof(fxm_fxio_t) == 128, "fxm_fxio_t");
+_Static_assert(sizeof(fxm_retry_param_t) == 8 && AT(fxm_retry_param_t, retry_int, 4), "fxm_retry_param_t");
 
-AT(fxm_retry_param_t, retry_int, 4);
+#define CARD(field, offset) AT(fxm_card_data_t, fcd_##field, offset)
+_Static_assert(sizeof(fxm_card_data_t) == 104 && CARD(id, 0) && CARD(recvtime, 8) && CARD(updatetime, 40) &&
+                   CARD(state, 48) && CARD(uidsw, 64) && CARD(power, 68) && CARD(port0_link, 72) &&
+                   CARD(port1_link, 76) && CARD(vlan_id, 80) && CARD(macaddr, 82) && CARD(swstatus, 88) &&
+                   CARD(vlan_mode, 91) && CARD(flowid, 92) && CARD(type, 93) && CARD(linkstatus, 94) &&
+                   CARD(int_vector, 95) && CARD(ver, 96),
+               "fxm_card_data_t");
 
-AT(fxm_card_data_t, fcd_id, 0);
-AT(fxm_card_data_t, fcd_recvtime, 8);
-AT(fxm_card_data_t, fcd_updatetime, 40);
-AT(fxm_card_data_t, fcd_state, 48);
-AT(fxm_card_data_t, fcd_uidsw, 64);
-AT(fxm_card_data_t, fcd_power, 68);
-AT(fxm_card_data_t, fcd_port0_link, 72);
-AT(fxm_card_data_t, fcd_port1_link, 76);
-AT(fxm_card_data_t, fcd_vlan_id, 80);
-AT(fxm_card_data_t, fcd_macaddr, 82);
-AT(fxm_card_data_t, fcd_swstatus, 88);
-AT(fxm_card_data_t, fcd_vlan_mode, 91);
-AT(fxm_card_data_t, fcd_flowid, 92);
-AT(fxm_card_data_t, fcd_type, 93);
-AT(fxm_card_data_t, fcd_linkstatus, 94);
-AT(fxm_card_data_t, fcd_int_vector, 95);
-AT(fxm_card_data_t, fcd_ver, 96);
+#define PCI(field, offset) AT(fxm_pci_config_t, fcp_##field, offset)
+_Static_assert(sizeof(fxm_pci_config_t) == 20 && PCI(pre_limit_upper, 4) && PCI(memory_base, 8) &&
+                   PCI(memory_limit, 10) && PCI(pre_memory_base, 12) && PCI(pre_memory_limit, 14) &&
+                   PCI(pri_bus_num, 16) && PCI(command, 19),
+               "fxm_pci_config_t");
 
-AT(fxm_pci_config_t, fcp_pre_limit_upper, 4);
-AT(fxm_pci_config_t, fcp_memory_base, 8);
-AT(fxm_pci_config_t, fcp_memory_limit, 10);
-AT(fxm_pci_config_t, fcp_pre_memory_base, 12);
-AT(fxm_pci_config_t, fcp_pre_memory_limit, 14);
-AT(fxm_pci_config_t, fcp_pri_bus_num, 16);
-AT(fxm_pci_config_t, fcp_command, 19);
+_Static_assert(sizeof(fxm_down_port_t) == 28 && AT(fxm_down_port_t, fdp_port_status, 20) &&
+                   AT(fxm_down_port_t, fdp_io_mac, 22),
+               "fxm_down_port_t");
 
-AT(fxm_down_port_t, fdp_port_status, 20);
-AT(fxm_down_port_t, fdp_io_mac, 22);
+_Static_assert(sizeof(fxm_fxsv_t) == 576 && AT(fxm_fxsv_t, fsv_up_port, 104) && AT(fxm_fxsv_t, fsv_down_port, 124),
+               "fxm_fxsv_t");
 
-AT(fxm_fxsv_t, fsv_up_port, 104);
-AT(fxm_fxsv_t, fsv_down_port, 124);
-
-AT(fxm_fxio_t, fio_class_code, 104);
-AT(fxm_fxio_t, fio_device_id, 108);
-AT(fxm_fxio_t, fio_vendor_id, 110);
-AT(fxm_fxio_t, fio_mr_resource_num, 112);
-AT(fxm_fxio_t, fio_sermacaddr, 114);
-AT(fxm_fxio_t, fio_substate, 120);
-AT(fxm_fxio_t, fio_link0fault, 122);
-AT(fxm_fxio_t, fio_link1fault, 123);
-AT(fxm_fxio_t, fio_pcie_presence, 124);
+#define FXIO(field, offset) AT(fxm_fxio_t, fio_##field, offset)
+_Static_assert(sizeof(fxm_fxio_t) == 128 && FXIO(class_code, 104) && FXIO(device_id, 108) && FXIO(vendor_id, 110) &&
+                   FXIO(mr_resource_num, 112) && FXIO(sermacaddr, 114) && FXIO(substate, 120) &&
+                   FXIO(link0fault, 122) && FXIO(link1fault, 123) && FXIO(pcie_presence, 124),
+               "fxm_fxio_t");
 
 int main(void)
 {

@@ -7,25 +7,20 @@
 #include <thread>
 #include <vector>
 
-#include "access/fxm_tags.h"
-#include "core/fxm_config.h"
 #include "core/fxm_rbtree.h"
 #include "platform/fxm_platform.h"
-
-namespace
-{
 
 struct entry_t {
     fxm_rbnode_t link;
     uint64_t key;
 };
 
-const void *key_of(const fxm_rbnode_t *link) { return link + 1; }
+static const void *key_of(const fxm_rbnode_t *link) { return link + 1; }
 
-entry_t *entry_of(fxm_rbnode_t *link) { return reinterpret_cast<entry_t *>(link); }
+static entry_t *entry_of(fxm_rbnode_t *link) { return reinterpret_cast<entry_t *>(link); }
 
 // The number of black nodes on every path, or -1 where a rule is broken.
-int black_height(const fxm_rbnode_t *node, const fxm_rbnode_t *parent)
+static int black_height(const fxm_rbnode_t *node, const fxm_rbnode_t *parent)
 {
     if (node == nullptr)
         return 1;
@@ -40,7 +35,7 @@ int black_height(const fxm_rbnode_t *node, const fxm_rbnode_t *parent)
     return left + (node->color == 0 ? 1 : 0);
 }
 
-void expect_same(const fxm_rbtree_t &tree, const std::map<uint64_t, entry_t *> &model)
+static void expect_same(const fxm_rbtree_t &tree, const std::map<uint64_t, entry_t *> &model)
 {
     ASSERT_TRUE(tree.root == nullptr || tree.root->color == 0) << "the root is not black";
     ASSERT_GE(black_height(tree.root, nullptr), 1) << "not a red-black tree any more, " << model.size() << " entries";
@@ -137,52 +132,3 @@ TEST(event, every_signal_of_a_handshake_releases_one_waiter)
     other.join();
     EXPECT_EQ(heard, rounds) << "a signal was lost between two threads";
 }
-
-TEST(tags, the_search_is_cyclic_and_ends_with_the_tag_that_was_last)
-{
-    _fxm_config_default();
-    g_config.tag_min = 10;
-    g_config.tag_max = 12;
-    ASSERT_EQ(_fxm_cmp_init(), 0);
-    uint32_t tag = 0;
-    const auto next = [&] { return _fxm_get_tag(&tag, 1) == 0 ? static_cast<int>(tag) : -1; };
-    EXPECT_EQ(next(), 11) << "the first tag is the one above the least";
-    EXPECT_EQ(next(), 12);
-    EXPECT_EQ(next(), 10);
-    EXPECT_EQ(next(), -1) << "all are in use";
-    _fxm_release_tag(10);
-    EXPECT_EQ(next(), 10) << "the last one handed out is the only one free";
-    _fxm_release_tag(12);
-    _fxm_release_tag(11);
-    EXPECT_EQ(next(), 11);
-    _fxm_cmp_fini();
-}
-
-TEST(tags, only_the_answer_from_the_port_and_mac_that_were_asked_is_taken_and_the_first_one_stays)
-{
-    _fxm_config_default();
-    ASSERT_EQ(_fxm_cmp_init(), 0);
-    uint32_t tag = 0;
-    uint32_t data = 0xDEAD;
-    ASSERT_EQ(_fxm_get_tag(&tag, 1), 0);
-    _fxm_recv_comp(tag, 1, 0x21, 1);
-    EXPECT_EQ(_fxm_get_readreg(tag, &data), ENOENT) << "an answer before the arming counts for nothing";
-    _fxm_set_comp_recv_wait(tag, 0x21, 1);
-    _fxm_recv_comp(tag, 0, 0x21, 2);     // other port
-    _fxm_recv_comp(tag, 1, 0x20, 3);     // other MAC of the card
-    _fxm_recv_comp(tag + 1, 1, 0x21, 4); // other tag
-    EXPECT_EQ(_fxm_sigwait_comp(tag, 1), ETIMEDOUT);
-    EXPECT_EQ(_fxm_get_readreg(tag, &data), ENOENT);
-    EXPECT_EQ(data, 0xDEADu) << "the output is written with an answer only";
-    _fxm_recv_comp(tag, 1, 0x21, 5);
-    _fxm_recv_comp(tag, 1, 0x21, 6);
-    _fxm_set_comp_recv_wait(tag, 0x21, 1); // a resend must not wipe the answer
-    EXPECT_EQ(_fxm_sigwait_comp(tag, 1), 0);
-    ASSERT_EQ(_fxm_get_readreg(tag, &data), 0);
-    EXPECT_EQ(data, 5u);
-    _fxm_release_tag(tag);
-    EXPECT_EQ(_fxm_get_readreg(tag, &data), ENOENT);
-    _fxm_cmp_fini();
-}
-
-} // namespace

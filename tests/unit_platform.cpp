@@ -1,16 +1,18 @@
-// What the logic makes of a failing or strange system: the calls of the platform layer are stood in for.
+// What the logic makes of a failing or strange system: the calls of the platform layer are stood in for, and below it
+// three of the system's own.
 #include <gtest/gtest.h>
-#include <net/if.h>
+#include <linux/if.h>
+#include <linux/rtnetlink.h>
+#include <pcap/pcap.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,42 +23,69 @@
 #include "events/fxm_event.h"
 #include "events/fxm_linkstate.h"
 #include "fxm_log4cxxif.h"
+#include "host.h"
+#include "net.h"
 #include "platform/fxm_platform.h"
 #include "registry/fxm_devinfo.h"
 #include "registry/fxm_keepalive.h"
 #include "registry/fxm_tables.h"
+#include "wait.h"
 #include "wire/fxm_port.h"
 #include "wire/fxm_recv.h"
 
-namespace
-{
+// -------------------------------------------------------------------------------------------------- the system's own
 
-namespace fs = std::filesystem;
+static std::vector<int> send_errors; // of the sends to come; 0 and none left: the frame is sent
+static int sends;
+
+extern "C" int pcap_sendpacket(pcap_t *, const u_char *, int)
+{
+    ++sends;
+    errno = send_errors.empty() ? 0 : send_errors.front();
+    if (!send_errors.empty())
+        send_errors.erase(send_errors.begin());
+    return errno == 0 ? 0 : -1;
+}
+
+static std::string answer; // of the kernel to the next question
+
+extern "C" ssize_t recv(int fd, void *buffer, size_t size, int flags)
+{
+    if (answer.empty())
+        return syscall(SYS_recvfrom, fd, buffer, size, flags, nullptr, nullptr);
+    const size_t length = std::min(size, answer.size());
+    memcpy(buffer, answer.data(), length);
+    answer.clear();
+    return static_cast<ssize_t>(length);
+}
+
+static std::atomic<int> ticks_left = -1; // sleeps that take no time until the library is stopped; -1: time is real
+
+extern "C" int clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left)
+{
+    if (ticks_left < 0)
+        return syscall(SYS_clock_nanosleep, clock, flags, time, left) == 0 ? 0 : errno;
+    if (--ticks_left == 0)
+        g_fini_flag = FXM_ON;
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------- fixtures
+
+static std::atomic<bool> no_memory;
 
 // Gives each test the real calls back, a log of its own, and fresh counters.
-class platform_stand_in : public testing::Test
+class platform : public testing::Test
 {
   protected:
     void SetUp() override
     {
-        char name[] = "/tmp/fxm-unit-XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        dir = name;
-        fs::create_directory(dir / "conf");
-        std::ofstream(dir / "conf/fxm_log4c_win.properties")
-            << "log4j.logger.logfile=TRACE, L\n"
-               "log4j.appender.L=org.apache.log4j.FileAppender\n"
-               "log4j.appender.L.File="
-            << (dir / "log").string()
-            << "\nlog4j.appender.L.layout=org.apache.log4j.PatternLayout\n"
-               "log4j.appender.L.layout.ConversionPattern=%p %m%n\n";
-        ASSERT_EQ(fxm_log_init(dir.c_str()), 0);
+        ASSERT_EQ(fxm_log_init(installation.dir.c_str()), 0);
         g_log_level = FXM_LOG_TRACE;
         _fxm_config_default();
         ASSERT_EQ(_fxm_stats_init(), 0);
         _fxm_ports_clear();
-        g_fini_flag = FXM_OFF;
-        internal_err = 0;
+        fxm_platform.allocate = [](size_t size) { return no_memory ? nullptr : malloc(size); };
         calls.clear();
         adapters.clear();
     }
@@ -65,19 +94,19 @@ class platform_stand_in : public testing::Test
     {
         fxm_platform = real;
         g_log_level = FXM_LOG_INFO;
-        g_fini_flag = FXM_OFF;
+        g_init_flag = g_fini_flag = FXM_OFF;
         internal_err = 0;
-        fs::remove_all(dir);
+        no_memory = false;
     }
 
-    bool logged(const std::string &line) const
+    bool logged(const std::string &line) { return log.count(line) > 0; }
+
+    // A configuration and an adapter list with which the library starts.
+    void make_startable(const std::string &lines = "")
     {
-        std::ifstream log(dir / "log");
-        for (std::string text; std::getline(log, text);) {
-            if (text == line)
-                return true;
-        }
-        return false;
+        installation.configure("ether_port_ifindex = 3\n" + lines);
+        add_adapter(3, 6, 6, FXM_IF_OPER_UP, "lo");
+        fxm_platform.get_adapters = give_adapters;
     }
 
     static uint32_t in_use()
@@ -116,12 +145,13 @@ class platform_stand_in : public testing::Test
     }
 
     const fxm_platform_calls_t real = fxm_platform;
-    fs::path dir;
+    installation_t installation;
+    log_t log = log_t(installation.dir / "logfile");
     static inline std::vector<uint32_t> calls; // answers to come, 0 for the list as it is
     static inline std::vector<fxm_adapter_t> adapters;
 };
 
-TEST_F(platform_stand_in, adapter_list_that_grows_once_is_fetched_and_twice_is_a_failure)
+TEST_F(platform, adapter_list_that_grows_once_is_fetched_and_twice_is_a_failure)
 {
     add_adapter(7, 6, 6, FXM_IF_OPER_UP, "port");
     fxm_ports[0].pt_if_index = 7;
@@ -149,14 +179,14 @@ TEST_F(platform_stand_in, adapter_list_that_grows_once_is_fetched_and_twice_is_a
 
     fxm_ports[0].pt_if_index = 8;
     EXPECT_EQ(_fxm_get_linkstate_win(0, &state), ENOENT);
-    fxm_platform.allocate = [](size_t) -> void * { return nullptr; };
+    no_memory = true;
     EXPECT_EQ(_fxm_get_linkstate_win(0, &state), ENOMEM);
     EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: Failed to malloc()"));
     EXPECT_EQ(state, 9u) << "a failed reading has written its output";
     EXPECT_EQ(in_use(), 0u) << "an adapter list has leaked";
 }
 
-TEST_F(platform_stand_in, port_opens_on_the_first_usable_adapter_of_its_index)
+TEST_F(platform, port_opens_on_the_first_usable_adapter_of_its_index)
 {
     add_adapter(3, FXM_IF_TYPE_LOOPBACK, 6, FXM_IF_OPER_UP, "no-such-device");
     fxm_platform.get_adapters = give_adapters;
@@ -180,14 +210,80 @@ TEST_F(platform_stand_in, port_opens_on_the_first_usable_adapter_of_its_index)
     EXPECT_EQ(fxm_ports[0].pt_mac, 0x1122334455667788u);
     EXPECT_EQ(fxm_ports[0].pt_link.load(), 0u) << "a port without link opens, and is down";
     EXPECT_EQ(fxm_ports[0].pt_if_index, 3u);
-    _fxm_socket_close(0);
     EXPECT_EQ(in_use(), 0u);
+
+    // Nothing has come, so the next read waits for a signal.
+    ASSERT_EQ(_fxm_capture_mintocopy(fxm_ports[0].pt_pcap), 0);
+    EXPECT_EQ(_fxm_recv_frame(0), 0);
+    EXPECT_FALSE(fxm_recv_source[0].ready);
+
+    // A congested port is tried again, for a while; any other failure is one at once.
+    const struct {
+        std::vector<int> errors;
+        int result;
+        int least, most; // sends
+    } rows[] = {{{EAGAIN, EAGAIN}, 0, 3, 3},
+                {{ENETDOWN}, EPROTO, 1, 1},
+                {{ENOBUFS}, EPROTO, 1, 1},
+                {{EAGAIN, EMSGSIZE}, EPROTO, 2, 2},
+                {std::vector<int>(1000, EAGAIN), EPROTO, 2, 60}};
+    const uint8_t frame[60] = {};
+    for (const auto &row : rows) {
+        send_errors = row.errors;
+        sends = 0;
+        EXPECT_EQ(_fxm_send(0, frame, sizeof(frame)), row.result);
+        EXPECT_TRUE(sends >= row.least && sends <= row.most) << sends;
+    }
+    send_errors.clear();
+    _fxm_socket_close(0);
+}
+
+TEST_F(platform, device_of_the_name_comes_before_one_that_contains_it)
+{
+    lay_cable("alo", "blo");
+    for (const auto &[name, device] : {std::pair("lo", "lo"), std::pair("bl", "blo")}) {
+        pcap_t *handle = nullptr;
+        ASSERT_EQ(get_pcap(name, &handle), 0);
+        pcap_close(handle);
+        EXPECT_TRUE(logged(std::string("INFO get_pcap: Setting device name=") + device)) << log.tail();
+    }
+    EXPECT_EQ(log.count_with("name=alo"), 0u);
+    ip("link del alo");
+}
+
+TEST_F(platform, adapter_of_unknown_state_goes_by_its_carrier)
+{
+    constexpr uint32_t up = IFF_UP, carrier = IFF_LOWER_UP;
+    const struct {
+        uint32_t flags;
+        uint8_t state;
+        uint32_t status;
+    } rows[] = {{up | carrier, IF_OPER_UNKNOWN, FXM_IF_OPER_UP}, {up, IF_OPER_UNKNOWN, FXM_IF_OPER_DOWN},
+                {carrier, IF_OPER_UNKNOWN, FXM_IF_OPER_DOWN},    {up, IF_OPER_UP, FXM_IF_OPER_UP},
+                {up | carrier, IF_OPER_DOWN, FXM_IF_OPER_DOWN},  {up | carrier, IF_OPER_DORMANT, FXM_IF_OPER_DOWN}};
+    for (const auto &row : rows) {
+        struct {
+            nlmsghdr header{sizeof(header) + sizeof(info) + sizeof(attribute) + sizeof(state), RTM_NEWLINK, NLM_F_MULTI,
+                            1, 0};
+            ifinfomsg info{};
+            rtattr attribute{sizeof(attribute) + 1, IFLA_OPERSTATE};
+            uint8_t state[4]{};
+            nlmsghdr end{sizeof(end), NLMSG_DONE, NLM_F_MULTI, 1, 0};
+        } message;
+        message.info.ifi_flags = row.flags;
+        message.state[0] = row.state;
+        answer.assign(reinterpret_cast<const char *>(&message), sizeof(message));
+        fxm_adapter_t adapter{};
+        uint32_t size = sizeof(adapter);
+        EXPECT_EQ(_fxm_get_adapters(&adapter, &size), 0u);
+        EXPECT_EQ(adapter.OperStatus, row.status) << row.flags << " " << int{row.state};
+    }
 }
 
 // Answers of the wait, one after the other; the last one stops the loop.
-std::vector<uint32_t> waits;
+static std::vector<uint32_t> waits;
 
-uint32_t give_wait(fxm_event_t *, fxm_wait_source_t *, uint32_t ms)
+static uint32_t give_wait(fxm_event_t *, fxm_wait_source_t *, uint32_t ms)
 {
     EXPECT_EQ(ms, 1000u);
     const uint32_t answer = waits.front();
@@ -197,7 +293,7 @@ uint32_t give_wait(fxm_event_t *, fxm_wait_source_t *, uint32_t ms)
     return answer;
 }
 
-TEST_F(platform_stand_in, link_watcher_stops_the_library_when_it_cannot_watch)
+TEST_F(platform, link_watcher_stops_the_library_when_it_cannot_watch)
 {
     fxm_platform.get_adapters = give_adapters;
     fxm_platform.last_error = [] { return 5u; };
@@ -228,7 +324,7 @@ TEST_F(platform_stand_in, link_watcher_stops_the_library_when_it_cannot_watch)
     EXPECT_EQ(internal_err.load(), EPROTO);
 }
 
-TEST_F(platform_stand_in, link_watcher_reads_on_a_notice_and_on_nothing_else)
+TEST_F(platform, link_watcher_reads_on_a_notice_and_on_nothing_else)
 {
     static int readings;
     readings = 0;
@@ -253,7 +349,7 @@ TEST_F(platform_stand_in, link_watcher_reads_on_a_notice_and_on_nothing_else)
     EXPECT_EQ(internal_err.load(), 0);
 }
 
-TEST_F(platform_stand_in, change_that_falls_into_a_reading_brings_another_reading)
+TEST_F(platform, change_that_falls_into_a_reading_brings_another_reading)
 {
     static fxm_platform_calls_t system;
     static int readings;
@@ -266,12 +362,7 @@ TEST_F(platform_stand_in, change_that_falls_into_a_reading_brings_another_readin
         if (list != nullptr && ++readings == 3)
             g_fini_flag = FXM_ON;
         // The kernel tells of it at once: first to an armed notice, then between its signal and its next arming.
-        ifreq request{};
-        strcpy(request.ifr_name, "lo");
-        request.ifr_mtu = 60000 + readings;
-        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(ioctl(fd, SIOCSIFMTU, &request), 0) << strerror(errno);
-        close(fd);
+        set_mtu("lo", 60000 + readings);
         return give_adapters(list, size);
     };
     fxm_platform.wait_two = [](fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms) {
@@ -279,23 +370,20 @@ TEST_F(platform_stand_in, change_that_falls_into_a_reading_brings_another_readin
             g_fini_flag = FXM_ON;
         return system.wait_two(first, second, ms);
     };
-    std::thread([] {
-        ASSERT_EQ(unshare(CLONE_NEWNET), 0) << strerror(errno) << ", needs the right to make a network namespace";
-        _fxm_watch_linkstate_win();
-    }).join();
+    _fxm_watch_linkstate_win();
     EXPECT_EQ(readings, 3);
     EXPECT_EQ(internal_err.load(), 0);
 }
 
-uint64_t clock_now;
+static uint64_t clock_now;
 
 // With empty card tables and an event queue, on a clock that the test sets.
-class tables_stand_in : public platform_stand_in
+class tables : public platform
 {
   protected:
     void SetUp() override
     {
-        platform_stand_in::SetUp();
+        platform::SetUp();
         ASSERT_EQ(_fxm_fx_init(), 0);
         ASSERT_EQ(_fxm_event_cb_init(), 0);
         fxm_platform.wall_clock_ms = [] { return clock_now; };
@@ -305,33 +393,11 @@ class tables_stand_in : public platform_stand_in
     {
         _fxm_event_cb_fini();
         _fxm_fx_fini();
-        platform_stand_in::TearDown();
+        platform::TearDown();
     }
 };
 
-TEST_F(tables_stand_in, reading_that_shows_no_change_takes_no_channel_down)
-{
-    fxm_fxio_t card;
-    memset(&card, 0, sizeof(card));
-    card.fio_card.fcd_id = 0x10;
-    card.fio_card.fcd_state[0][0] = card.fio_card.fcd_state[1][0] = 1;
-    {
-        fxm_fx_guard_t guard;
-        ASSERT_EQ(_fxm_set_fxio(0x10, &card, FXM_WATCH, FXM_TBL_ALL), 0);
-    }
-    fxm_ports[0].pt_link = 0;
-    fxm_ports[1].pt_link = 1;
-    _fxm_link_state_update(0, 0);
-    _fxm_link_state_update(1, 1);
-    fxm_fx_guard_t guard;
-    ASSERT_EQ(_fxm_get_fxio(0x10, &card, nullptr, FXM_TBL_RECORD), 0);
-    EXPECT_EQ(card.fio_card.fcd_state[0][0], 1u) << "on a port that was down before";
-    EXPECT_EQ(card.fio_card.fcd_state[1][0], 1u);
-    fxm_mutex_guard_t stats_guard(&g_stats_lock);
-    EXPECT_EQ(g_stats.port_total_down[0], 0u);
-}
-
-TEST_F(platform_stand_in, receive_thread_stops_the_library_when_its_wait_fails)
+TEST_F(platform, receive_thread_stops_the_library_when_its_wait_fails)
 {
     fxm_platform.capture_mintocopy = [](pcap *) { return -1; };
     fxm_platform.last_error = [] { return 9u; };
@@ -351,7 +417,7 @@ TEST_F(platform_stand_in, receive_thread_stops_the_library_when_its_wait_fails)
 
 // ------------------------------------------------------------------------------------------------------------- clock
 
-TEST_F(tables_stand_in, clock_steps_expire_channels_early_or_late_and_break_nothing)
+TEST_F(tables, clock_steps_expire_channels_early_or_late_and_break_nothing)
 {
     fxm_fxsv_t card;
     memset(&card, 0, sizeof(card));
@@ -378,16 +444,16 @@ TEST_F(tables_stand_in, clock_steps_expire_channels_early_or_late_and_break_noth
         ASSERT_EQ(_fxm_set_fxsv(0x10, &card, FXM_IGNORE, FXM_TBL_ALL), 0);
     }
     EXPECT_EQ(state_at(900000), 1u) << "a card out of monitoring does not age";
-    {
-        fxm_fx_guard_t guard;
-        ASSERT_EQ(_fxm_set_fxsv(0x10, nullptr, FXM_WATCH_RESTART, FXM_TBL_IGNORE_STATE | FXM_TBL_CHECK_COUNT), 0);
+    g_init_flag = FXM_ON;
+    for (const int passes : {3, 5}) { // the second restart counts from the beginning
+        EXPECT_EQ(fxm_restart_monitor(0x10), FXM_API_SUCCESS);
+        for (int pass = 1; pass <= passes; ++pass)
+            EXPECT_EQ(state_at(900000), 1u) << "restarted, pass " << pass;
     }
-    for (int pass = 1; pass <= 5; ++pass)
-        EXPECT_EQ(state_at(900000), 1u) << "restarted, pass " << pass;
     EXPECT_EQ(state_at(900000), 0u) << "restarted and silent, sixth pass";
 }
 
-TEST_F(tables_stand_in, clock_that_jumps_costs_channels_only_until_their_next_frames)
+TEST_F(tables, clock_that_jumps_costs_channels_only_until_their_next_frames)
 {
     fxm_fxsv_t card;
     memset(&card, 0, sizeof(card));
@@ -429,13 +495,13 @@ TEST_F(tables_stand_in, clock_that_jumps_costs_channels_only_until_their_next_fr
 
 // ------------------------------------------------------------------------------------------------ failing resources
 
-TEST_F(platform_stand_in, start_that_fails_half_way_leaves_nothing_and_a_later_start_works)
+TEST_F(platform, start_that_fails_half_way_leaves_nothing_and_a_later_start_works)
 {
     static int mutexes;
     static int events;
     static int fail_mutex;
     static int fail_event;
-    std::ofstream(dir / "conf/fxm.conf") << "ether_port = no-such-port\n";
+    installation.configure("ether_port = no-such-port\n");
     fxm_platform.mutex_make = [](pthread_mutex_t *handle, bool initialise) {
         return ++mutexes != fail_mutex && (!initialise || pthread_mutex_init(handle, nullptr) == 0);
     };
@@ -447,7 +513,7 @@ TEST_F(platform_stand_in, start_that_fails_half_way_leaves_nothing_and_a_later_s
         mutexes = events = 0;
         fail_mutex = mutex;
         fail_event = event;
-        return fxm_init_manager(dir.c_str(), FXM_LOG_TRACE);
+        return fxm_init_manager(installation.dir.c_str(), FXM_LOG_TRACE);
     };
     // Stats, registry, blacklist, event queue, six entries, tags, write locks: twelve locks, which fail one after the
     // other until nothing fails any more but the port.
@@ -469,4 +535,79 @@ TEST_F(platform_stand_in, start_that_fails_half_way_leaves_nothing_and_a_later_s
     EXPECT_TRUE(logged("ERROR _fxm_reg_init: Failed to _fxm_mutex_init_st()"));
 }
 
-} // namespace
+// ------------------------------------------------------------------------------------------------------- whole runs
+
+TEST_F(platform, passes_come_as_often_as_their_interval_is_over)
+{
+    const std::string pass = "TRACE _fxm_interval_check: DEVINFO interval check start";
+    size_t before = 0;
+    make_startable();
+    for (const auto &[tick, passes] : {std::pair(250, 3u), std::pair(300, 3u), std::pair(1000, 12u)}) {
+        installation.configure("ether_port_ifindex = 3\ndevinfo_flag_check_interval = " + std::to_string(tick) + "\n");
+        ticks_left = 12;
+        EXPECT_EQ(fxm_init_manager(installation.dir.c_str(), FXM_LOG_TRACE), FXM_API_SUCCESS);
+        ticks_left = -1;
+        EXPECT_EQ(log.count(pass), before + passes) << "12 ticks of " << tick << " ms, 1000 ms between passes";
+        before = log.count(pass);
+    }
+}
+
+TEST_F(platform, tear_down_waits_for_the_calls_in_progress)
+{
+    make_startable();
+    manager_t manager;
+    ASSERT_TRUE(manager.start(installation.dir, FXM_LOG_INFO));
+    {
+        const fxm_call_t call;
+        ASSERT_TRUE(call.running);
+        fxm_fini_manager();
+        const auto all_ended = [&] {
+            return log.count_with("_fxm_recv_task: end.") + log.count("INFO _fxm_event_task_com: end.") +
+                       log.count("INFO _fxm_watch_linkstate: end.") + log.count("INFO _fxm_stats_task_com: end.") ==
+                   4;
+        };
+        EXPECT_TRUE(poll_until(all_ended)) << log.tail();
+        fxm_log_info("the call ends");
+    }
+    EXPECT_EQ(manager.result(), FXM_API_SUCCESS);
+    const std::vector<std::string> &lines = log.lines();
+    EXPECT_LT(std::find(lines.begin(), lines.end(), "INFO the call ends"),
+              std::find(lines.begin(), lines.end(), "INFO _fxm_reg_fini: start."));
+}
+
+TEST_F(platform, host_is_told_when_memory_is_out_and_can_go_on)
+{
+    make_startable();
+    no_memory = true;
+    EXPECT_EQ(fxm_init_manager(installation.dir.c_str(), FXM_LOG_INFO), FXM_API_ENOMEM);
+    no_memory = false;
+    manager_t manager;
+    ASSERT_TRUE(manager.start(installation.dir, FXM_LOG_INFO));
+    fxm_fxsv_t card{};
+    {
+        fxm_fx_guard_t guard;
+        ASSERT_EQ(_fxm_set_fxsv(1, &card, FXM_WATCH, FXM_TBL_ALL), 0);
+    }
+    void *cbid = nullptr;
+    for (const int expected : {FXM_API_ENOMEM, FXM_API_SUCCESS}) {
+        uint64_t *list = nullptr;
+        uint32_t count = 0;
+        no_memory = expected == FXM_API_ENOMEM;
+        EXPECT_EQ(fxm_stop_monitor(1), expected);
+        EXPECT_EQ(fxm_register_callback(
+                      0, [](uint64_t, int32_t, uint64_t) {}, 0, &cbid),
+                  expected);
+        EXPECT_EQ(fxm_get_fxsvids(&list, &count), expected);
+        fxm_free_idlist(list);
+    }
+    EXPECT_TRUE(logged("ERROR fxm_stop_monitor: can't alloc memory for fxm_bl_node_t."));
+    EXPECT_TRUE(logged("ERROR fxm_register_callback: Failed to _cbinfo_create()."));
+    EXPECT_EQ(manager.stop(), FXM_API_SUCCESS);
+}
+
+int main(int argc, char **argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    on_failure = [](const std::string &what) { ADD_FAILURE() << what; };
+    return enter_namespace() ? RUN_ALL_TESTS() : 1;
+}

@@ -1,0 +1,35 @@
+#include "wait.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+static void print_and_exit(const std::string &what)
+{
+    fprintf(stderr, "%s\n", what.c_str());
+    exit(1);
+}
+
+void (*on_failure)(const std::string &what) = print_and_exit;
+
+void harness_failed(const std::string &what) { on_failure(what); }
+
+bool poll_until(const std::function<bool()> &done)
+{
+    const auto limit = std::chrono::steady_clock::now() + 30s;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > limit)
+            return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+uint64_t now_ms()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
