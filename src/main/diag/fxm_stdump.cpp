@@ -132,7 +132,7 @@ template <typename Class> static void _dump_table() FXM_REQUIRES(fxm_fx_tbl.fx_l
 
 // ------------------------------------------------------------------------------------------------------ cards, detail
 
-// A field and its name as the label.
+// A field under its name.
 struct field_t {
     const char *label;
     uint64_t value;

@@ -1,4 +1,4 @@
-// Stopping and restarting the monitoring of a card. Host threads; receive threads look ids up.
+// Stop and restart of the monitoring of a card. Host threads call these; receive threads look ids up here.
 #include "registry/fxm_blacklist.h"
 
 #include <cerrno>
