@@ -250,6 +250,7 @@ int _fxm_event_cb_fini()
 
 int _fxm_add_event(int32_t type, uint64_t id)
 {
+    fxm_assert(type >= 0 && type < static_cast<int32_t>(FXM_EVT_KINDS));
     fxm_evt_node_t *node = _evt_node_create(type, id);
     if (node == nullptr) {
         fxm_log_error("%s: can't alloc memory for fxm_evt_node_t", __func__);
