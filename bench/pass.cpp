@@ -25,12 +25,12 @@ static std::atomic<int64_t> delivered;
 
 static void on_event(uint64_t, int32_t, uint64_t) { delivered.fetch_add(1); }
 
-template <typename Class, typename Set> static void add_card(uint64_t id, Set set)
+template <typename Class> static void add_card(uint64_t id) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     typename Class::record_t record;
     memset(&record, 0, sizeof(record));
     Class::card(record).fcd_id = id;
-    if (set(id, &record, FXM_WATCH, FXM_TBL_ALL) != 0)
+    if (_fxm_tbl_set<Class>(id, &record, FXM_WATCH, FXM_TBL_ALL) != 0)
         abort();
 }
 
@@ -51,7 +51,7 @@ struct registry_t {
         std::shuffle(ids.begin(), ids.end(), std::mt19937(1));
         fxm_fx_guard_t guard;
         for (const uint64_t id : ids)
-            id % 2 == 0 ? add_card<fxsv_class>(id, _fxm_set_fxsv) : add_card<fxio_class>(id, _fxm_set_fxio);
+            id % 2 == 0 ? add_card<fxsv_class>(id) : add_card<fxio_class>(id);
         event_task = std::thread(_fxm_event_task, nullptr);
     }
     ~registry_t()
@@ -66,9 +66,9 @@ struct registry_t {
     std::thread event_task;
 };
 
-template <typename Class> static void connect_cards(uint64_t recvtime)
+template <typename Class> static void connect_cards(uint64_t recvtime) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    _fxm_each_node<Class>([=](typename Class::node_t *node) {
+    _fxm_each_node<Class>([=](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
         std::fill_n(&card.fcd_state[0][0], 4, 1u);
         std::fill_n(&card.fcd_recvtime[0][0], 4, recvtime);
@@ -112,7 +112,7 @@ static void keepalive_all_expire(benchmark::State &state) { time_pass(state, tru
 
 static void link_lost(benchmark::State &state)
 {
-    time_pass(state, false, 2, [] { _fxm_all_disconnect(0); });
+    time_pass(state, false, 2, []() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { _fxm_all_disconnect(0); });
 }
 
 // Both classes, each under a holding of its own.

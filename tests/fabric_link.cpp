@@ -402,7 +402,12 @@ TEST_F(links, dump_shows_known_cards_word_for_word)
     EXPECT_EQ(fxm_write_mmspage(FXIO_MR, 0, page, 0), FXM_API_SUCCESS);
     wire[0]->send(changed(fxio_frame(), {{18, "20"}}));
     settle(0);
-    wait_for([&] { return memory(dump(), "evt_node").in_use == 0; }, "the last event to be freed");
+    // Events are freed, and frames are counted, after what they bring about.
+    const auto is_over = [](const dump_t &told) {
+        return memory(told, "evt_node").in_use == 0 && frames_counted(told, 0, "FXM_STATS_R_TOTAL") == 10 &&
+               frames_counted(told, 1, "FXM_STATS_R_TOTAL") == 4;
+    };
+    dump_when(is_over, "the last event to be freed and the last frame to be counted");
 
     dump_t verbose = dump(1);
     // Masked: what the clock, the fixture's polling and earlier tests of this program decide.

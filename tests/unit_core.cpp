@@ -1,4 +1,4 @@
-// The parts that stand alone: the ordered map against std::map, the events, the tag table.
+// Single modules: the ordered map against std::map, the order of the locks, the events.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "platform/fxm_platform.h"
 
@@ -15,9 +16,9 @@ struct entry_t {
     uint64_t key;
 };
 
-static const void *key_of(const fxm_rbnode_t *link) { return link + 1; }
+using of_entry = fxm_rbtree_of<&entry_t::link, &entry_t::key>;
 
-static entry_t *entry_of(fxm_rbnode_t *link) { return reinterpret_cast<entry_t *>(link); }
+static entry_t *entry_of(fxm_rbnode_t *link) { return of_entry::record(link); }
 
 // The number of black nodes on every path, or -1 where a rule is broken.
 static int black_height(const fxm_rbnode_t *node, const fxm_rbnode_t *parent)
@@ -53,7 +54,7 @@ TEST(ordered_map, any_mix_of_puts_and_deletes_keeps_order_balance_and_addresses)
     std::vector<entry_t> pool(400);
     std::map<uint64_t, entry_t *> model;
     fxm_rbtree_t tree;
-    _fxm_rbtree_init(&tree, _fxm_rbtree_compare_u64, key_of);
+    _fxm_rbtree_init(&tree, _fxm_rbtree_compare_u64, of_entry::get_key);
     std::vector<entry_t *> free_entries;
     for (entry_t &entry : pool)
         free_entries.push_back(&entry);
@@ -90,6 +91,33 @@ TEST(ordered_map, any_mix_of_puts_and_deletes_keeps_order_balance_and_addresses)
     EXPECT_EQ(destroyed, model.size());
     EXPECT_EQ(_fxm_rbtree_first(&tree), nullptr);
 }
+
+#ifdef FXM_CHECKED
+TEST(lock_order_DeathTest, thread_that_breaks_it_is_stopped_with_both_stacks)
+{
+    fxm_mutex_t entry{FXM_LOCK_ENTRY};
+    fxm_mutex_t wn{FXM_LOCK_WN};
+    fxm_mutex_t fx{FXM_LOCK_FX};
+    fxm_mutex_t stats{FXM_LOCK_STATS};
+    const auto take = [](fxm_mutex_t *first, fxm_mutex_t *second) {
+        fxm_mutex_guard_t outer(first);
+        fxm_mutex_guard_t inner(second);
+    };
+    take(&entry, &entry);
+    take(&entry, &wn);
+    take(&fx, &stats);
+    EXPECT_DEATH(take(&stats, &fx), "fx_lock is taken while g_stats_lock is held(.|\n)*here:(.|\n)*"
+                                    "g_stats_lock was taken here:(.|\n)*unit_core");
+    EXPECT_DEATH(take(&fx, &fx), "fx_lock is taken while fx_lock is held");
+    EXPECT_DEATH(take(&wn, &fx), "fx_lock is taken while wn_lock is held");
+    fxm_mutex_guard_t across(&wn);
+    _fxm_check_wait("a frame");
+    EXPECT_DEATH(_fxm_check_callback("a callback"), "wn_lock is held across a callback");
+    fxm_mutex_t cmp{FXM_LOCK_CMP};
+    fxm_mutex_guard_t inside(&cmp);
+    EXPECT_DEATH(Sleep(1), "cmp_lock is held across a sleep");
+}
+#endif
 
 TEST(event, a_signal_is_kept_for_one_wait_and_counted_once)
 {

@@ -83,7 +83,7 @@ class platform : public testing::Test
         ASSERT_EQ(fxm_log_init(installation.dir.c_str()), 0);
         g_log_level = FXM_LOG_TRACE;
         _fxm_config_default();
-        _fxm_stats_init();
+        ASSERT_EQ(_fxm_stats_init(), 0);
         _fxm_ports_clear();
         fxm_platform.allocate = [](size_t size) { return no_memory ? nullptr : malloc(size); };
         calls.clear();
@@ -109,7 +109,11 @@ class platform : public testing::Test
         fxm_platform.get_adapters = give_adapters;
     }
 
-    static uint32_t in_use() { return g_stats.mem[FXM_MEM_ADDRS].alloc - g_stats.mem[FXM_MEM_ADDRS].free; }
+    static uint32_t in_use()
+    {
+        fxm_mutex_guard_t guard(&g_stats_lock);
+        return g_stats.mem[FXM_MEM_ADDRS].alloc - g_stats.mem[FXM_MEM_ADDRS].free;
+    }
 
     static void add_adapter(uint32_t index, uint32_t type, uint32_t length, uint32_t status, const char *name)
     {

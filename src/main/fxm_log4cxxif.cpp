@@ -105,47 +105,20 @@ template <typename Location> static Location _location(const char *function, int
 
 void _fxm_output_log(fxm_logger_t logger, const char *message, fxm_log_level_t level) noexcept
 try {
+    using log4cxx::Logger;
+    static constexpr bool (Logger::*is_enabled[])()
+        const = {&Logger::isFatalEnabled, &Logger::isErrorEnabled, &Logger::isWarnEnabled,
+                 &Logger::isInfoEnabled,  &Logger::isDebugEnabled, &Logger::isTraceEnabled};
     const fxm_log_user_t user;
-    if (!user.admitted)
+    if (!user.admitted || level < FXM_LOG_FATAL || level > FXM_LOG_TRACE)
         return;
-    const log4cxx::LoggerPtr &target = loggers.logger[logger];
-    if (!_has_appender(target))
+    Logger &target = *loggers.logger[logger];
+    if (!_has_appender(loggers.logger[logger]) || !(target.*is_enabled[level])())
         return;
-    const char *const function = __PRETTY_FUNCTION__; // not that of the lambda
     log4cxx::helpers::MessageBuffer text;
-    const auto force = [&](const log4cxx::LevelPtr &log4cxx_level, int line) {
-        target->forcedLog(log4cxx_level, text.str(text << message),
-                          _location<log4cxx::spi::LocationInfo>(function, line));
-        _close_door_first(logger, level);
-    };
-    switch (level) {
-    case FXM_LOG_FATAL:
-        if (target->isFatalEnabled())
-            force(log4cxx::Level::getFatal(), 1);
-        break;
-    case FXM_LOG_ERROR:
-        if (target->isErrorEnabled())
-            force(log4cxx::Level::getError(), 2);
-        break;
-    case FXM_LOG_WARN:
-        if (target->isWarnEnabled())
-            force(log4cxx::Level::getWarn(), 3);
-        break;
-    case FXM_LOG_INFO:
-        if (target->isInfoEnabled())
-            force(log4cxx::Level::getInfo(), 4);
-        break;
-    case FXM_LOG_DEBUG:
-        if (target->isDebugEnabled())
-            force(log4cxx::Level::getDebug(), 5);
-        break;
-    case FXM_LOG_TRACE:
-        if (target->isTraceEnabled())
-            force(log4cxx::Level::getTrace(), 6);
-        break;
-    default:
-        break;
-    }
+    target.forcedLog(loggers.level[level], text.str(text << message),
+                     _location<log4cxx::spi::LocationInfo>(__PRETTY_FUNCTION__, level + 1));
+    _close_door_first(logger, level);
 } catch (...) {
     // A log that cannot be written is no reason to stop, and there is nobody left to report to.
 }

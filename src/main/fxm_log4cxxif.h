@@ -15,7 +15,7 @@ extern std::atomic<fxm_log_level_t> g_log_level;
 enum fxm_logger_t { FXM_LOGFILE, FXM_SYSLOGFILE, FXM_STATSLOGFILE };
 
 // Configures log4cxx from the properties file below `dir`. 0 or FXM_API_EPROTO. Nothing undoes it.
-int fxm_log_init(const char *dir);
+[[nodiscard]] int fxm_log_init(const char *dir);
 
 const char *_fxm_loglevel_name(fxm_log_level_t level);
 

@@ -1,10 +1,10 @@
-// The commands to a card that are no register accesses: VLAN, reset, multi-root pages. Threads of the host; no write
-// lock.
+// The commands to a card that are not register accesses: VLAN, reset, multi-root pages. They run on host threads and
+// take no write lock.
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 
-#include "access/fxm_register.h"
+#include "access/fxm_operation.h"
 #include "core/fxm_config.h"
 #include "core/fxm_state.h"
 #include "diag/fxm_stats.h"
@@ -13,33 +13,31 @@
 #include "wire/fxm_frame.h"
 #include "wire/fxm_send.h"
 
-// The card takes the VLAN by itself and says so by tagging its next announcement with it, so the verify watches the
-// table. `timeout` is the time granted to each frame.
-static int _fxm_set_vlanid(const fxm_card_data_t *card, uint16_t vlanid, uint32_t timeout, uint32_t retries,
-                           uint32_t flags)
+// With FXM_FLAG_VERIFY, waits until the card's record has the VLAN: the card confirms it only by tagging its next
+// announcement with it. retry.timeout is the time that each frame is given.
+static int _fxm_set_vlanid(const fxm_card_data_t *card, uint16_t vlanid, const fxm_retry_t &retry, uint32_t flags)
 {
-    const uint32_t poll_interval = std::min(g_config.vlan_check_interval, timeout);
+    const uint32_t poll_interval = std::min(g_config.vlan_check_interval, retry.timeout);
     int err = _fxm_send_vlanset(card, vlanid);
     if (err != 0 || (flags & FXM_FLAG_VERIFY) == 0)
         return err;
     uint64_t last_sent = _fxm_get_time_ms();
     uint32_t repeated = 0;
     for (;;) {
-        _fxm_sleep(poll_interval);
-        if (_fxm_stopping())
+        if (_fxm_sleep(poll_interval) != 0)
             return ENOSYS;
         fxm_card_data_t fresh;
         uint32_t ignore_state = 0;
         if (_fxm_copy_card(card->fcd_id, &fresh, &ignore_state) != 0)
-            return EPROTO; // the card was deleted under our hands
+            return EPROTO; // the card was deleted meanwhile
         if (fresh.fcd_vlan_id == vlanid)
             return 0;
         const uint64_t now = _fxm_get_time_ms();
         if (now < last_sent)
             last_sent = now; // the clock was set back: do not wait for it to catch up
-        if (last_sent + timeout > now)
+        if (last_sent + retry.timeout > now)
             continue;
-        if (repeated >= retries)
+        if (repeated >= retry.retries)
             return ETIMEDOUT;
         err = _fxm_send_vlanset(card, vlanid);
         if (err != 0)
@@ -56,22 +54,11 @@ int fxm_set_vlanid(uint64_t id, uint16_t vlanid, const fxm_retry_param_t *retry_
                  fxm_retry_text_t(retry_param).text, flags);
     const bool valid = vlanid >= FXM_VLAN_FIRST && vlanid <= FXM_VLAN_LAST;
     const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &retry) {
-        return _fxm_set_vlanid(card, vlanid, retry.timeout, retry.retries, flags);
+        return _fxm_set_vlanid(card, vlanid, retry, flags);
     };
-    const int result = _fxm_card_api(call, __func__, id, valid, retry_param, flags, FXM_NO_WRITE_LOCK, work);
+    const int result = _fxm_card_api(call, {__func__, id, flags, FXM_NO_WRITE_LOCK}, valid, retry_param, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx, vlanid=%u", __func__, result, _ull(id), vlanid);
     return _fxm_stats_api(FXM_ROW_SET_VLANID, result);
-}
-
-// A card out of monitoring gets no reset, whatever the flags.
-static int _reset_card(uint64_t id, uint8_t status)
-{
-    fxm_card_data_t card;
-    uint32_t ignore_state = 0;
-    const int err = _fxm_copy_card(id, &card, &ignore_state);
-    if (err != 0)
-        return err;
-    return ignore_state == FXM_IGNORE ? ENOLINK : _fxm_send_reset(&card, status);
 }
 
 int fxm_send_resetframe(uint64_t id, uint8_t status, const fxm_retry_param_t *retry_param, uint32_t flags)
@@ -79,12 +66,14 @@ int fxm_send_resetframe(uint64_t id, uint8_t status, const fxm_retry_param_t *re
     fxm_call_t call;
     fxm_log_info("%s: (IN). id=0x%.12llx, status=0x%X, %s, flags=0x%.8X", __func__, _ull(id), status,
                  fxm_retry_text_t(retry_param).text, flags);
-    const int result = _fxm_errno_to_result(call.running ? _reset_card(id, status) : ENOSYS);
+    // An ignored card gets no reset, whatever the flags, and nothing is retried: both arguments are only logged.
+    const auto work = [=](const fxm_card_data_t *card, const fxm_retry_t &) { return _fxm_send_reset(card, status); };
+    const int result = _fxm_card_api(call, {__func__, id, 0, FXM_NO_WRITE_LOCK}, true, nullptr, work);
     fxm_log_info("%s: (OUT) ret=%d, id=0x%.12llx", __func__, result, _ull(id));
     return _fxm_stats_api(FXM_ROW_SEND_RESETFRAME, result);
 }
 
-// Only FXIO cards are looked at: an FXSV card has no pages.
+// Looks the id up among the FXIO cards only: an FXSV card has no pages.
 static int _write_mmspage(const char *func, uint64_t id, uint32_t page, const void *data, uint32_t flags)
 {
     fxm_fxio_t fxio;

@@ -1,14 +1,14 @@
-// One word in or out of a card's EEPROM: a ladder of retries over register accesses, any of which can fail or find the
-// engine busy.
+// Moves one word into or out of a card's EEPROM, with retries at three levels: register access, poll of the engine, and
+// attempt. Any register access can fail or find the engine busy.
 #include "access/fxm_eeprom_engine.h"
 
 #include <cerrno>
 
-#include "access/fxm_eeprom_lock.h"
-#include "access/fxm_register.h"
 #include "core/fxm_config.h"
+#include "core/fxm_state.h"
+#include "fxm_log4cxxif.h"
 
-// The engine's registers, with their addresses by generation of card.
+// The engine's registers. Their addresses depend on the generation of the card.
 enum engine_reg_t {
     FXM_REG_EEPROM_CTL,   // command when written, status when read
     FXM_REG_EEPROM_ADDR,  // address of the word
@@ -37,33 +37,33 @@ static bool _is_ready(uint32_t status)
     return (status & (FXM_EEPROM_READY | FXM_EEPROM_OCCUPIED)) == FXM_EEPROM_READY;
 }
 
-// Two values live in this file only: EAGAIN, an access that did not come to an end and may be tried again, and EACCES,
-// one that the engine refused.
+// Two values never leave this file: EAGAIN, an access that has not finished and may be tried again, and EACCES, an
+// access that the engine refused.
 static int _again_unless_fatal(int err) { return err == 0 || _fxm_fatal(err) ? err : EAGAIN; }
 
 static int _read_status(const fxm_card_data_t *card, const fxm_retry_t &retry, uint32_t *status)
 {
-    return _fxm_read_register(card, _address(card, FXM_REG_EEPROM_CTL), status, retry.timeout, retry.retries);
+    return _fxm_read_register(card, _address(card, FXM_REG_EEPROM_CTL), status, retry);
 }
 
 static int _write_ctl(const fxm_card_data_t *card, const fxm_retry_t &retry, uint32_t command)
 {
-    // Shows status when read, so it is not read back.
-    return _fxm_write_register(card, _address(card, FXM_REG_EEPROM_CTL), command, retry.timeout, retry.retries, 0);
+    // This register shows the status when read, so the command is not read back.
+    return _fxm_write_register(card, _address(card, FXM_REG_EEPROM_CTL), command, retry, 0);
 }
 
-// One access: address, command, wait for the end. 0, EAGAIN, EACCES, ENOSYS, EPROTO.
+// One access: writes the address and the command, and waits for the end. 0, EAGAIN, EACCES, ENOSYS, EPROTO.
 static int _check_access_impl(const fxm_card_data_t *card, uint32_t address_value, uint32_t command,
                               const fxm_retry_t &retry)
 {
-    int err = _fxm_write_register(card, _address(card, FXM_REG_EEPROM_ADDR), address_value, retry.timeout,
-                                  retry.retries, FXM_FLAG_VERIFY);
+    int err = _fxm_write_register(card, _address(card, FXM_REG_EEPROM_ADDR), address_value, retry, FXM_FLAG_VERIFY);
     if (err == 0)
         err = _write_ctl(card, retry, command);
     for (uint32_t count = 0; err == 0;) {
         if (_fxm_stopping())
             return ENOSYS;
-        _fxm_sleep(g_config.eeprom_check_interval);
+        // After a stop during this pause, the read ends the access.
+        (void)_fxm_sleep(g_config.eeprom_check_interval);
         uint32_t status = 0;
         err = _read_status(card, retry, &status);
         if (err != 0)
@@ -82,7 +82,8 @@ static int _check_access_impl(const fxm_card_data_t *card, uint32_t address_valu
 
 static int _check_access(const fxm_card_data_t *card, uint32_t addr, uint32_t command, const fxm_retry_t &retry)
 {
-    // Which form of address an EEPROM takes shows only when it refuses the other; nothing is remembered about a card.
+    // An EEPROM takes one of two forms of address, and refuses the other. Nothing is remembered about a card, so each
+    // access starts with the split form.
     if (g_config.eeprom_type == 0 && card->fcd_type == 0) {
         const uint32_t split = (addr & 0xF00) << 8 | (addr & 0xFF);
         const int err = _check_access_impl(card, split, command, retry);
@@ -92,44 +93,43 @@ static int _check_access(const fxm_card_data_t *card, uint32_t addr, uint32_t co
     return _check_access_impl(card, addr, command, retry);
 }
 
-// ------------------------------------------------------------------------------------------------------ read a word
+// ------------------------------------------------------------------------------------------------------- one attempt
 
-// What an attempt has come to before the engine is cleared.
-struct attempt_t {
-    bool got = false;
-    bool refused = false;
-    uint32_t word = 0;
-};
+enum direction_t { FXM_EEPROM_READ, FXM_EEPROM_WRITE };
 
-// Up to the clearing of the engine: 0 whatever passed, or a fatal value.
-static int _read_attempt(const char *func, const fxm_card_data_t *card, uint32_t addr, const fxm_retry_t &retry,
-                         attempt_t *attempt)
+// The part of an attempt before the engine is cleared: 0 when the word was moved, else EAGAIN, EACCES, ENOSYS, EPROTO.
+static int _move_word(const char *func, direction_t direction, const fxm_card_data_t *card, uint32_t addr,
+                      uint32_t *word, const fxm_retry_t &retry)
 {
     uint32_t status = 0;
     int err = _read_status(card, retry, &status);
     if (err != 0) {
         fxm_log_trace("%s: Failed to _fxm_read_register() of access check. err=%d", func, err);
-        return _fxm_fatal(err) ? err : 0;
+        return _again_unless_fatal(err);
     }
     if (!_is_ready(status))
-        return 0;
-    err = _check_access(card, addr, FXM_EEPROM_CMD_READ, retry);
-    if (err == 0) {
-        err = _fxm_read_register(card, _address(card, FXM_REG_EEPROM_RDATA), &attempt->word, retry.timeout,
-                                 retry.retries);
-        attempt->got = err == 0;
-        if (err != 0)
-            fxm_log_trace("%s: Failed to _fxm_read_register() of getting EEPROM data. err=%d", func, err);
-    } else if (err == EACCES) {
-        fxm_log_info("%s: Failed to _check_access(). err=%d", func, err);
-        attempt->refused = true;
-    } else if (_fxm_fatal(err)) {
-        fxm_log_trace("%s: Failed to _check_access(). err=%d", func, err);
+        return EAGAIN;
+    if (direction == FXM_EEPROM_WRITE) {
+        err = _fxm_write_register(card, _address(card, FXM_REG_EEPROM_WDATA), *word, retry, FXM_FLAG_VERIFY);
+        if (err != 0) {
+            fxm_log_trace("%s: Failed to _fxm_write_register() of setting data. err=%d", func, err);
+            return _again_unless_fatal(err);
+        }
     }
-    return _fxm_fatal(err) ? err : 0;
+    err = _check_access(card, addr, direction == FXM_EEPROM_WRITE ? FXM_EEPROM_CMD_WRITE : FXM_EEPROM_CMD_READ, retry);
+    if (err == EACCES)
+        fxm_log_info("%s: Failed to _check_access(). err=%d", func, err);
+    else if (_fxm_fatal(err))
+        fxm_log_trace("%s: Failed to _check_access(). err=%d", func, err);
+    if (err != 0 || direction == FXM_EEPROM_WRITE)
+        return err;
+    err = _fxm_read_register(card, _address(card, FXM_REG_EEPROM_RDATA), word, retry);
+    if (err != 0)
+        fxm_log_trace("%s: Failed to _fxm_read_register() of getting EEPROM data. err=%d", func, err);
+    return _again_unless_fatal(err);
 }
 
-// Clears the engine and reads its status. A failure is logged.
+// Clears the engine and reads its status. Logs a failure.
 static int _clear_engine(const char *func, const fxm_card_data_t *card, const fxm_retry_t &retry, uint32_t *status)
 {
     int err = _write_ctl(card, retry, FXM_EEPROM_CMD_CLEAR);
@@ -143,92 +143,68 @@ static int _clear_engine(const char *func, const fxm_card_data_t *card, const fx
     return err;
 }
 
-int _fxm_read_eeprom(const fxm_card_data_t *card, uint32_t addr, uint32_t *data, uint32_t timeout, uint32_t retries)
+// One attempt: 0, EAGAIN, ENOSYS, EPROTO. It ends with the clearing of the engine, unless it has failed fatally before.
+static int _attempt(const char *func, direction_t direction, const fxm_card_data_t *card, uint32_t addr, uint32_t *word,
+                    const fxm_retry_t &retry)
 {
-    const fxm_retry_t retry = {timeout, retries};
-    for (uint32_t count = 0;;) {
-        if (_fxm_stopping())
-            return ENOSYS;
-        attempt_t attempt;
-        int err = _read_attempt(__func__, card, addr, retry, &attempt);
-        if (err != 0)
-            return err;
-        uint32_t status = 0;
-        err = _clear_engine(__func__, card, retry, &status);
-        if (_fxm_fatal(err))
-            return err;
-        // Word and refusal both count only once the engine is ready again.
-        if (err == 0 && _is_ready(status)) {
-            if (attempt.got) {
-                *data = attempt.word;
-                return 0;
-            }
-            if (attempt.refused)
-                return EPROTO;
-        }
-        _fxm_sleep(g_config.eeprom_rw_interval);
-        if (++count > retries)
-            return _fxm_stopping() ? ENOSYS : ETIMEDOUT;
-    }
-}
-
-// ------------------------------------------------------------------------------------------------------ write a word
-
-// One attempt: 0, EAGAIN, ENOSYS, EPROTO.
-static int _fxm_write_eeprom_impl(const fxm_card_data_t *card, uint32_t addr, uint32_t data, uint32_t timeout,
-                                  uint32_t retries)
-{
-    const fxm_retry_t retry = {timeout, retries};
-    int result = EAGAIN;
+    const int moved = _move_word(func, direction, card, addr, word, retry);
+    if (_fxm_fatal(moved))
+        return moved;
     uint32_t status = 0;
-    int err = _read_status(card, retry, &status);
-    if (err != 0) {
-        fxm_log_trace("%s: Failed to _fxm_read_register() of access check. err=%d", __func__, err);
-        if (_fxm_fatal(err))
-            return err;
-    } else if (_is_ready(status)) {
-        err = _fxm_write_register(card, _address(card, FXM_REG_EEPROM_WDATA), data, timeout, retries, FXM_FLAG_VERIFY);
-        if (err != 0) {
-            fxm_log_trace("%s: Failed to _fxm_write_register() of setting data. err=%d", __func__, err);
-            if (_fxm_fatal(err))
-                return err;
-        } else {
-            err = _check_access(card, addr, FXM_EEPROM_CMD_WRITE, retry);
-            if (err == 0) {
-                result = 0;
-            } else if (err == EACCES) {
-                fxm_log_info("%s: Failed to _check_access(). err=%d", __func__, err);
-                result = EPROTO;
-            } else if (_fxm_fatal(err)) {
-                fxm_log_trace("%s: Failed to _check_access(). err=%d", __func__, err);
-                return err;
-            }
-        }
-    }
-    err = _clear_engine(__func__, card, retry, &status);
-    // A word that counts as written, or a refusal, stands whatever the clearing found.
-    return result == EAGAIN && _fxm_fatal(err) ? err : result;
+    const int cleared = _clear_engine(func, card, retry, &status);
+    // A write, done or refused, counts whatever the clearing found. A read counts only once the engine is ready again.
+    const bool counts = direction == FXM_EEPROM_WRITE || (cleared == 0 && _is_ready(status));
+    if (counts && moved == 0)
+        return 0;
+    if (counts && moved == EACCES)
+        return EPROTO;
+    return _fxm_fatal(cleared) ? cleared : EAGAIN;
 }
 
-int _fxm_write_eeprom(const fxm_card_data_t *card, uint32_t addr, uint32_t data, uint32_t timeout, uint32_t retries,
+// ------------------------------------------------------------------------------------------------------- one word
+
+// Repeats the attempt until it succeeds, fails fatally, or has used up its retries.
+template <typename Attempt> static int _repeat(const fxm_retry_t &retry, Attempt attempt)
+{
+    if (_fxm_stopping())
+        return ENOSYS;
+    for (uint32_t repeated = 0;; ++repeated) {
+        const int err = attempt();
+        if (err == 0 || _fxm_fatal(err))
+            return err;
+        if (_fxm_sleep(g_config.eeprom_rw_interval) != 0)
+            return ENOSYS;
+        if (repeated >= retry.retries)
+            return ETIMEDOUT;
+    }
+}
+
+int _fxm_read_eeprom(const fxm_card_data_t *card, uint32_t addr, uint32_t *data, const fxm_retry_t &retry)
+{
+    const char *func = __func__;
+    fxm_assert(addr < FXM_EEPROM_SIZE && _fxm_aligned(addr));
+    uint32_t word = 0;
+    const int err = _repeat(retry, [&] { return _attempt(func, FXM_EEPROM_READ, card, addr, &word, retry); });
+    if (err == 0)
+        *data = word;
+    return err;
+}
+
+static int _fxm_write_eeprom_impl(const fxm_card_data_t *card, uint32_t addr, uint32_t data, const fxm_retry_t &retry)
+{
+    return _attempt(__func__, FXM_EEPROM_WRITE, card, addr, &data, retry);
+}
+
+int _fxm_write_eeprom(const fxm_card_data_t *card, uint32_t addr, uint32_t data, const fxm_retry_t &retry,
                       uint32_t flags)
 {
-    for (uint32_t count = 0;;) {
-        if (_fxm_stopping())
-            return ENOSYS;
-        int err = _fxm_write_eeprom_impl(card, addr, data, timeout, retries);
-        if (err == 0) {
-            if ((flags & FXM_FLAG_VERIFY) == 0)
-                return 0;
-            uint32_t word = 0;
-            err = _fxm_read_eeprom(card, addr, &word, timeout, retries);
-            if (err == 0 && word == data)
-                return 0;
-        }
-        if (_fxm_fatal(err))
+    fxm_assert(addr < FXM_EEPROM_SIZE && _fxm_aligned(addr));
+    return _repeat(retry, [&] {
+        int err = _fxm_write_eeprom_impl(card, addr, data, retry);
+        if (err != 0 || (flags & FXM_FLAG_VERIFY) == 0)
             return err;
-        _fxm_sleep(g_config.eeprom_rw_interval);
-        if (++count > retries)
-            return _fxm_stopping() ? ENOSYS : ETIMEDOUT;
-    }
+        uint32_t word = 0;
+        err = _fxm_read_eeprom(card, addr, &word, retry);
+        return err == 0 && word != data ? EAGAIN : err;
+    });
 }

@@ -1,6 +1,6 @@
-// The lock on the card that keeps other managers out of its EEPROM: a bit lock, or an ID lock with an arbiter, as the
-// card says. Threads of the host, which hold the card's write lock, so one thread of the library at a time plays it on
-// a card.
+// The lock on the card that keeps other managers out of its EEPROM. A card has one of two kinds: a bit lock, or an ID
+// lock with an arbiter. It runs on host threads that hold the card's write lock, so on one card one thread of the
+// library at a time takes and releases it. Only fxm_unlock_eeprom releases it without the write lock.
 #ifndef FXM_EEPROM_LOCK_H
 #define FXM_EEPROM_LOCK_H
 
@@ -8,25 +8,23 @@
 
 #include "access/fxm_register.h"
 
-// This library's bit in both kinds of lock.
-constexpr uint32_t FXM_EEPROM_OWN_LOCK_BIT = 4;
+// One kind of lock: its operations, and their names for messages. `retry` bounds each register access; the tries for
+// the lock have their own configuration.
+struct fxm_eeprom_lock_t {
+    // Takes the lock. Of the flags, only FXM_FLAG_FORCELOCK matters. 0, EBUSY, ETIMEDOUT, ENOLINK, ENOSYS, EPROTO.
+    int (*take)(const fxm_card_data_t *card, const fxm_retry_t &retry, uint32_t flags);
+    const char *take_name;
+    // Releases the library's lock. 0, ETIMEDOUT, ENOLINK, ENOSYS, EPROTO.
+    int (*give)(const fxm_card_data_t *card, const fxm_retry_t &retry);
+    const char *give_name;
+    // Releases a lock that was left behind: of all holders, this library among them, for the ID lock; of the other
+    // holder only for the bit lock. Results as for `give`.
+    int (*clear)(const fxm_card_data_t *card, const fxm_retry_t &retry);
+    const char *clear_name;
+};
 
-// Of the register that says which kind of lock a card has.
-constexpr uint32_t FXM_LOCKTYPE_ID = 1;
-
-// The register's value; results of _fxm_read_register.
-int _fxm_get_locktype(const fxm_card_data_t *card, uint32_t *locktype, uint32_t timeout, uint32_t retries);
-
-// timeout and retries go to each register access; the tries for the lock have their own configuration. Of the flags
-// FXM_FLAG_FORCELOCK matters. 0, EBUSY, ETIMEDOUT, ENOLINK, ENOSYS, EPROTO.
-int _fxm_lock_eeprom(const fxm_card_data_t *card, uint32_t timeout, uint32_t retries, uint32_t flags);
-int _fxm_lock_eeprom_id(const fxm_card_data_t *card, uint32_t timeout, uint32_t retries, uint32_t flags);
-
-int _fxm_unlock_eeprom(const fxm_card_data_t *card, uint32_t timeout, uint32_t retries);      // own bit
-int _fxm_unlock_eeprom_impl(const fxm_card_data_t *card, uint32_t timeout, uint32_t retries); // the other holder's bits
-int _fxm_unlock_eeprom_id(const fxm_card_data_t *card, uint32_t timeout, uint32_t retries, uint32_t mask);
-
-// ENOSYS and EPROTO end whatever is under way, at every level; all other failures of a register access may pass.
-inline bool _fxm_fatal(int err) { return err == ENOSYS || err == EPROTO; }
+// Asks the card which kind of lock it has. Results of _fxm_read_register; *lock is written on 0 only.
+[[nodiscard]] int _fxm_get_locktype(const fxm_card_data_t *card, const fxm_eeprom_lock_t **lock,
+                                    const fxm_retry_t &retry);
 
 #endif

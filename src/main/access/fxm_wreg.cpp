@@ -1,8 +1,7 @@
-// The map of write locks. Receive threads put, host threads lock.
+// The map of write locks. Receive threads add to it, host threads look up and lock.
 #include "access/fxm_wreg.h"
 
 #include <cerrno>
-#include <cstddef>
 #include <new>
 
 #include "core/fxm_locks.h"
@@ -13,23 +12,21 @@
 struct fxm_wreg_node_t {
     fxm_rbnode_t wn_link;
     uint64_t wn_id;
-    // The card's write lock. Serialises the write-type conversations with a card, across live check, frames, retries
-    // and sleeps. Taken with neither fx_lock nor wreg_lock held; under it cmp_lock, a port's send lock, the stats lock
-    // and, to look itself up for the release, wreg_lock, briefly and one at a time, never fx_lock.
+    // The card's write lock. It is held across live check, frames, retries and sleeps. It is taken with neither fx_lock
+    // nor wreg_lock held. Under it a thread takes cmp_lock, a port's send lock and the stats lock, briefly and one at a
+    // time, and never fx_lock.
     fxm_mutex_t wn_lock{FXM_LOCK_WN};
 };
 
 static struct {
-    fxm_rbtree_t map;
-    // Guards the map's shape, for one map operation; nodes stay for good once they are in. Taken under fx_lock by the
-    // receive threads, alone by the host's; nothing but the stats lock is taken under it.
+    // Guards the map for one operation. A node is never removed, so a pointer to it stays good without this lock. The
+    // receive threads take it under fx_lock, host threads with no lock held. Under it only the stats lock is taken.
     fxm_mutex_t wreg_lock{FXM_LOCK_WREG};
-    uint32_t initialised;
+    fxm_rbtree_t map FXM_GUARDED_BY(wreg_lock);
+    bool initialised; // by the first start in this process; only starts use it, one at a time
 } fxm_write_reg_lock_mng;
 
-static const void *_get_key(const fxm_rbnode_t *link) { return link + 1; } // directly behind the link
-
-static_assert(offsetof(fxm_wreg_node_t, wn_id) == sizeof(fxm_rbnode_t));
+using wreg_link_t = fxm_rbtree_of<&fxm_wreg_node_t::wn_link, &fxm_wreg_node_t::wn_id>;
 
 static void _write_reg_destroy(fxm_wreg_node_t *node)
 {
@@ -75,46 +72,43 @@ int _fxm_create_reg_lock_node(uint64_t id)
     return err == EEXIST ? EEXIST : EPROTO;
 }
 
+// The write lock of a card, or null.
 static fxm_mutex_t *_find_lock(uint64_t id)
 {
     fxm_mutex_guard_t guard(&fxm_write_reg_lock_mng.wreg_lock);
     fxm_rbnode_t *link = _fxm_rbtree_find(&fxm_write_reg_lock_mng.map, &id);
     if (link == nullptr)
         return nullptr;
-    return &_fxm_rbtree_record<fxm_wreg_node_t>(link, offsetof(fxm_wreg_node_t, wn_link))->wn_lock;
+    return &wreg_link_t::record(link)->wn_lock;
 }
 
-int FXM_WREG_LOCK(uint64_t id)
+// The analysis cannot follow a lock that is taken on a condition.
+FXM_NO_ANALYSIS fxm_wreg_guard_t::fxm_wreg_guard_t(uint64_t id) : wn_lock(_find_lock(id))
 {
-    fxm_mutex_t *lock = _find_lock(id);
-    if (lock == nullptr)
-        return ENOENT;
-    _fxm_mutex_lock(lock);
-    return 0;
+    if (wn_lock != nullptr)
+        _fxm_mutex_lock(wn_lock);
 }
 
-int FXM_WREG_UNLOCK(uint64_t id)
+FXM_NO_ANALYSIS fxm_wreg_guard_t::~fxm_wreg_guard_t()
 {
-    fxm_mutex_t *lock = _find_lock(id);
-    if (lock == nullptr)
-        return ENOENT;
-    _fxm_mutex_unlock(lock);
-    return 0;
+    if (wn_lock != nullptr)
+        _fxm_mutex_unlock(wn_lock);
 }
 
 int _fxm_reg_init()
 {
     fxm_log_info("%s: start.", __func__);
     int err = 0;
-    if (fxm_write_reg_lock_mng.initialised != 0) {
+    if (fxm_write_reg_lock_mng.initialised) {
         fxm_log_info("%s: fxm_write_reg_lock_mng is already initialized.", __func__);
     } else {
         err = _fxm_mutex_init_st(&fxm_write_reg_lock_mng.wreg_lock);
         if (err != 0) {
             fxm_log_error("%s: Failed to _fxm_mutex_init_st()", __func__);
         } else {
-            _fxm_rbtree_init(&fxm_write_reg_lock_mng.map, _fxm_rbtree_compare_u64, _get_key);
-            fxm_write_reg_lock_mng.initialised = 1;
+            fxm_mutex_guard_t guard(&fxm_write_reg_lock_mng.wreg_lock);
+            _fxm_rbtree_init(&fxm_write_reg_lock_mng.map, _fxm_rbtree_compare_u64, wreg_link_t::get_key);
+            fxm_write_reg_lock_mng.initialised = true;
         }
     }
     fxm_log_info("%s: end. ret=%d", __func__, err);

@@ -52,9 +52,10 @@ struct fxm_config_t {
 extern fxm_config_t g_config;
 
 void _fxm_config_default();
-int _fxm_config_read(const char *path); // 0, ENOENT no such file (the defaults stand), EPROTO an error in it
-void _fxm_config_value_print();         // all values, to the log at INFO
-void _fxm_config_value_dump();          // all values, to the status dump
+// 0, ENOENT: no such file, the defaults apply; EPROTO: an error in the file.
+[[nodiscard]] int _fxm_config_read(const char *path);
+void _fxm_config_value_print(); // all values, to the log at INFO
+void _fxm_config_value_dump();  // all values, to the status dump
 void _fxm_config_fini();
 
 // A file that sets `ether_port_ifindex` selects the ports by index, any other file by name. The number of ports follows

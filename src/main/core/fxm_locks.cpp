@@ -17,7 +17,7 @@ const fxm_lock_rule_t fxm_lock_rules[] = {
     {"wn_lock", _set(FXM_LOCK_ENTRY), false, true, false},
     {"fx_lock", _set(FXM_LOCK_ENTRY), false, false, false},
     {"blacklist_lock", _set(FXM_LOCK_ENTRY, FXM_LOCK_FX), false, false, false},
-    {"wreg_lock", _set(FXM_LOCK_ENTRY, FXM_LOCK_FX, FXM_LOCK_WN), false, false, false},
+    {"wreg_lock", _set(FXM_LOCK_ENTRY, FXM_LOCK_FX), false, false, false},
     {"the event queue's lock", _set(FXM_LOCK_ENTRY, FXM_LOCK_FX), false, false, false},
     {"handle_lock", _set(FXM_LOCK_ENTRY), false, false, false},
     {"cmp_lock", _set(FXM_LOCK_ENTRY, FXM_LOCK_WN), false, false, false},

@@ -1,4 +1,4 @@
-// The ordered map. Runs on the thread of whoever holds the map's lock.
+// The ordered map. Runs on any thread that holds the map's lock.
 #include "core/fxm_rbtree.h"
 
 #include <cerrno>
@@ -11,7 +11,7 @@ typedef fxm_rbnode_t *fxm_rbnode_t::*slot_t;
 
 static bool _is_red(const fxm_rbnode_t *node) { return node != nullptr && node->color == RED; }
 
-// Puts `child` where `node` hangs.
+// Links `child`, which may be null, to the parent of `node` in place of `node`.
 static void _replace(fxm_rbtree_t *tree, fxm_rbnode_t *node, fxm_rbnode_t *child)
 {
     fxm_rbnode_t *parent = node->parent;
@@ -25,7 +25,7 @@ static void _replace(fxm_rbtree_t *tree, fxm_rbnode_t *node, fxm_rbnode_t *child
         child->parent = parent;
 }
 
-// The child in slot `up` rises and `node` becomes its child in slot `down`.
+// The child in slot `up` takes the place of `node`, and `node` becomes its child in slot `down`.
 static void _rotate(fxm_rbtree_t *tree, fxm_rbnode_t *node, slot_t up, slot_t down)
 {
     fxm_rbnode_t *riser = node->*up;
@@ -47,7 +47,7 @@ static void _rotate_left(fxm_rbtree_t *tree, fxm_rbnode_t *node)
     _rotate(tree, node, &fxm_rbnode_t::right, &fxm_rbnode_t::left);
 }
 
-// Left and right cases are one code path; a row tells where the other side is and which rotations go with it.
+// Left and right cases share one code path. A row names the slots and the rotations of one side.
 struct row_t {
     slot_t sibling;
     slot_t other;
@@ -117,7 +117,7 @@ int _fxm_rbtree_put(fxm_rbtree_t *tree, fxm_rbnode_t *node)
     return 0;
 }
 
-// `x` is short of one black; it may be the node that is about to go.
+// The paths through `x` have one black node too few. `x` may be the node that is being removed.
 static void _repair_delete(fxm_rbtree_t *tree, fxm_rbnode_t *x)
 {
     while (x != tree->root && !_is_red(x)) {
@@ -156,7 +156,7 @@ static void _repair_delete(fxm_rbtree_t *tree, fxm_rbnode_t *x)
     tree->root->color = BLACK;
 }
 
-// Exchanges a node that has two children with its in-order predecessor. The records stay where they are in memory.
+// Exchanges a node that has two children with its in-order predecessor. Only links change: no record moves in memory.
 static void _exchange(fxm_rbtree_t *tree, fxm_rbnode_t *node, fxm_rbnode_t *pred)
 {
     const fxm_rbnode_t was = *pred;
@@ -170,7 +170,7 @@ static void _exchange(fxm_rbtree_t *tree, fxm_rbnode_t *node, fxm_rbnode_t *pred
         pred->left = node->left;
         pred->left->parent = pred;
         node->parent = was.parent;
-        node->parent->right = node; // the predecessor was the rightmost of the subtree
+        node->parent->right = node; // the predecessor was the rightmost node of the subtree
     }
     node->left = was.left;
     if (node->left != nullptr)
@@ -234,7 +234,7 @@ fxm_rbnode_t *_fxm_rbtree_next(fxm_rbnode_t *node)
 
 void _fxm_rbtree_clear(fxm_rbtree_t *tree, void (*destroy)(fxm_rbnode_t *node))
 {
-    // Post-order, cutting each leaf off its parent before it goes.
+    // Post-order: each leaf is unlinked from its parent before it is destroyed.
     fxm_rbnode_t *node = tree->root;
     while (node != nullptr) {
         if (node->left != nullptr) {

@@ -51,39 +51,50 @@ void _fxm_wait_calls()
         _fxm_event_timedwait(&last_call_left, FXM_WORKER_WAIT);
 }
 
-void _fxm_sleep(uint32_t ms)
+int _fxm_sleep(uint32_t ms)
 {
-    while (ms > 0 && !_fxm_stopping()) {
+    while (!_fxm_stopping()) {
+        if (ms == 0)
+            return 0;
         const uint32_t slice = std::min(ms, FXM_STOP_SLICE);
         Sleep(slice);
         ms -= slice;
     }
+    return ENOSYS;
 }
+
+#define RESULT(code, err)                                                                                              \
+    fxm_result_t { code, #code, err }
+// clang-format off
+constexpr fxm_result_t fxm_results[] = {
+    RESULT(FXM_API_SUCCESS, 0),
+    RESULT(FXM_API_EINVAL, EINVAL),
+    RESULT(FXM_API_ERANGE, ERANGE),
+    RESULT(FXM_API_ENOENT, ENOENT),
+    RESULT(FXM_API_ENOLINK, ENOLINK),
+    RESULT(FXM_API_ENOMEM, ENOMEM),
+    RESULT(FXM_API_EPROTO, EPROTO),
+    RESULT(FXM_API_ETIMEDOUT, ETIMEDOUT),
+    RESULT(FXM_API_EBUSY, EBUSY),
+    RESULT(FXM_API_ENOSYS, ENOSYS),
+};
+// clang-format on
+static_assert([] {
+    int index = 0;
+    for (const fxm_result_t &result : fxm_results) {
+        if (result.code != index++)
+            return false;
+    }
+    return true;
+}());
 
 int _fxm_errno_to_result(int err)
 {
-    switch (err) {
-    case 0:
-        return FXM_API_SUCCESS;
-    case EINVAL:
-        return FXM_API_EINVAL;
-    case ERANGE:
-        return FXM_API_ERANGE;
-    case ENOENT:
-        return FXM_API_ENOENT;
-    case ENOLINK:
-        return FXM_API_ENOLINK;
-    case ENOMEM:
-        return FXM_API_ENOMEM;
-    case ETIMEDOUT:
-        return FXM_API_ETIMEDOUT;
-    case EBUSY:
-        return FXM_API_EBUSY;
-    case ENOSYS:
-        return FXM_API_ENOSYS;
-    default:
-        return FXM_API_EPROTO;
+    for (const fxm_result_t &result : fxm_results) {
+        if (result.err == err)
+            return result.code;
     }
+    return FXM_API_EPROTO;
 }
 
 void _fxm_fini_manager()

@@ -26,7 +26,7 @@ extern std::atomic<int> internal_err; // EPROTO after an internal-error stop, el
 extern fxm_event_t g_terminate_event;
 constexpr uint32_t FXM_WORKER_WAIT = 1000;
 
-int _fxm_terminate_event_create(); // 0 or EPROTO
+[[nodiscard]] int _fxm_terminate_event_create(); // 0 or EPROTO
 
 inline bool _fxm_stopping() { return g_fini_flag.load() == FXM_ON; }
 
@@ -45,11 +45,21 @@ struct fxm_call_t {
 // Waits until every call has returned. With g_fini_flag ON each wait inside a call ends within FXM_STOP_SLICE.
 void _fxm_wait_calls();
 
-// Sleeps on behalf of a call; a stop cuts it short. No wait of a call outlives the stop by more than a slice.
+// Sleeps on behalf of a call. Returns ENOSYS as soon as the library is stopping, which cuts the sleep short, else 0. No
+// wait of a call outlives the stop by more than a slice.
 constexpr uint32_t FXM_STOP_SLICE = 100;
-void _fxm_sleep(uint32_t ms);
+[[nodiscard]] int _fxm_sleep(uint32_t ms);
 
-int _fxm_errno_to_result(int err);
+// The result codes, indexed by their values: the name that the status dump prints and the internal error of each.
+struct fxm_result_t {
+    int code;
+    const char *name;
+    int err;
+};
+constexpr uint32_t FXM_API_CODES = FXM_API_ENOSYS + 1;
+extern const fxm_result_t fxm_results[FXM_API_CODES];
+
+[[nodiscard]] int _fxm_errno_to_result(int err); // FXM_API_EPROTO for every error that is not in the list
 
 // The internal-error stop, for any thread of the library.
 void _fxm_fini_manager();

@@ -12,6 +12,16 @@ fxm_mutex_t g_stats_lock{FXM_LOCK_STATS};
 fxm_stats_t g_stats;
 fxm_event_t g_stats_event;
 
+// The names of the events are indexed by kind.
+static_assert([] {
+    int index = 0;
+    for (const int kind : {FXM_EVENT_LIST(FXM_LIST_ID)}) {
+        if (kind != index++)
+            return false;
+    }
+    return true;
+}());
+
 int _fxm_stats_init()
 {
     fxm_log_info("%s: start.", __func__);
@@ -40,6 +50,7 @@ void _fxm_stats_fini()
 
 int _fxm_stats_api(fxm_api_row_t row, int result)
 {
+    fxm_assert(row < FXM_API_ROWS && result >= 0 && result < static_cast<int>(FXM_API_CODES));
     _fxm_stats_add(&g_stats.api_total[result]);
     _fxm_stats_add(&g_stats.api_detail[row][result]);
     return result;
@@ -47,6 +58,7 @@ int _fxm_stats_api(fxm_api_row_t row, int result)
 
 void _fxm_stats_frame(uint32_t port, fxm_stats_frame_t kind, fxm_stats_frame_t total)
 {
+    fxm_assert(port < FXM_PORT_NUM && kind < FXM_STATS_FRAMES && total < FXM_STATS_FRAMES);
     _fxm_stats_add(&g_stats.port_frames[port][kind]);
     _fxm_stats_add(&g_stats.port_frames[port][total]);
 }

@@ -118,9 +118,8 @@ static fxm_evt_node_t *_evt_of(fxm_list_t *link) { return reinterpret_cast<fxm_e
 static fxm_cbinfo_t *_cbi_of(fxm_list_t *link) { return reinterpret_cast<fxm_cbinfo_t *>(link); }
 
 static_assert(offsetof(fxm_evt_node_t, evt_link) == 0 && offsetof(fxm_cbinfo_t, cbi_link) == 0);
-static_assert(offsetof(fxm_cbinfo_t, cbi_handle) == offsetof(fxm_cbinfo_t, cbi_live) + sizeof(fxm_rbnode_t));
 
-static const void *_handle_key(const fxm_rbnode_t *link) { return link + 1; }
+using live_link_t = fxm_rbtree_of<&fxm_cbinfo_t::cbi_live, &fxm_cbinfo_t::cbi_handle>;
 
 // ----------------------------------------------------------------------------------------------- creation and release
 
@@ -185,7 +184,7 @@ static int _make_entries(const char *func)
 FXM_NO_ANALYSIS static int _event_cb_init(const char *func)
 {
     _list_init(&fxm_event_queue.head);
-    _fxm_rbtree_init(&live_handles, _fxm_rbtree_compare_u64, _handle_key);
+    _fxm_rbtree_init(&live_handles, _fxm_rbtree_compare_u64, live_link_t::get_key);
     int err = _fxm_mutex_init_st(&fxm_event_queue.lock);
     if (err != 0) {
         fxm_log_error("%s: Failed to _fxm_mutex_init_st() for fxm_event_queue. err=%d", func, err);
@@ -268,12 +267,8 @@ int _fxm_add_event(int32_t type, uint64_t id)
 
 void _fxm_raise_event(const char *func, int32_t type, uint64_t id)
 {
-    static const char *const names[FXM_EVT_KINDS] = {
-        "FXM_EVT_NEWDEVINFO",      "FXM_EVT_UPDATEDEVINFO",   "FXM_EVT_CONNECTIONCHANGE",
-        "FXM_EVT_MAJORMINORERROR", "FXM_EVT_PATHSTATECHANGE", "FXM_EVT_CHANNELSTATECHANGE",
-    };
     if (_fxm_add_event(type, id) != 0)
-        fxm_log_warn("%s: Failed to _fxm_add_event(%s) id=0x%.12llx", func, names[type], _ull(id));
+        fxm_log_warn("%s: Failed to _fxm_add_event(%s) id=0x%.12llx", func, fxm_event_names[type], _ull(id));
 }
 
 // ---------------------------------------------------------------------------------------------------------- delivery
@@ -360,7 +355,7 @@ static int _register_callback(const char *func, int32_t type, fxm_callback_t cal
     {
         fxm_mutex_guard_t handle_guard(&handle_lock);
         info->cbi_handle = ++last_handle;
-        _fxm_rbtree_put(&live_handles, &info->cbi_live);
+        (void)_fxm_rbtree_put(&live_handles, &info->cbi_live); // the handle is new, so this cannot fail
     }
     _list_append(&cb_evt_tbl[type].head, &info->cbi_link);
     *handle = *cbid = _cbid_of(info->cbi_handle);
@@ -381,17 +376,12 @@ int fxm_register_callback(int32_t type, fxm_callback_t func, uint64_t arg, void 
     return _fxm_stats_api(FXM_ROW_REGISTER_CALLBACK, result);
 }
 
-static fxm_cbinfo_t *_info_of(fxm_rbnode_t *link)
-{
-    return _fxm_rbtree_record<fxm_cbinfo_t>(link, offsetof(fxm_cbinfo_t, cbi_live));
-}
-
 // The kind of a live handle, else -1.
 static int32_t _kind_of(uint64_t handle)
 {
     fxm_mutex_guard_t guard(&handle_lock);
     fxm_rbnode_t *link = _fxm_rbtree_find(&live_handles, &handle);
-    return link != nullptr ? _info_of(link)->cbi_type : -1;
+    return link != nullptr ? live_link_t::record(link)->cbi_type : -1;
 }
 
 // Ends a live handle and gives its registration, or null. The caller holds the entry's lock.
@@ -402,7 +392,7 @@ static fxm_cbinfo_t *_end_handle(uint64_t handle)
     if (link == nullptr)
         return nullptr;
     _fxm_rbtree_delete(&live_handles, link);
-    return _info_of(link);
+    return live_link_t::record(link);
 }
 
 static int _unregister_callback(const void *cbid)

@@ -5,10 +5,10 @@
 
 #include <cstdint>
 
-int _fxm_event_cb_init(); // 0 or EPROTO
-int _fxm_event_cb_fini(); // 0; no worker is left
+[[nodiscard]] int _fxm_event_cb_init(); // 0 or EPROTO
+int _fxm_event_cb_fini();               // 0; no worker is left
 
-int _fxm_add_event(int32_t type, uint64_t id); // 0 or ENOMEM; any thread, also under fx_lock
+[[nodiscard]] int _fxm_add_event(int32_t type, uint64_t id); // 0 or ENOMEM; any thread, also under fx_lock
 
 // Queues an event. A failure is logged at WARN under the name of the caller, and the event is lost.
 void _fxm_raise_event(const char *func, int32_t type, uint64_t id);

@@ -24,7 +24,7 @@ void _fxm_link_state_update(uint32_t port, uint32_t new_state)
         return; // the channels come back frame by frame
     _fxm_stats_add(&g_stats.port_total_down[port]);
     fxm_fx_guard_t guard;
-    _fxm_all_disconnect(static_cast<int>(port));
+    _fxm_all_disconnect(port);
 }
 
 void *_fxm_watch_linkstate(void *)

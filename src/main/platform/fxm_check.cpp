@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 constexpr size_t MOST_LOCKS = 16;
 constexpr int STACK_DEPTH = 24;
@@ -26,26 +27,37 @@ static thread_local struct {
     size_t number;
 } held;
 
-// One line for each frame, with function, file and line where addr2line is installed, else object and offset.
+// Prints one line for each frame: function, file and line where addr2line is installed, else object and offset. One call
+// of addr2line serves a run of frames of one object.
 static void _print_stack(const char *title, void *const *stack, int depth)
 {
     fprintf(stderr, "  %s\n", title);
-    for (int i = 1; i < depth; ++i) { // 0 is the check itself
-        Dl_info info{};
-        if (dladdr(stack[i], &info) == 0 || info.dli_fname == nullptr) {
-            fprintf(stderr, "    %p\n", stack[i]);
-            continue;
+    for (int i = 1; i < depth;) { // 0 is the check itself
+        Dl_info first{};
+        std::string offsets;
+        for (; i < depth; ++i) {
+            Dl_info info{};
+            dladdr(stack[i], &info);
+            if (!offsets.empty() && info.dli_fbase != first.dli_fbase)
+                break;
+            first = info;
+            char offset[32];
+            snprintf(offset, sizeof(offset), " 0x%" PRIxPTR,
+                     reinterpret_cast<uintptr_t>(stack[i]) - reinterpret_cast<uintptr_t>(info.dli_fbase) - 1);
+            offsets += offset;
         }
-        const auto offset = reinterpret_cast<uintptr_t>(stack[i]) - reinterpret_cast<uintptr_t>(info.dli_fbase) - 1;
-        char command[1024];
-        char line[512] = "";
-        snprintf(command, sizeof(command), "addr2line -Cfpe '%s' 0x%" PRIxPTR " 2>/dev/null", info.dli_fname, offset);
-        FILE *output = popen(command, "r");
-        if (output == nullptr || fgets(line, sizeof(line), output) == nullptr)
-            snprintf(line, sizeof(line), "%s+0x%" PRIxPTR "\n", info.dli_fname, offset);
+        const std::string object = first.dli_fname != nullptr ? first.dli_fname : "?";
+        FILE *output = popen(("addr2line -Cfpe '" + object + "'" + offsets + " 2>/dev/null").c_str(), "r");
+        bool any = false;
+        char line[1024];
+        while (output != nullptr && fgets(line, sizeof(line), output) != nullptr) {
+            fprintf(stderr, "    %s", line);
+            any = true;
+        }
         if (output != nullptr)
             pclose(output);
-        fprintf(stderr, "    %s", line);
+        if (!any)
+            fprintf(stderr, "    %s:%s\n", object.c_str(), offsets.c_str());
     }
 }
 

@@ -31,8 +31,8 @@ struct FXM_CAPABILITY("lock") fxm_mutex_t {
     fxm_lock_kind_t kind;
 };
 
-int _fxm_mutex_init_st(fxm_mutex_t *mutex);
-int _fxm_mutex_init(fxm_mutex_t *mutex);
+[[nodiscard]] int _fxm_mutex_init_st(fxm_mutex_t *mutex);
+[[nodiscard]] int _fxm_mutex_init(fxm_mutex_t *mutex);
 void _fxm_mutex_destroy(fxm_mutex_t *mutex);
 int _fxm_mutex_lock(fxm_mutex_t *mutex) FXM_ACQUIRE(mutex);
 void _fxm_mutex_unlock(fxm_mutex_t *mutex) FXM_RELEASE(mutex);
@@ -57,8 +57,8 @@ struct fxm_event_t {
     std::atomic<int> fd{-1};
 };
 
-int _fxm_event_init(fxm_event_t *event);
-int _fxm_event_init_waitable(fxm_event_t *event); // with a descriptor, for _fxm_wait_two
+[[nodiscard]] int _fxm_event_init(fxm_event_t *event);
+[[nodiscard]] int _fxm_event_init_waitable(fxm_event_t *event); // with a descriptor, for _fxm_wait_two
 void _fxm_event_destroy(fxm_event_t *event);
 void _fxm_event_set(fxm_event_t *event);
 int _fxm_event_timedwait(fxm_event_t *event, uint32_t ms); // 0, ETIMEDOUT, EPROTO
@@ -72,23 +72,23 @@ struct fxm_thread_t {
 
 typedef void *(*fxm_thread_start_t)(void *arg);
 
-int _fxm_thread_create(fxm_thread_t *thread, fxm_thread_start_t start, void *arg); // 0 or EPROTO
+[[nodiscard]] int _fxm_thread_create(fxm_thread_t *thread, fxm_thread_start_t start, void *arg); // 0 or EPROTO
 void _fxm_thread_join(fxm_thread_t *thread);
 void _fxm_thread_prompt(); // the calling thread is to run before others that are ready; where the system lets it
 
 // ------------------------------------------------------------------------------------------------- clock, files, heap
 
-void Sleep(uint32_t ms);               // on the monotonic clock
-uint64_t _fxm_monotonic_ns();          // monotonic clock, for intervals only
-uint64_t _fxm_get_time_ms();           // wall clock, milliseconds since 1970-01-01 UTC
-void *_fxm_allocate(size_t size);      // malloc
-int _fxm_file_exist(const char *path); // 0 a regular file, else ENOENT
-int _fxm_dir_exist(const char *path);  // 0 a directory, else EINVAL
+void Sleep(uint32_t ms);                             // on the monotonic clock
+uint64_t _fxm_monotonic_ns();                        // monotonic clock, for intervals only
+uint64_t _fxm_get_time_ms();                         // wall clock, milliseconds since 1970-01-01 UTC
+[[nodiscard]] void *_fxm_allocate(size_t size);      // malloc
+[[nodiscard]] int _fxm_file_exist(const char *path); // 0 a regular file, else ENOENT
+[[nodiscard]] int _fxm_dir_exist(const char *path);  // 0 a directory, else EINVAL
 
 // Makes the path of `name` below the installation directory `dir`; null or an empty string selects the default
 // directory. Returns false when the path is too long.
 constexpr size_t FXM_PATH_SIZE = 512;
-bool _fxm_path_below(const char *dir, const char *name, char (&path)[FXM_PATH_SIZE]);
+[[nodiscard]] bool _fxm_path_below(const char *dir, const char *name, char (&path)[FXM_PATH_SIZE]);
 
 // --------------------------------------------------------------------------------------------------- two-source wait
 
@@ -108,7 +108,7 @@ struct fxm_wait_source_t {
 
 // Waits for either source, at most `ms`. Gives FXM_WAIT_FIRST (and resets the event), FXM_WAIT_SECOND, FXM_WAIT_TIMEOUT
 // or FXM_WAIT_FAILED, with the reason in _fxm_last_error.
-uint32_t _fxm_wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms);
+[[nodiscard]] uint32_t _fxm_wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms);
 uint32_t _fxm_last_error(); // of the calling thread's last failed platform call
 
 // ---------------------------------------------------------------------------------------------------------- adapters
@@ -131,7 +131,7 @@ struct fxm_adapter_t {
 // Fills `list`, a buffer of *size bytes, with all adapters of the machine. Gives 0, FXM_ADAPTER_OVERFLOW with the size
 // needed in *size, or another system error. It never gives an incomplete list. With a null list and *size 0 it only
 // gives the size.
-uint32_t _fxm_get_adapters(fxm_adapter_t *list, uint32_t *size);
+[[nodiscard]] uint32_t _fxm_get_adapters(fxm_adapter_t *list, uint32_t *size);
 uint32_t _fxm_adapter_index(const char *name); // interface index, 0 when there is no such interface
 
 // ------------------------------------------------------------------------------------------------ notice of a change
@@ -146,9 +146,10 @@ struct fxm_notice_t {
     int netlink_fd = -1;
 };
 
-bool _fxm_notice_create(fxm_notice_t *notice); // not signalled, not armed
+[[nodiscard]] bool _fxm_notice_create(fxm_notice_t *notice); // not signalled, not armed
 void _fxm_notice_close(fxm_notice_t *notice);
-bool _fxm_notice_arm(fxm_notice_t *notice); // false, with FXM_ERROR_IO_PENDING as last error, is the normal answer
+// Its normal answer is false, with FXM_ERROR_IO_PENDING as the last error.
+[[nodiscard]] bool _fxm_notice_arm(fxm_notice_t *notice);
 void _fxm_notice_reset(fxm_notice_t *notice);
 
 // Keeps a notice that could not be acted upon: the next wait for it ends within FXM_NOTICE_AGAIN ms, as if another
@@ -163,14 +164,14 @@ struct pcap;
 // Makes the capture deliver every single frame at once, and makes a read that finds no frame return at once. A blocking
 // handle would hang past its time-out, and past a stop, once its interface has been set down. Sends do not block either.
 // 0 or -1.
-int _fxm_capture_mintocopy(pcap *handle);
+[[nodiscard]] int _fxm_capture_mintocopy(pcap *handle);
 int _fxm_capture_event(pcap *handle); // the descriptor to wait on
 
 // Keeps the capture from programs that the host executes. libpcap leaves its socket open for them.
 void _fxm_capture_close_on_exec(pcap *handle);
 
 // Waits at most `ms` until a frame may be sent again. Gives the time that is left, 0 when it has run out.
-uint32_t _fxm_capture_wait_room(pcap *handle, uint32_t ms);
+[[nodiscard]] uint32_t _fxm_capture_wait_room(pcap *handle, uint32_t ms);
 
 // Prepares the next wait after a read. While reads give frames, the capture counts as signalled without a system call;
 // with a full ring the kernel's poll could even sleep while frames wait. After the interface went down, its deletion no

@@ -1,8 +1,7 @@
-// Stopping and restarting the monitoring of a card. Host threads; receive threads look ids up.
+// Stop and restart of the monitoring of a card. Host threads call these; receive threads look ids up here.
 #include "registry/fxm_blacklist.h"
 
 #include <cerrno>
-#include <cstddef>
 
 #include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
@@ -19,14 +18,7 @@ struct fxm_bl_node_t {
 fxm_mutex_t blacklist_lock{FXM_LOCK_BLACKLIST};
 static fxm_rbtree_t blacklist_map FXM_GUARDED_BY(blacklist_lock);
 
-static fxm_bl_node_t *_node_of(fxm_rbnode_t *link)
-{
-    return _fxm_rbtree_record<fxm_bl_node_t>(link, offsetof(fxm_bl_node_t, link));
-}
-
-static const void *_get_key(const fxm_rbnode_t *link) { return link + 1; } // directly behind the link
-
-static_assert(offsetof(fxm_bl_node_t, id) == sizeof(fxm_rbnode_t));
+using bl_link_t = fxm_rbtree_of<&fxm_bl_node_t::link, &fxm_bl_node_t::id>;
 
 static fxm_bl_node_t *_bl_node_create(uint64_t id)
 {
@@ -38,23 +30,22 @@ static fxm_bl_node_t *_bl_node_create(uint64_t id)
 
 static void _bl_node_destroy(fxm_bl_node_t *node) { _fxm_mem_free(FXM_MEM_BL_NODE, node); }
 
-int _fxm_lock_blacklist()
+void _fxm_lock_blacklist()
 {
     fxm_log_trace("%s: blacklist lock", __func__);
-    return _fxm_mutex_lock(&blacklist_lock);
+    _fxm_mutex_lock(&blacklist_lock);
 }
 
-int _fxm_unlock_blacklist()
+void _fxm_unlock_blacklist()
 {
     fxm_log_trace("%s: blacklist unlock", __func__);
     _fxm_mutex_unlock(&blacklist_lock);
-    return 0;
 }
 
 int _fxm_blacklist_init()
 {
     fxm_log_info("%s: start.", __func__);
-    _fxm_rbtree_init(&blacklist_map, _fxm_rbtree_compare_u64, _get_key);
+    _fxm_rbtree_init(&blacklist_map, _fxm_rbtree_compare_u64, bl_link_t::get_key);
     const int err = _fxm_mutex_init_st(&blacklist_lock);
     if (err != 0)
         fxm_log_error("%s: Failed to _fxm_mutex_init_st()", __func__);
@@ -66,14 +57,18 @@ int _fxm_blacklist_fini()
 {
     fxm_log_info("%s: start.", __func__);
     _fxm_lock_blacklist();
-    _fxm_rbtree_clear(&blacklist_map, [](fxm_rbnode_t *link) { _bl_node_destroy(_node_of(link)); });
+    _fxm_rbtree_clear(&blacklist_map, [](fxm_rbnode_t *link) { _bl_node_destroy(bl_link_t::record(link)); });
     _fxm_unlock_blacklist();
     _fxm_mutex_destroy(&blacklist_lock);
     fxm_log_info("%s: end.", __func__);
     return 0;
 }
 
-bool _fxm_blacklist_lookup(uint64_t id) { return _fxm_rbtree_find(&blacklist_map, &id) != nullptr; }
+bool _fxm_blacklist_lookup(uint64_t id)
+{
+    fxm_assert(_fxm_check_holds(&blacklist_lock));
+    return _fxm_rbtree_find(&blacklist_map, &id) != nullptr;
+}
 
 void _fxm_blacklist_dump()
 {
@@ -84,21 +79,20 @@ void _fxm_blacklist_dump()
         if (link == nullptr)
             fxm_log_stats("    no entry.");
         for (; link != nullptr; link = _fxm_rbtree_next(link))
-            fxm_log_stats("    0x%.12llx", _ull(_node_of(link)->id));
+            fxm_log_stats("    0x%.12llx", _ull(bl_link_t::record(link)->id));
     }
     fxm_log_stats(" ");
 }
 
-// The caller does not say the class, so both tables are tried; EINVAL from the one that does not hold the id is
-// expected.
-static void _set_ignore_state(uint64_t id, uint32_t ignore_state, uint32_t flags)
+// The caller does not name the class, so both tables are tried. A table without the id answers EINVAL, as expected.
+static void _set_ignore_state(uint64_t id, uint32_t ignore_state, uint32_t flags) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    _fxm_set_fxsv(id, nullptr, ignore_state, flags);
-    _fxm_set_fxio(id, nullptr, ignore_state, flags);
+    (void)_fxm_set_fxsv(id, nullptr, ignore_state, flags);
+    (void)_fxm_set_fxio(id, nullptr, ignore_state, flags);
 }
 
-// Puts the entry into the map; it is freed again if its id is there already. 0 or EPROTO.
-static int _put_entry(const char *func, fxm_bl_node_t *node)
+// Puts the entry into the map, or frees it when its id is there already: 0 or EPROTO.
+static int _put_entry(const char *func, fxm_bl_node_t *node) FXM_REQUIRES(blacklist_lock)
 {
     const uint64_t id = node->id;
     const int err = _fxm_rbtree_put(&blacklist_map, &node->link);
@@ -112,7 +106,7 @@ static int _put_entry(const char *func, fxm_bl_node_t *node)
     return err == EEXIST ? 0 : EPROTO;
 }
 
-static int _stop_monitor(const char *func, uint64_t id)
+static int _stop_monitor(const char *func, uint64_t id) FXM_EXCLUDES(fxm_fx_tbl.fx_lock, blacklist_lock)
 {
     fxm_bl_node_t *node = _bl_node_create(id);
     if (node == nullptr) {
@@ -136,14 +130,14 @@ int fxm_stop_monitor(uint64_t id)
     return _fxm_stats_api(FXM_ROW_STOP_MONITOR, result);
 }
 
-static int _restart_monitor(const char *func, uint64_t id)
+static int _restart_monitor(const char *func, uint64_t id) FXM_EXCLUDES(fxm_fx_tbl.fx_lock, blacklist_lock)
 {
     fxm_fx_guard_t fx_guard;
     fxm_blacklist_guard_t blacklist_guard;
     fxm_rbnode_t *link = _fxm_rbtree_find(&blacklist_map, &id);
     if (link != nullptr) {
         _fxm_rbtree_delete(&blacklist_map, link);
-        _bl_node_destroy(_node_of(link));
+        _bl_node_destroy(bl_link_t::record(link));
     } else {
         fxm_log_trace("%s: The ID don't exist in black list. id=0x%.12llx", func, _ull(id));
     }

@@ -1,6 +1,7 @@
-// DEVINFO and NOTIFY processing: the only writer of a record's fields other than channel states and times. Runs on the
-// receive threads. A candidate record is filled from the frame without a lock; the look-up, the comparison with the
-// stored record and the queueing of events run under fx_lock, so two ports that hear one card take turns.
+// DEVINFO and NOTIFY processing: from a received frame to a stored record and its events. Only this file writes the
+// fields of a record other than channel states and times. Runs on the receive threads. The candidate record is filled
+// from the frame without a lock. Look-up, comparison, store and the queueing of events run under fx_lock, so two ports
+// that hear the same card take turns.
 #include "registry/fxm_devinfo.h"
 
 #include <cerrno>
@@ -13,8 +14,9 @@
 #include "registry/fxm_blacklist.h"
 #include "registry/fxm_tables.h"
 #include "wire/fxm_frame.h"
+#include "wire/fxm_recv.h"
 
-// The channel and the moment of the frame at hand.
+// Where and when the frame arrived.
 struct arrival_t {
     uint32_t port;
     uint32_t mac_index;
@@ -64,9 +66,8 @@ static void _set_common_devinfo(const arrival_t &arrival, const uint8_t *frame, 
 
 static void _set_port_devinfo(const uint8_t *frame, fxm_down_port_t *down_ports)
 {
-    const uint8_t subtype = u8(frame, FRAME_SUBTYPE);
-    const uint32_t entries =
-        subtype == FXM_SUBTYPE_DEVINFO || subtype == FXM_SUBTYPE_NOTIFY ? FXSV_DOWN_PORTS_10G : FXSV_DOWN_PORTS_40G;
+    const bool is_40g = _fxm_frame_kind(u8(frame, FRAME_SUBTYPE))->is_40g;
+    const uint32_t entries = is_40g ? FXSV_DOWN_PORTS_40G : FXSV_DOWN_PORTS_10G;
     for (uint32_t i = 0; i < entries; ++i) {
         const size_t entry = FXSV_DOWN_PORTS + i * FXSV_DOWN_PORT_SIZE;
         raw(down_ports[i].fdp_port_status, frame, in_block(entry, DOWN_STATUS));
@@ -97,7 +98,7 @@ static void _set_fxio_body(const uint8_t *frame, fxm_fxio_t *fxio)
 
 // ------------------------------------------------------------------------------- what differs between the classes
 
-// Clears the status bits whose change is no news under update_evt_mask 2.
+// Clears the status bits whose change does not count as an update when update_evt_mask is 2.
 static void _mask_status(uint8_t *status)
 {
     status[0] &= 0xF8;
@@ -117,39 +118,40 @@ static bool _connection_differs(const uint8_t *status1, const uint8_t *status2)
     return ((status1[1] ^ status2[1]) & FXM_CONNECTED_BIT) != 0;
 }
 
-static bool _connection_changed(const fxm_fxsv_t *stored, const fxm_fxsv_t *candidate)
+static bool _connection_changed(const fxm_fxsv_t &stored, const fxm_fxsv_t &candidate)
 {
-    // By the card's generation, not by the frame's: a 40G frame of a 1G/10G card fills 16 entries and counts with 8.
-    const uint32_t entries = candidate->fsv_card.fcd_type != 0 ? FXSV_DOWN_PORTS_40G : FXSV_DOWN_PORTS_10G;
+    // The generation of the card decides, not that of the frame: a 40G frame of a 1G/10G card fills 16 entries, but only
+    // the first 8 are compared.
+    const uint32_t entries = candidate.fsv_card.fcd_type != 0 ? FXSV_DOWN_PORTS_40G : FXSV_DOWN_PORTS_10G;
     for (uint32_t i = 0; i < entries; ++i) {
-        if (_connection_differs(stored->fsv_down_port[i].fdp_port_status, candidate->fsv_down_port[i].fdp_port_status))
+        if (_connection_differs(stored.fsv_down_port[i].fdp_port_status, candidate.fsv_down_port[i].fdp_port_status))
             return true;
     }
     return false;
 }
 
-static bool _connection_changed(const fxm_fxio_t *stored, const fxm_fxio_t *candidate)
+static bool _connection_changed(const fxm_fxio_t &stored, const fxm_fxio_t &candidate)
 {
-    return _connection_differs(stored->fio_substate, candidate->fio_substate);
+    return _connection_differs(stored.fio_substate, candidate.fio_substate);
 }
 
-static bool _path_changed(const fxm_fxsv_t *, const fxm_fxsv_t *) { return false; } // an FXSV card has no such flags
+static bool _path_changed(const fxm_fxsv_t &, const fxm_fxsv_t &) { return false; } // an FXSV card has no path flags
 
-static bool _path_changed(const fxm_fxio_t *stored, const fxm_fxio_t *candidate)
+static bool _path_changed(const fxm_fxio_t &stored, const fxm_fxio_t &candidate)
 {
-    return stored->fio_link0fault != candidate->fio_link0fault || stored->fio_link1fault != candidate->fio_link1fault;
+    return stored.fio_link0fault != candidate.fio_link0fault || stored.fio_link1fault != candidate.fio_link1fault;
 }
 
 // --------------------------------------------------------------------------------------------------------------- add
 
-template <typename Class, typename Set>
-static void _add_devinfo(const char *func, const typename Class::record_t *candidate, Set set)
+template <typename Class>
+static void _add_devinfo(const typename Class::record_t &candidate) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    const fxm_card_data_t &card = Class::card(*candidate);
+    const char *func = Class::add_devinfo_name;
+    const fxm_card_data_t &card = Class::card(candidate);
     const uint64_t id = card.fcd_id;
 
-    // A card in the tables always has its write lock. It is never taken away, so a card that was deleted has it
-    // already.
+    // Every card in the tables has a write lock. The lock outlives the card, so a card that was deleted still has one.
     int err = _fxm_create_reg_lock_node(id);
     if (err != 0 && err != EEXIST) {
         fxm_log_warn("%s: Failed to _fxm_create_reg_lock_node(). Drop DEVINFO Frame. err=%d, id=0x%.12llx", func, err,
@@ -157,193 +159,177 @@ static void _add_devinfo(const char *func, const typename Class::record_t *candi
         return;
     }
     {
-        // Held across the look-up and the set, so that a card being stopped is either seen here or found in its table.
+        // Held across the look-up and the store. A card that is being stopped is found either here or in its table.
         fxm_blacklist_guard_t guard;
         if (_fxm_blacklist_lookup(id))
             return;
-        err = set(id, candidate, FXM_WATCH, FXM_TBL_ALL);
+        err = _fxm_tbl_set<Class>(id, &candidate, FXM_WATCH, FXM_TBL_ALL);
         if (err != 0) {
             fxm_log_error("%s: Failed to %s(). err=%d, id=0x%.12llx", func, Class::set_name, err, _ull(id));
             return;
         }
-        fxm_log_info("%s: %s information is added. id=0x%.12llx, " FXM_CHANNELS_FORMAT, func, Class::word, _ull(id),
-                     FXM_CHANNELS_ARGS(card));
+        fxm_log_info("%s: %s information is added. id=0x%.12llx, %s", func, Class::word, _ull(id),
+                     fxm_channels_text_t(card).text);
     }
     _fxm_raise_event(func, FXM_EVT_NEWDEVINFO, id);
     if (card.fcd_int_vector != 0)
         _fxm_raise_event(func, FXM_EVT_MAJORMINORERROR, id);
 }
 
-static void _add_fxsv_devinfo(const fxm_fxsv_t *candidate)
-{
-    _add_devinfo<fxsv_class>(__func__, candidate, _fxm_set_fxsv);
-}
-
-static void _add_fxio_devinfo(const fxm_fxio_t *candidate)
-{
-    _add_devinfo<fxio_class>(__func__, candidate, _fxm_set_fxio);
-}
-
 // ------------------------------------------------------------------------------------------------------------ update
 
 // Records start as zeroed memory and are copied as bytes, so equal frames give equal bytes, padding included.
-template <typename Record> static bool _bytes_differ(const Record *record1, const Record *record2)
+template <typename Record> static bool _bytes_differ(const Record &record1, const Record &record2)
 {
-    return memcmp(record1, record2, sizeof(Record)) != 0; // NOLINT(bugprone-suspicious-memory-comparison)
+    return memcmp(&record1, &record2, sizeof(Record)) != 0; // NOLINT(bugprone-suspicious-memory-comparison)
 }
 
-template <typename Record> static bool _records_differ(const char *func, const Record *stored, const Record *candidate)
+template <typename Class>
+static bool _records_differ(const typename Class::record_t &stored, const typename Class::record_t &candidate)
 {
+    const bool differ = _bytes_differ(stored, candidate);
     if (g_config.update_evt_mask == 2) {
-        if (!_bytes_differ(stored, candidate))
-            return false; // what most frames are: spare the copies
-        Record masked_stored;
-        Record masked_candidate;
-        memcpy(&masked_stored, stored, sizeof(Record));
-        memcpy(&masked_candidate, candidate, sizeof(Record));
+        if (!differ)
+            return false; // most frames change nothing and need no masked copies
+        typename Class::record_t masked_stored;
+        typename Class::record_t masked_candidate;
+        memcpy(&masked_stored, &stored, sizeof(stored));
+        memcpy(&masked_candidate, &candidate, sizeof(candidate));
         _mask_record(&masked_stored);
         _mask_record(&masked_candidate);
-        return _bytes_differ(&masked_stored, &masked_candidate);
+        return _bytes_differ(masked_stored, masked_candidate);
     }
     if (g_config.update_evt_mask != 1)
-        fxm_log_warn("%s: Invalid config parameter. update_evt_mask=%u", func, g_config.update_evt_mask);
-    return _bytes_differ(stored, candidate);
+        fxm_log_warn("%s: Invalid config parameter. update_evt_mask=%u", Class::update_state_name,
+                     g_config.update_evt_mask);
+    return differ;
 }
 
-// Carries over what the frame does not hold, and finds out what has changed.
+struct change_t {
+    bool updated;      // the record differs from the stored one
+    bool channel_rose; // the channel of the frame was down
+};
+
+// Carries over what a frame does not contain, and finds what has changed.
 template <typename Class>
-static void _update_state(const char *func, const arrival_t &arrival, const typename Class::record_t *stored,
-                          typename Class::record_t *candidate, bool *updated, bool *state_changed)
+static change_t _update_state(const arrival_t &arrival, const typename Class::record_t &stored,
+                              typename Class::record_t *candidate)
 {
     fxm_card_data_t &card = Class::card(*candidate);
-    const fxm_card_data_t &old = Class::card(*stored);
+    const fxm_card_data_t &old = Class::card(stored);
     memcpy(card.fcd_recvtime, old.fcd_recvtime, sizeof(card.fcd_recvtime));
     memcpy(card.fcd_state, old.fcd_state, sizeof(card.fcd_state));
     card.fcd_updatetime = old.fcd_updatetime;
 
     uint32_t &state = card.fcd_state[arrival.port][arrival.mac_index];
-    *state_changed = state == 0;
-    if (*state_changed)
+    change_t change{};
+    change.channel_rose = state == 0;
+    if (change.channel_rose)
         state = 1;
-    *updated = _records_differ(func, stored, candidate);
-    if (*updated)
+    change.updated = _records_differ<Class>(stored, *candidate);
+    if (change.updated)
         card.fcd_updatetime = arrival.now;
-    // Behind the comparison: the passing of time alone is no difference.
+    // After the comparison: a later time alone is no difference.
     card.fcd_recvtime[arrival.port][arrival.mac_index] = arrival.now;
-}
-
-static void _update_fxsv_state(const arrival_t &arrival, const fxm_fxsv_t *stored, fxm_fxsv_t *candidate, bool *updated,
-                               bool *state_changed)
-{
-    _update_state<fxsv_class>(__func__, arrival, stored, candidate, updated, state_changed);
-}
-
-static void _update_fxio_state(const arrival_t &arrival, const fxm_fxio_t *stored, fxm_fxio_t *candidate, bool *updated,
-                               bool *state_changed)
-{
-    _update_state<fxio_class>(__func__, arrival, stored, candidate, updated, state_changed);
+    return change;
 }
 
 template <typename Class>
-static void _compare_events(const char *func, const typename Class::record_t *stored,
-                            const typename Class::record_t *candidate, bool state_changed)
+static void _compare_events(const typename Class::record_t &stored, const typename Class::record_t &candidate,
+                            bool channel_rose)
 {
-    const fxm_card_data_t &card = Class::card(*candidate);
+    const char *func = Class::update_devinfo_name;
+    const fxm_card_data_t &card = Class::card(candidate);
     if (_connection_changed(stored, candidate))
         _fxm_raise_event(func, FXM_EVT_CONNECTIONCHANGE, card.fcd_id);
-    if ((card.fcd_int_vector & ~Class::card(*stored).fcd_int_vector) != 0)
+    if ((card.fcd_int_vector & ~Class::card(stored).fcd_int_vector) != 0)
         _fxm_raise_event(func, FXM_EVT_MAJORMINORERROR, card.fcd_id);
     if (_path_changed(stored, candidate))
         _fxm_raise_event(func, FXM_EVT_PATHSTATECHANGE, card.fcd_id);
-    if (state_changed)
+    if (channel_rose)
         _fxm_raise_event(func, FXM_EVT_CHANNELSTATECHANGE, card.fcd_id);
 }
 
-template <typename Class, typename UpdateState, typename Set>
-static void _update_devinfo(const char *func, const arrival_t &arrival, const typename Class::record_t *stored,
-                            typename Class::record_t *candidate, uint32_t ignore_state, UpdateState update_state,
-                            Set set)
+// Stores the candidate and returns the card to normal monitoring. False when it could not be stored.
+template <typename Class>
+static bool _store_candidate(const typename Class::record_t &candidate, const char *ignore_state_name)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
+    const char *func = Class::update_devinfo_name;
+    const uint64_t id = Class::card(candidate).fcd_id;
+    const int err = _fxm_tbl_set<Class>(id, &candidate, FXM_WATCH, FXM_TBL_ALL);
+    if (err != 0) {
+        fxm_log_error("%s: Failed to %s(). err=%d, id=0x%.12llx, ignore_state=%s", func, Class::set_name, err, _ull(id),
+                      ignore_state_name);
+        return false;
+    }
+    fxm_log_trace("%s: %s information is updated. id=0x%.12llx, ignore_state=%s", func, Class::word, _ull(id),
+                  ignore_state_name);
+    return true;
+}
+
+template <typename Class>
+static void _update_devinfo(const arrival_t &arrival, const typename Class::record_t &stored,
+                            typename Class::record_t *candidate, uint32_t ignore_state) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+{
+    const char *func = Class::update_devinfo_name;
     const fxm_card_data_t &card = Class::card(*candidate);
-    const uint64_t id = card.fcd_id;
-    bool updated = true;
-    bool state_changed = true;
-    const char *state_name = "WATCH";
 
     switch (ignore_state) {
-    case FXM_IGNORE:
+    case FXM_WATCH: {
+        const change_t change = _update_state<Class>(arrival, stored, candidate);
+        if (!_store_candidate<Class>(*candidate, "WATCH"))
+            return;
+        if (change.channel_rose)
+            fxm_log_info("%s: %s id=0x%.12llx state change to connect. %s", func, Class::word, _ull(card.fcd_id),
+                         fxm_channels_text_t(card).text);
+        if (change.updated)
+            _fxm_raise_event(func, FXM_EVT_UPDATEDEVINFO, card.fcd_id);
+        _compare_events<Class>(stored, *candidate, change.channel_rose);
         return;
-    case FXM_WATCH:
-        update_state(arrival, stored, candidate, &updated, &state_changed);
-        break;
+    }
+    case FXM_IGNORE:
+        return; // the frame has no effect at all
+
     case FXM_WATCH_RESTART:
-        // The candidate replaces the record whole: of the channels this frame's alone is up.
-        state_name = "WATCH_RESTART";
-        break;
+        // The candidate replaces the record whole: only the channel of this frame is up.
+        if (!_store_candidate<Class>(*candidate, "WATCH_RESTART"))
+            return;
+        fxm_log_info("%s: %s id=0x%.12llx state change to connect. ignore_state=WATCH_RESTART, %s", func, Class::word,
+                     _ull(card.fcd_id), fxm_channels_text_t(card).text);
+        _fxm_raise_event(func, FXM_EVT_UPDATEDEVINFO, card.fcd_id);
+        _compare_events<Class>(stored, *candidate, true);
+        return;
+
     default:
         fxm_log_warn("%s: Unknown ignore_state. state=%u", func, ignore_state);
         return;
     }
-
-    const int err = set(id, candidate, FXM_WATCH, FXM_TBL_ALL);
-    if (err != 0) {
-        fxm_log_error("%s: Failed to %s(). err=%d, id=0x%.12llx, ignore_state=%s", func, Class::set_name, err, _ull(id),
-                      state_name);
-        return;
-    }
-    fxm_log_trace("%s: %s information is updated. id=0x%.12llx, ignore_state=%s", func, Class::word, _ull(id),
-                  state_name);
-    if (state_changed)
-        fxm_log_info("%s: %s id=0x%.12llx state change to connect. %s" FXM_CHANNELS_FORMAT, func, Class::word, _ull(id),
-                     ignore_state == FXM_WATCH_RESTART ? "ignore_state=WATCH_RESTART, " : "", FXM_CHANNELS_ARGS(card));
-    if (updated)
-        _fxm_raise_event(func, FXM_EVT_UPDATEDEVINFO, id);
-    _compare_events<Class>(func, stored, candidate, state_changed);
 }
 
-static void _update_fxsv_devinfo(const arrival_t &arrival, const fxm_fxsv_t *stored, fxm_fxsv_t *candidate,
-                                 uint32_t ignore_state)
-{
-    _update_devinfo<fxsv_class>(__func__, arrival, stored, candidate, ignore_state, _update_fxsv_state, _fxm_set_fxsv);
-}
+// ----------------------------------------------------------------------------------------------------- add or update
 
-static void _update_fxio_devinfo(const arrival_t &arrival, const fxm_fxio_t *stored, fxm_fxio_t *candidate,
-                                 uint32_t ignore_state)
-{
-    _update_devinfo<fxio_class>(__func__, arrival, stored, candidate, ignore_state, _update_fxio_state, _fxm_set_fxio);
-}
-
-// --------------------------------------------------------------------------------------------------------------- set
-
-template <typename Class, typename Get, typename Add, typename Update>
-static void _set_devinfo(const char *func, const arrival_t &arrival, typename Class::record_t *candidate, Get get,
-                         Add add, Update update)
+// The whole step runs under fx_lock, from the look-up to the last event.
+template <typename Class>
+static void _set_devinfo(const arrival_t &arrival, typename Class::record_t *candidate) FXM_EXCLUDES(fxm_fx_tbl.fx_lock)
 {
     fxm_fx_guard_t guard;
     typename Class::record_t stored;
     uint32_t ignore_state = FXM_WATCH;
-    const int err = get(Class::card(*candidate).fcd_id, &stored, &ignore_state, FXM_TBL_RECORD | FXM_TBL_IGNORE_STATE);
+    const int err = _fxm_tbl_get<Class>(Class::card(*candidate).fcd_id, &stored, &ignore_state,
+                                        FXM_TBL_RECORD | FXM_TBL_IGNORE_STATE);
     if (err == ENOENT)
-        add(candidate);
+        _add_devinfo<Class>(*candidate);
     else if (err == 0)
-        update(arrival, &stored, candidate, ignore_state);
+        _update_devinfo<Class>(arrival, stored, candidate, ignore_state);
     else
-        fxm_log_warn("%s: Failed to %s(). err=%d", func, Class::get_name, err);
-}
-
-static void _set_fxsv_devinfo(const arrival_t &arrival, fxm_fxsv_t *candidate)
-{
-    _set_devinfo<fxsv_class>(__func__, arrival, candidate, _fxm_get_fxsv, _add_fxsv_devinfo, _update_fxsv_devinfo);
-}
-
-static void _set_fxio_devinfo(const arrival_t &arrival, fxm_fxio_t *candidate)
-{
-    _set_devinfo<fxio_class>(__func__, arrival, candidate, _fxm_get_fxio, _add_fxio_devinfo, _update_fxio_devinfo);
+        fxm_log_warn("%s: Failed to %s(). err=%d", Class::set_devinfo_name, Class::get_name, err);
 }
 
 int _fxm_recv_devinfo(uint32_t port, const uint8_t *frame, uint8_t mode)
 {
     const arrival_t arrival = {port, _fxm_frame_mac_index(frame), _fxm_get_time_ms()};
+    fxm_assert(arrival.port < FXM_PORT_NUM && arrival.mac_index < 2);
     const uint8_t host = u8(frame, DEV_HOST);
     if (host == FXM_HOST_FXSV) {
         fxm_fxsv_t candidate;
@@ -351,13 +337,13 @@ int _fxm_recv_devinfo(uint32_t port, const uint8_t *frame, uint8_t mode)
         _set_common_devinfo(arrival, frame, mode, &candidate.fsv_card);
         _set_config(frame, FXSV_UP_PORT, &candidate.fsv_up_port);
         _set_port_devinfo(frame, candidate.fsv_down_port);
-        _set_fxsv_devinfo(arrival, &candidate);
+        _set_devinfo<fxsv_class>(arrival, &candidate);
     } else if (host == FXM_HOST_FXIO) {
         fxm_fxio_t candidate;
         memset(&candidate, 0, sizeof(candidate));
         _set_common_devinfo(arrival, frame, mode, &candidate.fio_card);
         _set_fxio_body(frame, &candidate);
-        _set_fxio_devinfo(arrival, &candidate);
+        _set_devinfo<fxio_class>(arrival, &candidate);
     } else {
         fxm_log_trace("%s: Unknwon PEB. host=0x%.2X", __func__, host);
     }

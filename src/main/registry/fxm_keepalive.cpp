@@ -1,5 +1,6 @@
-// Keepalive and connection state: no frame says that a card has gone. The pass runs on the caller's thread of
-// fxm_init_manager, the disconnection of a port on the link watcher; fx_lock keeps them apart. Events are only queued.
+// Keepalive and connection state: a card that disappears sends no frame about it, so silence decides. The pass runs on
+// the thread that called fxm_init_manager, the disconnection of a port on the link watcher. fx_lock serialises the two.
+// Events are only queued here.
 #include "registry/fxm_keepalive.h"
 
 #include <cstdint>
@@ -9,13 +10,13 @@
 #include "fxm_log4cxxif.h"
 #include "registry/fxm_tables.h"
 
-// One pair of events for a card, however many of its channels have gone.
+// A card raises one pair of events, however many of its channels went down.
 template <typename Class> static void _report_disconnect(const char *func, const fxm_card_data_t &card)
 {
     _fxm_raise_event(func, FXM_EVT_UPDATEDEVINFO, card.fcd_id);
     _fxm_raise_event(func, FXM_EVT_CHANNELSTATECHANGE, card.fcd_id);
-    fxm_log_info("%s: %s id=0x%.12llx state change to disconnect. " FXM_CHANNELS_FORMAT, func, Class::word,
-                 _ull(card.fcd_id), FXM_CHANNELS_ARGS(card));
+    fxm_log_info("%s: %s id=0x%.12llx state change to disconnect. %s", func, Class::word, _ull(card.fcd_id),
+                 fxm_channels_text_t(card).text);
 }
 
 static bool _expire_channels(fxm_card_data_t *card, uint64_t now)
@@ -33,38 +34,40 @@ static bool _expire_channels(fxm_card_data_t *card, uint64_t now)
     return changed;
 }
 
-// 1 when the card's channels have changed and the events are due, else 0.
-static int _update_keepalive_state(fxm_card_data_t *card, uint32_t *ignore_state, uint32_t *check_count, uint64_t now)
+// Whether the card's channels have changed, so that the events are due.
+static bool _update_keepalive_state(fxm_card_data_t *card, uint32_t *ignore_state, uint32_t *check_count, uint64_t now)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     switch (*ignore_state) {
     case FXM_WATCH:
         if (!_expire_channels(card, now))
-            return 0;
+            return false;
         break;
     case FXM_IGNORE:
-        return 0;
+        return false;
     case FXM_WATCH_RESTART:
-        // As many passes as a silent channel would take to expire. The old times say nothing: the card was not watched.
+        // It lasts as many passes as a silent channel takes to expire. The stored times do not count, because nobody
+        // watched the card while they grew old.
         *check_count += 1;
         if (*check_count < g_config.devinfo_expire_time / g_config.devinfo_check_interval + 1)
-            return 0;
+            return false;
         *ignore_state = FXM_WATCH;
         for (auto &states : card->fcd_state)
             states[0] = states[1] = 0;
         break;
     default:
         fxm_log_warn("%s: Unknown ignore_state. state=%d", __func__, static_cast<int>(*ignore_state));
-        return 0;
+        return false;
     }
     card->fcd_updatetime = now;
-    return 1;
+    return true;
 }
 
-template <typename Class> static void _check_class(const char *func, uint64_t now)
+template <typename Class> static void _check_class(const char *func, uint64_t now) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    _fxm_each_node<Class>([=](typename Class::node_t *node) {
+    _fxm_each_node<Class>([=](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
-        if (_update_keepalive_state(&card, &Class::ignore_state(node), &Class::check_count(node), now) == 1)
+        if (_update_keepalive_state(&card, &Class::ignore_state(node), &Class::check_count(node), now))
             _report_disconnect<Class>(func, card);
         return true;
     });
@@ -77,9 +80,10 @@ void _devinfo_keepalive_check()
     _check_class<fxio_class>(__func__, now);
 }
 
-template <typename Class> static void _disconnect_class(const char *func, int port, uint64_t now)
+template <typename Class>
+static void _disconnect_class(const char *func, uint32_t port, uint64_t now) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    _fxm_each_node<Class>([=](typename Class::node_t *node) {
+    _fxm_each_node<Class>([=](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
         uint32_t *states = card.fcd_state[port];
         if (Class::ignore_state(node) == FXM_IGNORE || (states[0] == 0 && states[1] == 0))
@@ -91,8 +95,9 @@ template <typename Class> static void _disconnect_class(const char *func, int po
     });
 }
 
-void _fxm_all_disconnect(int port)
+void _fxm_all_disconnect(uint32_t port)
 {
+    fxm_assert(port < FXM_PORT_NUM);
     const uint64_t now = _fxm_get_time_ms();
     _disconnect_class<fxsv_class>(__func__, port, now);
     _disconnect_class<fxio_class>(__func__, port, now);

@@ -1,11 +1,15 @@
-// The ageing of channels: a card that is no longer heard, and a port that has lost its link.
+// Channels go down when their card falls silent or when their port loses its link.
 #ifndef FXM_KEEPALIVE_H
 #define FXM_KEEPALIVE_H
 
-// One pass over both tables. Runs inside the interval check, fx_lock held.
-void _devinfo_keepalive_check();
+#include <cstdint>
 
-// Takes down every channel of a port. Runs on the link watcher, fx_lock held.
-void _fxm_all_disconnect(int port);
+#include "registry/fxm_tables.h"
+
+// One pass over both tables. Runs inside the interval check.
+void _devinfo_keepalive_check() FXM_REQUIRES(fxm_fx_tbl.fx_lock);
+
+// Marks every channel of a port as disconnected. Runs on the link watcher.
+void _fxm_all_disconnect(uint32_t port) FXM_REQUIRES(fxm_fx_tbl.fx_lock);
 
 #endif

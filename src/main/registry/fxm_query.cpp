@@ -1,5 +1,5 @@
-// How the host sees the registry: one record, lists of ids, and the removal of a card. Host threads, callbacks among
-// them. Each look-up or walk holds fx_lock from its first step to its last and gives out copies.
+// The host's view of the registry: one record, lists of ids, and the removal of a card. Runs on host threads, also from
+// within callbacks. Each look-up or walk holds fx_lock from its first step to its last and returns copies.
 #include <cerrno>
 #include <cstdint>
 
@@ -11,8 +11,8 @@
 
 // -------------------------------------------------------------------------------------------------------- one record
 
-template <typename Class, typename Get>
-static int _get_api(const char *func, fxm_api_row_t row, uint64_t id, typename Class::record_t *out, Get get)
+template <typename Class>
+static int _get_api(const char *func, fxm_api_row_t row, uint64_t id, typename Class::record_t *out)
 {
     fxm_call_t call;
     fxm_log_info("%s: (IN). id=0x%.12llx", func, _ull(id));
@@ -23,44 +23,64 @@ static int _get_api(const char *func, fxm_api_row_t row, uint64_t id, typename C
         err = EINVAL;
     } else {
         fxm_fx_guard_t guard;
-        err = get(id, out, nullptr, FXM_TBL_RECORD);
+        err = _fxm_tbl_get<Class>(id, out, nullptr, FXM_TBL_RECORD);
     }
     const int result = _fxm_errno_to_result(err);
     fxm_log_info("%s: (OUT). ret=%d id=0x%.12llx", func, result, _ull(id));
     return _fxm_stats_api(row, result);
 }
 
-int fxm_get_fxsv(uint64_t id, fxm_fxsv_t *out)
-{
-    return _get_api<fxsv_class>(__func__, FXM_ROW_GET_FXSV, id, out, _fxm_get_fxsv);
-}
+int fxm_get_fxsv(uint64_t id, fxm_fxsv_t *out) { return _get_api<fxsv_class>(__func__, FXM_ROW_GET_FXSV, id, out); }
 
-int fxm_get_fxio(uint64_t id, fxm_fxio_t *out)
-{
-    return _get_api<fxio_class>(__func__, FXM_ROW_GET_FXIO, id, out, _fxm_get_fxio);
-}
+int fxm_get_fxio(uint64_t id, fxm_fxio_t *out) { return _get_api<fxio_class>(__func__, FXM_ROW_GET_FXIO, id, out); }
 
 // ------------------------------------------------------------------------------------------------------------ delete
 
-template <typename Remove> static int _delete_api(const char *func, fxm_api_row_t row, uint64_t id, Remove remove)
+template <typename Class> static int _delete_api(const char *func, fxm_api_row_t row, uint64_t id)
 {
     fxm_call_t call;
     fxm_log_info("%s: (IN). id=0x%.12llx", func, _ull(id));
     int err = ENOSYS;
     if (call.running) {
         fxm_fx_guard_t guard;
-        err = remove(id);
+        err = _fxm_tbl_remove<Class>(id);
     }
     const int result = _fxm_errno_to_result(err);
     fxm_log_info("%s: (OUT). ret=%d id=0x%.12llx", func, result, _ull(id));
     return _fxm_stats_api(row, result);
 }
 
-int fxm_delete_fxsv(uint64_t id) { return _delete_api(__func__, FXM_ROW_DELETE_FXSV, id, _fxm_remove_fxsv); }
+int fxm_delete_fxsv(uint64_t id) { return _delete_api<fxsv_class>(__func__, FXM_ROW_DELETE_FXSV, id); }
 
-int fxm_delete_fxio(uint64_t id) { return _delete_api(__func__, FXM_ROW_DELETE_FXIO, id, _fxm_remove_fxio); }
+int fxm_delete_fxio(uint64_t id) { return _delete_api<fxio_class>(__func__, FXM_ROW_DELETE_FXIO, id); }
 
 // ---------------------------------------------------------------------------------------------------------- id lists
+
+// The three selections of cards. `expected` counts the matching cards before the walk that lists them.
+struct all_cards_t {
+    bool matches(const fxm_card_data_t &) const { return true; }
+    template <typename Class> uint32_t expected() const FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return Class::total(); }
+};
+
+struct updated_since_t {
+    uint64_t time;
+    bool matches(const fxm_card_data_t &card) const { return card.fcd_updatetime >= time; }
+    template <typename Class> uint32_t expected() const FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+    {
+        uint32_t matching = 0;
+        _fxm_each_node<Class>([&](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
+            matching += matches(Class::card(Class::record(node))) ? 1 : 0;
+            return true;
+        });
+        return matching;
+    }
+};
+
+struct group_t {
+    uint16_t id;
+    bool matches(const fxm_card_data_t &card) const { return card.fcd_vlan_id == id; }
+    template <typename Class> uint32_t expected() const FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return Class::groups()[id]; }
+};
 
 static uint64_t *_idlist_create(uint32_t entries)
 {
@@ -69,14 +89,14 @@ static uint64_t *_idlist_create(uint32_t entries)
 
 static void _idlist_destroy(uint64_t *list) { _fxm_mem_free(FXM_MEM_IDLIST, list); }
 
-// One list under one holding of fx_lock, so that the count and the list agree: `expected` tells how many cards match
-// before the walk, `matches` picks them.
-template <typename Class, typename Expected, typename Matches>
-static int _list_ids(const char *func, uint64_t **list, uint32_t *count, Expected expected, Matches matches)
+// Count and walk run under one holding of fx_lock, so that they agree.
+template <typename Class, typename Selection>
+static int _list_ids(const char *func, const Selection &selection, uint64_t **list, uint32_t *count)
+    FXM_EXCLUDES(fxm_fx_tbl.fx_lock)
 {
     const uint32_t limit = *count != 0 ? *count : g_config.id_list_upper_limit;
     fxm_fx_guard_t guard;
-    const uint32_t entries = expected();
+    const uint32_t entries = selection.template expected<Class>();
     if (entries == 0) {
         *list = nullptr;
         *count = 0;
@@ -90,9 +110,9 @@ static int _list_ids(const char *func, uint64_t **list, uint32_t *count, Expecte
     if (ids == nullptr)
         return ENOMEM;
     uint32_t written = 0;
-    _fxm_each_node<Class>([&](typename Class::node_t *node) {
+    _fxm_each_node<Class>([&](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         const fxm_card_data_t &card = Class::card(Class::record(node));
-        if (!matches(card))
+        if (!selection.matches(card))
             return true;
         if (written == entries) {
             fxm_log_warn("%s: Get ID more than allocate size. num_tmp=%d", func, static_cast<int>(entries));
@@ -106,36 +126,9 @@ static int _list_ids(const char *func, uint64_t **list, uint32_t *count, Expecte
     return 0;
 }
 
-template <typename Class> static int _all_ids(const char *func, uint64_t **list, uint32_t *count)
-{
-    return _list_ids<Class>(
-        func, list, count, [] { return Class::total(); }, [](const fxm_card_data_t &) { return true; });
-}
-
-template <typename Class> static int _update_ids(const char *func, uint64_t time, uint64_t **list, uint32_t *count)
-{
-    const auto matches = [=](const fxm_card_data_t &card) { return card.fcd_updatetime >= time; };
-    const auto expected = [=] {
-        uint32_t matching = 0;
-        _fxm_each_node<Class>([&](typename Class::node_t *node) {
-            matching += matches(Class::card(Class::record(node))) ? 1 : 0;
-            return true;
-        });
-        return matching;
-    };
-    return _list_ids<Class>(func, list, count, expected, matches);
-}
-
-template <typename Class> static int _group_ids(const char *func, uint16_t groupid, uint64_t **list, uint32_t *count)
-{
-    return _list_ids<Class>(
-        func, list, count, [=] { return Class::groups()[groupid]; },
-        [=](const fxm_card_data_t &card) { return card.fcd_vlan_id == groupid; });
-}
-
-// The common shape of the queries without a group.
-template <typename Work>
-static int _ids_api(const char *func, fxm_api_row_t row, uint64_t **list, uint32_t *count, Work work)
+// The exported queries without a group.
+template <typename Class, typename Selection>
+static int _ids_api(const char *func, fxm_api_row_t row, const Selection &selection, uint64_t **list, uint32_t *count)
 {
     fxm_call_t call;
     fxm_log_info("%s: (IN)", func);
@@ -145,7 +138,7 @@ static int _ids_api(const char *func, fxm_api_row_t row, uint64_t **list, uint32
     else if (list == nullptr || count == nullptr)
         err = EINVAL;
     else
-        err = work();
+        err = _list_ids<Class>(func, selection, list, count);
     const int result = _fxm_errno_to_result(err);
     fxm_log_info("%s: (OUT) ret=%d", func, result);
     return _fxm_stats_api(row, result);
@@ -162,7 +155,7 @@ static int _group_ids_api(const char *func, fxm_api_row_t row, uint16_t groupid,
     else if (list == nullptr || count == nullptr || groupid < FXM_GROUP_FIRST || groupid > FXM_GROUP_LAST)
         err = EINVAL;
     else
-        err = _group_ids<Class>(func, groupid, list, count);
+        err = _list_ids<Class>(func, group_t{groupid}, list, count);
     const int result = _fxm_errno_to_result(err);
     fxm_log_info("%s: (OUT) ret=%d, groupid=%u", func, result, groupid);
     return _fxm_stats_api(row, result);
@@ -170,28 +163,22 @@ static int _group_ids_api(const char *func, fxm_api_row_t row, uint16_t groupid,
 
 int fxm_get_fxsvids(uint64_t **list, uint32_t *count)
 {
-    const char *func = __func__;
-    return _ids_api(func, FXM_ROW_GET_FXSVIDS, list, count, [=] { return _all_ids<fxsv_class>(func, list, count); });
+    return _ids_api<fxsv_class>(__func__, FXM_ROW_GET_FXSVIDS, all_cards_t{}, list, count);
 }
 
 int fxm_get_fxioids(uint64_t **list, uint32_t *count)
 {
-    const char *func = __func__;
-    return _ids_api(func, FXM_ROW_GET_FXIOIDS, list, count, [=] { return _all_ids<fxio_class>(func, list, count); });
+    return _ids_api<fxio_class>(__func__, FXM_ROW_GET_FXIOIDS, all_cards_t{}, list, count);
 }
 
 int fxm_get_update_fxsvids(uint64_t time, uint64_t **list, uint32_t *count)
 {
-    const char *func = __func__;
-    return _ids_api(func, FXM_ROW_GET_UPDATE_FXSVIDS, list, count,
-                    [=] { return _update_ids<fxsv_class>(func, time, list, count); });
+    return _ids_api<fxsv_class>(__func__, FXM_ROW_GET_UPDATE_FXSVIDS, updated_since_t{time}, list, count);
 }
 
 int fxm_get_update_fxioids(uint64_t time, uint64_t **list, uint32_t *count)
 {
-    const char *func = __func__;
-    return _ids_api(func, FXM_ROW_GET_UPDATE_FXIOIDS, list, count,
-                    [=] { return _update_ids<fxio_class>(func, time, list, count); });
+    return _ids_api<fxio_class>(__func__, FXM_ROW_GET_UPDATE_FXIOIDS, updated_since_t{time}, list, count);
 }
 
 int fxm_get_group_fxsvids(uint16_t groupid, uint64_t **list, uint32_t *count)

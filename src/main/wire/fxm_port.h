@@ -24,16 +24,16 @@ extern fxm_port_t fxm_ports[FXM_PORT_NUM];
 
 inline const char *_fxm_link_name(uint32_t link) { return link == 1 ? "UP" : "DOWN"; }
 
-int _fxm_socket_open_win(uint32_t if_index, fxm_port_t *port); // 0, ENOENT, ENOMEM, EPROTO
-int _fxm_get_linkstate_win(uint32_t port, uint32_t *state);    // 0, ENOENT, ENOMEM, EPROTO; 1 up, else 0
-int get_pcap(const char *adapter_name, pcap_t **handle);       // 0, ENOENT, EPROTO
+[[nodiscard]] int _fxm_socket_open_win(uint32_t if_index, fxm_port_t *port); // 0, ENOENT, ENOMEM, EPROTO
+[[nodiscard]] int _fxm_get_linkstate_win(uint32_t port, uint32_t *state);    // 0, ENOENT, ENOMEM, EPROTO; 1 up, else 0
+[[nodiscard]] int get_pcap(const char *adapter_name, pcap_t **handle);       // 0, ENOENT, EPROTO
 
 void _fxm_ports_clear();
 
 // Opens port `number` by interface index or by name, as configured.
-int _fxm_socket_open(uint32_t number);
+[[nodiscard]] int _fxm_socket_open(uint32_t number);
 void _fxm_socket_close(uint32_t number);
 
-int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length); // 0 or EPROTO
+[[nodiscard]] int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length); // 0 or EPROTO
 
 #endif

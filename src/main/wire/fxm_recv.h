@@ -22,9 +22,13 @@ struct fxm_frame_kind_t {
 };
 const fxm_frame_kind_t *_fxm_frame_kind(uint8_t subtype); // null for any other subtype
 
-void *_fxm_recv_task(void *port);   // thread entry; the port number as pointer
-void _fxm_recv_win(uint32_t port);  // the wait loop, in platform/fxm_recv_win.cpp
-int _fxm_recv_frame(uint32_t port); // takes one frame and carries it through: 0, or -1 if the capture failed
-int _check_frame(const uint8_t *frame, uint32_t length, uint8_t *mode); // 0 to be processed, -1 to be dropped
+void *_fxm_recv_task(void *port);  // thread entry; the port number as pointer
+void _fxm_recv_win(uint32_t port); // the wait loop, in platform/fxm_recv_win.cpp
+
+// Reads one frame and handles it. 0, or -1 if the capture failed.
+[[nodiscard]] int _fxm_recv_frame(uint32_t port);
+
+// 0: the frame is to be handled, and *mode is its layout; -1: it is to be dropped.
+[[nodiscard]] int _check_frame(const uint8_t *frame, uint32_t length, uint8_t *mode);
 
 #endif

@@ -9,12 +9,12 @@
 
 #include "fxm.h"
 
-int _fxm_send_reset(const fxm_card_data_t *card, uint8_t status);
-int _fxm_send_mms(const fxm_card_data_t *card, uint32_t page, const void *data); // 128 bytes of data
-int _fxm_send_vlanset(const fxm_card_data_t *card, uint16_t vlanid);
-int _fxm_send_regwrite(const fxm_card_data_t *card, uint32_t addr, uint32_t data);
+[[nodiscard]] int _fxm_send_reset(const fxm_card_data_t *card, uint8_t status);
+[[nodiscard]] int _fxm_send_mms(const fxm_card_data_t *card, uint32_t page, const void *data); // 128 bytes of data
+[[nodiscard]] int _fxm_send_vlanset(const fxm_card_data_t *card, uint16_t vlanid);
+[[nodiscard]] int _fxm_send_regwrite(const fxm_card_data_t *card, uint32_t addr, uint32_t data);
 // Arms the tag's slot before the frame leaves, so that no answer can come too early. The Completion must come through
 // the port and from the address that the frame goes to. When the send fails the slot stays armed until its release.
-int _fxm_send_regread(const fxm_card_data_t *card, uint32_t addr, uint32_t tag);
+[[nodiscard]] int _fxm_send_regread(const fxm_card_data_t *card, uint32_t addr, uint32_t tag);
 
 #endif
