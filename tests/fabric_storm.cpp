@@ -4,6 +4,7 @@
 #include <functional>
 #include <optional>
 #include <random>
+#include <set>
 
 #include "fabric.h"
 
@@ -269,15 +270,16 @@ TEST_F(storm, values_and_reports_stay_true_while_everything_goes_on)
     for (const std::string name : {"bl_node", "idlist", "cbinfo", "addrs"})
         EXPECT_EQ(memory(report, name).in_use, name == "cbinfo" ? 6u : 0u) << name;
 
-    // Every tag is free again: as many reads are in flight as there are tags, until the stop.
-    const fxm_retry_param_t for_ever = {0, 3600000};
+    // Every tag is free again: as many reads are in flight as there are tags, until the stop. A signal that has outlived
+    // its request costs a read one retry.
+    const fxm_retry_param_t for_ever = {1, 3600000};
     std::vector<call_t> reads;
+    std::set<uint8_t> tags;
     uint32_t value = 0;
     wire[0]->received();
     for (int i = 0; i < 256; ++i)
         reads.push_back(call([&] { return fxm_read_register(id_of(0), SHARED, &value, &for_ever, 0); }));
-    for (int i = 0; i < 256; ++i)
-        wire[0]->receive();
+    wait_for([&] { return tags.insert(wire[0]->receive().at(23)), tags.size() == 256; }, "all tags");
     EXPECT_EQ(stop(), OK);
     for (call_t &read : reads)
         EXPECT_EQ(result_of(read), FXM_API_ENOSYS);
