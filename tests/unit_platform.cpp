@@ -584,6 +584,7 @@ TEST_F(platform, host_is_told_when_memory_is_out_and_can_go_on)
     manager_t manager;
     ASSERT_TRUE(manager.start(installation.dir, FXM_LOG_INFO));
     fxm_fxsv_t card{};
+    card.fsv_card.fcd_id = 1;
     {
         fxm_fx_guard_t guard;
         ASSERT_EQ(_fxm_set_fxsv(1, &card, FXM_WATCH, FXM_TBL_ALL), 0);
