@@ -133,7 +133,8 @@ void wire_t::send(const frame_t &frame) const
     ssize_t sent = ::send(fd, frame.data(), frame.size(), 0);
     if (sent < 0 && errno == ENETDOWN) // of a time when the interface was down; told once, at the first call after it
         sent = ::send(fd, frame.data(), frame.size(), 0);
-    if (sent != static_cast<ssize_t>(frame.size()))
+    // A cable without a link loses the frame (ENOBUFS), as it loses a real card's.
+    if (sent != static_cast<ssize_t>(frame.size()) && errno != ENOBUFS)
         harness_failed(system_error("cannot send on " + interface));
 }
 

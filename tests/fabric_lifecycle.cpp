@@ -507,7 +507,8 @@ TEST_F(lifecycle, an_error_in_the_configuration_is_named_and_stops_the_start)
           "frame_retry_count = 0x", "frame_retry_count = 08", "frame_retry_count = 4294967296",
           "eeprom_lock_other_bit = 0x100000000", "stats_verbose_level = -1", "ether_type = 65536",
           "ether_port =", "ether_port_ifindex = none", "ether_port_ifindex = 1 -1", "ether_port_ifindex = 00000000001",
-          "ether_port_ifindex = 4294967296", "broadcast_mac = 3:00:ff:ff:ff:ff", "broadcast_mac = 03:00:ff:ff:ff:fg"})
+          "ether_port_ifindex = 4294967296", "broadcast_mac = 3:00:ff:ff:ff:ff", "broadcast_mac = 03:00:ff:ff:ff:fg",
+          "broadcast_mac = 03:00:ff:ff:ff:ff:00"})
         add("config parameter parse error", line);
     const std::string range = "out of range error";
     for (const char *line : {"log_level = 6", "eeprom_id_number = -1", "eeprom_verify_interval = 0"})
@@ -527,7 +528,7 @@ TEST_F(lifecycle, an_error_in_the_configuration_is_named_and_stops_the_start)
         if (low > 0)
             add(range, key + " = " + std::to_string(low - 1));
     }
-    ASSERT_EQ(bad.size(), 5u + 18 + 3 + 23 + 11);
+    ASSERT_EQ(bad.size(), 5u + 19 + 3 + 23 + 11);
     for (const auto &[lines, message] : bad) {
         SCOPED_TRACE(lines);
         configure(lines);
