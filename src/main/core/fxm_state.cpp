@@ -64,7 +64,7 @@ int _fxm_sleep(uint32_t ms)
 }
 
 #define RESULT(code, err)                                                                                              \
-    fxm_result_t { code, #code, err }
+    fxm_result_t { code, err, #code }
 // clang-format off
 constexpr fxm_result_t fxm_results[] = {
     RESULT(FXM_API_SUCCESS, 0),

@@ -53,8 +53,8 @@ constexpr uint32_t FXM_STOP_SLICE = 100;
 // The result codes, indexed by their values: the name that the status dump prints and the internal error of each.
 struct fxm_result_t {
     int code;
-    const char *name;
     int err;
+    const char *name;
 };
 constexpr uint32_t FXM_API_CODES = FXM_API_ENOSYS + 1;
 extern const fxm_result_t fxm_results[FXM_API_CODES];

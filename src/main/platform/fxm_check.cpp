@@ -46,8 +46,10 @@ static void _print_stack(const char *title, void *const *stack, int depth)
                      reinterpret_cast<uintptr_t>(stack[i]) - reinterpret_cast<uintptr_t>(info.dli_fbase) - 1);
             offsets += offset;
         }
-        const std::string object = first.dli_fname != nullptr ? first.dli_fname : "?";
-        FILE *output = popen(("addr2line -Cfpe '" + object + "'" + offsets + " 2>/dev/null").c_str(), "r");
+        const char *object = first.dli_fname != nullptr ? first.dli_fname : "?";
+        char command[2048];
+        snprintf(command, sizeof(command), "addr2line -Cfpe '%s'%s 2>/dev/null", object, offsets.c_str());
+        FILE *output = popen(command, "r");
         bool any = false;
         char line[1024];
         while (output != nullptr && fgets(line, sizeof(line), output) != nullptr) {
@@ -57,7 +59,7 @@ static void _print_stack(const char *title, void *const *stack, int depth)
         if (output != nullptr)
             pclose(output);
         if (!any)
-            fprintf(stderr, "    %s:%s\n", object.c_str(), offsets.c_str());
+            fprintf(stderr, "    %s:%s\n", object, offsets.c_str());
     }
 }
 
