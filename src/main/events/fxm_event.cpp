@@ -92,7 +92,8 @@ static fxm_mutex_t handle_lock{FXM_LOCK_HANDLE};
 // The live registrations by handle. A handle that is not in the map was ended or never given. A handle is a number that
 // never comes again in the process, so an ended one cannot name a later registration.
 static fxm_rbtree_t live_handles FXM_GUARDED_BY(handle_lock);
-static uint64_t last_handle FXM_GUARDED_BY(handle_lock);
+// Handles count up from "FXM" in ASCII, so that neither a small number nor an address passes for one by chance.
+static uint64_t last_handle FXM_GUARDED_BY(handle_lock) = 0x46584D00;
 
 // ------------------------------------------------------------------------------------------------------------- lists
 
@@ -250,6 +251,7 @@ int _fxm_event_cb_fini()
 
 int _fxm_add_event(int32_t type, uint64_t id)
 {
+    fxm_assert(type >= 0 && type < static_cast<int32_t>(FXM_EVT_KINDS));
     fxm_evt_node_t *node = _evt_node_create(type, id);
     if (node == nullptr) {
         fxm_log_error("%s: can't alloc memory for fxm_evt_node_t", __func__);

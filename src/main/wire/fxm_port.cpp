@@ -58,6 +58,7 @@ static int _try_send(uint32_t port, const uint8_t *frame, uint32_t length)
 
 int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length)
 {
+    fxm_assert(port < FXM_PORT_NUM && fxm_ports[port].pt_pcap != nullptr);
     _fxm_check_wait("a frame to a card");
     // EAGAIN means that the socket's own buffer is full for a moment, which is no reason to refuse a frame. Senders wait
     // outside the lock, side by side, and not past a stop. A full queue of the interface gives ENOBUFS instead. The

@@ -162,30 +162,36 @@ static void _dispatch_frame(uint32_t port, const uint8_t *frame, uint8_t mode)
     _fxm_stats_frame(port, kind->counter, FXM_STATS_R_TOTAL);
 }
 
-int _fxm_recv_frame(uint32_t port)
+// A frame that has been read: drops it or handles it to the end.
+static void _carry_frame(const char *func, uint32_t port, const uint8_t *frame, uint32_t length)
 {
-    const int ret = 0;
-    fxm_log_trace("%s: start. port_num=%u, ret=%d", __func__, port, ret);
-    const uint8_t *frame = nullptr;
-    uint32_t length = 0;
-    const int err = _fxm_recv_pcap(port, &frame, &length);
-    if (err == ETIMEDOUT) {
-        fxm_log_debug("%s: _fxm_recv_pcap() returned ETIMEDOUT. port_num=%u", __func__, port);
-        return ret;
-    }
-    if (err != 0) {
-        fxm_log_error("%s: Failed to _fxm_recv_pcap(). port_num=%u", __func__, port);
-        return -1;
-    }
     if (g_start_flag.load() != FXM_ON) {
-        fxm_log_trace("%s: Drop packet because start flag is not set. port_num=%u", __func__, port);
-        return ret;
+        fxm_log_trace("%s: Drop packet because start flag is not set. port_num=%u", func, port);
+        return;
     }
     uint8_t mode = FXM_VLAN_MODE_NORMAL;
     if (_check_frame(frame, length, &mode) == 0)
         _dispatch_frame(port, frame, mode);
-    fxm_log_trace("%s: end. port_num=%u, ret=%d", __func__, port, ret);
-    return ret;
+    fxm_log_trace("%s: end. port_num=%u, ret=%d", func, port, 0);
+}
+
+int _fxm_recv_frame(uint32_t port)
+{
+    fxm_assert(port < FXM_PORT_NUM);
+    fxm_log_trace("%s: start. port_num=%u, ret=%d", __func__, port, 0);
+    const uint8_t *frame = nullptr;
+    uint32_t length = 0;
+    switch (_fxm_recv_pcap(port, &frame, &length)) {
+    case 0:
+        _carry_frame(__func__, port, frame, length);
+        return 0;
+    case ETIMEDOUT:
+        fxm_log_debug("%s: _fxm_recv_pcap() returned ETIMEDOUT. port_num=%u", __func__, port);
+        return 0;
+    default:
+        fxm_log_error("%s: Failed to _fxm_recv_pcap(). port_num=%u", __func__, port);
+        return -1;
+    }
 }
 
 void *_fxm_recv_task(void *arg)
