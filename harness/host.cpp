@@ -179,6 +179,14 @@ int result_of(call_t &running)
     return running.get();
 }
 
+int refused_start(const char *dir, int32_t log_level)
+{
+    call_t start = call([=] { return fxm_init_manager(dir, log_level); });
+    if (!poll_until([&] { return has_ended(start); }))
+        fxm_fini_manager();
+    return result_of(start);
+}
+
 std::ostream &operator<<(std::ostream &out, const event_t &event)
 {
     static const char *const names[] = {"NEWDEVINFO",      "UPDATEDEVINFO",   "CONNECTIONCHANGE",

@@ -92,6 +92,10 @@ std::vector<event_t> events_of(uint64_t id, const std::vector<int32_t> &types);
 // "CDDD": the channels of a card as the status dump shows them.
 std::string channels(const fxm_card_data_t &card);
 
+// The result of fxm_init_manager for a start that is to be refused. A library that comes up all the same is stopped when
+// the wait is over.
+int refused_start(const char *dir, int32_t log_level);
+
 // fxm_init_manager on a thread.
 class manager_t
 {

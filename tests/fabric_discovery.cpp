@@ -712,8 +712,6 @@ TEST_F(discovery, of_a_callback_and_a_thread_that_end_one_registration_the_callb
     wire[0]->send(frame);
     settle(0);
     listener_t first{"first"}, second{"second"};
-    ASSERT_EQ(listen(&first), FXM_API_SUCCESS);
-    ASSERT_EQ(listen(&second), FXM_API_SUCCESS);
     std::unique_ptr<waiting_call_t> other;
     int ended = -1;
     first.then = [&] {
@@ -722,6 +720,8 @@ TEST_F(discovery, of_a_callback_and_a_thread_that_end_one_registration_the_callb
         ended = fxm_unregister_callback(second.cbid);
         first.then = {};
     };
+    ASSERT_EQ(listen(&first), FXM_API_SUCCESS);
+    ASSERT_EQ(listen(&second), FXM_API_SUCCESS);
     frame[20] = 1;
     wire[0]->send(frame);
     settle(0);

@@ -452,16 +452,16 @@ TEST_F(lifecycle, one_manager_runs_in_a_process_until_its_last_callback_has_retu
 TEST_F(lifecycle, bad_arguments_are_refused_and_a_good_call_may_follow)
 {
     for (const int32_t level : {-2, 6, INT32_MIN, INT32_MAX})
-        EXPECT_EQ(fxm_init_manager(dir.c_str(), level), FXM_API_EINVAL) << level;
-    EXPECT_EQ(fxm_init_manager((dir / "nowhere").c_str(), 3), FXM_API_EINVAL);
-    EXPECT_EQ(fxm_init_manager((dir / "conf/fxm.conf").c_str(), 3), FXM_API_EINVAL) << "no directory";
-    EXPECT_EQ(fxm_init_manager((dir / "conf").c_str(), 3), FXM_API_EPROTO) << "no log properties";
+        EXPECT_EQ(refused_start(dir.c_str(), level), FXM_API_EINVAL) << level;
+    EXPECT_EQ(refused_start((dir / "nowhere").c_str(), 3), FXM_API_EINVAL);
+    EXPECT_EQ(refused_start((dir / "conf/fxm.conf").c_str(), 3), FXM_API_EINVAL) << "no directory";
+    EXPECT_EQ(refused_start((dir / "conf").c_str(), 3), FXM_API_EPROTO) << "no log properties";
 
     configure("ether_port = nowhere0\n");
     const std::string longest = dir.string().append(481 - dir.string().size(), '/');
-    EXPECT_EQ(fxm_init_manager((longest + "/").c_str(), 3), FXM_API_EPROTO) << "too long";
+    EXPECT_EQ(refused_start((longest + "/").c_str(), 3), FXM_API_EPROTO) << "too long";
     EXPECT_EQ(log.lines().size(), 0u) << "nothing is logged before the log is there";
-    EXPECT_EQ(fxm_init_manager(longest.c_str(), 3), FXM_API_ENOENT) << "gets as far as the port that is not there";
+    EXPECT_EQ(refused_start(longest.c_str(), 3), FXM_API_ENOENT) << "gets as far as the port that is not there";
     const std::string first = "fxm_log_init: Log initialize is done. logconfig_filepath:" + longest;
     EXPECT_EQ(log.lines().at(0), "INFO " + first.substr(0, 511)) << "a line has at most so many characters";
 
@@ -483,7 +483,7 @@ TEST_F(lifecycle, without_a_directory_the_paths_of_the_default_installation_coun
     fs::create_directory_symlink(dir, "C:/Program Files/QOR/FXM");
     configure("ether_port = nowhere0\n");
     for (const char *none : {static_cast<const char *>(nullptr), ""})
-        EXPECT_EQ(fxm_init_manager(none, 3), FXM_API_ENOENT) << "read: its port is not there";
+        EXPECT_EQ(refused_start(none, 3), FXM_API_ENOENT) << "read: its port is not there";
     fs::current_path(before);
     EXPECT_EQ(log.count("INFO     ether_port0_name              : nowhere0"), 2u);
 }
@@ -533,7 +533,7 @@ TEST_F(lifecycle, an_error_in_the_configuration_is_named_and_stops_the_start)
         SCOPED_TRACE(lines);
         configure(lines);
         const lines_t logged =
-            lines_of(&log, [&] { EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_EPROTO); });
+            lines_of(&log, [&] { EXPECT_EQ(refused_start(dir.c_str(), FXM_LOG_INFO), FXM_API_EPROTO); });
         ASSERT_EQ(logged,
                   (lines_t{"INFO fxm_log_init: Log initialize is done. logconfig_filepath:" + dir.string(),
                            "ERROR _fxm_config_read: " + message,
@@ -543,10 +543,10 @@ TEST_F(lifecycle, an_error_in_the_configuration_is_named_and_stops_the_start)
     const std::string path = dir.string() + "/conf/fxm.conf";
     fs::remove(path);
     fs::create_symlink("/proc/self/mem", path);
-    EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_EPROTO);
+    EXPECT_EQ(refused_start(dir.c_str(), FXM_LOG_INFO), FXM_API_EPROTO);
     EXPECT_EQ(log.count("ERROR _fxm_config_read: file open error: " + path + ". err=" + std::to_string(EIO)), 1u);
     fs::remove(path);
-    EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT) << "there is neither eth0 nor eth1 here";
+    EXPECT_EQ(refused_start(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT) << "there is neither eth0 nor eth1 here";
     EXPECT_EQ(log.count("WARN _fxm_config_read: Failed to _fxm_file_exist(). path=" + path), 1u);
     EXPECT_EQ(log.count_with("_fxm_config_value_print"), 0u);
 }
@@ -622,12 +622,12 @@ TEST_F(lifecycle, without_any_port_the_start_fails_and_with_one_it_does_not)
     const std::string socket_error[] = {"ERROR fxm_init_manager: Failed to _fxm_socket_open(). port=0, err=2",
                                         "ERROR fxm_init_manager: Failed to _fxm_socket_open(). port=1, err=2"};
     configure("ether_port = nowhere0 nowhere1\n");
-    EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT);
+    EXPECT_EQ(refused_start(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT);
     expect_order(&log, {"ERROR _fxm_socket_open_win: end. ret=2", socket_error[0],
                         "ERROR _fxm_socket_open_win: end. ret=2", socket_error[1], "INFO _fxm_reg_fini: start.",
                         "INFO _fxm_config_fini: end.", "INFO fxm_init_manager: (OUT) ret=3"});
     configure("ether_port = nowhere0\n");
-    EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT);
+    EXPECT_EQ(refused_start(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT);
     EXPECT_EQ(log.count(socket_error[1]), 1u) << "one port was configured, one was tried";
 
     const std::string index1 = std::to_string(if_nametoindex("fxm1"));
@@ -678,7 +678,7 @@ TEST_F(lifecycle, a_deleted_interface_stops_the_library_with_an_error_however_it
     }
     // The error of the last run is forgotten, by a start that fails and by one that does not.
     configure("ether_port = lo nowhere0\n");
-    EXPECT_EQ(fxm_init_manager(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT);
+    EXPECT_EQ(refused_start(dir.c_str(), FXM_LOG_INFO), FXM_API_ENOENT);
     EXPECT_GE(log.count_with("WARN _fxm_socket_open_win: Interface is loopback."), 1u);
     configure("");
     run();
