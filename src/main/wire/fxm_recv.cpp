@@ -16,11 +16,11 @@
 fxm_wait_source_t fxm_recv_source[FXM_PORT_NUM];
 
 static const fxm_frame_kind_t frame_kinds[] = {
-    {FXM_SUBTYPE_DEVINFO, "1G/10G DEVINFO", FXM_STATS_R_DEV, false},
-    {FXM_SUBTYPE_NOTIFY, "1G/10G NOTIFY", FXM_STATS_R_NOTI, false},
-    {FXM_SUBTYPE_DEVINFO40, "40G DEVINFO", FXM_STATS_R_DEV40, true},
-    {FXM_SUBTYPE_NOTIFY40, "40G NOTIFY", FXM_STATS_R_NOTI40, true},
-    {FXM_SUBTYPE_COMP, "Completion", FXM_STATS_R_COMP, false},
+    {"1G/10G DEVINFO", FXM_STATS_R_DEV, FXM_SUBTYPE_DEVINFO, false},
+    {"1G/10G NOTIFY", FXM_STATS_R_NOTI, FXM_SUBTYPE_NOTIFY, false},
+    {"40G DEVINFO", FXM_STATS_R_DEV40, FXM_SUBTYPE_DEVINFO40, true},
+    {"40G NOTIFY", FXM_STATS_R_NOTI40, FXM_SUBTYPE_NOTIFY40, true},
+    {"Completion", FXM_STATS_R_COMP, FXM_SUBTYPE_COMP, false},
 };
 
 const fxm_frame_kind_t *_fxm_frame_kind(uint8_t subtype)

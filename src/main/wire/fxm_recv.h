@@ -15,9 +15,9 @@ extern fxm_wait_source_t fxm_recv_source[FXM_PORT_NUM];
 
 // A kind of frame that cards send.
 struct fxm_frame_kind_t {
-    uint8_t subtype;
     const char *name; // in messages
     fxm_stats_frame_t counter;
+    uint8_t subtype;
     bool is_40g; // the 40G form of an announcement, with 16 down ports
 };
 const fxm_frame_kind_t *_fxm_frame_kind(uint8_t subtype); // null for any other subtype
