@@ -198,9 +198,8 @@ std::ostream &operator<<(std::ostream &out, const event_t &event)
 
 std::vector<event_t> events_of(uint64_t id, const std::vector<int32_t> &types)
 {
-    std::vector<event_t> events;
-    for (const int32_t type : types)
-        events.push_back({type, id});
+    std::vector<event_t> events(types.size());
+    std::transform(types.begin(), types.end(), events.begin(), [id](int32_t type) { return event_t{type, id}; });
     return events;
 }
 

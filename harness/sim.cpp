@@ -6,9 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <iterator>
 #include <sstream>
 #include <vector>
 
@@ -18,12 +20,9 @@ void sim_t::start(const std::string &options)
 {
     std::istringstream words(options);
     std::vector<std::string> args = {FXMSIM};
-    for (std::string word; words >> word;)
-        args.push_back(word);
-    std::vector<char *> argv;
-    for (std::string &arg : args)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
+    args.insert(args.end(), std::istream_iterator<std::string>(words), {});
+    std::vector<char *> argv(args.size() + 1);
+    std::transform(args.begin(), args.end(), argv.begin(), [](std::string &arg) { return arg.data(); });
 
     signal(SIGPIPE, SIG_IGN); // that it has died shows when it does not answer
     int to[2];
@@ -67,7 +66,7 @@ std::string sim_t::read_line(const std::string &command)
         harness_failed("fxmsim does not answer: " + command);
         return "";
     }
-    const std::string line = text.substr(0, end);
+    std::string line = text.substr(0, end);
     text.erase(0, end + 1);
     return line;
 }

@@ -600,10 +600,9 @@ static std::vector<std::string> take_heard()
 static void hear(uint64_t, int32_t, uint64_t arg)
 {
     const auto *listener = reinterpret_cast<listener_t *>(arg);
-    {
-        const std::lock_guard guard(heard_lock);
-        heard.push_back(listener->name);
-    }
+    std::unique_lock guard(heard_lock);
+    heard.push_back(listener->name);
+    guard.unlock();
     if (listener->then)
         listener->then();
 }
