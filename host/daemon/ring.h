@@ -1,0 +1,81 @@
+// The ring of events: the last 65,536, each written once as text. A reader is a number, the event it has seen last, so
+// that readers cost nothing and cannot hold up anybody. Any thread appends and reads.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/facts.h"
+
+namespace fxm
+{
+
+enum class event_type { change, job, port, library };
+
+struct event {
+    uint64_t seq;
+    int64_t time_ms;
+    event_type type;
+    uint64_t card; // 0: of no card
+    facts before;  // of the card, for filters; equal to `after` unless the type is `change`
+    facts after;
+    std::string text; // the whole object, without a line end: {"schema":"fxm/1","type":"change","seq":8123,...}
+};
+
+// What an appender says. `members` are the members behind time_ms, without braces: "\"port\":0,...".
+struct event_draft {
+    event_type type;
+    uint64_t card = 0;
+    facts before;
+    facts after;
+    std::string members;
+};
+
+class ring
+{
+  public:
+    static constexpr size_t SIZE = 65536;
+
+    // `last_seq` is the number of the last event of an earlier run.
+    explicit ring(uint64_t last_seq);
+
+    // Called once behind every append or batch of them, on the thread that appends; must not block. Set before the first
+    // append.
+    void on_append(std::function<void()> notify);
+
+    void append(event_draft draft);
+    void append(std::vector<event_draft> drafts);
+
+    struct batch {
+        std::vector<std::shared_ptr<const event>> events;
+        uint64_t gap_from = 0, gap_to = 0; // numbers that are lost to this reader; 0, 0 if none
+    };
+    // At most `limit` events behind `after`, oldest first.
+    batch read(uint64_t after, size_t limit) const;
+
+    // Waits until there is an event behind `after`, at most `timeout_ms`.
+    void wait(uint64_t after, int timeout_ms) const;
+    void wake(); // ends all waits
+
+    uint64_t last_seq() const;
+    uint64_t first_seq() const; // of the oldest event that is kept; last_seq() + 1 if none
+
+  private:
+    void place(event_draft draft);
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable appended_;
+    std::vector<std::shared_ptr<const event>> slots_; // by seq % SIZE
+    uint64_t first_;
+    uint64_t last_;
+    uint64_t wakes_ = 0;
+    std::function<void()> notify_;
+};
+
+} // namespace fxm
