@@ -7,13 +7,13 @@
 namespace fxm
 {
 
-static const char *word(event_type type)
+const char *word(event_type type)
 {
     constexpr const char *words[] = {"change", "job", "port", "library"};
     return words[static_cast<size_t>(type)];
 }
 
-ring::ring(uint64_t last_seq) : slots_(SIZE), first_(last_seq + 1), last_(last_seq) {}
+ring::ring(uint64_t last_seq) : slots_(SIZE), start_(last_seq), first_(last_seq + 1), last_(last_seq) {}
 
 void ring::on_append(std::function<void()> notify) { notify_ = std::move(notify); }
 

@@ -18,6 +18,8 @@ namespace fxm
 
 enum class event_type { change, job, port, library };
 
+const char *word(event_type type);
+
 struct event {
     uint64_t seq;
     int64_t time_ms;
@@ -63,6 +65,7 @@ class ring
     void wait(uint64_t after, int timeout_ms) const;
     void wake(); // ends all waits
 
+    uint64_t start_seq() const { return start_; } // the number before the first event of this run
     uint64_t last_seq() const;
     uint64_t first_seq() const; // of the oldest event that is kept; last_seq() + 1 if none
 
@@ -72,6 +75,7 @@ class ring
     mutable std::mutex mutex_;
     mutable std::condition_variable appended_;
     std::vector<std::shared_ptr<const event>> slots_; // by seq % SIZE
+    const uint64_t start_;
     uint64_t first_;
     uint64_t last_;
     uint64_t wakes_ = 0;

@@ -70,6 +70,15 @@ bool _fxm_blacklist_lookup(uint64_t id)
     return _fxm_rbtree_find(&blacklist_map, &id) != nullptr;
 }
 
+std::vector<uint64_t> _fxm_blacklist_copy()
+{
+    std::vector<uint64_t> ids;
+    fxm_blacklist_guard_t guard;
+    for (fxm_rbnode_t *link = _fxm_rbtree_first(&blacklist_map); link != nullptr; link = _fxm_rbtree_next(link))
+        ids.push_back(bl_link_t::record(link)->id);
+    return ids;
+}
+
 void _fxm_blacklist_dump()
 {
     fxm_log_stats("  - Black list ids");

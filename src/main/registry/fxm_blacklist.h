@@ -3,6 +3,7 @@
 #define FXM_BLACKLIST_H
 
 #include <cstdint>
+#include <vector>
 
 #include "platform/fxm_platform.h"
 
@@ -17,6 +18,7 @@ extern fxm_mutex_t blacklist_lock;
 void _fxm_lock_blacklist() FXM_ACQUIRE(blacklist_lock);
 void _fxm_unlock_blacklist() FXM_RELEASE(blacklist_lock);
 [[nodiscard]] bool _fxm_blacklist_lookup(uint64_t id) FXM_REQUIRES(blacklist_lock); // whether the id is in the set
+std::vector<uint64_t> _fxm_blacklist_copy() FXM_EXCLUDES(blacklist_lock);
 void _fxm_blacklist_dump() FXM_EXCLUDES(blacklist_lock); // writes its section of the status dump
 
 struct FXM_SCOPED_CAPABILITY fxm_blacklist_guard_t {

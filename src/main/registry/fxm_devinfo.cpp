@@ -151,6 +151,11 @@ static void _add_devinfo(const typename Class::record_t &candidate) FXM_REQUIRES
     const fxm_card_data_t &card = Class::card(candidate);
     const uint64_t id = card.fcd_id;
 
+    // Before anything is allocated for the card: ids on the wire are free, memory is not.
+    if (fxm_fx_tbl.fxsv_total + fxm_fx_tbl.fxio_total >= fxm_card_limit.load(std::memory_order_relaxed)) {
+        fxm_cards_refused.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
     // Every card in the tables has a write lock. The lock outlives the card, so a card that was deleted still has one.
     int err = _fxm_create_reg_lock_node(id);
     if (err != 0 && err != EEXIST) {

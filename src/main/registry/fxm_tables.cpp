@@ -16,6 +16,8 @@ static_assert(sizeof(fxm_fxsv_t) == 576);
 static_assert(sizeof(fxm_fxio_t) == 128);
 
 fxm_fx_tbl_t fxm_fx_tbl;
+std::atomic<uint32_t> fxm_card_limit{UINT32_MAX};
+std::atomic<uint64_t> fxm_cards_refused{0};
 
 template <typename Class> static uint32_t &_group(uint16_t vlan_id) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {

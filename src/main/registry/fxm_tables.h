@@ -6,6 +6,7 @@
 #ifndef FXM_TABLES_H
 #define FXM_TABLES_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -57,6 +58,12 @@ struct fxm_fx_tbl_t {
     uint32_t fxio_group_num[FXM_GROUPS] FXM_GUARDED_BY(fx_lock);
 };
 extern fxm_fx_tbl_t fxm_fx_tbl;
+
+// A cap on the cards of both tables together, which the daemon of this project sets, and the announcements that it has
+// refused. Read for each new card under fx_lock and written by any thread; nothing else depends on them, so their order
+// is relaxed.
+extern std::atomic<uint32_t> fxm_card_limit;
+extern std::atomic<uint64_t> fxm_cards_refused;
 
 // Everything in which the classes differ, but for the meaning of their fields: types, the names that messages print, the
 // table, and the members of a node.

@@ -1,0 +1,129 @@
+#include "daemon/roles.h"
+
+#include <fmt/format.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace fxm
+{
+
+const char *word(role value)
+{
+    constexpr const char *words[] = {"none", "view", "operate", "admin"};
+    return words[static_cast<size_t>(value)];
+}
+
+static std::optional<uint32_t> look_up(const std::string &name)
+{
+    std::vector<char> buffer(65536);
+    struct group entry {
+    };
+    struct group *found = nullptr;
+    if (getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr)
+        return std::nullopt;
+    return entry.gr_gid;
+}
+
+static std::vector<std::pair<std::string, role>> read_tokens(const std::string &path)
+{
+    std::vector<std::pair<std::string, role>> tokens;
+    struct stat status {
+    };
+    std::ifstream file(path);
+    if (!file || stat(path.c_str(), &status) != 0)
+        throw std::runtime_error(fmt::format("cannot read the token file {}: {}", path, strerror(errno)));
+    if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0)
+        throw std::runtime_error(fmt::format("everybody may read or write {}: chmod 640 {}", path, path));
+    size_t number = 0;
+    for (std::string line; std::getline(file, line);) {
+        ++number;
+        std::istringstream words(line);
+        std::string name;
+        std::string token;
+        std::string rest;
+        words >> name >> token >> rest;
+        if (name.empty() || name.starts_with('#'))
+            continue;
+        const role value = name == "view"      ? role::view
+                           : name == "operate" ? role::operate
+                           : name == "admin"   ? role::admin
+                                               : role::none;
+        if (value == role::none || token.size() < 16 || !rest.empty())
+            throw std::runtime_error(fmt::format(
+                "{}:{}: expected view, operate or admin and a token of 16 characters or more", path, number));
+        tokens.emplace_back(token, value);
+    }
+    if (tokens.empty())
+        throw std::runtime_error(
+            fmt::format("{} holds no token; write a line such as: view {}", path, "$(openssl rand -hex 16)"));
+    return tokens;
+}
+
+roles::roles(const role_settings &settings, logger *log)
+    : groups_{{}, {settings.group_view, {}}, {settings.group_operate, {}}, {settings.group_admin, {}}},
+      own_uid_(geteuid())
+{
+    for (group &entry : groups_) {
+        if (entry.name.empty())
+            continue;
+        entry.gid = look_up(entry.name);
+        if (!entry.gid)
+            log->warning("there is no group {}, so its role is open to root and the user of fxmd only", entry.name);
+    }
+    if (!settings.token_file.empty())
+        tokens_ = read_tokens(settings.token_file);
+}
+
+// Takes the same time wherever the texts differ.
+static bool equal(const std::string &left, const std::string &right)
+{
+    unsigned differ = left.size() != right.size() ? 1 : 0;
+    for (size_t i = 0; i < std::min(left.size(), right.size()); ++i)
+        differ |= static_cast<unsigned char>(left[i] ^ right[i]);
+    return differ == 0;
+}
+
+role roles::of(const http_request &request) const
+{
+    if (!request.who.local) {
+        constexpr std::string_view scheme = "Bearer ";
+        if (!request.authorization.starts_with(scheme))
+            return role::none;
+        role best = role::none;
+        const std::string given = request.authorization.substr(scheme.size());
+        for (const auto &[token, value] : tokens_) {
+            if (equal(token, given))
+                best = std::max(best, value);
+        }
+        return best;
+    }
+    // Whoever runs fxmd can do anything to it anyway.
+    if (request.who.uid == 0 || request.who.uid == own_uid_)
+        return role::admin;
+    for (const role value : {role::admin, role::operate, role::view}) {
+        const auto &gid = groups_[static_cast<size_t>(value)].gid;
+        if (gid && std::find(request.who.groups.begin(), request.who.groups.end(), *gid) != request.who.groups.end())
+            return value;
+    }
+    return role::none;
+}
+
+std::string roles::hint(role needed, bool local) const
+{
+    if (!local)
+        return fmt::format("send \"Authorization: Bearer TOKEN\" with a token of the role {}", word(needed));
+    return fmt::format("ask for membership of the group {} (usermod -aG {} USER), or use sudo",
+                       groups_[static_cast<size_t>(needed)].name, groups_[static_cast<size_t>(needed)].name);
+}
+
+std::optional<uint32_t> roles::group_of(role value) const { return groups_[static_cast<size_t>(value)].gid; }
+
+} // namespace fxm
