@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <fstream>
 
 #include "common/card_id.h"

@@ -18,6 +18,7 @@
 #include <stdexcept>
 
 #include "common/card_id.h"
+#include "daemon/log.h"
 
 namespace fxm
 {
@@ -435,6 +436,7 @@ void http_server::start()
         if (fd >= 0)
             daemons_.push_back(make_daemon(fd));
     }
+    turned_ms_ = clock_ms();
     thread_ = std::thread([this] { run(); });
 }
 
@@ -463,6 +465,7 @@ void http_server::run()
         epoll_wait(epoll_fd_, ready, std::size(ready), timeout);
         uint64_t count = 0;
         [[maybe_unused]] const ssize_t taken = read(event_fd_, &count, sizeof(count));
+        turned_ms_ = clock_ms();
         take_answers();
         const auto now = std::chrono::steady_clock::now();
         const bool heartbeat = now - last_heartbeat >= HEARTBEAT;

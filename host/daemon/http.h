@@ -102,6 +102,7 @@ class http_server
     unsigned clients() const { return clients_; }    // connections
     unsigned streams() const { return streams_; }    // endless ones
     uint64_t requests() const { return requests_; }  // since the start
+    int64_t turned_ms() const { return turned_ms_; } // when its thread last went round
     int listening_port() const { return tcp_port_; } // of the loopback address; 0: none
 
     static constexpr size_t MAX_BODY = 65536;
@@ -142,6 +143,7 @@ class http_server
     std::atomic<unsigned> clients_{0};
     std::atomic<unsigned> streams_{0};
     std::atomic<uint64_t> requests_{0};
+    std::atomic<int64_t> turned_ms_{0};
 };
 
 } // namespace fxm

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "common/card_id.h"
 #include "common/claim.h"
 #include "daemon/api.h"
 #include "daemon/config.h"
@@ -81,6 +82,8 @@ static role_settings role_settings_of(const config &settings)
     return {settings.group_view, settings.group_operate, settings.group_admin, settings.token_file};
 }
 
+static history_limits limits_of(const config &settings) { return {settings.history_days, settings.history_max_events}; }
+
 static log_level level_of(const config &settings)
 {
     for (const log_level level : {log_level::error, log_level::warning, log_level::debug}) {
@@ -136,8 +139,8 @@ class daemon
         cards_.on_tick = [this] { tick(); };
         limit_cards(settings->max_cards);
         if (settings->history_enabled)
-            past_ = std::make_unique<history>(fs::path(settings->state_dir), history_settings_of(*settings), &events_,
-                                              &log_, [this] { return sample(); });
+            past_ = std::make_unique<history>(fs::path(settings->state_dir), limits_of(*settings), &events_, &log_,
+                                              [this] { return sample(); });
         all_.past = past_.get();
         http_server::options web;
         web.socket_path = settings->socket;
@@ -203,7 +206,7 @@ class daemon
         limit_cards(next->max_cards);
         jobs_.set_eeprom_writer(next->eeprom_writer);
         if (past_)
-            past_->set_limits(history_settings_of(*next));
+            past_->set_limits(limits_of(*next));
         all_.set_roles(std::move(judge));
         all_.set_settings(std::move(next));
         for (const std::string &key : result.needs_restart)

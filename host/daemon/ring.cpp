@@ -37,7 +37,6 @@ void ring::append(event_draft draft)
         std::lock_guard guard(mutex_);
         place(std::move(draft));
     }
-    appended_.notify_all();
     if (notify_)
         notify_();
 }
@@ -52,7 +51,6 @@ void ring::append(std::vector<event_draft> drafts)
         for (const size_t end = std::min(drafts.size(), at + 256); at < end; ++at)
             place(std::move(drafts[at]));
     }
-    appended_.notify_all();
     if (notify_)
         notify_();
 }
@@ -70,22 +68,6 @@ ring::batch ring::read(uint64_t after, size_t limit) const
     for (; next <= last_ && result.events.size() < limit; ++next)
         result.events.push_back(slots_[next % SIZE]);
     return result;
-}
-
-void ring::wait(uint64_t after, int timeout_ms) const
-{
-    std::unique_lock guard(mutex_);
-    const uint64_t wakes = wakes_;
-    appended_.wait_for(guard, std::chrono::milliseconds(timeout_ms), [&] { return last_ > after || wakes_ != wakes; });
-}
-
-void ring::wake()
-{
-    {
-        std::lock_guard guard(mutex_);
-        ++wakes_;
-    }
-    appended_.notify_all();
 }
 
 uint64_t ring::last_seq() const

@@ -2,7 +2,6 @@
 // that readers cost nothing and cannot hold up anybody. Any thread appends and reads.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -61,10 +60,6 @@ class ring
     // At most `limit` events behind `after`, oldest first.
     batch read(uint64_t after, size_t limit) const;
 
-    // Waits until there is an event behind `after`, at most `timeout_ms`.
-    void wait(uint64_t after, int timeout_ms) const;
-    void wake(); // ends all waits
-
     uint64_t start_seq() const { return start_; } // the number before the first event of this run
     uint64_t last_seq() const;
     uint64_t first_seq() const; // of the oldest event that is kept; last_seq() + 1 if none
@@ -73,12 +68,10 @@ class ring
     void place(event_draft draft);
 
     mutable std::mutex mutex_;
-    mutable std::condition_variable appended_;
     std::vector<std::shared_ptr<const event>> slots_; // by seq % SIZE
     const uint64_t start_;
     uint64_t first_;
     uint64_t last_;
-    uint64_t wakes_ = 0;
     std::function<void()> notify_;
 };
 

@@ -1,0 +1,617 @@
+#include "daemon/jobs.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <span>
+
+#include "common/card_id.h"
+#include "common/error.h"
+#include "daemon/library_error.h"
+#include "daemon/log.h"
+#include "fxm.h"
+
+namespace fxm
+{
+
+namespace json = boost::json;
+
+constexpr uint32_t REGISTER_STEP = 256; // registers in one call of the library
+constexpr uint32_t MOST_REGISTERS = 65536;
+constexpr int64_t PROGRESS_MS = 500; // between two events of the progress of a job
+
+struct job_cancelled {
+};
+
+struct job_board::job {
+    // Set before it is queued:
+    uint64_t number = 0;
+    std::string kind;
+    uint64_t card = 0;
+    caller who;
+    bool dry_run = false;
+    bool force = false;
+    uint32_t start = 0, end = 0;     // addresses, the second one behind the last
+    uint32_t address = 0, value = 0; // of a write; the VLAN
+    std::vector<uint32_t> words;     // of a comparison or a restore
+    int64_t created_ms = 0;
+    std::atomic<bool> cancel{false};
+    int64_t told_ms = 0; // its thread alone
+
+    // Guarded by the board's mutex:
+    const char *state = "queued";
+    uint32_t done = 0, total = 0;
+    int64_t started_ms = 0, ended_ms = 0;
+    json::object result;
+    bool has_result = false;
+    json::value error;
+
+    uint32_t flags() const { return force ? FXM_FLAG_FORCELOCK : 0; }
+};
+
+// -------------------------------------------------------------------------------------------------------------- requests
+
+namespace
+{
+
+// The members of a request, each taken once.
+class members
+{
+  public:
+    explicit members(const json::object &given) : given_(given) {}
+
+    uint32_t number(const char *name, uint32_t least, uint32_t most, std::optional<uint32_t> absent = std::nullopt)
+    {
+        const json::value *value = find(name);
+        if (value == nullptr && absent)
+            return *absent;
+        const auto taken = value != nullptr ? parse(*value) : std::nullopt;
+        if (!taken || *taken < least || *taken > most)
+            throw api_error("FXM_API_EINVAL",
+                            fmt::format("\"{}\" is {}; it must be a number from {} to {}", name,
+                                        value != nullptr ? json::serialize(*value) : "missing", least, most));
+        return *taken;
+    }
+
+    bool flag(const char *name)
+    {
+        const json::value *value = find(name);
+        if (value != nullptr && !value->is_bool())
+            throw api_error("FXM_API_EINVAL",
+                            fmt::format("\"{}\" is {}; it must be true or false", name, json::serialize(*value)));
+        return value != nullptr && value->get_bool();
+    }
+
+    std::string text(const char *name)
+    {
+        const json::value *value = find(name);
+        if (value == nullptr || !value->is_string())
+            throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" must be text", name));
+        return std::string(value->get_string().data(), value->get_string().size());
+    }
+
+    std::vector<uint32_t> words(const char *name, size_t most)
+    {
+        const json::value *value = find(name);
+        std::vector<uint32_t> taken;
+        if (value != nullptr && value->is_array() && !value->get_array().empty() && value->get_array().size() <= most) {
+            for (const json::value &item : value->get_array()) {
+                const auto word = parse(item);
+                if (!word)
+                    break;
+                taken.push_back(*word);
+            }
+        }
+        if (value == nullptr || !value->is_array() || taken.empty() || taken.size() != value->get_array().size())
+            throw api_error("FXM_API_EINVAL",
+                            fmt::format("\"{}\" must be an array of 1 to {} numbers of 32 bits", name, most));
+        return taken;
+    }
+
+    void finish() const
+    {
+        for (const auto &member : given_) {
+            if (std::find(taken_.begin(), taken_.end(), std::string_view(member.key())) == taken_.end())
+                throw api_error("FXM_API_EINVAL",
+                                fmt::format("\"{}\" is not known for this kind of job", std::string_view(member.key())),
+                                fmt::format("possible are: {}", fmt::join(taken_, ", ")));
+        }
+    }
+
+  private:
+    static std::optional<uint32_t> parse(const json::value &value)
+    {
+        if (value.is_int64() && value.get_int64() >= 0 && value.get_int64() <= UINT32_MAX)
+            return static_cast<uint32_t>(value.get_int64());
+        return std::nullopt;
+    }
+
+    const json::value *find(const char *name)
+    {
+        taken_.emplace_back(name);
+        return given_.if_contains(name);
+    }
+
+    const json::object &given_;
+    std::vector<std::string> taken_;
+};
+
+} // namespace
+
+static void check_range(uint32_t start, uint32_t end, uint32_t most_words, const char *of)
+{
+    if (start % 4 == 0 && end % 4 == 0 && start < end && (end - start) / 4 <= most_words)
+        return;
+    throw api_error(
+        "FXM_API_EINVAL", fmt::format("there is no range of {} from {:#x} to {:#x}", of, start, end),
+        fmt::format("both are multiples of 4, \"end\" is the address behind the last word, and a job reads at "
+                    "most {} words",
+                    most_words));
+}
+
+json::object job_board::submit(const json::object &request, const caller &who)
+{
+    auto work = std::make_shared<job>();
+    members given(request);
+    work->kind = given.text("kind");
+    const std::string card = given.text("card");
+    const auto id = parse_id(card);
+    if (!id)
+        throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" is not a card id", card));
+    work->card = *id;
+    work->who = who;
+    constexpr uint32_t WORDS = FXM_EEPROM_SIZE / 4;
+    const bool writes = work->kind == "eeprom-restore" || work->kind == "eeprom-write";
+    if (work->kind == "eeprom-dump") {
+        work->start = given.number("start", 0, FXM_EEPROM_SIZE - 4, 0);
+        work->end = given.number("end", 4, FXM_EEPROM_SIZE, FXM_EEPROM_SIZE);
+        check_range(work->start, work->end, WORDS, "EEPROM words");
+    } else if (work->kind == "eeprom-compare" || work->kind == "eeprom-restore") {
+        work->words = given.words("words", WORDS);
+        work->start = given.number("start", 0, FXM_EEPROM_SIZE - 4, 0);
+        work->end = work->start + static_cast<uint32_t>(work->words.size()) * 4;
+        if (work->end > FXM_EEPROM_SIZE)
+            throw api_error("FXM_API_EINVAL", fmt::format("{} words do not fit behind {:#x}; an EEPROM has {} bytes",
+                                                          work->words.size(), work->start, FXM_EEPROM_SIZE));
+        check_range(work->start, work->end, WORDS, "EEPROM words");
+    } else if (work->kind == "eeprom-write") {
+        work->address = given.number("address", 0, FXM_EEPROM_SIZE - 4);
+        work->value = given.number("value", 0, UINT32_MAX);
+        check_range(work->address, work->address + 4, 1, "EEPROM words");
+    } else if (work->kind == "register-dump") {
+        work->start = given.number("start", 0, FXM_REGISTER_LAST);
+        work->end = given.number("end", 4, FXM_REGISTER_LAST + 4);
+        check_range(work->start, work->end, MOST_REGISTERS, "registers");
+    } else if (work->kind == "vlan") {
+        work->value = given.number("vlan", FXM_VLAN_FIRST, FXM_VLAN_LAST);
+    } else {
+        throw api_error("FXM_API_EINVAL", fmt::format("there is no kind of job \"{}\"", work->kind),
+                        "kinds are eeprom-dump, eeprom-compare, eeprom-restore, eeprom-write, register-dump and vlan");
+    }
+    if (work->kind.starts_with("eeprom"))
+        work->force = given.flag("force");
+    if (writes)
+        work->dry_run = given.flag("dry_run");
+    given.finish();
+    if (work->force && who.role != "admin")
+        throw api_error("FXM_DENIED", "only an admin may take the EEPROM lock away from another manager",
+                        "leave out \"force\", or ask somebody of the group of admins");
+    if (writes && !work->dry_run && !eeprom_writer_)
+        throw api_error("FXM_DENIED", "this fxmd may not write EEPROMs",
+                        "set eeprom_writer = true in exactly one fxmd that reaches the card, and reload it");
+    {
+        std::lock_guard guard(mutex_);
+        forget_old();
+        if (jobs_.size() >= MOST_KEPT)
+            throw api_error("FXM_TOO_MANY", fmt::format("{} jobs are kept already", MOST_KEPT),
+                            "wait until earlier jobs have ended");
+        work->number = next_++;
+        work->created_ms = clock_ms();
+        jobs_[work->number] = work;
+    }
+    if (!threads_.submit(
+            work->card, [this, work] { run(work); }, [this, work] { drop(work); })) {
+        std::lock_guard guard(mutex_);
+        jobs_.erase(work->number);
+        throw api_error("FXM_TOO_MANY", fmt::format("{} jobs wait for card {}", MOST_QUEUED, format_id(work->card)),
+                        "wait until earlier jobs have ended");
+    }
+    std::lock_guard guard(mutex_);
+    return document(*work, true);
+}
+
+// ------------------------------------------------------------------------------------------------------------ documents
+
+// The caller holds the mutex.
+json::object job_board::document(const job &work, bool whole) const
+{
+    const auto time = [](int64_t ms) { return ms != 0 ? json::value(ms) : json::value(nullptr); };
+    json::object made;
+    if (whole)
+        made["schema"] = "fxm/1";
+    made["job"] = work.number;
+    made["kind"] = work.kind;
+    made["card"] = format_id(work.card);
+    made["state"] = work.state;
+    made["dry_run"] = work.dry_run;
+    made["done"] = work.done;
+    made["total"] = work.total;
+    made["created_ms"] = work.created_ms;
+    made["started_ms"] = time(work.started_ms);
+    made["ended_ms"] = time(work.ended_ms);
+    made["uid"] = work.who.uid;
+    made["pid"] = work.who.pid;
+    // A list leaves the words out; they can be thousands for each job.
+    made["result"] = whole && work.has_result ? json::value(work.result) : json::value(nullptr);
+    made["error"] = work.error;
+    return made;
+}
+
+job_board::job_ptr job_board::find(uint64_t number) const
+{
+    const auto found = jobs_.find(number);
+    if (found == jobs_.end())
+        throw api_error("FXM_API_ENOENT", fmt::format("there is no job {}", number),
+                        "fxmctl jobs lists them; a result is kept for an hour");
+    return found->second;
+}
+
+json::object job_board::get(uint64_t number) const
+{
+    std::lock_guard guard(mutex_);
+    return document(*find(number), true);
+}
+
+json::array job_board::list() const
+{
+    json::array made;
+    std::lock_guard guard(mutex_);
+    for (const auto &[number, work] : jobs_)
+        made.push_back(document(*work, false));
+    return made;
+}
+
+job_counts job_board::counts() const
+{
+    job_counts sums;
+    std::lock_guard guard(mutex_);
+    for (const auto &[number, work] : jobs_) {
+        const std::string_view state = work->state;
+        uint32_t &count = state == "queued"    ? sums.queued
+                          : state == "running" ? sums.running
+                          : state == "done"    ? sums.done
+                          : state == "failed"  ? sums.failed
+                                               : sums.cancelled;
+        count += 1;
+    }
+    return sums;
+}
+
+json::object job_board::cancel(uint64_t number)
+{
+    std::lock_guard guard(mutex_);
+    const job_ptr work = find(number);
+    // One that waits is found cancelled when its turn comes.
+    if (work->ended_ms == 0)
+        work->cancel = true;
+    return document(*work, true);
+}
+
+// The caller holds the mutex.
+void job_board::forget_old()
+{
+    const int64_t now = clock_ms();
+    for (auto next = jobs_.begin(); next != jobs_.end();) {
+        const job &work = *next->second;
+        const bool ended = work.ended_ms != 0;
+        if (ended && (now - work.ended_ms > KEPT_MS || jobs_.size() >= MOST_KEPT))
+            next = jobs_.erase(next);
+        else
+            ++next;
+    }
+}
+
+// --------------------------------------------------------------------------------------------------------------- running
+
+job_board::job_board(ring *events, bool eeprom_writer, audit_function audit)
+    : events_(events), eeprom_writer_(eeprom_writer), audit_(std::move(audit))
+{
+}
+
+job_board::~job_board() { close(); }
+
+void job_board::close()
+{
+    {
+        std::lock_guard guard(mutex_);
+        for (const auto &[number, work] : jobs_)
+            work->cancel = true;
+    }
+    threads_.close();
+}
+
+// The caller holds the mutex.
+void job_board::announce(const job &work)
+{
+    events_->append(event_draft{
+        .type = event_type::job,
+        .card = work.card,
+        .before = {},
+        .after = {},
+        .members = fmt::format(R"("job":{},"kind":"{}","card":"{}","state":"{}","done":{},"total":{})", work.number,
+                               work.kind, format_id(work.card), work.state, work.done, work.total)});
+}
+
+// A step is done. Throws if the job has been cancelled.
+void job_board::progress(job *work, uint32_t done, uint32_t total)
+{
+    {
+        const int64_t now = clock_ms();
+        std::lock_guard guard(mutex_);
+        work->done = done;
+        work->total = total;
+        if (std::abs(now - work->told_ms) >= PROGRESS_MS) {
+            work->told_ms = now;
+            announce(*work);
+        }
+    }
+    if (work->cancel)
+        throw job_cancelled();
+}
+
+void job_board::end(const job_ptr &work, const char *state)
+{
+    std::lock_guard guard(mutex_);
+    work->state = state;
+    work->ended_ms = clock_ms();
+    announce(*work);
+}
+
+void job_board::drop(const job_ptr &work) { end(work, "cancelled"); }
+
+void job_board::run(const job_ptr &work)
+{
+    struct entry {
+        const char *kind;
+        void (job_board::*run)(job *work);
+    };
+    constexpr entry entries[] = {
+        {"eeprom-dump", &job_board::dump_eeprom},       {"eeprom-compare", &job_board::compare_eeprom},
+        {"eeprom-restore", &job_board::restore_eeprom}, {"eeprom-write", &job_board::write_eeprom},
+        {"register-dump", &job_board::dump_registers},  {"vlan", &job_board::set_vlan},
+    };
+    if (work->cancel) {
+        end(work, "cancelled");
+        return;
+    }
+    {
+        std::lock_guard guard(mutex_);
+        work->state = "running";
+        work->started_ms = clock_ms();
+        announce(*work);
+    }
+    const char *state = "done";
+    try {
+        for (const entry &known : entries) {
+            if (work->kind == known.kind)
+                (this->*known.run)(work.get());
+        }
+    } catch (const job_cancelled &) {
+        state = "cancelled";
+    } catch (const api_error &failure) {
+        state = "failed";
+        std::lock_guard guard(mutex_);
+        work->error = json::object{{"code", failure.code},
+                                   {"message", failure.what()},
+                                   {"hint", failure.hint.empty() ? json::value(nullptr) : json::value(failure.hint)}};
+    } catch (const std::exception &failure) {
+        state = "failed";
+        std::lock_guard guard(mutex_);
+        work->error = json::object{{"code", "FXM_API_EPROTO"}, {"message", failure.what()}, {"hint", nullptr}};
+    }
+    end(work, state);
+}
+
+// ---------------------------------------------------------------------------------------------------------------- EEPROM
+
+// A word, read twice: the lock on the card has one bit for every fxm, so another one may have moved a word in between.
+uint32_t job_board::read_word(job *work, uint32_t address)
+{
+    constexpr int ATTEMPTS = 3;
+    uint32_t first = 0;
+    uint32_t second = 0;
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+        for (uint32_t *word : {&first, &second}) {
+            const int result = fxm_read_eeprom(work->card, address, word, nullptr, work->flags());
+            if (result != FXM_API_SUCCESS)
+                throw_result(result, fmt::format("cannot read EEPROM word {:#05x}", address), work->card);
+        }
+        if (first == second)
+            return first;
+    }
+    throw api_error("FXM_API_EPROTO",
+                    fmt::format("EEPROM word {:#05x} of card {} reads {:#010x} and {:#010x}", address,
+                                format_id(work->card), first, second),
+                    "another manager may be at work on this EEPROM; only one fxmd may reach a card");
+}
+
+static json::array numbers(std::span<const uint32_t> values) { return json::array(values.begin(), values.end()); }
+
+void job_board::dump_eeprom(job *work)
+{
+    const uint32_t total = (work->end - work->start) / 4;
+    std::vector<uint32_t> held;
+    const auto keep = [&] {
+        std::lock_guard guard(mutex_);
+        work->result = {{"start", work->start},
+                        {"end", work->start + static_cast<uint32_t>(held.size()) * 4},
+                        {"words", numbers(held)}};
+        work->has_result = true;
+    };
+    try {
+        for (uint32_t address = work->start; address < work->end; address += 4) {
+            progress(work, static_cast<uint32_t>(held.size()), total);
+            held.push_back(read_word(work, address));
+        }
+    } catch (...) {
+        keep();
+        throw;
+    }
+    keep();
+    progress(work, total, total);
+}
+
+// Reads the words of the range and puts those that differ into the result.
+void job_board::differing(job *work, std::vector<uint32_t> *held)
+{
+    const auto count = static_cast<uint32_t>(work->words.size());
+    json::array list;
+    for (uint32_t i = 0; i < count; ++i) {
+        progress(work, i, count);
+        held->push_back(read_word(work, work->start + i * 4));
+        if (held->back() != work->words[i])
+            list.push_back(
+                json::object{{"address", work->start + i * 4}, {"card", held->back()}, {"file", work->words[i]}});
+    }
+    std::lock_guard guard(mutex_);
+    work->result["differing"] = std::move(list);
+    work->has_result = true;
+    work->done = count;
+    work->total = count;
+}
+
+void job_board::compare_eeprom(job *work)
+{
+    std::vector<uint32_t> held;
+    differing(work, &held);
+}
+
+// What is left to do is always the words that differ, so running it again goes on where it ended.
+void job_board::restore_eeprom(job *work)
+{
+    std::vector<uint32_t> held;
+    differing(work, &held);
+    std::vector<uint32_t> left;
+    for (uint32_t i = 0; i < work->words.size(); ++i) {
+        if (held[i] != work->words[i])
+            left.push_back(work->start + i * 4);
+    }
+    const auto total = static_cast<uint32_t>(left.size());
+    std::vector<uint32_t> written;
+    const auto keep = [&] {
+        std::lock_guard guard(mutex_);
+        work->result["backup"] = numbers(held);
+        work->result["written"] = numbers(written);
+        work->result["left"] = numbers(left);
+    };
+    keep();
+    if (work->dry_run)
+        return;
+    try {
+        while (!left.empty()) {
+            progress(work, total - static_cast<uint32_t>(left.size()), total);
+            const uint32_t address = left.front();
+            const uint32_t i = (address - work->start) / 4;
+            const int result =
+                fxm_write_eeprom(work->card, address, work->words[i], nullptr, work->flags() | FXM_FLAG_VERIFY);
+            audit_(work->who, work->card, fmt::format("eeprom {:#05x} job={} result={}", address, work->number, result),
+                   fmt::format("{:#010x}", held[i]), fmt::format("{:#010x}", work->words[i]));
+            if (result != FXM_API_SUCCESS)
+                throw_result(result, fmt::format("cannot write EEPROM word {:#05x}", address), work->card);
+            written.push_back(address);
+            left.erase(left.begin());
+        }
+        // All of the range, not only what was written: the whole is what counts.
+        for (uint32_t i = 0; i < work->words.size(); ++i) {
+            progress(work, total, total);
+            if (read_word(work, work->start + i * 4) != work->words[i])
+                left.push_back(work->start + i * 4);
+        }
+        if (!left.empty())
+            throw api_error(
+                "FXM_API_EPROTO",
+                fmt::format("{} words of card {} differ again after the restore", left.size(), format_id(work->card)),
+                "another manager may be at work on this EEPROM; run the restore again");
+    } catch (...) {
+        keep();
+        throw;
+    }
+    keep();
+}
+
+void job_board::write_eeprom(job *work)
+{
+    progress(work, 0, 1);
+    const uint32_t before = read_word(work, work->address);
+    if (!work->dry_run) {
+        const int result =
+            fxm_write_eeprom(work->card, work->address, work->value, nullptr, work->flags() | FXM_FLAG_VERIFY);
+        audit_(work->who, work->card,
+               fmt::format("eeprom {:#05x} job={} result={}", work->address, work->number, result),
+               fmt::format("{:#010x}", before), fmt::format("{:#010x}", work->value));
+        if (result != FXM_API_SUCCESS)
+            throw_result(result, fmt::format("cannot write EEPROM word {:#05x}", work->address), work->card);
+    }
+    std::lock_guard guard(mutex_);
+    work->result = {{"address", work->address}, {"old", before}, {"new", work->value}, {"written", !work->dry_run}};
+    work->has_result = true;
+    work->done = work->total;
+}
+
+// -------------------------------------------------------------------------------------------------------------- the rest
+
+void job_board::dump_registers(job *work)
+{
+    const uint32_t total = (work->end - work->start) / 4;
+    std::vector<uint32_t> held;
+    const auto keep = [&] {
+        std::lock_guard guard(mutex_);
+        work->result = {{"start", work->start},
+                        {"end", work->start + static_cast<uint32_t>(held.size()) * 4},
+                        {"words", numbers(held)}};
+        work->has_result = true;
+    };
+    try {
+        while (held.size() < total) {
+            progress(work, static_cast<uint32_t>(held.size()), total);
+            const uint32_t from = work->start + static_cast<uint32_t>(held.size()) * 4;
+            const uint32_t to = std::min(from + REGISTER_STEP * 4, work->end);
+            std::vector<uint32_t> step((to - from) / 4);
+            uint64_t size = step.size() * 4;
+            const int result = fxm_dump_register(work->card, from, to, step.data(), &size, nullptr, 0);
+            held.insert(held.end(), step.begin(), step.begin() + static_cast<ptrdiff_t>(size / 4));
+            if (result != FXM_API_SUCCESS)
+                throw_result(result, fmt::format("cannot read register {:#x}", from + static_cast<uint32_t>(size)),
+                             work->card);
+        }
+    } catch (...) {
+        keep();
+        throw;
+    }
+    keep();
+    progress(work, total, total);
+}
+
+void job_board::set_vlan(job *work)
+{
+    progress(work, 0, 1);
+    fxm_fxsv_t server{};
+    fxm_fxio_t device{};
+    uint16_t before = 0;
+    if (fxm_get_fxsv(work->card, &server) == FXM_API_SUCCESS)
+        before = server.fsv_card.fcd_vlan_id;
+    else if (fxm_get_fxio(work->card, &device) == FXM_API_SUCCESS)
+        before = device.fio_card.fcd_vlan_id;
+    const auto vlan = static_cast<uint16_t>(work->value);
+    const int result = fxm_set_vlanid(work->card, vlan, nullptr, FXM_FLAG_VERIFY);
+    audit_(work->who, work->card, fmt::format("vlan job={} result={}", work->number, result), std::to_string(before),
+           std::to_string(vlan));
+    if (result != FXM_API_SUCCESS)
+        throw_result(result, fmt::format("cannot set VLAN {}", vlan), work->card);
+    std::lock_guard guard(mutex_);
+    work->result = {{"old", before}, {"new", vlan}};
+    work->has_result = true;
+    work->done = work->total;
+}
+
+} // namespace fxm
