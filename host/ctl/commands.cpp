@@ -1,0 +1,181 @@
+#include "ctl/commands.h"
+
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "common/card_id.h"
+
+namespace fxm
+{
+
+namespace json = boost::json;
+
+client &session::api()
+{
+    if (api_ == nullptr)
+        api_ = std::make_unique<client>(where);
+    return *api_;
+}
+
+// ----------------------------------------------------------------------------------------------------- reading documents
+
+static const json::value &member(const json::object &from, std::string_view name)
+{
+    const json::value *value = from.if_contains(name);
+    if (value == nullptr)
+        throw ctl_error(EXIT_FAILED, fmt::format("the answer of fxmd has no \"{}\"; fxmctl and fxmd do not fit", name));
+    return *value;
+}
+
+std::string text(const json::object &from, std::string_view name)
+{
+    const json::value &value = member(from, name);
+    return value.is_string() ? std::string(value.get_string().data(), value.get_string().size()) : std::string();
+}
+
+int64_t number(const json::object &from, std::string_view name)
+{
+    const json::value &value = member(from, name);
+    if (value.is_int64())
+        return value.get_int64();
+    return value.is_uint64() ? static_cast<int64_t>(value.get_uint64()) : 0;
+}
+
+bool flag(const json::object &from, std::string_view name)
+{
+    const json::value &value = member(from, name);
+    return value.is_bool() && value.get_bool();
+}
+
+bool is_null(const json::object &from, std::string_view name) { return member(from, name).is_null(); }
+
+const json::array &array(const json::object &from, std::string_view name) { return member(from, name).as_array(); }
+
+const json::object &object(const json::object &from, std::string_view name) { return member(from, name).as_object(); }
+
+json::object parse_line(std::string_view line)
+{
+    boost::system::error_code error;
+    json::value parsed = json::parse(line, error);
+    if (error || !parsed.is_object())
+        throw ctl_error(EXIT_FAILED, "a line of fxmd's answer is no JSON object");
+    return std::move(parsed.get_object());
+}
+
+// ------------------------------------------------------------------------------------------------------------ for commands
+
+std::string upper(std::string_view text)
+{
+    std::string made(text);
+    std::transform(made.begin(), made.end(), made.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return made;
+}
+
+std::string card_path(const std::string &id)
+{
+    const auto parsed = parse_id(id);
+    if (!parsed)
+        throw ctl_error(EXIT_USAGE, fmt::format("\"{}\" is not a card id", id), "write an id like 02:00:00:00:10:00");
+    return "/v1/cards/" + format_id(*parsed);
+}
+
+std::string card_words(session *all, const std::string &id)
+{
+    const json::object card = all->api().get(card_path(id));
+    return fmt::format("{} ({}, vlan {})", text(card, "id"), upper(text(card, "class")), number(card, "vlan"));
+}
+
+int print_document(session *all, const std::string &path, const query &arguments,
+                   const std::function<void(const json::object &)> &show)
+{
+    if (all->how.json || all->how.ndjson)
+        put(all->api().get_text(path, arguments));
+    else
+        show(all->api().get(path, arguments));
+    return EXIT_DONE;
+}
+
+static volatile sig_atomic_t interrupt_seen = 0;
+
+void catch_interrupt()
+{
+    struct sigaction action {
+    };
+    action.sa_handler = [](int) { interrupt_seen = 1; };
+    // A second Ctrl-C ends the program.
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGINT, &action, nullptr);
+}
+
+bool interrupted() { return interrupt_seen != 0; }
+
+json::object run_job(session *all, const json::object &request, const std::string &title,
+                     const std::function<void(const json::object &)> &ended)
+{
+    json::object job = all->api().send("POST", "/v1/jobs", request);
+    const std::string path = fmt::format("/v1/jobs/{}", number(job, "job"));
+    catch_interrupt();
+    bool cancelled = false;
+    {
+        progress_bar bar(title);
+        // The first looks follow closely, for jobs of some milliseconds.
+        for (int pause_ms = 2; is_null(job, "ended_ms"); pause_ms = std::min(pause_ms * 2, 250)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
+            if (interrupted() && !cancelled) {
+                cancelled = true;
+                all->api().send("DELETE", path, {});
+            }
+            job = all->api().get(path);
+            bar.show(static_cast<uint64_t>(number(job, "done")), static_cast<uint64_t>(number(job, "total")), "words");
+        }
+    }
+    if (ended)
+        ended(job);
+    const std::string state = text(job, "state");
+    if (state == "cancelled")
+        throw ctl_error(EXIT_FAILED, fmt::format("job {} was cancelled", number(job, "job")));
+    if (state == "failed") {
+        const json::object &error = object(job, "error");
+        const std::string code = text(error, "code");
+        throw ctl_error(code == "FXM_API_ETIMEDOUT" || code == "FXM_API_ENOLINK" ? EXIT_UNREACHABLE
+                        : code == "FXM_API_EBUSY"                                ? EXIT_BUSY
+                        : code == "FXM_API_ENOENT"                               ? EXIT_NO_CARD
+                                                                                 : EXIT_FAILED,
+                        text(error, "message"), text(error, "hint"));
+    }
+    return job;
+}
+
+void operation_options::add_to(CLI::App *command)
+{
+    command->add_option("--retries", retries, "attempts after the first one (default: as configured)");
+    command->add_option("--interval", interval_ms, "how long to wait for each answer, ms (default: as configured)");
+    command->add_flag("--livecheck", livecheck, "first look for a channel on which the card answers");
+}
+
+void operation_options::add_to(json::object *body) const
+{
+    if (retries)
+        (*body)["retries"] = *retries;
+    if (interval_ms)
+        (*body)["interval_ms"] = *interval_ms;
+    if (livecheck)
+        (*body)["livecheck"] = true;
+}
+
+void operation_options::add_to(query *arguments) const
+{
+    if (retries)
+        arguments->emplace_back("retries", std::to_string(*retries));
+    if (interval_ms)
+        arguments->emplace_back("interval_ms", std::to_string(*interval_ms));
+    if (livecheck)
+        arguments->emplace_back("livecheck", "true");
+}
+
+} // namespace fxm
