@@ -2,8 +2,6 @@
 #include "host.h"
 
 #include <errno.h>
-#include <getopt.h>
-#include <inttypes.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdatomic.h>
@@ -11,13 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-#include <unistd.h>
-
-#include "explain.h"
-
-#define WAIT_DEFAULT     10u /* seconds; cards announce themselves every second */
-#define RETRIES_DEFAULT  10u
-#define INTERVAL_DEFAULT 100u
 
 static struct {
     pthread_t thread;
@@ -101,11 +92,14 @@ bool host_start(const char *dir)
     } while (result == FXM_API_ENOSYS && host_running());
     if (result != FXM_API_ENOSYS) {
         fxm_free_idlist(list);
-        explain_ports(dir);
         return true;
     }
     pthread_join(_host.thread, NULL);
-    explain_start(dir, _host.result);
+    fprintf(
+        stderr,
+        "fxm did not start in %s: %s\nIts log has the reason; %s/conf/fxm_log4c_win.properties says where that is. An "
+        "interface must be up, and raw sockets need root or CAP_NET_RAW.\n",
+        dir, host_result(_host.result), dir);
     return false;
 }
 
@@ -158,33 +152,6 @@ const char *host_channels(const fxm_card_data_t *card, char *text)
     return text;
 }
 
-bool host_parse_id(const char *text, uint64_t *id)
-{
-    const char separator = text[strcspn(text, ":-.")];
-    size_t group = 12; /* digits between two separators */
-    uint64_t value = 0;
-
-    if (separator != '\0')
-        group = separator == '.' ? 4 : 2;
-    else if (text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
-        text += 2;
-    if (strlen(text) != 12 + 12 / group - 1)
-        return false;
-    for (size_t i = 0; text[i] != '\0'; i++) {
-        const char digit[2] = {text[i], '\0'};
-        if (i % (group + 1) == group) {
-            if (text[i] != separator)
-                return false;
-            continue;
-        }
-        if (strspn(digit, "0123456789abcdefABCDEF") == 0)
-            return false;
-        value = value << 4 | strtoul(digit, NULL, 16);
-    }
-    *id = value;
-    return true;
-}
-
 bool host_parse_u32(const char *text, uint32_t *value)
 {
     char *end = NULL;
@@ -195,165 +162,4 @@ bool host_parse_u32(const char *text, uint32_t *value)
     unsigned long long number = strtoull(text, &end, 0);
     *value = (uint32_t)number;
     return errno == 0 && *end == '\0' && number <= UINT32_MAX;
-}
-
-/* ------------------------------------------------------------------------- tools that work on one card and end */
-
-void host_print_version(const char *program) { printf("%s %s\n", program, HOST_VERSION); }
-
-static bool _refuse(int *status, const host_usage_t *usage, const char *what, const char *on)
-{
-    fprintf(stderr, "%s: %s: %s\nSee \"%s --help\".\n", usage->program, what, on, usage->program);
-    *status = HOST_USAGE;
-    return false;
-}
-
-bool host_tool_arguments(int argc, char **argv, const host_usage_t *usage, host_tool_t *tool, int *status)
-{
-    static const struct option options[] = {
-        {"dir", required_argument, NULL, 'd'},     {"wait", required_argument, NULL, 'w'},
-        {"retries", required_argument, NULL, 'r'}, {"interval", required_argument, NULL, 'i'},
-        {"livecheck", no_argument, NULL, 'l'},     {"verify", no_argument, NULL, 'v'},
-        {"force", no_argument, NULL, 'f'},         {"help", no_argument, NULL, 'h'},
-        {"version", no_argument, NULL, 'V'},       {NULL, 0, NULL, 0},
-    };
-    static fxm_retry_param_t retry;
-
-    *tool = (host_tool_t){.dir = HOST_DIR, .wait = WAIT_DEFAULT};
-    retry = (fxm_retry_param_t){RETRIES_DEFAULT, INTERVAL_DEFAULT};
-    for (int option; (option = getopt_long(argc, argv, "h", options, NULL)) != -1;) {
-        uint32_t flag = 0;
-        uint32_t *number = NULL;
-        switch (option) {
-        case 'd':
-            tool->dir = optarg;
-            break;
-        case 'w':
-            number = &tool->wait;
-            break;
-        case 'r':
-            number = &retry.retry_cnt;
-            tool->retry = &retry;
-            break;
-        case 'i':
-            number = &retry.retry_int;
-            tool->retry = &retry;
-            break;
-        case 'l':
-            flag = FXM_FLAG_LIVECHECK;
-            break;
-        case 'v':
-            flag = FXM_FLAG_VERIFY;
-            break;
-        case 'f':
-            flag = FXM_FLAG_FORCELOCK;
-            break;
-        case 'h':
-            fputs(usage->text, stdout);
-            *status = HOST_DONE;
-            return false;
-        case 'V':
-            host_print_version(usage->program);
-            *status = HOST_DONE;
-            return false;
-        default: /* getopt_long has printed what is wrong */
-            fprintf(stderr, "See \"%s --help\".\n", usage->program);
-            *status = HOST_USAGE;
-            return false;
-        }
-        if (number != NULL && !host_parse_u32(optarg, number))
-            return _refuse(status, usage, "not a 32-bit number", optarg);
-        if ((flag & ~usage->flags) != 0)
-            return _refuse(status, usage, "this tool has no such option", argv[optind - 1]);
-        tool->flags |= flag;
-    }
-    if (retry.retry_int == 0)
-        return _refuse(status, usage, "an interval is at least 1 ms", "--interval 0");
-    if (argc - optind < 2)
-        return _refuse(status, usage, "missing", argc == optind ? "the card's id and a command" : "a command");
-    if (!host_parse_id(argv[optind], &tool->id))
-        return _refuse(status, usage, "not a card id, such as 02:00:00:00:10:00", argv[optind]);
-    const char *word = argv[optind + 1];
-    while (usage->commands[tool->command].word != NULL && strcmp(usage->commands[tool->command].word, word) != 0)
-        tool->command++;
-    if (usage->commands[tool->command].word == NULL)
-        return _refuse(status, usage, "unknown command", word);
-    if (argc - optind - 2 != usage->commands[tool->command].argc)
-        return _refuse(status, usage, "wrong number of arguments", word);
-    tool->argv = argv + optind + 2;
-    return true;
-}
-
-/* True once a channel of the card is up. The odd MAC of a 40G card is accepted for its id, the even one. */
-static bool _is_reachable(host_tool_t *tool)
-{
-    fxm_card_data_t card;
-    char channels[HOST_CHANNELS];
-    uint64_t id = tool->id;
-
-    if (host_find_card(id, &card) == NULL) {
-        id &= ~1ull;
-        if (host_find_card(id, &card) == NULL || card.fcd_type == 0)
-            return false;
-    }
-    if (strcmp(host_channels(&card, channels), "none") == 0)
-        return false;
-    if (id != tool->id)
-        fprintf(stderr, "0x%.12" PRIx64 " is the second MAC of the 40G card 0x%.12" PRIx64 ".\n", tool->id, id);
-    tool->id = id;
-    return true;
-}
-
-int host_tool_start(host_tool_t *tool)
-{
-    if (!host_start(tool->dir))
-        return HOST_NOT_STARTED;
-    fxm_start_manager();
-    bool reachable = false;
-    for (uint64_t waited = 0; waited <= tool->wait * 100ull && !reachable && host_running(); waited++) {
-        if (host_stop_asked(10)) {
-            host_stop();
-            fprintf(stderr, "Interrupted before anything was sent to card 0x%.12" PRIx64 ".\n", tool->id);
-            return HOST_INTERRUPTED;
-        }
-        reachable = _is_reachable(tool);
-    }
-    if (reachable)
-        return HOST_DONE;
-    if (host_running())
-        fprintf(stderr,
-                "Card 0x%.12" PRIx64 " has not announced itself within %u seconds. List the cards with fxm-monitor, or"
-                " wait longer with --wait.\n",
-                tool->id, tool->wait);
-    host_stop();
-    return HOST_FAILED;
-}
-
-int host_tool_report(const host_tool_t *tool, const char *what, int result)
-{
-    const char *advice = "";
-
-    if (result == FXM_API_SUCCESS)
-        return HOST_DONE;
-    if (result == FXM_API_ENOLINK)
-        advice = " Its channels are down. --livecheck looks for a channel on which it answers.";
-    else if (result == FXM_API_ETIMEDOUT)
-        advice = " Try again with more --retries or a longer --interval.";
-    else if (result == FXM_API_EBUSY)
-        advice = " Try again later, or take the lock with --force.";
-    else if (result == FXM_API_EPROTO)
-        advice = " The log has the reason.";
-    fprintf(stderr, "%s on card 0x%.12" PRIx64 " failed: %s.%s\n", what, tool->id, host_result(result), advice);
-    return HOST_FAILED;
-}
-
-int host_tool_end(int status)
-{
-    const bool stopped = host_stop() == FXM_API_SUCCESS;
-
-    if (fflush(stdout) != 0 || ferror(stdout)) {
-        fprintf(stderr, "Cannot write to standard output: %s.\n", strerror(errno));
-        return HOST_FAILED;
-    }
-    return stopped ? status : HOST_FAILED;
 }

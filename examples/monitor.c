@@ -1,21 +1,31 @@
-/* The smallest host: starts the library, prints every event together with its card, and stops on Ctrl-C. The main
- * thread prints a table of all cards now and then; events arrive on the library's event thread. */
+/* A host to copy: claims the ports, starts the library, prints every event together with its card, and stops on Ctrl-C.
+ * The main thread prints a table of all cards now and then; events arrive on the library's event thread. */
+#include "claim.h"
 #include "host.h"
+
+#include <errno.h>
 
 #include <getopt.h>
 #include <inttypes.h>
 #include <stdio.h>
+#include <string.h>
 #include <time.h>
+#include <unistd.h>
 
-static const char _usage[] = "Usage: fxm-monitor [--dir DIR] [--table S] [--seconds N]\n"
-                             "Shows the cards of the management network and their events, until Ctrl-C.\n"
-                             "  --dir DIR    installation directory with conf/fxm.conf (default " HOST_DIR ")\n"
-                             "  --table S    print a table of all cards every S seconds (default: at the end only)\n"
-                             "  --seconds N  stop after N seconds\n"
-                             "  --version    print the version\n"
-                             "  -h, --help   print this text\n"
-                             "Exit code: 0 stopped by Ctrl-C, SIGTERM or --seconds, 1 failed, 2 wrong usage, 3 fxm did "
-                             "not start.\n";
+static const char _usage[] =
+    "Usage: fxm-monitor [--dir DIR] [--table S] [--seconds N] [--ignore-claim]\n"
+    "Shows the cards of the management network and their events, until Ctrl-C.\n"
+    "  --dir DIR    installation directory with conf/fxm.conf (default " HOST_DIR ")\n"
+    "  --table S    print a table of all cards every S seconds (default: at the end only)\n"
+    "  --seconds N  stop after N seconds\n"
+    "  --ignore-claim\n"
+    "               root only: run although another manager owns a port; both get wrong values\n"
+    "  --version    print the version\n"
+    "  -h, --help   print this text\n"
+    "Exit code: 0 stopped by Ctrl-C, SIGTERM or --seconds, 1 failed, 2 wrong usage, 3 fxm did "
+    "not start, 5 a port has another manager.\n";
+
+enum { DONE = 0, FAILED = 1, USAGE = 2, NOT_STARTED = 3, CLAIMED = 5 };
 
 static const char *const _event_words[] = {"new", "update", "connection", "error", "path", "channel"};
 
@@ -111,38 +121,51 @@ static void _print_table(void)
 
 int main(int argc, char **argv)
 {
-    static const struct option options[] = {
-        {"dir", required_argument, NULL, 'd'},     {"table", required_argument, NULL, 't'},
-        {"seconds", required_argument, NULL, 's'}, {"help", no_argument, NULL, 'h'},
-        {"version", no_argument, NULL, 'V'},       {NULL, 0, NULL, 0}};
+    static const struct option options[] = {{"dir", required_argument, NULL, 'd'},
+                                            {"table", required_argument, NULL, 't'},
+                                            {"seconds", required_argument, NULL, 's'},
+                                            {"help", no_argument, NULL, 'h'},
+                                            {"version", no_argument, NULL, 'V'},
+                                            {"ignore-claim", no_argument, NULL, 'c'},
+                                            {NULL, 0, NULL, 0}};
     const char *dir = HOST_DIR;
     uint32_t table = 0;
     uint32_t seconds = 0;
+    bool ignore_claim = false;
 
     for (int option; (option = getopt_long(argc, argv, "h", options, NULL)) != -1;) {
         if (option == 'd') {
             dir = optarg;
         } else if (option == 'h') {
             fputs(_usage, stdout);
-            return HOST_DONE;
+            return DONE;
         } else if (option == 'V') {
-            host_print_version("fxm-monitor");
-            return HOST_DONE;
+            printf("fxm-monitor %s\n", HOST_VERSION);
+            return DONE;
+        } else if (option == 'c') {
+            ignore_claim = true;
         } else if (option == '?') { /* getopt_long has printed what is wrong */
             fputs("See \"fxm-monitor --help\".\n", stderr);
-            return HOST_USAGE;
+            return USAGE;
         } else if (!host_parse_u32(optarg, option == 't' ? &table : &seconds)) {
             fprintf(stderr, "fxm-monitor: not a 32-bit number: %s\nSee \"fxm-monitor --help\".\n", optarg);
-            return HOST_USAGE;
+            return USAGE;
         }
     }
     if (optind < argc) {
         fprintf(stderr, "fxm-monitor: unknown argument: %s\nSee \"fxm-monitor --help\".\n", argv[optind]);
-        return HOST_USAGE;
+        return USAGE;
     }
 
+    if (ignore_claim && geteuid() != 0) {
+        fputs("fxm-monitor: only root may ignore the claim of another manager.\n", stderr);
+        return USAGE;
+    }
+    /* The claims last until the program ends. */
+    if (!ignore_claim && !claim_ports(dir))
+        return CLAIMED;
     if (!host_start(dir))
-        return HOST_NOT_STARTED;
+        return NOT_STARTED;
     for (int32_t type = FXM_EVT_NEWDEVINFO; type <= FXM_EVT_CHANNELSTATECHANGE; type++) {
         void *cbid;
         int result = fxm_register_callback(type, _on_event, 0, &cbid);
@@ -161,5 +184,10 @@ int main(int argc, char **argv)
             break;
     }
     _print_table();
-    return host_tool_end(HOST_DONE);
+    const bool stopped = host_stop() == FXM_API_SUCCESS;
+    if (fflush(stdout) != 0 || ferror(stdout)) {
+        fprintf(stderr, "Cannot write to standard output: %s.\n", strerror(errno));
+        return FAILED;
+    }
+    return stopped ? DONE : FAILED;
 }

@@ -5,7 +5,10 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 FXM_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev liblog4cxx-dev libgtest-dev libbenchmark-dev)
-FXM_RUN_PACKAGES=(iproute2 util-linux)
+# Of fxmd and fxmctl.
+FXM_BUILD_PACKAGES+=(libmicrohttpd-dev libcurl4-openssl-dev libboost-json1.81-dev libtomlplusplus-dev libcli11-dev
+    libfmt-dev prometheus-cpp-dev libsqlite3-dev libsystemd-dev)
+FXM_RUN_PACKAGES=(iproute2 util-linux python3 python3-jsonschema)
 FXM_CLANG_VERSION=14
 
 say() { printf '\n== %s\n' "$*"; }
@@ -25,8 +28,9 @@ common_options() {
             exit 0
             ;;
         --version)
-            # CMakeLists.txt is the one place of the version.
-            printf '%s (fxm) %s\n' "${0##*/}" "$(sed -n 's/^project(fxm VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)"
+            # The public header is the one place of the version.
+            printf '%s (fxm) %s\n' "${0##*/}" \
+                "$(sed -n 's/^#define FXM_VERSION_[MP][A-Z]* *\([0-9]*\)$/\1/p' include/fxm.h | paste -sd .)"
             exit 0
             ;;
         esac

@@ -15,6 +15,21 @@ static std::string default_socket()
     return path != nullptr && *path != '\0' ? path : "/run/fxm/fxmd.sock";
 }
 
+// The parser says only that a command is missing.
+static std::string unknown_command(const CLI::App &app, int argc, char **argv)
+{
+    if (!app.get_subcommands().empty())
+        return "";
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "--socket" || word == "--url" || word == "--token-file")
+            ++i;
+        else if (!word.starts_with('-'))
+            return word;
+    }
+    return "";
+}
+
 static int run(fxm::session *all)
 {
     int result = fxm::EXIT_FAILED;
@@ -65,7 +80,9 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &failure) {
         if (failure.get_exit_code() == 0)
             return app.exit(failure);
-        fmt::print(stderr, "fxmctl: {}; see fxmctl --help\n", failure.what());
+        const std::string unknown = unknown_command(app, argc, argv);
+        fmt::print(stderr, "fxmctl: {}; see fxmctl --help\n",
+                   unknown.empty() ? failure.what() : fmt::format("there is no command \"{}\"", unknown));
         return fxm::EXIT_USAGE;
     }
     all.how.colour = !no_colour && isatty(STDOUT_FILENO) != 0 && getenv("NO_COLOR") == nullptr;

@@ -157,7 +157,7 @@ void confirm(const output_options &how, const std::string &target, const std::st
     if (how.yes || how.dry_run)
         return;
     if (isatty(STDIN_FILENO) == 0)
-        throw ctl_error(EXIT_USAGE, target + ": nothing was written, because nobody can be asked",
+        throw ctl_error(EXIT_USAGE, fmt::format("nothing was written, because nobody can be asked: {}?", target),
                         "say --yes to write without a question, or --dry-run to see what would happen");
     flush();
     fmt::print(stderr, "{}{}", target, typed.empty() ? "? [y/N] " : fmt::format(". Type {}: ", typed));

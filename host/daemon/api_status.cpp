@@ -276,7 +276,7 @@ static void set_log_level(services &all, api_call &call)
     for (const entry &known : levels) {
         if (name != known.name)
             continue;
-        const int result = fxm_set_loglevel(known.level);
+        const int result = library::set_log_level(known.level);
         if (result != FXM_API_SUCCESS)
             throw api_error("FXM_API_ENOSYS", "the library is not running");
         all.log->audit(fmt::format("log level uid={} pid={} level={}", call.id.uid, call.id.pid, name));

@@ -539,7 +539,7 @@ void write_library_files(const config &settings, const fs::path &dir)
 
     std::string properties = "# Written by fxmd at each start.\nlog4j.rootLogger=OFF\nlog4j.logger.statslogfile=OFF\n";
     for (const char *logger : {"logfile", "syslogfile"})
-        properties += fmt::format("log4j.logger.{}=TRACE, ERR\nlog4j.additivity.{}=false\n", logger, logger);
+        properties += fmt::format("log4j.logger.{}=WARN, ERR\nlog4j.additivity.{}=false\n", logger, logger);
     properties += "log4j.appender.ERR=org.apache.log4j.ConsoleAppender\nlog4j.appender.ERR.Target=System.err\n"
                   "log4j.appender.ERR.layout=org.apache.log4j.PatternLayout\n"
                   "log4j.appender.ERR.layout.ConversionPattern=libfxm %p %m%n\n";

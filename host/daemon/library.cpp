@@ -1,6 +1,7 @@
 #include "daemon/library.h"
 
 #include <fmt/format.h>
+#include <log4cxx/logger.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -174,6 +175,17 @@ void library::stop()
         supervisor_.join();
     fxm_fini_manager();
     join();
+}
+
+int library::set_log_level(int level)
+{
+    // The library filters first. Its lines before it has read its own level are filtered by the logger, see the log
+    // properties that fxmd writes.
+    const int result = fxm_set_loglevel(level);
+    if (result == FXM_API_SUCCESS)
+        log4cxx::Logger::getLogger("logfile")->setLevel(level > FXM_LOG_WARN ? log4cxx::Level::getTrace()
+                                                                             : log4cxx::Level::getWarn());
+    return result;
 }
 
 library_status library::status() const

@@ -45,6 +45,10 @@ class library
 
     library_status status() const;
 
+    // The level of the library's log until its next start; FXM_LOG_ codes. At start it is WARN, because at INFO every call
+    // writes two lines. Returns an FXM_API_ code.
+    static int set_log_level(int level);
+
     static constexpr auto FIRST_PAUSE = std::chrono::milliseconds(1000);
     static constexpr auto LAST_PAUSE = std::chrono::milliseconds(60000);
 

@@ -251,7 +251,8 @@ class daemon
     void tick()
     {
         ticked_ms_ = clock_ms();
-        ports_.poll();
+        if (fabric_.status().state != library_state::stopping)
+            ports_.poll();
         sequence_.reserve(events_.last_seq());
         if (!refusal_told_ && read_counters(all_.settings()->ports).refused != 0) {
             refusal_told_ = true;

@@ -1,0 +1,13 @@
+/* The claim on the ports of the management network. Two managers on one port give each other wrong register values, so
+ * each binds the abstract Unix socket "@fxm-port-INDEX" for each of its ports, from before its start to its end. fxmd
+ * does the same. The kernel frees the name with the process, and each network namespace has its own names. */
+#ifndef CLAIM_H
+#define CLAIM_H
+
+#include <stdbool.h>
+
+/* Claims the ports that DIR/conf/fxm.conf names. False, with the holder on stderr, if another process has one of them.
+ * A port that does not exist is left to the library, which tells about it. */
+bool claim_ports(const char *dir);
+
+#endif /* CLAIM_H */
