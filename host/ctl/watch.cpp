@@ -49,6 +49,9 @@ std::string event_words(const json::object &event)
             words += ' ' + word;
     }
     for (const auto &change : changes) {
+        // The interrupt vector is one of the three status bytes.
+        if (change.key() == "status" && changes.contains("int_vector"))
+            continue;
         const json::array &values = change.value().as_array();
         words +=
             fmt::format(" {} {}→{}", std::string_view(change.key()), value_words(values[0]), value_words(values[1]));

@@ -71,13 +71,16 @@ roles::roles(const role_settings &settings, logger *log)
     : groups_{{}, {settings.group_view, {}}, {settings.group_operate, {}}, {settings.group_admin, {}}},
       own_uid_(geteuid())
 {
+    std::string missing;
     for (group &entry : groups_) {
         if (entry.name.empty())
             continue;
         entry.gid = look_up(entry.name);
         if (!entry.gid)
-            log->warning("there is no group {}, so its role is open to root and the user of fxmd only", entry.name);
+            missing += (missing.empty() ? "" : ", ") + entry.name;
     }
+    if (!missing.empty())
+        log->warning("these groups do not exist, and nobody gets their roles: {}", missing);
     if (!settings.token_file.empty())
         tokens_ = read_tokens(settings.token_file);
 }
