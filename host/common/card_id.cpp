@@ -1,16 +1,29 @@
 #include "common/card_id.h"
 
-#include <fmt/format.h>
-
 #include <charconv>
 
 namespace fxm
 {
 
+void append_id(std::string *out, uint64_t id)
+{
+    constexpr char digits[] = "0123456789abcdef";
+    char text[17];
+    for (size_t byte = 0; byte < 6; ++byte) {
+        const uint64_t value = id >> (40 - 8 * byte) & 0xff;
+        text[byte * 3] = digits[value >> 4];
+        text[byte * 3 + 1] = digits[value & 0xf];
+        if (byte != 5)
+            text[byte * 3 + 2] = ':';
+    }
+    out->append(text, sizeof(text));
+}
+
 std::string format_id(uint64_t id)
 {
-    return fmt::format("{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", id >> 40 & 0xff, id >> 32 & 0xff, id >> 24 & 0xff,
-                       id >> 16 & 0xff, id >> 8 & 0xff, id & 0xff);
+    std::string text;
+    append_id(&text, id);
+    return text;
 }
 
 // The number of digits between two separators, or 0 for a text without separators.

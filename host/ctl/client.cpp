@@ -1,20 +1,34 @@
 #include "ctl/client.h"
 
-#include <curl/curl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <boost/asio/generic/stream_protocol.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http.hpp>
+
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 
+#include "common/card_id.h"
+
 namespace fxm
 {
 
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
 namespace json = boost::json;
 
 struct client::state {
-    CURL *handle = nullptr;
+    asio::io_context context;
+    // Kept for the next request.
+    asio::generic::stream_protocol::socket socket{context};
+    boost::beast::flat_buffer buffer;
 };
 
 std::string escape(std::string_view text)
@@ -30,7 +44,7 @@ std::string escape(std::string_view text)
     return out;
 }
 
-client::client(endpoint where) : where_(std::move(where)), state_(new state)
+client::client(endpoint where) : where_(std::move(where)), state_(std::make_unique<state>())
 {
     if (!where_.token_file.empty()) {
         std::ifstream file(where_.token_file);
@@ -42,28 +56,11 @@ client::client(endpoint where) : where_(std::move(where)), state_(new state)
         if (token_.empty())
             throw ctl_error(EXIT_USAGE, fmt::format("{} holds no token", where_.token_file));
     }
-    // Nothing of TLS is needed, and its initialisation takes longer than a request.
-    curl_global_init(CURL_GLOBAL_NOTHING);
-    state_->handle = curl_easy_init();
-    if (state_->handle == nullptr) {
-        delete state_;
-        throw ctl_error(EXIT_FAILED, "libcurl could not start");
-    }
 }
 
-client::~client()
-{
-    curl_easy_cleanup(state_->handle);
-    delete state_;
-}
+client::~client() = default;
 
 std::string client::where() const { return where_.url.empty() ? where_.socket : where_.url; }
-
-static size_t write_body(char *data, size_t, size_t size, void *arg)
-{
-    const auto &take = *static_cast<const std::function<bool(const char *, size_t)> *>(arg);
-    return take(data, size) ? size : 0;
-}
 
 static exit_code exit_of(std::string_view code, std::string_view path)
 {
@@ -92,7 +89,7 @@ static std::string text_of(const json::object &from, std::string_view name)
                                                   : std::string();
 }
 
-[[noreturn]] static void throw_answer(const std::string &path, long status, const std::string &body)
+[[noreturn]] static void throw_answer(const std::string &path, unsigned status, const std::string &body)
 {
     boost::system::error_code error;
     const json::value parsed = json::parse(body, error);
@@ -102,65 +99,114 @@ static std::string text_of(const json::object &from, std::string_view name)
     throw ctl_error(exit_of(text_of(answer, "code"), path), text_of(answer, "message"), text_of(answer, "hint"));
 }
 
-// Returns the HTTP status. `take` gets the body, or nothing when it returns false, which ends the transfer.
-long client::perform(const char *method, const std::string &path, const query &arguments, const std::string &body,
-                     const char *accept, const std::function<bool(const char *, size_t)> &take)
+// Only loopback addresses make sense: fxmd listens nowhere else.
+static asio::ip::tcp::endpoint parse_url(const std::string &url)
 {
-    CURL *handle = state_->handle;
-    curl_easy_reset(handle);
-    std::string url = (where_.url.empty() ? "http://fxmd" : where_.url) + path;
+    constexpr std::string_view scheme = "http://";
+    std::string_view rest = url;
+    if (rest.starts_with(scheme)) {
+        rest.remove_prefix(scheme.size());
+        while (rest.ends_with('/'))
+            rest.remove_suffix(1);
+        const size_t colon = rest.rfind(':');
+        const auto port = colon != std::string_view::npos ? parse_u32(rest.substr(colon + 1)) : std::nullopt;
+        const std::string_view host = rest.substr(0, colon);
+        if (port && *port <= 65535 && (host == "127.0.0.1" || host == "localhost"))
+            return {asio::ip::address_v4::loopback(), static_cast<unsigned short>(*port)};
+    }
+    throw ctl_error(EXIT_USAGE, fmt::format("\"{}\" is no address of fxmd", url), "write http://127.0.0.1:8610");
+}
+
+void client::connect()
+{
+    boost::system::error_code error;
+    state_->buffer.clear();
+    state_->socket = asio::generic::stream_protocol::socket(state_->context);
+    if (!where_.url.empty())
+        state_->socket.connect(parse_url(where_.url), error);
+    else if (where_.socket.size() < 108)
+        state_->socket.connect(asio::local::stream_protocol::endpoint(where_.socket), error);
+    else
+        throw ctl_error(EXIT_USAGE, fmt::format("the path of a socket has at most 107 characters: {}", where_.socket));
+    if (!error)
+        return;
+    if (error == asio::error::access_denied)
+        throw ctl_error(EXIT_DENIED, fmt::format("no permission on the socket {}", where()),
+                        "ask for membership of the group fxm-view or fxm, or use sudo");
+    const bool missing = where_.url.empty() && access(where_.socket.c_str(), F_OK) != 0;
+    throw ctl_error(EXIT_NO_DAEMON,
+                    missing ? fmt::format("fxmd is not running: there is no socket {}", where_.socket)
+                            : fmt::format("fxmd is not running: nobody listens at {}", where()),
+                    "start fxmd, or set --socket or FXM_SOCKET");
+}
+
+// Returns the HTTP status. `take` gets the body piece by piece; when it returns false, the transfer ends.
+unsigned client::perform(const char *method, const std::string &path, const query &arguments, const std::string &body,
+                         const char *accept, const std::function<bool(unsigned, const char *, size_t)> &take)
+{
+    std::string target = path;
     char separator = '?';
     for (const auto &[key, value] : arguments) {
-        url += separator + escape(key) + '=' + escape(value);
+        target += separator + escape(key) + '=' + escape(value);
         separator = '&';
     }
-    if (where_.url.empty())
-        curl_easy_setopt(handle, CURLOPT_UNIX_SOCKET_PATH, where_.socket.c_str());
-    curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(handle, CURLOPT_PROXY, "");
-    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method);
-    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, write_body);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &take);
-    struct lists {
-        curl_slist *headers = nullptr;
-        ~lists() { curl_slist_free_all(headers); }
-    } made;
-    made.headers = curl_slist_append(made.headers, fmt::format("Accept: {}", accept).c_str());
+    http::request<http::string_body> request;
+    request.method_string(method);
+    request.target(target);
+    request.version(11);
+    request.set(http::field::host, where_.url.empty() ? "fxmd" : "127.0.0.1");
+    request.set(http::field::accept, accept);
     if (!token_.empty())
-        made.headers = curl_slist_append(made.headers, ("Authorization: Bearer " + token_).c_str());
-    if (!body.empty()) {
-        made.headers = curl_slist_append(made.headers, "Content-Type: application/json");
-        // The server takes the body at once; waiting for its consent costs a second where it does not answer.
-        made.headers = curl_slist_append(made.headers, "Expect:");
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.c_str());
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+        request.set(http::field::authorization, "Bearer " + token_);
+    request.body() = body;
+    request.prepare_payload();
+
+    const bool kept = state_->socket.is_open();
+    if (!kept)
+        connect();
+    boost::system::error_code error;
+    http::response_parser<http::buffer_body> parser;
+    parser.body_limit(boost::none);
+    http::write(state_->socket, request, error);
+    if (!error)
+        http::read_header(state_->socket, state_->buffer, parser, error);
+    // fxmd has ended a connection that was idle, or has been restarted. Nothing of the answer has come.
+    if (error && kept && !parser.got_some()) {
+        state_->socket.close();
+        return perform(method, path, arguments, body, accept, take);
     }
-    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, made.headers);
-    const CURLcode code = curl_easy_perform(handle);
-    long status = 0;
-    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
-    if (code == CURLE_OK || code == CURLE_WRITE_ERROR)
-        return status;
-    if (code == CURLE_COULDNT_CONNECT && where_.url.empty() && access(where_.socket.c_str(), F_OK) != 0)
-        throw ctl_error(EXIT_NO_DAEMON, fmt::format("fxmd is not running: there is no socket {}", where_.socket),
-                        "start fxmd, or set --socket or FXM_SOCKET");
-    if (code == CURLE_COULDNT_CONNECT && where_.url.empty() && access(where_.socket.c_str(), W_OK) != 0)
-        throw ctl_error(EXIT_DENIED, fmt::format("no permission on the socket {}", where_.socket),
-                        "ask for membership of the group fxm-view or fxm, or use sudo");
-    throw ctl_error(EXIT_NO_DAEMON,
-                    fmt::format("no answer from fxmd at {}: {}", this->where(), curl_easy_strerror(code)),
-                    "start fxmd, or set --socket or FXM_SOCKET");
+    std::array<char, 65536> piece;
+    while (!error && !parser.is_done()) {
+        parser.get().body().data = piece.data();
+        parser.get().body().size = piece.size();
+        parser.get().body().more = true;
+        // One read at a time: a stream has no end to wait for.
+        http::read_some(state_->socket, state_->buffer, parser, error);
+        if (error == http::error::need_buffer)
+            error = {};
+        const size_t size = piece.size() - parser.get().body().size;
+        if (size != 0 && !take(parser.get().result_int(), piece.data(), size)) {
+            state_->socket.close();
+            return parser.get().result_int();
+        }
+    }
+    if (error || !parser.get().keep_alive())
+        state_->socket.close();
+    if (error && !parser.is_done())
+        throw ctl_error(EXIT_NO_DAEMON, fmt::format("fxmd at {} ended the connection: {}", where(), error.message()),
+                        "see its log");
+    return parser.get().result_int();
 }
 
 std::string client::request(const char *method, const std::string &path, const query &arguments,
                             const std::string &body)
 {
     std::string answer;
-    const long status = perform(method, path, arguments, body, "application/json", [&](const char *data, size_t size) {
-        answer.append(data, size);
-        return true;
-    });
+    const unsigned status =
+        perform(method, path, arguments, body, "application/json", [&](unsigned, const char *data, size_t size) {
+            answer.append(data, size);
+            return true;
+        });
     if (status >= 400)
         throw_answer(path, status, answer);
     return answer;
@@ -195,24 +241,23 @@ void client::stream(const std::string &path, const query &arguments, const std::
     std::string partial;
     std::string refusal;
     bool asked_to_end = false;
-    const long status = perform("GET", path, arguments, "", "application/x-ndjson", [&](const char *data, size_t size) {
-        long now = 0;
-        curl_easy_getinfo(state_->handle, CURLINFO_RESPONSE_CODE, &now);
-        if (now >= 400) {
-            refusal.append(data, size);
-            return true;
-        }
-        partial.append(data, size);
-        size_t at = 0;
-        for (size_t end; (end = partial.find('\n', at)) != std::string::npos; at = end + 1) {
-            if (!see(std::string_view(partial).substr(at, end - at))) {
-                asked_to_end = true;
-                return false;
+    const unsigned status =
+        perform("GET", path, arguments, "", "application/x-ndjson", [&](unsigned now, const char *data, size_t size) {
+            if (now >= 400) {
+                refusal.append(data, size);
+                return true;
             }
-        }
-        partial.erase(0, at);
-        return true;
-    });
+            partial.append(data, size);
+            size_t at = 0;
+            for (size_t end; (end = partial.find('\n', at)) != std::string::npos; at = end + 1) {
+                if (!see(std::string_view(partial).substr(at, end - at))) {
+                    asked_to_end = true;
+                    return false;
+                }
+            }
+            partial.erase(0, at);
+            return true;
+        });
     if (status >= 400)
         throw_answer(path, status, refusal);
     if (!asked_to_end && !partial.empty())

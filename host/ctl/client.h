@@ -1,9 +1,11 @@
-// The HTTP client of fxmctl. A failure is an exception that carries the exit code and one line for people.
+// The HTTP client of fxmctl, on Boost.Beast: a program that runs for some milliseconds cannot afford the libraries that a
+// client for the whole internet loads. A failure is an exception that carries the exit code and one line for people.
 #pragma once
 
 #include <boost/json.hpp>
 
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -63,13 +65,14 @@ class client
 
   private:
     struct state;
-    long perform(const char *method, const std::string &path, const query &arguments, const std::string &body,
-                 const char *accept, const std::function<bool(const char *, size_t)> &take);
+    void connect();
+    unsigned perform(const char *method, const std::string &path, const query &arguments, const std::string &body,
+                     const char *accept, const std::function<bool(unsigned, const char *, size_t)> &take);
     std::string request(const char *method, const std::string &path, const query &arguments, const std::string &body);
 
     endpoint where_;
     std::string token_;
-    state *state_;
+    std::unique_ptr<state> state_;
 };
 
 // Escapes a part of a path.

@@ -11,7 +11,7 @@ namespace fxm
 {
 
 // Events that one step takes from the ring.
-constexpr size_t STEP = 32;
+constexpr size_t STEP = 12;
 // Shorter than the server's heartbeat, which calls read() of a quiet stream.
 constexpr auto QUIET = std::chrono::seconds(10);
 

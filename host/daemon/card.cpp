@@ -137,7 +137,12 @@ template <typename... Args> static void put(text *out, Args &&...args)
     fmt::format_to(std::back_inserter(*out), std::forward<Args>(args)...);
 }
 
-static void put_id(text *out, uint64_t id) { *out += '"' + format_id(id) + '"'; }
+static void put_id(text *out, uint64_t id)
+{
+    *out += '"';
+    append_id(out, id);
+    *out += '"';
+}
 
 static void put_bool(text *out, bool value) { *out += value ? "true" : "false"; }
 

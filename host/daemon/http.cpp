@@ -24,8 +24,10 @@ namespace fxm
 {
 
 // Of memory that libmicrohttpd keeps for a connection: the head of the request, and the piece that is being sent.
-constexpr size_t CONNECTION_MEMORY = 16384;
-constexpr size_t PIECE = 8192;
+// It is touched only as far as it is used.
+constexpr size_t CONNECTION_MEMORY = 65536;
+constexpr size_t PIECE = 49152;
+constexpr size_t STREAM_PIECE = 4096;     // of a stream of events: there may be thousands
 constexpr unsigned REQUEST_TIMEOUT = 10;  // s of silence in the middle of a request or of its answer
 constexpr unsigned STREAM_TIMEOUT = 3600; // s during which a stream's client may read nothing
 constexpr auto HEARTBEAT = std::chrono::seconds(15);
@@ -206,13 +208,15 @@ struct http_server::glue {
             if (current->pending.empty()) {
                 if (state == http_source::state::end)
                     return MHD_CONTENT_READER_END_OF_STREAM;
+                current->pending = {}; // one that waits needs no memory for text
                 current->suspended = true;
                 current->server->waiting_[current->id] = current;
                 MHD_suspend_connection(current->connection);
                 return 0;
             }
         }
-        const size_t piece = std::min(size, current->pending.size() - current->sent);
+        const size_t most = current->endless ? std::min(size, STREAM_PIECE) : size;
+        const size_t piece = std::min(most, current->pending.size() - current->sent);
         memcpy(buffer, current->pending.data() + current->sent, piece);
         current->sent += piece;
         return static_cast<ssize_t>(piece);
@@ -229,7 +233,8 @@ int http_server::queue(exchange *current)
         streams_ += current->endless ? 1 : 0;
         if (current->endless)
             MHD_set_connection_option(current->connection, MHD_CONNECTION_OPTION_TIMEOUT, STREAM_TIMEOUT);
-        response = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, PIECE, glue::read, current, nullptr);
+        response = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, current->endless ? STREAM_PIECE : PIECE,
+                                                     glue::read, current, nullptr);
     } else {
         response = MHD_create_response_from_buffer(reply.body.size(), reply.body.data(), MHD_RESPMEM_MUST_COPY);
         reply.body = {};
@@ -293,18 +298,24 @@ void http_server::take_answers()
     }
 }
 
-void http_server::wake_sources(bool all)
+// The next slice of the round. False at its end.
+bool http_server::wake_some()
 {
-    for (auto next = waiting_.begin(); next != waiting_.end();) {
+    constexpr int SLICE = 16;
+    auto next = waiting_.upper_bound(wake_from_);
+    for (int woken = 0; next != waiting_.end() && woken < SLICE;) {
         exchange *current = next->second;
-        if (all || current->source->ready()) {
-            next = waiting_.erase(next);
-            current->suspended = false;
-            MHD_resume_connection(current->connection);
-        } else {
+        wake_from_ = next->first;
+        if (!wake_all_ && !current->source->ready()) {
             ++next;
+            continue;
         }
+        ++woken;
+        next = waiting_.erase(next);
+        current->suspended = false;
+        MHD_resume_connection(current->connection);
     }
+    return next != waiting_.end();
 }
 
 // --------------------------------------------------------------------------------------------------------- listening
@@ -455,7 +466,7 @@ void http_server::run()
 {
     auto last_heartbeat = std::chrono::steady_clock::now();
     while (!stopping_) {
-        int timeout = 1000;
+        int timeout = waking_ || appended_ ? 0 : 1000;
         for (MHD_Daemon *daemon : daemons_) {
             MHD_UNSIGNED_LONG_LONG wanted = 0;
             if (MHD_get_timeout(daemon, &wanted) == MHD_YES)
@@ -468,11 +479,17 @@ void http_server::run()
         turned_ms_ = clock_ms();
         take_answers();
         const auto now = std::chrono::steady_clock::now();
-        const bool heartbeat = now - last_heartbeat >= HEARTBEAT;
+        const bool heartbeat = !waking_ && now - last_heartbeat >= HEARTBEAT;
         if (heartbeat)
             last_heartbeat = now;
-        if (appended_.exchange(false) || heartbeat)
-            wake_sources(heartbeat);
+        // Events that come in the middle of a round begin another one at its end.
+        if (!waking_ && (appended_.exchange(false) || heartbeat)) {
+            waking_ = true;
+            wake_all_ = heartbeat;
+            wake_from_ = 0;
+        }
+        if (waking_)
+            waking_ = wake_some();
         for (MHD_Daemon *daemon : daemons_)
             MHD_run(daemon);
     }

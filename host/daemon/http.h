@@ -116,7 +116,7 @@ class http_server
     MHD_Daemon *make_daemon(int fd);
     void run();
     void take_answers();
-    void wake_sources(bool all);
+    bool wake_some();
     int queue(exchange *current);
     void post(uint64_t connection, http_reply reply);
     void signal() const;
@@ -135,6 +135,10 @@ class http_server
     std::map<uint64_t, exchange *> live_;
     uint64_t next_connection_ = 1;
     std::map<uint64_t, exchange *> waiting_; // sources that wait
+    // A round over them, in slices, so that requests get their turn between a thousand streams.
+    bool waking_ = false;
+    bool wake_all_ = false;  // whether they are ready or not
+    uint64_t wake_from_ = 0; // the last one of this round
 
     std::mutex mutex_; // guards answers_
     std::vector<std::pair<uint64_t, http_reply>> answers_;
