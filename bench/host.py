@@ -167,7 +167,7 @@ def watchers():
     end = json.loads(crowd.stdout.readline())
     crowd.wait()
     report("clients that ended with another state", end["wrong"], "", 0)
-    report("clients that ended at another event", len(end["last"]) - 1, "", 0)
+    report("quick clients that ended at another event", len(end["last"]) - 1, "", 0)
     report("slow clients that were told no gap", 100 - end["slow_with_gap"], "", 0)
     report("gaps of quick clients", end["gaps_quick"], "", 0)
     f.close()

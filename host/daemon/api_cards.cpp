@@ -15,7 +15,7 @@ namespace json = boost::json;
 
 // Cards that one step of a list looks at while it holds the model's lock.
 constexpr size_t STEP = 64;
-constexpr size_t PIECE = 48000; // made at once
+constexpr size_t PIECE = 28000; // made at once
 
 // A list, made while it is sent.
 class card_list : public http_source

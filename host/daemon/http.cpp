@@ -24,9 +24,8 @@ namespace fxm
 {
 
 // Of memory that libmicrohttpd keeps for a connection: the head of the request, and the piece that is being sent.
-// It is touched only as far as it is used.
-constexpr size_t CONNECTION_MEMORY = 65536;
-constexpr size_t PIECE = 49152;
+constexpr size_t CONNECTION_MEMORY = 32768;
+constexpr size_t PIECE = 28672;
 constexpr size_t STREAM_PIECE = 4096;     // of a stream of events: there may be thousands
 constexpr unsigned REQUEST_TIMEOUT = 10;  // s of silence in the middle of a request or of its answer
 constexpr unsigned STREAM_TIMEOUT = 3600; // s during which a stream's client may read nothing
