@@ -1,4 +1,5 @@
 """fxmd and fxmctl as their users run them. Each test names what would be wrong."""
+import contextlib
 import grp
 import json
 import os
@@ -350,7 +351,6 @@ class Roles(HostTest):
                         "--ambient-caps=-all,+net_raw", "--bounding-set=-all,+net_raw"])
         f.well(5)
         f.ctl("reg", SERVER, "0x10")
-        self.assertIn("libfxm", f.log() + "libfxm")
 
 
 class Life(HostTest):
@@ -362,6 +362,21 @@ class Life(HostTest):
             self.assertEqual(second.returncode, 5, second.stderr)
             self.assertIn(f"fxm0 is managed by fxmd (pid {f.daemon.pid}); use fxmctl", second.stderr)
             self.assertLess(time.monotonic() - began, 30)
+        # Whoever has asked for the holder must not keep the next one from an answer.
+        address = b"\0fxm-port-%d" % socket.if_nametoindex("fxm0")
+        visitors = []
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                visitors.append(socket.socket(socket.AF_UNIX))
+                visitors[-1].setblocking(False)
+                visitors[-1].connect(address)
+        for visitor in visitors:
+            visitor.close()
+        full = subprocess.run([MONITOR, "--dir", f"{f.dir}/run/library"], capture_output=True, timeout=60, check=False)
+        self.assertEqual(full.returncode, 5, full.stderr)
+        until(lambda: f"fxmd (pid {f.daemon.pid})" in
+              subprocess.run([FXMD, "--config", f.config], capture_output=True, text=True, check=False).stderr,
+              "the holder is named again")
 
     def test_a_deleted_port_does_not_end_fxmd(self):
         f = self.fabric()
@@ -433,8 +448,15 @@ class Life(HostTest):
         refusal = f.ctl("reload", code=2)
         self.assertIn(f"{f.config}:4: eeprom_writer = 1: expected true or false", refusal)
         self.assertIn("did you mean max_cards?", refusal)
-        check = subprocess.run([FXMD, "--check", "--config", f.config], capture_output=True, text=True, check=False)
+        with open(f"{f.dir}/bad.toml", "w", encoding="utf-8") as file:
+            file.write(f'[api]\nlisten = "127.0.0.1:8610"\ntoken_file = "{f.dir}/bad.toml"\n[histroy]\ndays = 5\n'
+                       '[library]\ntag_min = 9\ntag_max = 7\nbroadcast_mac = "03-00-ff-ff-ff-ff"\n')
+        check = subprocess.run([FXMD, "--check", "--config", f"{f.dir}/bad.toml"], capture_output=True, text=True,
+                               check=False)
         self.assertEqual(check.returncode, 2)
+        for line in ("bad.toml: ports is missing", "bad.toml:3: api.token_file =", "did you mean history.days?",
+                     "bad.toml:7: library.tag_min = 9: must not be greater", 'bad.toml:9: library.broadcast_mac = "03-'):
+            self.assertIn(line, check.stderr)
         self.assertTrue(f.get("/v1/status")["eeprom_writer"])
         with open(f.config, "w", encoding="utf-8") as file:
             file.write(good.replace("eeprom_writer = true", "eeprom_writer = false").replace(
@@ -442,6 +464,22 @@ class Life(HostTest):
         f.daemon.send_signal(signal.SIGHUP)
         until(lambda: not f.get("/v1/status")["eeprom_writer"], "the reload is applied")
         self.assertIn("a restart of fxmd is needed to change library.tag_max", f.log())
+
+    def test_the_sample_and_the_ranges_are_those_of_the_programs(self):
+        sample = subprocess.run([FXMD, "--print-config"], capture_output=True, text=True, check=True).stdout
+        with open(f"{fabric.HERE}/../../conf/fxmd.toml", encoding="utf-8") as file:
+            self.assertEqual(file.read(), sample)
+        ranges = re.findall(r"a number from (\d+) to (\d+)\.\n#(\w+) =", sample.split("[library]")[1])
+        self.assertGreater(len(ranges), 20)
+        f = self.fabric()
+        for end in (0, 1):
+            f.daemon.kill()
+            f.daemon.wait()
+            f.configure(library="\n".join(f"{key[2]} = {key[end]}" for key in ranges))
+            f.start()
+        f.daemon.kill()
+        f.daemon.wait()
+        f.daemon = None
 
     def test_the_wire_cannot_make_it_grow_without_end(self):
         f = self.fabric(cards=[], top='max_cards = 50\nforget_after = "1s"', library="devinfo_expire_time = 1000")
@@ -507,6 +545,11 @@ class Commands(HostTest):
             check=False)
         done = doctor(0)
         self.assertEqual((done.returncode, done.stdout.count("WRONG")), (0, 0), done.stdout)
+        stranger = subprocess.run(["setpriv", "--reuid", "4711", "--regid", "4711", "--clear-groups", FXMCTL, "--socket",
+                                   f.socket, "doctor", "--config", f.config], capture_output=True, text=True, check=False)
+        self.assertIn("ask for membership of the group", stranger.stdout)
+        self.assertIn(f"ok       claim on fxm0: held by fxmd (pid {f.daemon.pid})", stranger.stdout)
+        self.assertIn("run fxmctl doctor with sudo", stranger.stdout)
         f.stop()
         holder = socket.socket(socket.AF_UNIX)
         holder.bind(b"\0fxm-port-%d" % socket.if_nametoindex("fxm0"))
