@@ -7,7 +7,11 @@
 #include <stdbool.h>
 
 /* Claims the ports that DIR/conf/fxm.conf names. False, with the holder on stderr, if another process has one of them.
- * A port that does not exist is left to the library, which tells about it. */
+ * A port that does not exist is left to the library, which reports it. */
 bool claim_ports(const char *dir);
+
+/* Drops the connections of those who have asked for the holder. Call it about once a second: the kernel names the
+ * holder only while its queue has room. */
+void claim_drop_visitors(void);
 
 #endif /* CLAIM_H */

@@ -178,6 +178,7 @@ int main(int argc, char **argv)
     fflush(stdout);
 
     for (uint32_t passed = 1; host_running() && !host_stop_asked(1000); passed++) {
+        claim_drop_visitors();
         if (table != 0 && passed % table == 0)
             _print_table();
         if (passed == seconds)

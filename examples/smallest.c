@@ -1,21 +1,23 @@
-/* The smallest host: prints the id of every new card, until Ctrl-C.
+/* The smallest host: prints the id of every new card, until Ctrl-C. A host for daily use also claims its ports: claim.h.
  * cc smallest.c $(pkg-config --cflags --libs fxm) -lpthread */
 #include <pthread.h>
 #include <signal.h>
+#include <stdatomic.h>
 #include <stdio.h>
 #include <unistd.h>
 
 #include "fxm.h"
 
-static volatile sig_atomic_t _ended; /* fxm_init_manager has returned */
+static atomic_bool _ended; /* fxm_init_manager has returned */
+static int _result;        /* what it has returned */
 
-/* The call lasts as long as the library runs. */
+/* The call lasts as long as the library runs. Its end wakes the main thread, even if the library stops by itself. */
 static void *_run(void *dir)
 {
-    static int result;
-    result = fxm_init_manager(dir, FXM_LOG_CONFIGURED);
+    _result = fxm_init_manager(dir, FXM_LOG_CONFIGURED);
     _ended = 1;
-    return &result;
+    kill(getpid(), SIGINT);
+    return NULL;
 }
 
 /* Called on the library's event thread. */
@@ -30,20 +32,21 @@ int main(int argc, char **argv)
 {
     pthread_t thread;
     sigset_t signals;
-    void *handle, *result;
+    void *handle;
     int number;
 
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, NULL); /* the library's threads inherit the mask */
-    pthread_create(&thread, NULL, _run, argc > 1 ? argv[1] : "/opt/fxm");
+    if (pthread_create(&thread, NULL, _run, argc > 1 ? argv[1] : "/opt/fxm") != 0)
+        return 1;
     while (fxm_register_callback(FXM_EVT_NEWDEVINFO, _on_new_card, 0, &handle) == FXM_API_ENOSYS && !_ended)
         usleep(10000); /* until the start is complete, or has failed */
-    if (fxm_start_manager() == FXM_API_SUCCESS)
-        sigwait(&signals, &number);
+    fxm_start_manager();
+    sigwait(&signals, &number);
     fxm_fini_manager(); /* requests the stop; the thread ends when it is complete */
-    pthread_join(thread, &result);
-    if (*(int *)result != FXM_API_SUCCESS)
-        fprintf(stderr, "fxm failed with %d; its log has the reason.\n", *(int *)result);
-    return *(int *)result == FXM_API_SUCCESS ? 0 : 1;
+    pthread_join(thread, NULL);
+    if (_result != FXM_API_SUCCESS)
+        fprintf(stderr, "fxm failed with %d; its log has the reason.\n", _result);
+    return _result == FXM_API_SUCCESS ? 0 : 1;
 }

@@ -32,7 +32,7 @@ std::optional<claim_holder> port_claim::holder(unsigned if_index)
     if (fd < 0)
         return std::nullopt;
     std::optional<claim_holder> found;
-    // A backlog that is full refuses with EAGAIN: somebody listens, and does not say who.
+    // EAGAIN: the queue is full, so somebody listens, and the kernel does not name him.
     const int result = connect(fd, reinterpret_cast<sockaddr *>(&address), length);
     if (result == 0 || errno == EAGAIN)
         found.emplace();
@@ -55,9 +55,10 @@ port_claim::port_claim(const std::string &interface)
             fmt::format("there is no interface {}; compare with the output of \"ip link\"", interface));
     sockaddr_un address;
     const socklen_t length = claim_address(if_index, &address);
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    constexpr int VISITORS = 128;
+    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     // It listens, so that whoever finds the claim can ask the kernel for the owner.
-    if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&address), length) == 0 && listen(fd_, 16) == 0)
+    if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&address), length) == 0 && listen(fd_, VISITORS) == 0)
         return;
     const int fault = errno;
     if (fd_ >= 0)
@@ -70,6 +71,12 @@ port_claim::port_claim(const std::string &interface)
         throw claim_error(fmt::format("{} is managed by {} (pid {}); use fxmctl", interface,
                                       owner->name.empty() ? "another program" : owner->name, owner->pid));
     throw claim_error(fmt::format("{} is managed by another program; use fxmctl", interface));
+}
+
+void port_claim::drop_visitors() const
+{
+    for (int visitor; (visitor = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;)
+        close(visitor);
 }
 
 port_claim::~port_claim()

@@ -22,7 +22,7 @@ class claim_error : public std::runtime_error
 
 struct claim_holder {
     pid_t pid = 0;
-    std::string name; // of its program; empty if it cannot be found out
+    std::string name; // of its program
 };
 
 class port_claim
@@ -34,7 +34,12 @@ class port_claim
     port_claim(const port_claim &) = delete;
     port_claim &operator=(const port_claim &) = delete;
 
+    // Who has the port. The name of the program is empty, and the process 0, if that cannot be found out.
     static std::optional<claim_holder> holder(unsigned if_index);
+
+    // Drops the connections of those who have asked for the holder. Call it about once a second: the kernel names the
+    // holder only while its queue has room.
+    void drop_visitors() const;
 
   private:
     int fd_ = -1;

@@ -2,16 +2,22 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <net/if.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <fstream>
-#include <functional>
+#include <optional>
 #include <sstream>
+#include <system_error>
 #include <toml++/toml.h>
 #include <variant>
 
 #include "common/card_id.h"
+#include "daemon/tokens.h"
 
 namespace fxm
 {
@@ -78,8 +84,9 @@ static bool is_listen(const std::string &text)
     if (colon == std::string::npos)
         return false;
     const std::string host = text.substr(0, colon);
-    const auto port = parse_u32(text.substr(colon + 1));
-    return (host == "127.0.0.1" || host == "localhost") && port && *port <= 65535;
+    const std::string port = text.substr(colon + 1);
+    const auto number = port.starts_with('0') ? std::nullopt : parse_u32(port);
+    return (host == "127.0.0.1" || host == "localhost") && number && *number <= 65535;
 }
 
 // In the order of the sample file.
@@ -115,9 +122,9 @@ static const key keys[] = {
     {"api", "max_clients", number_key{&config::max_clients, 16, 65536, 4096}, false,
      "Connections at the same time; further clients wait."},
     {"history", "enabled", flag_key{&config::history_enabled, true}, false, "Whether events are kept on disk."},
-    {"history", "days", number_key{&config::history_days, 1, 3650, 30}, true, "How long."},
+    {"history", "days", number_key{&config::history_days, 1, 3650, 30}, true, "How many days an event is kept."},
     {"history", "max_events", number_key{&config::history_max_events, 1000, 100000000, 1000000}, true,
-     "How many at most."},
+     "How many events are kept at most; the oldest go first."},
     {"log", "level", text_key{&config::log_level, "info", is_level, "error, warning, info or debug"}, true,
      "What fxmd logs to stderr. Writes to cards are always logged."},
     {"library", "ether_type", library_number{0, 65535, 0x88b6}, false, "EtherType of all management frames."},
@@ -127,13 +134,15 @@ static const key keys[] = {
     {"library", "devinfo_expire_time", library_number{1000, 100000, 5000}, false,
      "Silence after which a channel goes down, ms."},
     {"library", "devinfo_flag_check_interval", library_number{1, 100000, 100}, false,
-     "How often the library checks whether it has been told to stop, ms."},
+     "How often the library checks whether it has been told to stop, ms. A stop of fxmd can take as long."},
     {"library", "update_evt_mask", library_number{1, 2, 2}, false,
      "Changes that count. 1: all. 2: all but the lowest status bits of down ports and sub-states."},
     {"library", "frame_retry_interval", library_number{1, 1000, 100}, false, "How long to wait for an answer, ms."},
     {"library", "frame_retry_count", library_number{0, 100, 10}, false, "Attempts after the first one."},
-    {"library", "frame_retry_interval_livecheck", library_number{1, 1000, 100}, false, "The same for a live check."},
-    {"library", "frame_retry_count_livecheck", library_number{0, 100, 10}, false, "The same for a live check."},
+    {"library", "frame_retry_interval_livecheck", library_number{1, 1000, 100}, false,
+     "How long a live check waits for an answer, ms."},
+    {"library", "frame_retry_count_livecheck", library_number{0, 100, 10}, false,
+     "Attempts of a live check after the first one."},
     {"library", "register_verify_interval", library_number{0, 1000, 0}, false,
      "Pause before a register that does not hold its value is written again, ms."},
     {"library", "vlan_check_interval", library_number{1, 1000, 10}, false,
@@ -150,7 +159,7 @@ static const key keys[] = {
      "Pause between two tries for the EEPROM lock, ms."},
     {"library", "eeprom_retry_count", library_number{0, 1000, 100}, false, "Tries after the first one."},
     {"library", "eeprom_verify_count", library_number{0, 60, 20}, false, "Reads that must find a new lock unchanged."},
-    {"library", "eeprom_verify_interval", library_number{1, 1000, 1}, false, "Pause before each of them, ms."},
+    {"library", "eeprom_verify_interval", library_number{1, UINT32_MAX, 1}, false, "Pause before each of them, ms."},
     {"library", "eeprom_lock_other_bit", library_number{0, UINT32_MAX, 8}, false,
      "The bits of the other holder in a bit lock."},
     {"library", "force_lock_try_count", library_number{0, 1000, 10}, false,
@@ -180,17 +189,29 @@ static std::optional<int64_t> parse_duration(const std::string &text)
 
 static bool is_interface_name(const std::string &name)
 {
-    // What the kernel takes; a blank or a comma would end the name in the library's file.
-    return !name.empty() && name.size() < 16 && name.find_first_of(" \t\r\n/,:\"'") == std::string::npos;
+    // What the kernel takes, without a comma, which would end the name in the library's file.
+    return !name.empty() && name.size() < IFNAMSIZ && name != "." && name != ".." &&
+           std::all_of(name.begin(), name.end(), [](unsigned char c) {
+               return c > ' ' && c != 0x7f && c != '/' && c != ':' && c != ',' && c != '"' && c != '\'';
+           });
+}
+
+// The one form that the library reads.
+static bool is_mac(const std::string &text)
+{
+    return text.size() == 17 && text[2] == ':' && parse_id(text).has_value();
 }
 
 static std::string show(const toml::node &node)
 {
+    if (node.is_table())
+        return "{...}";
     std::ostringstream text;
-    node.visit([&text](const auto &value) { text << value; });
+    text << toml::toml_formatter(node,
+                                 toml::toml_formatter::default_flags & ~toml::format_flags::allow_literal_strings);
+    constexpr size_t LONGEST = 120;
     std::string line = text.str();
-    std::replace(line.begin(), line.end(), '\n', ' ');
-    return line;
+    return line.size() > LONGEST ? line.substr(0, LONGEST) + "..." : line;
 }
 
 // What the value must be, for messages.
@@ -264,8 +285,10 @@ static bool take(const key &entry, const toml::node &node, config *out)
     if (value == nullptr)
         return false;
     if (const auto *text = std::get_if<text_key>(&entry.kind)) {
-        out->*text->member = value->get();
-        return text->good(value->get());
+        const bool good = text->good(value->get());
+        if (good)
+            out->*text->member = value->get();
+        return good;
     }
     if (const auto *duration = std::get_if<duration_key>(&entry.kind)) {
         const auto length = parse_duration(value->get());
@@ -273,8 +296,10 @@ static bool take(const key &entry, const toml::node &node, config *out)
             out->*duration->member = *length;
         return length.has_value();
     }
-    out->library[entry.name] = value->get();
-    return parse_id(value->get()).has_value() && value->get().size() == 17;
+    const bool good = is_mac(value->get());
+    if (good)
+        out->library[entry.name] = value->get();
+    return good;
 }
 
 static config defaults()
@@ -310,14 +335,15 @@ static size_t distance(const std::string &left, const std::string &right)
     return row[right.size()];
 }
 
+// The known key whose name, with or without its section, is most like this one.
 static std::string nearest(const std::string &name)
 {
-    const key *best = &keys[0];
-    for (const key &entry : keys) {
-        if (distance(full_name(entry), name) < distance(full_name(*best), name))
-            best = &entry;
-    }
-    return full_name(*best);
+    const std::string bare = name.substr(name.rfind('.') + 1);
+    const auto away = [&](const key &entry) {
+        return std::min(distance(full_name(entry), name), distance(entry.name, bare));
+    };
+    return full_name(*std::min_element(std::begin(keys), std::end(keys),
+                                       [&](const key &left, const key &right) { return away(left) < away(right); }));
 }
 
 // Collects the errors of one file.
@@ -330,20 +356,16 @@ class reader
     {
         toml::table table;
         try {
-            table = toml::parse_file(file_.string());
+            table = toml::parse(text_of_file(), file_.string());
         } catch (const toml::parse_error &failure) {
-            if (!fs::exists(file_))
-                throw config_error(
-                    fmt::format("there is no file {}; fxmd --print-config prints one to start from", file_.string()));
             throw config_error(
                 fmt::format("{}:{}: {}", file_.string(), failure.source().begin.line, failure.description()));
         }
         read_section("", table);
-        if (made_.ports.empty() && errors_.empty())
+        if (!table.contains("ports"))
             errors_.emplace_back(0,
                                  fmt::format("{}: ports is missing: expected {}", file_.string(), expected(keys[0])));
-        if (errors_.empty())
-            check_pairs(table);
+        check_pairs(table);
         if (!errors_.empty()) {
             std::stable_sort(errors_.begin(), errors_.end(),
                              [](const auto &a, const auto &b) { return a.first < b.first; });
@@ -356,24 +378,45 @@ class reader
     }
 
   private:
+    std::string text_of_file() const
+    {
+        errno = 0;
+        std::ifstream in(file_);
+        std::ostringstream text;
+        if (in.is_open() && in.peek() != std::ifstream::traits_type::eof())
+            text << in.rdbuf();
+        if (!in.is_open() && errno == ENOENT)
+            throw config_error(
+                fmt::format("there is no file {}; fxmd --print-config prints one to start from", file_.string()));
+        if (!in.is_open() || in.bad() || !text)
+            throw config_error(fmt::format("cannot read {}: {}", file_.string(), strerror(errno)));
+        return text.str();
+    }
+
     void fail(const toml::node &node, const std::string &name, const std::string &what)
     {
         const auto line = node.source().begin.line;
-        errors_.emplace_back(line, fmt::format("{}:{}: {} = {}: {}", file_.string(), line, name, show(node), what));
+        std::string text = fmt::format("{}:{}: {} = {}: {}", file_.string(), line, name, show(node), what);
+        // One line, and nothing that a terminal would take for a command.
+        std::replace_if(
+            text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, ' ');
+        errors_.emplace_back(line, std::move(text));
     }
 
     void read_section(const std::string &section, const toml::table &table)
     {
         for (const auto &[found, node] : table) {
             const std::string name(found.str());
-            if (section.empty() && node.is_table() && is_section(name)) {
-                read_section(name, *node.as_table());
-                continue;
-            }
+            const std::string full = section.empty() ? name : section + "." + name;
             const auto entry = std::find_if(std::begin(keys), std::end(keys),
                                             [&](const key &k) { return section == k.section && name == k.name; });
-            const std::string full = section.empty() ? name : section + "." + name;
-            if (entry == std::end(keys))
+            const bool known = entry != std::end(keys);
+            // The keys of an unknown section are unknown one by one, so that each is named with the one that is meant.
+            if (!known && node.is_table() && (is_section(full) || !node.as_table()->empty()))
+                read_section(full, *node.as_table());
+            else if (!known && is_section(full))
+                fail(node, full, fmt::format("expected a section, [{}]", full));
+            else if (!known)
                 fail(node, full, fmt::format("there is no such key; did you mean {}?", nearest(full)));
             else if (!take(*entry, node, &made_))
                 fail(node, full, "expected " + expected(*entry));
@@ -386,18 +429,31 @@ class reader
                            [&](const key &k) { return *k.section != '\0' && name == k.section; });
     }
 
+    // What no single key can have wrong.
     void check_pairs(const toml::table &table)
     {
-        const auto low = made_.library.find("tag_min");
-        const auto high = made_.library.find("tag_max");
-        if (low != made_.library.end() &&
-            std::stoul(low->second) > (high != made_.library.end() ? std::stoul(high->second) : 255))
-            fail(*table["library"]["tag_min"].node(), "library.tag_min", "must not be greater than tag_max");
-        else if (high != made_.library.end() && low == made_.library.end() && std::stoul(high->second) > 255)
-            fail(*table["library"]["tag_max"].node(), "library.tag_max", "must not be less than tag_min");
-        if (!made_.listen.empty() && made_.token_file.empty())
+        const auto tag = [this](const char *name, unsigned long absent) {
+            const auto found = made_.library.find(name);
+            return found != made_.library.end() ? std::stoul(found->second) : absent;
+        };
+        if (tag("tag_min", 0) > tag("tag_max", 255))
+            fail(*table["library"]["tag_min"].node(), "library.tag_min",
+                 fmt::format("must not be greater than tag_max, which is {}", tag("tag_max", 255)));
+        const auto tokens = table["api"]["token_file"];
+        if (!made_.listen.empty() && (!tokens || tokens.value<std::string>() == ""))
             fail(*table["api"]["listen"].node(), "api.listen",
                  "api.token_file must be set too, because every process of this machine can reach the address");
+        if (made_.token_file.empty())
+            return;
+        try {
+            read_tokens(made_.token_file);
+        } catch (const std::system_error &failure) {
+            // Whoever checks the file for another user may not be allowed to look.
+            if (failure.code() != std::errc::permission_denied || geteuid() == 0)
+                fail(*tokens.node(), "api.token_file", failure.what());
+        } catch (const std::runtime_error &failure) {
+            fail(*tokens.node(), "api.token_file", failure.what());
+        }
     }
 
     const fs::path file_;
@@ -448,8 +504,8 @@ static std::string wrapped(const std::string &text)
 std::string sample_config()
 {
     std::string text =
-        "# Configuration of fxmd, with all keys and their defaults. fxmd --check reads it and tells every "
-        "error.\n# fxmctl reload applies the keys marked \"reload\"; the others need a restart.\n";
+        "# Configuration of fxmd, with all keys and their defaults. fxmd --check reads it and reports every error.\n"
+        "# fxmctl reload applies the keys marked \"reload\"; the others need a restart.\n";
     std::string section;
     for (const key &entry : keys) {
         if (section != entry.section) {
@@ -478,12 +534,12 @@ static std::string value_text(const key &entry, const config &settings)
         std::string operator()(const text_key &k) const { return settings.*k.member; }
         std::string operator()(const duration_key &k) const { return std::to_string(settings.*k.member); }
         std::string operator()(const ports_key &) const { return fmt::format("{}", fmt::join(settings.ports, " ")); }
-        std::string operator()(const library_number &) const { return of_library(); }
-        std::string operator()(const library_mac &) const { return of_library(); }
-        std::string of_library() const
+        std::string operator()(const library_number &k) const { return of_library(std::to_string(k.absent)); }
+        std::string operator()(const library_mac &k) const { return of_library(k.absent); }
+        std::string of_library(const std::string &absent) const
         {
             const auto found = settings.library.find(name);
-            return found != settings.library.end() ? found->second : "";
+            return found != settings.library.end() ? found->second : absent;
         }
     } words{entry.name, settings};
     return std::visit(words, entry.kind);
@@ -521,11 +577,12 @@ config reloaded(const config &before, const config &next)
 
 static void write_file(const fs::path &path, const std::string &text)
 {
+    errno = 0;
     std::ofstream file(path, std::ios::trunc);
     file << text;
     file.close();
     if (file.fail())
-        throw std::runtime_error(fmt::format("cannot write {}", path.string()));
+        throw std::system_error(errno, std::generic_category(), fmt::format("cannot write {}", path.string()));
 }
 
 void write_library_files(const config &settings, const fs::path &dir)

@@ -225,6 +225,13 @@ class daemon
             sd_notify(0, "WATCHDOG=1");
     }
 
+    void drop_visitors()
+    {
+        std::lock_guard guard(claims_mutex_);
+        for (const auto &claim : claims_)
+            claim->drop_visitors();
+    }
+
     void notify_status() const
     {
         const card_totals totals = cards_.totals();
@@ -241,6 +248,7 @@ class daemon
     // index, so the claims are taken anew before each start.
     void claim_ports()
     {
+        std::lock_guard guard(claims_mutex_);
         claims_.clear();
         if (given_.ignore_claim)
             return;
@@ -292,6 +300,7 @@ class daemon
     services all_;
     sequence_store sequence_;
     ring events_;
+    std::mutex claims_mutex_;
     std::vector<std::unique_ptr<port_claim>> claims_;
     model cards_;
     port_watch ports_;
@@ -339,6 +348,7 @@ static void wait_for_stop(const signal_queue &signals, daemon *running)
         }
         if (watched)
             running->keep_alive();
+        running->drop_visitors();
         running->notify_status();
     }
 }

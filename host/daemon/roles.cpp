@@ -2,15 +2,11 @@
 
 #include <fmt/format.h>
 #include <grp.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <sstream>
-#include <stdexcept>
+
+#include "daemon/tokens.h"
 
 namespace fxm
 {
@@ -32,39 +28,13 @@ static std::optional<uint32_t> look_up(const std::string &name)
     return entry.gr_gid;
 }
 
-static std::vector<std::pair<std::string, role>> read_tokens(const std::string &path)
+static role role_of(const std::string &name)
 {
-    std::vector<std::pair<std::string, role>> tokens;
-    struct stat status {
-    };
-    std::ifstream file(path);
-    if (!file || stat(path.c_str(), &status) != 0)
-        throw std::runtime_error(fmt::format("cannot read the token file {}: {}", path, strerror(errno)));
-    if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0)
-        throw std::runtime_error(fmt::format("everybody may read or write {}: chmod 640 {}", path, path));
-    size_t number = 0;
-    for (std::string line; std::getline(file, line);) {
-        ++number;
-        std::istringstream words(line);
-        std::string name;
-        std::string token;
-        std::string rest;
-        words >> name >> token >> rest;
-        if (name.empty() || name.starts_with('#'))
-            continue;
-        const role value = name == "view"      ? role::view
-                           : name == "operate" ? role::operate
-                           : name == "admin"   ? role::admin
-                                               : role::none;
-        if (value == role::none || token.size() < 16 || !rest.empty())
-            throw std::runtime_error(fmt::format(
-                "{}:{}: expected view, operate or admin and a token of 16 characters or more", path, number));
-        tokens.emplace_back(token, value);
+    for (const role value : {role::view, role::operate, role::admin}) {
+        if (name == word(value))
+            return value;
     }
-    if (tokens.empty())
-        throw std::runtime_error(
-            fmt::format("{} holds no token; write a line such as: view {}", path, "$(openssl rand -hex 16)"));
-    return tokens;
+    return role::none;
 }
 
 roles::roles(const role_settings &settings, logger *log)
@@ -81,8 +51,10 @@ roles::roles(const role_settings &settings, logger *log)
     }
     if (!missing.empty())
         log->warning("these groups do not exist, and nobody gets their roles: {}", missing);
-    if (!settings.token_file.empty())
-        tokens_ = read_tokens(settings.token_file);
+    if (!settings.token_file.empty()) {
+        for (token_line &line : read_tokens(settings.token_file))
+            tokens_.emplace_back(std::move(line.token), role_of(line.role));
+    }
 }
 
 // Takes the same time wherever the texts differ.
