@@ -152,7 +152,7 @@ static void read_registers(services &all, api_call &call)
                         fmt::format("\"end\" is the address behind the last register, at most {} registers further; a "
                                     "job of the kind register-dump reads more",
                                     MAX_RANGE));
-    later(all, call, card, [&all, card, start, end, how] {
+    later(all, call, card, [card, start, end, how] {
         std::vector<uint32_t> values((end - start) / 4);
         uint64_t size = values.size() * 4;
         const auto began = std::chrono::steady_clock::now();

@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -18,15 +19,17 @@ class executor
 {
   public:
     // At most `max_threads` tasks run at once, `per_card` of them for one card, and `max_queued` wait for one card.
-    executor(size_t max_threads, size_t per_card, size_t max_queued);
+    // `failed` receives what left a task as an exception, on the thread of the task.
+    executor(size_t max_threads, size_t per_card, size_t max_queued,
+             std::function<void(const std::string &what)> failed = {});
     ~executor();
     executor(const executor &) = delete;
     executor &operator=(const executor &) = delete;
 
-    // False if the card's queue is full or the executor is closed; neither function is called then. Otherwise exactly one
-    // of them is called: `task` on a thread of the executor, or `dropped` on the thread that closes it. A task must not
-    // throw.
-    bool submit(uint64_t card, std::function<void()> task, std::function<void()> dropped);
+    // False if the card's queue is full, the executor is closed or the system gives it no thread; neither function is
+    // called then. Otherwise exactly one of them is called: `task` on a thread of the executor, or `dropped`, which may
+    // be empty, on the thread that closes it.
+    bool submit(uint64_t card, std::function<void()> task, std::function<void()> dropped = {});
 
     // Refuses further tasks, drops those that wait, and returns when those that run have ended.
     void close();
@@ -44,10 +47,13 @@ class executor
 
     void run();
     void list(uint64_t card, card_queue *queue);
+    bool call_thread();
+    void guarded(const std::function<void()> &function) const;
 
     const size_t max_threads_;
     const size_t per_card_;
     const size_t max_queued_;
+    const std::function<void(const std::string &)> failed_;
 
     std::mutex mutex_; // guards everything below
     std::condition_variable work_;
@@ -55,6 +61,7 @@ class executor
     std::deque<uint64_t> turns_;           // cards that may begin a task
     std::vector<std::thread> threads_;     // made when needed, kept until the end
     size_t idle_ = 0;
+    size_t woken_ = 0; // idle threads that have been called and do not run yet
     bool closed_ = false;
 };
 

@@ -36,17 +36,21 @@ struct job_board::job {
     std::vector<uint32_t> words;     // of a comparison or a restore
     int64_t created_ms = 0;
     std::atomic<bool> cancel{false};
-    int64_t told_ms = 0; // its thread alone
 
     // Guarded by the board's mutex:
     const char *state = "queued";
     uint32_t done = 0, total = 0;
-    int64_t started_ms = 0, ended_ms = 0;
-    json::object result;
-    bool has_result = false;
+    int64_t started_ms = 0, ended_ms = 0, told_ms = 0;
+    std::vector<uint32_t> held;          // words that have been read, from `start` on
+    std::vector<uint32_t> written, left; // addresses, of a restore; `left` is all that is not known to be right
+    bool writing = false;                // a restore has compared
+    uint32_t before = 0;                 // the old value of a write
     json::value error;
 
-    uint32_t flags() const { return force ? FXM_FLAG_FORCELOCK : 0; }
+    // To take the lock from its holder changes the card, so a dry run does not.
+    uint32_t flags() const { return force && !dry_run ? FXM_FLAG_FORCELOCK : 0; }
+    bool ended() const { return ended_ms != 0; }
+    size_t kept_words() const { return held.capacity() + words.capacity() + written.capacity() + left.capacity(); }
 };
 
 // -------------------------------------------------------------------------------------------------------------- requests
@@ -190,37 +194,76 @@ json::object job_board::submit(const json::object &request, const caller &who)
     }
     if (work->kind.starts_with("eeprom"))
         work->force = given.flag("force");
-    if (writes)
+    if (writes || work->kind == "vlan")
         work->dry_run = given.flag("dry_run");
     given.finish();
     if (work->force && who.role != "admin")
         throw api_error("FXM_DENIED", "only an admin may take the EEPROM lock away from another manager",
                         "leave out \"force\", or ask somebody of the group of admins");
-    if (writes && !work->dry_run && !eeprom_writer_)
-        throw api_error("FXM_DENIED", "this fxmd may not write EEPROMs",
-                        "set eeprom_writer = true in exactly one fxmd that reaches the card, and reload it");
-    {
-        std::lock_guard guard(mutex_);
-        forget_old();
-        if (jobs_.size() >= MOST_KEPT)
-            throw api_error("FXM_TOO_MANY", fmt::format("{} jobs are kept already", MOST_KEPT),
-                            "wait until earlier jobs have ended");
-        work->number = next_++;
-        work->created_ms = clock_ms();
-        jobs_[work->number] = work;
-    }
+    if (writes && !work->dry_run)
+        check_writer();
+    std::lock_guard guard(mutex_);
+    forget_old();
+    if (jobs_.size() >= MOST_KEPT)
+        throw api_error("FXM_TOO_MANY", fmt::format("{} jobs wait or run already", MOST_KEPT),
+                        "wait until earlier jobs have ended");
+    work->created_ms = clock_ms();
+    work->number = next_;
+    // Under the mutex, which the job needs to begin: so it is known, and said to be queued, before it runs.
     if (!threads_.submit(
-            work->card, [this, work] { run(work); }, [this, work] { drop(work); })) {
-        std::lock_guard guard(mutex_);
-        jobs_.erase(work->number);
+            work->card, [this, work] { run(work); }, [this, work] { end(work, "cancelled"); }))
         throw api_error("FXM_TOO_MANY", fmt::format("{} jobs wait for card {}", MOST_QUEUED, format_id(work->card)),
                         "wait until earlier jobs have ended");
-    }
-    std::lock_guard guard(mutex_);
+    jobs_[next_++] = work;
+    announce(*work);
     return document(*work, true);
 }
 
+// A reload may have taken the permission away while the job waited.
+void job_board::check_writer() const
+{
+    if (!eeprom_writer_)
+        throw api_error("FXM_DENIED", "this fxmd may not write EEPROMs",
+                        "set eeprom_writer = true in exactly one fxmd that reaches the card, and reload it");
+}
+
 // ------------------------------------------------------------------------------------------------------------ documents
+
+static json::array numbers(std::span<const uint32_t> values) { return json::array(values.begin(), values.end()); }
+
+// Made when it is asked for: as JSON the words take six times the memory. The caller holds the mutex.
+json::value job_board::result_of(const job &work)
+{
+    const bool done = std::string_view(work.state) == "done";
+    if (!work.ended() && !work.writing)
+        return nullptr;
+    if (work.kind == "vlan")
+        return done ? json::value{{"old", work.before}, {"new", work.value}} : json::value(nullptr);
+    if (work.kind == "eeprom-write")
+        return done ? json::value{{"address", work.address},
+                                  {"old", work.before},
+                                  {"new", work.value},
+                                  {"written", !work.dry_run}}
+                    : json::value(nullptr);
+    if (work.started_ms == 0)
+        return nullptr;
+    if (work.words.empty())
+        return {{"start", work.start},
+                {"end", work.start + static_cast<uint32_t>(work.held.size()) * 4},
+                {"words", numbers(work.held)}};
+    json::array differing;
+    for (uint32_t i = 0; i < work.held.size(); ++i) {
+        if (work.held[i] != work.words[i])
+            differing.push_back({{"address", work.start + i * 4}, {"card", work.held[i]}, {"file", work.words[i]}});
+    }
+    json::object result{{"differing", std::move(differing)}};
+    if (work.kind == "eeprom-restore") {
+        result["backup"] = numbers(work.held);
+        result["written"] = numbers(work.written);
+        result["left"] = numbers(work.left);
+    }
+    return result;
+}
 
 // The caller holds the mutex.
 json::object job_board::document(const job &work, bool whole) const
@@ -242,7 +285,7 @@ json::object job_board::document(const job &work, bool whole) const
     made["uid"] = work.who.uid;
     made["pid"] = work.who.pid;
     // A list leaves the words out; they can be thousands for each job.
-    made["result"] = whole && work.has_result ? json::value(work.result) : json::value(nullptr);
+    made["result"] = whole ? result_of(work) : json::value(nullptr);
     made["error"] = work.error;
     return made;
 }
@@ -256,16 +299,18 @@ job_board::job_ptr job_board::find(uint64_t number) const
     return found->second;
 }
 
-json::object job_board::get(uint64_t number) const
+json::object job_board::get(uint64_t number)
 {
     std::lock_guard guard(mutex_);
+    forget_old();
     return document(*find(number), true);
 }
 
-json::array job_board::list() const
+json::array job_board::list()
 {
     json::array made;
     std::lock_guard guard(mutex_);
+    forget_old();
     for (const auto &[number, work] : jobs_)
         made.push_back(document(*work, false));
     return made;
@@ -291,23 +336,31 @@ json::object job_board::cancel(uint64_t number)
 {
     std::lock_guard guard(mutex_);
     const job_ptr work = find(number);
-    // One that waits is found cancelled when its turn comes.
-    if (work->ended_ms == 0)
+    if (!work->ended())
         work->cancel = true;
+    // Its turn may be far away; it is passed over then.
+    if (work->started_ms == 0 && !work->ended())
+        end_locked(work.get(), "cancelled");
     return document(*work, true);
 }
 
-// The caller holds the mutex.
+// Those that ended first go first, when there are too many or their words take too much. The caller holds the mutex.
 void job_board::forget_old()
 {
     const int64_t now = clock_ms();
-    for (auto next = jobs_.begin(); next != jobs_.end();) {
-        const job &work = *next->second;
-        const bool ended = work.ended_ms != 0;
-        if (ended && (now - work.ended_ms > KEPT_MS || jobs_.size() >= MOST_KEPT))
-            next = jobs_.erase(next);
-        else
-            ++next;
+    size_t words = 0;
+    std::vector<std::pair<int64_t, uint64_t>> ended; // when, and the number
+    for (const auto &[number, work] : jobs_) {
+        words += work->kept_words();
+        if (work->ended())
+            ended.emplace_back(work->ended_ms, number);
+    }
+    std::sort(ended.begin(), ended.end());
+    for (const auto &[when, number] : ended) {
+        if (now - when <= KEPT_MS && jobs_.size() < MOST_KEPT && words <= MOST_WORDS)
+            break;
+        words -= jobs_[number]->kept_words();
+        jobs_.erase(number);
     }
 }
 
@@ -331,8 +384,9 @@ void job_board::close()
 }
 
 // The caller holds the mutex.
-void job_board::announce(const job &work)
+void job_board::announce(job &work)
 {
+    work.told_ms = clock_ms();
     events_->append(event_draft{
         .type = event_type::job,
         .card = work.card,
@@ -350,24 +404,38 @@ void job_board::progress(job *work, uint32_t done, uint32_t total)
         std::lock_guard guard(mutex_);
         work->done = done;
         work->total = total;
-        if (std::abs(now - work->told_ms) >= PROGRESS_MS) {
-            work->told_ms = now;
+        if (std::abs(now - work->told_ms) >= PROGRESS_MS)
             announce(*work);
-        }
     }
     if (work->cancel)
         throw job_cancelled();
 }
 
-void job_board::end(const job_ptr &work, const char *state)
+// The caller holds the mutex.
+void job_board::end_locked(job *work, const char *state)
 {
-    std::lock_guard guard(mutex_);
     work->state = state;
     work->ended_ms = clock_ms();
+    work->held.shrink_to_fit();
     announce(*work);
 }
 
-void job_board::drop(const job_ptr &work) { end(work, "cancelled"); }
+void job_board::end(const job_ptr &work, const char *state)
+{
+    bool incomplete = false;
+    {
+        std::lock_guard guard(mutex_);
+        if (work->ended())
+            return;
+        end_locked(work.get(), state);
+        incomplete = work->writing && !work->left.empty();
+    }
+    // The result ends with the daemon, and it may be the daemon that stops.
+    if (incomplete)
+        audit_(work->who, work->card, fmt::format("eeprom-restore job={} {}", work->number, state), "-",
+               fmt::format("{} words written, {} left; run the restore again to finish", work->written.size(),
+                           work->left.size()));
+}
 
 void job_board::run(const job_ptr &work)
 {
@@ -376,16 +444,14 @@ void job_board::run(const job_ptr &work)
         void (job_board::*run)(job *work);
     };
     constexpr entry entries[] = {
-        {"eeprom-dump", &job_board::dump_eeprom},       {"eeprom-compare", &job_board::compare_eeprom},
+        {"eeprom-dump", &job_board::read_words},        {"eeprom-compare", &job_board::read_words},
         {"eeprom-restore", &job_board::restore_eeprom}, {"eeprom-write", &job_board::write_eeprom},
         {"register-dump", &job_board::dump_registers},  {"vlan", &job_board::set_vlan},
     };
-    if (work->cancel) {
-        end(work, "cancelled");
-        return;
-    }
     {
         std::lock_guard guard(mutex_);
+        if (work->ended())
+            return;
         work->state = "running";
         work->started_ms = clock_ms();
         announce(*work);
@@ -414,6 +480,21 @@ void job_board::run(const job_ptr &work)
 
 // ---------------------------------------------------------------------------------------------------------------- EEPROM
 
+// Moves a word. A card that falls silent while its lock is taken costs a hundred tries for the lock, each with all
+// retries: two minutes in which the job cannot be cancelled. So the first attempt has few of them, and only a card that
+// still answers gets another one with the configured number.
+template <typename Move> static int move_word(uint64_t card, const std::atomic<bool> &cancel, Move move)
+{
+    constexpr fxm_retry_param_t FEW{2, 100};
+    const int result = move(&FEW);
+    if (result != FXM_API_ETIMEDOUT)
+        return result;
+    if (cancel)
+        throw job_cancelled();
+    uint32_t unused = 0;
+    return fxm_read_register(card, 0, &unused, nullptr, 0) == FXM_API_SUCCESS ? move(nullptr) : result;
+}
+
 // A word, read twice: the lock on the card has one bit for every fxm, so another one may have moved a word in between.
 uint32_t job_board::read_word(job *work, uint32_t address)
 {
@@ -422,7 +503,9 @@ uint32_t job_board::read_word(job *work, uint32_t address)
     uint32_t second = 0;
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         for (uint32_t *word : {&first, &second}) {
-            const int result = fxm_read_eeprom(work->card, address, word, nullptr, work->flags());
+            const int result = move_word(work->card, work->cancel, [&](const fxm_retry_param_t *retries) {
+                return fxm_read_eeprom(work->card, address, word, retries, work->flags());
+            });
             if (result != FXM_API_SUCCESS)
                 throw_result(result, fmt::format("cannot read EEPROM word {:#05x}", address), work->card);
         }
@@ -435,126 +518,90 @@ uint32_t job_board::read_word(job *work, uint32_t address)
                     "another manager may be at work on this EEPROM; only one fxmd may reach a card");
 }
 
-static json::array numbers(std::span<const uint32_t> values) { return json::array(values.begin(), values.end()); }
-
-void job_board::dump_eeprom(job *work)
+// Reads the words of the range one by one.
+void job_board::read_words(job *work)
 {
     const uint32_t total = (work->end - work->start) / 4;
-    std::vector<uint32_t> held;
-    const auto keep = [&] {
+    for (uint32_t i = 0; i < total; ++i) {
+        progress(work, i, total);
+        const uint32_t word = read_word(work, work->start + i * 4);
         std::lock_guard guard(mutex_);
-        work->result = {{"start", work->start},
-                        {"end", work->start + static_cast<uint32_t>(held.size()) * 4},
-                        {"words", numbers(held)}};
-        work->has_result = true;
-    };
-    try {
-        for (uint32_t address = work->start; address < work->end; address += 4) {
-            progress(work, static_cast<uint32_t>(held.size()), total);
-            held.push_back(read_word(work, address));
-        }
-    } catch (...) {
-        keep();
-        throw;
+        work->held.push_back(word);
+        if (!work->words.empty() && word == work->words[i])
+            std::erase(work->left, work->start + i * 4);
     }
-    keep();
     progress(work, total, total);
-}
-
-// Reads the words of the range and puts those that differ into the result.
-void job_board::differing(job *work, std::vector<uint32_t> *held)
-{
-    const auto count = static_cast<uint32_t>(work->words.size());
-    json::array list;
-    for (uint32_t i = 0; i < count; ++i) {
-        progress(work, i, count);
-        held->push_back(read_word(work, work->start + i * 4));
-        if (held->back() != work->words[i])
-            list.push_back(
-                json::object{{"address", work->start + i * 4}, {"card", held->back()}, {"file", work->words[i]}});
-    }
-    std::lock_guard guard(mutex_);
-    work->result["differing"] = std::move(list);
-    work->has_result = true;
-    work->done = count;
-    work->total = count;
-}
-
-void job_board::compare_eeprom(job *work)
-{
-    std::vector<uint32_t> held;
-    differing(work, &held);
 }
 
 // What is left to do is always the words that differ, so running it again goes on where it ended.
 void job_board::restore_eeprom(job *work)
 {
-    std::vector<uint32_t> held;
-    differing(work, &held);
-    std::vector<uint32_t> left;
-    for (uint32_t i = 0; i < work->words.size(); ++i) {
-        if (held[i] != work->words[i])
-            left.push_back(work->start + i * 4);
-    }
-    const auto total = static_cast<uint32_t>(left.size());
-    std::vector<uint32_t> written;
-    const auto keep = [&] {
+    const auto count = static_cast<uint32_t>(work->words.size());
+    {
         std::lock_guard guard(mutex_);
-        work->result["backup"] = numbers(held);
-        work->result["written"] = numbers(written);
-        work->result["left"] = numbers(left);
-    };
-    keep();
+        for (uint32_t i = 0; i < count; ++i)
+            work->left.push_back(work->start + i * 4);
+    }
+    read_words(work);
     if (work->dry_run)
         return;
-    try {
-        while (!left.empty()) {
-            progress(work, total - static_cast<uint32_t>(left.size()), total);
-            const uint32_t address = left.front();
-            const uint32_t i = (address - work->start) / 4;
-            const int result =
-                fxm_write_eeprom(work->card, address, work->words[i], nullptr, work->flags() | FXM_FLAG_VERIFY);
-            audit_(work->who, work->card, fmt::format("eeprom {:#05x} job={} result={}", address, work->number, result),
-                   fmt::format("{:#010x}", held[i]), fmt::format("{:#010x}", work->words[i]));
-            if (result != FXM_API_SUCCESS)
-                throw_result(result, fmt::format("cannot write EEPROM word {:#05x}", address), work->card);
-            written.push_back(address);
-            left.erase(left.begin());
-        }
-        // All of the range, not only what was written: the whole is what counts.
-        for (uint32_t i = 0; i < work->words.size(); ++i) {
-            progress(work, total, total);
-            if (read_word(work, work->start + i * 4) != work->words[i])
-                left.push_back(work->start + i * 4);
-        }
-        if (!left.empty())
-            throw api_error(
-                "FXM_API_EPROTO",
-                fmt::format("{} words of card {} differ again after the restore", left.size(), format_id(work->card)),
-                "another manager may be at work on this EEPROM; run the restore again");
-    } catch (...) {
-        keep();
-        throw;
+    std::vector<uint32_t> differing;
+    {
+        std::lock_guard guard(mutex_);
+        work->writing = true;
+        differing = work->left;
     }
-    keep();
+    const auto total = static_cast<uint32_t>(differing.size());
+    for (uint32_t i = 0; i < total; ++i) {
+        progress(work, i, total);
+        const uint32_t at = (differing[i] - work->start) / 4;
+        write_word(work, differing[i], work->held[at], work->words[at]);
+        std::lock_guard guard(mutex_);
+        work->written.push_back(differing[i]);
+        std::erase(work->left, differing[i]);
+    }
+    // All of the range, not only what was written: the whole is what counts.
+    for (uint32_t i = 0; i < count; ++i) {
+        progress(work, total, total);
+        if (read_word(work, work->start + i * 4) != work->words[i]) {
+            std::lock_guard guard(mutex_);
+            work->left.push_back(work->start + i * 4);
+        }
+    }
+    if (!work->left.empty())
+        throw api_error(
+            "FXM_API_EPROTO",
+            fmt::format("{} words of card {} differ again after the restore", work->left.size(), format_id(work->card)),
+            "another manager may be at work on this EEPROM; run the restore again");
+}
+
+// The word may have been written also if this fails.
+void job_board::write_word(job *work, uint32_t address, uint32_t before, uint32_t after)
+{
+    check_writer();
+    // Not cancelled between two attempts: what has happened to the word must be in the log.
+    const int result = move_word(work->card, false, [&](const fxm_retry_param_t *retries) {
+        return fxm_write_eeprom(work->card, address, after, retries, work->flags() | FXM_FLAG_VERIFY);
+    });
+    audit_(work->who, work->card,
+           fmt::format("eeprom {:#05x} job={} result={}", address, work->number, result_name(result)),
+           fmt::format("{:#010x}", before), fmt::format("{:#010x}", after));
+    if (result != FXM_API_SUCCESS)
+        throw_result(result, fmt::format("cannot write EEPROM word {:#05x}", address), work->card);
 }
 
 void job_board::write_eeprom(job *work)
 {
     progress(work, 0, 1);
     const uint32_t before = read_word(work, work->address);
-    if (!work->dry_run) {
-        const int result =
-            fxm_write_eeprom(work->card, work->address, work->value, nullptr, work->flags() | FXM_FLAG_VERIFY);
-        audit_(work->who, work->card,
-               fmt::format("eeprom {:#05x} job={} result={}", work->address, work->number, result),
-               fmt::format("{:#010x}", before), fmt::format("{:#010x}", work->value));
-        if (result != FXM_API_SUCCESS)
-            throw_result(result, fmt::format("cannot write EEPROM word {:#05x}", work->address), work->card);
+    {
+        std::lock_guard guard(mutex_);
+        work->before = before;
     }
+    progress(work, 0, 1);
+    if (!work->dry_run)
+        write_word(work, work->address, before, work->value);
     std::lock_guard guard(mutex_);
-    work->result = {{"address", work->address}, {"old", before}, {"new", work->value}, {"written", !work->dry_run}};
-    work->has_result = true;
     work->done = work->total;
 }
 
@@ -563,33 +610,23 @@ void job_board::write_eeprom(job *work)
 void job_board::dump_registers(job *work)
 {
     const uint32_t total = (work->end - work->start) / 4;
-    std::vector<uint32_t> held;
-    const auto keep = [&] {
-        std::lock_guard guard(mutex_);
-        work->result = {{"start", work->start},
-                        {"end", work->start + static_cast<uint32_t>(held.size()) * 4},
-                        {"words", numbers(held)}};
-        work->has_result = true;
-    };
-    try {
-        while (held.size() < total) {
-            progress(work, static_cast<uint32_t>(held.size()), total);
-            const uint32_t from = work->start + static_cast<uint32_t>(held.size()) * 4;
-            const uint32_t to = std::min(from + REGISTER_STEP * 4, work->end);
-            std::vector<uint32_t> step((to - from) / 4);
-            uint64_t size = step.size() * 4;
-            const int result = fxm_dump_register(work->card, from, to, step.data(), &size, nullptr, 0);
-            held.insert(held.end(), step.begin(), step.begin() + static_cast<ptrdiff_t>(size / 4));
-            if (result != FXM_API_SUCCESS)
-                throw_result(result, fmt::format("cannot read register {:#x}", from + static_cast<uint32_t>(size)),
-                             work->card);
+    for (uint32_t read = 0; read < total;) {
+        progress(work, read, total);
+        const uint32_t from = work->start + read * 4;
+        const uint32_t to = std::min(from + REGISTER_STEP * 4, work->end);
+        std::vector<uint32_t> step((to - from) / 4);
+        uint64_t size = step.size() * 4;
+        const int result = fxm_dump_register(work->card, from, to, step.data(), &size, nullptr, 0);
+        {
+            std::lock_guard guard(mutex_);
+            work->held.insert(work->held.end(), step.begin(), step.begin() + static_cast<ptrdiff_t>(size / 4));
+            read = static_cast<uint32_t>(work->held.size());
+            work->done = read;
         }
-    } catch (...) {
-        keep();
-        throw;
+        if (result != FXM_API_SUCCESS)
+            throw_result(result, fmt::format("cannot read register {:#x}", from + static_cast<uint32_t>(size)),
+                         work->card);
     }
-    keep();
-    progress(work, total, total);
 }
 
 void job_board::set_vlan(job *work)
@@ -602,15 +639,18 @@ void job_board::set_vlan(job *work)
         before = server.fsv_card.fcd_vlan_id;
     else if (fxm_get_fxio(work->card, &device) == FXM_API_SUCCESS)
         before = device.fio_card.fcd_vlan_id;
-    const auto vlan = static_cast<uint16_t>(work->value);
-    const int result = fxm_set_vlanid(work->card, vlan, nullptr, FXM_FLAG_VERIFY);
-    audit_(work->who, work->card, fmt::format("vlan job={} result={}", work->number, result), std::to_string(before),
-           std::to_string(vlan));
-    if (result != FXM_API_SUCCESS)
-        throw_result(result, fmt::format("cannot set VLAN {}", vlan), work->card);
+    {
+        std::lock_guard guard(mutex_);
+        work->before = before;
+    }
+    if (!work->dry_run) {
+        const int result = fxm_set_vlanid(work->card, static_cast<uint16_t>(work->value), nullptr, FXM_FLAG_VERIFY);
+        audit_(work->who, work->card, fmt::format("vlan job={} result={}", work->number, result_name(result)),
+               std::to_string(before), std::to_string(work->value));
+        if (result != FXM_API_SUCCESS)
+            throw_result(result, fmt::format("cannot set VLAN {}", work->value), work->card);
+    }
     std::lock_guard guard(mutex_);
-    work->result = {{"old", before}, {"new", vlan}};
-    work->has_result = true;
     work->done = work->total;
 }
 

@@ -35,6 +35,7 @@ class job_board
     static constexpr size_t MOST_QUEUED = 100; // for one card
     static constexpr size_t MOST_RUNNING = 64;
     static constexpr int64_t KEPT_MS = 3600 * 1000;
+    static constexpr size_t MOST_WORDS = 4 << 20; // in all requests and results; beyond, the oldest results go early
 
     job_board(ring *events, bool eeprom_writer, audit_function audit);
     ~job_board();
@@ -46,9 +47,9 @@ class job_board
     // Each returns a JOB document. submit throws api_error for a request that is wrong or not allowed, get and cancel for
     // an unknown job.
     boost::json::object submit(const boost::json::object &request, const caller &who);
-    boost::json::object get(uint64_t number) const;
+    boost::json::object get(uint64_t number);
     boost::json::object cancel(uint64_t number);
-    boost::json::array list() const;
+    boost::json::array list();
     job_counts counts() const;
 
     // Cancels what runs, drops what waits, and returns when nothing runs. After it nothing is taken any more.
@@ -59,22 +60,23 @@ class job_board
     using job_ptr = std::shared_ptr<job>;
 
     void run(const job_ptr &work);
-    void drop(const job_ptr &work);
     void end(const job_ptr &work, const char *state);
+    void end_locked(job *work, const char *state);
     void progress(job *work, uint32_t done, uint32_t total);
-    void announce(const job &work);
+    void announce(job &work);
     boost::json::object document(const job &work, bool whole) const;
+    static boost::json::value result_of(const job &work);
     void forget_old();
+    void check_writer() const;
     job_ptr find(uint64_t number) const;
 
-    void dump_eeprom(job *work);
-    void compare_eeprom(job *work);
+    void read_words(job *work);
     void restore_eeprom(job *work);
     void write_eeprom(job *work);
     void dump_registers(job *work);
     void set_vlan(job *work);
     uint32_t read_word(job *work, uint32_t address);
-    void differing(job *work, std::vector<uint32_t> *held);
+    void write_word(job *work, uint32_t address, uint32_t before, uint32_t after);
 
     ring *events_;
     std::atomic<bool> eeprom_writer_;

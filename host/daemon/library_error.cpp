@@ -23,14 +23,14 @@ static constexpr meaning meanings[] = {
     {"FXM_API_ERANGE", "a limit was exceeded", ""},
     {"FXM_API_ENOENT", "the library does not know the card", "fxmctl cards lists the cards"},
     {"FXM_API_ENOLINK", "no channel of the card is up, or it is out of monitoring",
-     "fxmctl show tells the channels; --livecheck looks for a channel on which the card answers"},
-    {"FXM_API_ENOMEM", "memory is out", ""},
+     "fxmctl show lists the channels; --livecheck looks for one on which the card answers"},
+    {"FXM_API_ENOMEM", "out of memory", ""},
     {"FXM_API_EPROTO", "the frame could not be sent, or the card refused the access", "see fxmctl log"},
     {"FXM_API_ETIMEDOUT", "the card did not answer, or did not take the value, in time",
-     "try --retries with a larger number"},
+     "fxmctl show says which channels are up and when the card was last seen"},
     {"FXM_API_EBUSY", "another manager holds the lock of the EEPROM",
      "wait for it; fxmctl eeprom unlock or --force takes the lock away"},
-    {"FXM_API_ENOSYS", "the library is not running", "fxmctl status tells why"},
+    {"FXM_API_ENOSYS", "the library is not running", "fxmctl status says why"},
 };
 
 static const meaning &meaning_of(int result)

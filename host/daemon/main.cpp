@@ -117,7 +117,8 @@ class daemon
           events_(sequence_.start()), cards_(&events_, &log_, fs::path(settings->state_dir) / "unmonitored"),
           ports_(settings->ports, &events_, &log_),
           fabric_(settings->run_dir + "/library", &cards_, &events_, &log_, [this] { claim_ports(); }),
-          operations_(OPERATIONS, OPERATIONS_PER_CARD, OPERATIONS_QUEUED),
+          operations_(OPERATIONS, OPERATIONS_PER_CARD, OPERATIONS_QUEUED,
+                      [this](const std::string &what) { log_.error("an operation failed: {}", what); }),
           jobs_(&events_, settings->eeprom_writer,
                 [this](const caller &who, uint64_t card, const std::string &what, const std::string &before,
                        const std::string &after) { audit(who, card, what, before, after); })
