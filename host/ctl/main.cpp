@@ -39,7 +39,9 @@ static int run(fxm::session *all)
         return result;
     } catch (const fxm::ctl_error &failure) {
         fflush(stdout);
-        fmt::print(stderr, "fxmctl: {}{}{}\n", failure.what(), failure.hint.empty() ? "" : "; ", failure.hint);
+        const bool names_help = failure.hint.find("--help") != std::string::npos;
+        fmt::print(stderr, "fxmctl: {}{}{}{}\n", failure.what(), failure.hint.empty() ? "" : "; ", failure.hint,
+                   failure.exit == fxm::EXIT_USAGE && !names_help ? "; see fxmctl --help" : "");
         return failure.exit;
     } catch (const std::exception &failure) {
         fmt::print(stderr, "fxmctl: {}\n", failure.what());

@@ -121,6 +121,12 @@ std::string format_time(int64_t ms)
     return fmt::format("{:04}-{:02}-{:02} {}", when.tm_year + 1900, when.tm_mon + 1, when.tm_mday, clock);
 }
 
+std::string format_seconds(int64_t ms)
+{
+    const std::string exact = format_time(ms);
+    return exact.substr(0, exact.rfind('.'));
+}
+
 progress_bar::progress_bar(std::string title)
     : title_(std::move(title)), terminal_(isatty(STDERR_FILENO) != 0), began_ms_(now_ms())
 {
@@ -157,7 +163,8 @@ void confirm(const output_options &how, const std::string &target, const std::st
     if (how.yes || how.dry_run)
         return;
     if (isatty(STDIN_FILENO) == 0)
-        throw ctl_error(EXIT_USAGE, fmt::format("nothing was written, because nobody can be asked: {}?", target),
+        throw ctl_error(EXIT_USAGE,
+                        fmt::format("nothing was written, because there is no terminal to ask on: {}", target),
                         "say --yes to write without a question, or --dry-run to see what would happen");
     flush();
     fmt::print(stderr, "{}{}", target, typed.empty() ? "? [y/N] " : fmt::format(". Type {}: ", typed));
