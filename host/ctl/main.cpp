@@ -21,7 +21,7 @@ static std::string unknown_command(const CLI::App &app, int argc, char **argv)
     if (!app.get_subcommands().empty())
         return "";
     for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
+        std::string word = argv[i];
         if (word == "--socket" || word == "--url" || word == "--token-file")
             ++i;
         else if (!word.starts_with('-'))

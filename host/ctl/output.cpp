@@ -115,7 +115,7 @@ std::string format_time(int64_t ms)
     };
     const tm when = convert(ms);
     const tm today = convert(now_ms());
-    const std::string clock = fmt::format("{:02}:{:02}:{:02}.{:03}", when.tm_hour, when.tm_min, when.tm_sec, ms % 1000);
+    std::string clock = fmt::format("{:02}:{:02}:{:02}.{:03}", when.tm_hour, when.tm_min, when.tm_sec, ms % 1000);
     if (when.tm_yday == today.tm_yday && when.tm_year == today.tm_year)
         return clock;
     return fmt::format("{:04}-{:02}-{:02} {}", when.tm_year + 1900, when.tm_mon + 1, when.tm_mday, clock);
