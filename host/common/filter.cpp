@@ -43,11 +43,19 @@ static int find_key(std::string_view name)
 
 bool filter::is_key(std::string_view key) { return find_key(key) >= 0; }
 
-// The place of the word in the list, as a range of one, or an empty optional.
+// Tables show FXSV and 40G in capitals, and what a table shows must be good for a filter.
+static bool same_word(std::string_view one, std::string_view other)
+{
+    const auto small = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [small](char a, char b) { return small(a) == small(b); });
+}
+
+// The place of the word in the list.
 template <typename Words> static std::optional<uint64_t> place_of(std::string_view text, const Words &words)
 {
     for (size_t i = 0; i < std::size(words); ++i) {
-        if (text == words[i])
+        if (same_word(text, words[i]))
             return i;
     }
     return std::nullopt;
@@ -107,10 +115,8 @@ static std::optional<std::pair<uint64_t, uint64_t>> parse_value(int key, std::st
     case KEY_CLASS:
         return one(place_of(text, class_words));
     case KEY_GEN:
-        if (text == "1/10G" || text == "10g")
+        if (same_word(text, "1/10g") || same_word(text, "10g"))
             text = "1g";
-        if (text == "40G")
-            text = "40g";
         return one(place_of(text, std::array<std::string_view, 2>{"1g", "40g"}));
     case KEY_VLAN:
         return parse_vlans(text);
@@ -202,7 +208,7 @@ bool filter::matches(const facts &card) const
             good = in(card.vlan);
             break;
         case KEY_ID:
-            good = in(card.id);
+            good = in(card.id) || (card.is_40g && in(card.id | 1)); // a 40G card has the odd address too
             break;
         case KEY_PARTNER:
             good = std::any_of(card.partners.begin(), card.partners.begin() + card.partner_count, in);

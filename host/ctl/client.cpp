@@ -1,6 +1,7 @@
 #include "ctl/client.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <boost/asio/generic/stream_protocol.hpp>
@@ -62,7 +63,7 @@ client::~client() = default;
 
 std::string client::where() const { return where_.url.empty() ? where_.socket : where_.url; }
 
-static exit_code exit_of(std::string_view code, std::string_view path)
+exit_code exit_of(std::string_view code, bool is_card)
 {
     struct entry {
         std::string_view code;
@@ -74,7 +75,7 @@ static exit_code exit_of(std::string_view code, std::string_view path)
         {"FXM_API_ENOSYS", EXIT_UNREACHABLE},    {"FXM_DENIED", EXIT_DENIED},
     };
     if (code == "FXM_API_ENOENT")
-        return path.starts_with("/v1/cards/") || path == "/v1/jobs" ? EXIT_NO_CARD : EXIT_FAILED;
+        return is_card ? EXIT_NO_CARD : EXIT_FAILED;
     for (const entry &known : entries) {
         if (known.code == code)
             return known.exit;
@@ -96,7 +97,8 @@ static std::string text_of(const json::object &from, std::string_view name)
     if (error || !parsed.is_object() || text_of(parsed.get_object(), "message").empty())
         throw ctl_error(EXIT_FAILED, fmt::format("fxmd answered {} with HTTP status {}", path, status));
     const json::object &answer = parsed.get_object();
-    throw ctl_error(exit_of(text_of(answer, "code"), path), text_of(answer, "message"), text_of(answer, "hint"));
+    const bool is_card = path.starts_with("/v1/cards/") || path == "/v1/jobs"; // a job is made for a card
+    throw ctl_error(exit_of(text_of(answer, "code"), is_card), text_of(answer, "message"), text_of(answer, "hint"));
 }
 
 // Only loopback addresses make sense: fxmd listens nowhere else.
@@ -140,9 +142,32 @@ void client::connect()
                     "start fxmd, or set --socket or FXM_SOCKET");
 }
 
-// Returns the HTTP status. `take` gets the body piece by piece; when it returns false, the transfer ends.
+// A request may wait for its turn at a card and for as many retries as were asked for. An event stream shows a sign of
+// life every 15 s.
+constexpr int REQUEST_SECONDS = 600;
+constexpr int STREAM_SECONDS = 45;
+
+// Waits until there is something to read, at most so long. Returns false if `idle`, which is called every second, has.
+bool client::await(int most_seconds, const std::function<bool()> &idle)
+{
+    if (state_->buffer.size() != 0)
+        return true;
+    pollfd wanted{state_->socket.native_handle(), POLLIN, 0};
+    for (int seconds = 0; seconds < most_seconds; ++seconds) {
+        if (poll(&wanted, 1, 1000) > 0)
+            return true;
+        if (idle && !idle())
+            return false;
+    }
+    state_->socket.close();
+    throw ctl_error(EXIT_UNREACHABLE, fmt::format("fxmd at {} has been silent for {} s", where(), most_seconds),
+                    "see whether it still runs, and its log");
+}
+
+// Returns the HTTP status. `take` gets the body piece by piece; when it or `idle` returns false, the transfer ends.
 unsigned client::perform(const char *method, const std::string &path, const query &arguments, const std::string &body,
-                         const char *accept, const std::function<bool(unsigned, const char *, size_t)> &take)
+                         const char *accept, const std::function<bool(unsigned, const char *, size_t)> &take,
+                         int most_seconds, const std::function<bool()> &idle)
 {
     std::string target = path;
     char separator = '?';
@@ -168,18 +193,24 @@ unsigned client::perform(const char *method, const std::string &path, const quer
     http::response_parser<http::buffer_body> parser;
     parser.body_limit(boost::none);
     http::write(state_->socket, request, error);
-    if (!error)
+    if (!error) {
+        await(most_seconds, {});
         http::read_header(state_->socket, state_->buffer, parser, error);
+    }
     // fxmd has ended a connection that was idle, or has been restarted. Nothing of the answer has come.
     if (error && kept && !parser.got_some()) {
         state_->socket.close();
-        return perform(method, path, arguments, body, accept, take);
+        return perform(method, path, arguments, body, accept, take, most_seconds, idle);
     }
     std::array<char, 65536> piece;
     while (!error && !parser.is_done()) {
         parser.get().body().data = piece.data();
         parser.get().body().size = piece.size();
         parser.get().body().more = true;
+        if (!await(most_seconds, idle)) {
+            state_->socket.close();
+            return parser.get().result_int();
+        }
         // One read at a time: a stream has no end to wait for.
         http::read_some(state_->socket, state_->buffer, parser, error);
         if (error == http::error::need_buffer)
@@ -202,11 +233,12 @@ std::string client::request(const char *method, const std::string &path, const q
                             const std::string &body)
 {
     std::string answer;
-    const unsigned status =
-        perform(method, path, arguments, body, "application/json", [&](unsigned, const char *data, size_t size) {
-            answer.append(data, size);
-            return true;
-        });
+    const unsigned status = perform(method, path, arguments, body, "application/json",
+                                    [&](unsigned, const char *data, size_t size) {
+                                        answer.append(data, size);
+                                        return true;
+                                    },
+                                    REQUEST_SECONDS, {});
     if (status >= 400)
         throw_answer(path, status, answer);
     return answer;
@@ -236,13 +268,15 @@ json::object client::send(const char *method, const std::string &path, const jso
     return parse_object(path, request(method, path, {}, body.empty() ? "" : json::serialize(body)));
 }
 
-void client::stream(const std::string &path, const query &arguments, const std::function<bool(std::string_view)> &see)
+void client::stream(const std::string &path, const query &arguments, const std::function<bool(std::string_view)> &see,
+                    const std::function<bool()> &idle)
 {
     std::string partial;
     std::string refusal;
     bool asked_to_end = false;
-    const unsigned status =
-        perform("GET", path, arguments, "", "application/x-ndjson", [&](unsigned now, const char *data, size_t size) {
+    const unsigned status = perform(
+        "GET", path, arguments, "", "application/x-ndjson",
+        [&](unsigned now, const char *data, size_t size) {
             if (now >= 400) {
                 refusal.append(data, size);
                 return true;
@@ -257,6 +291,11 @@ void client::stream(const std::string &path, const query &arguments, const std::
             }
             partial.erase(0, at);
             return true;
+        },
+        idle ? STREAM_SECONDS : REQUEST_SECONDS,
+        [&] {
+            asked_to_end = idle && !idle();
+            return !asked_to_end;
         });
     if (status >= 400)
         throw_answer(path, status, refusal);

@@ -59,21 +59,29 @@ class client
 
     // Hands each line of an NDJSON answer to `see`, without its end, until `see` returns false or the answer ends. Empty
     // lines come too. An end that nobody asked for is EXIT_NO_DAEMON.
-    void stream(const std::string &path, const query &arguments, const std::function<bool(std::string_view)> &see);
+    // An event stream says what happens in each second without a line: `idle` returns false to end it. It has signs of
+    // life, and without them it is EXIT_UNREACHABLE.
+    void stream(const std::string &path, const query &arguments, const std::function<bool(std::string_view)> &see,
+                const std::function<bool()> &idle = {});
 
     std::string where() const; // for messages
 
   private:
     struct state;
     void connect();
+    bool await(int most_seconds, const std::function<bool()> &idle);
     unsigned perform(const char *method, const std::string &path, const query &arguments, const std::string &body,
-                     const char *accept, const std::function<bool(unsigned, const char *, size_t)> &take);
+                     const char *accept, const std::function<bool(unsigned, const char *, size_t)> &take,
+                     int most_seconds, const std::function<bool()> &idle);
     std::string request(const char *method, const std::string &path, const query &arguments, const std::string &body);
 
     endpoint where_;
     std::string token_;
     std::unique_ptr<state> state_;
 };
+
+// The exit code for the `code` of an error document. What does not exist is a card, or something else.
+exit_code exit_of(std::string_view code, bool is_card);
 
 // Escapes a part of a path.
 std::string escape(std::string_view text);

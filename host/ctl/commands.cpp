@@ -21,6 +21,22 @@ client &session::api()
     return *api_;
 }
 
+// ---------------------------------------------------------------------------------------------------- help of commands
+
+void explain(CLI::App *command, reach far, const std::string &examples, const std::string &failed)
+{
+    std::string codes = fmt::format("Exit code: 0 done, 1 {}, 2 wrong usage", failed);
+    if (far == reach::record || far == reach::card)
+        codes += ", 3 no such card";
+    if (far != reach::local)
+        codes += far == reach::card ? ", 4 the card or fxmd did not answer" : ", 4 no answer in time";
+    if (far == reach::card)
+        codes += ",\n5 busy, or locked by another manager";
+    if (far != reach::local)
+        codes += ", 6 no permission, 7 fxmd is not running";
+    command->footer(examples + "\n" + codes + ".");
+}
+
 // ----------------------------------------------------------------------------------------------------- reading documents
 
 static const json::value &member(const json::object &from, std::string_view name)
@@ -91,12 +107,21 @@ std::string card_words(session *all, const std::string &id)
 }
 
 int print_document(session *all, const std::string &path, const query &arguments,
-                   const std::function<void(const json::object &)> &show)
+                   const std::function<void(const json::object &)> &show, const char *list)
 {
-    if (all->how.json || all->how.ndjson)
+    if (all->how.ndjson && list != nullptr) {
+        const json::object document = all->api().get(path, arguments);
+        for (const json::value &entry : array(document, list)) {
+            json::object line{{"schema", document.at("schema")}};
+            for (const auto &field : entry.as_object())
+                line[field.key()] = field.value(); // an entry with a schema of its own has the same
+            put(json::serialize(line) + "\n");
+        }
+    } else if (all->how.json || all->how.ndjson) {
         put(all->api().get_text(path, arguments));
-    else
+    } else {
         show(all->api().get(path, arguments));
+    }
     return EXIT_DONE;
 }
 
@@ -141,14 +166,36 @@ json::object run_job(session *all, const json::object &request, const std::strin
         throw ctl_error(EXIT_FAILED, fmt::format("job {} was cancelled", number(job, "job")));
     if (state == "failed") {
         const json::object &error = object(job, "error");
-        const std::string code = text(error, "code");
-        throw ctl_error(code == "FXM_API_ETIMEDOUT" || code == "FXM_API_ENOLINK" ? EXIT_UNREACHABLE
-                        : code == "FXM_API_EBUSY"                                ? EXIT_BUSY
-                        : code == "FXM_API_ENOENT"                               ? EXIT_NO_CARD
-                                                                                 : EXIT_FAILED,
-                        text(error, "message"), text(error, "hint"));
+        throw ctl_error(exit_of(text(error, "code"), true), text(error, "message"), text(error, "hint"));
     }
     return job;
+}
+
+void print_words(int64_t start, const json::array &words)
+{
+    const int64_t last = start + 4 * static_cast<int64_t>(words.size()) - 4;
+    const int digits = last < 0x1000 ? 3 : last < 0x10000 ? 4 : 6;
+    for (size_t i = 0; i < words.size(); ++i) {
+        if (i % 4 == 0)
+            put(fmt::format("{}0x{:0{}x}:", i == 0 ? "" : "\n", start + static_cast<int64_t>(i) * 4, digits));
+        put(fmt::format(" {:08x}", words[i].to_number<uint32_t>()));
+    }
+    put("\n");
+}
+
+std::optional<std::pair<uint32_t, uint32_t>> parse_range(const std::string &text)
+{
+    const size_t dots = text.find("..");
+    // A name has no dash, but a wrong number may begin with one.
+    const size_t split = dots != std::string::npos ? dots : text.find('-', 1);
+    if (split == std::string::npos)
+        return std::nullopt;
+    const auto first = parse_u32(std::string_view(text).substr(0, split));
+    const auto end = parse_u32(std::string_view(text).substr(split + (dots != std::string::npos ? 2 : 1)));
+    if (!first || !end || *end <= *first)
+        throw ctl_error(EXIT_USAGE, fmt::format("{} is no range", text),
+                        "write FIRST..END, END being the address behind the last word");
+    return std::pair(*first, *end);
 }
 
 void operation_options::add_to(CLI::App *command)

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "ctl/client.h"
@@ -38,6 +39,18 @@ void add_card_commands(CLI::App *app, session *all);     // vlan, monitor, delet
 void add_snapshot_commands(CLI::App *app, session *all); // snapshot, diff
 void add_admin_commands(CLI::App *app, session *all);    // jobs, loglevel, status-dump, reload, doctor, completion
 
+// ---------------------------------------------------------------------------------------------------- help of commands
+// How far a command reaches, which says what can go wrong with it.
+enum class reach {
+    local,  // this program alone
+    fxmd,   // what fxmd knows of itself and of all cards
+    record, // what fxmd knows of one card
+    card    // the card itself
+};
+
+// Ends the help of a command with its examples and its exit codes. `failed` is what 1 means.
+void explain(CLI::App *command, reach far, const std::string &examples, const std::string &failed = "failed");
+
 // ----------------------------------------------------------------------------------------------- reading documents
 std::string text(const boost::json::object &from, std::string_view name); // "" for null
 int64_t number(const boost::json::object &from, std::string_view name);   // 0 for null
@@ -48,13 +61,17 @@ const boost::json::object &object(const boost::json::object &from, std::string_v
 boost::json::object parse_line(std::string_view line);
 
 // ------------------------------------------------------------------------------------------------------ for commands
+constexpr const char *FILTER_HELP = "words such as state=lost vlan=100-199 class=fxio gen=40g id=02:00:* int=0x04; "
+                                    "KEY!=VALUE, and values with commas between";
+
 std::string card_path(const std::string &id);                // "/v1/cards/02:..."; throws EXIT_USAGE for what is no id
 std::string card_words(session *all, const std::string &id); // "02:00:00:00:10:00 (FXSV, vlan 100)"
 std::string upper(std::string_view text);
 
-// With -j the document itself, otherwise what `show` prints.
+// With -j the document itself, with --ndjson the entries of its array `list` or else the document, otherwise what `show`
+// prints.
 int print_document(session *all, const std::string &path, const query &arguments,
-                   const std::function<void(const boost::json::object &)> &show);
+                   const std::function<void(const boost::json::object &)> &show, const char *list = nullptr);
 
 // Submits a job, follows it with a bar, and returns its document. Ctrl-C cancels it. Throws for a job that failed,
 // after `ended` has seen the document.
@@ -64,6 +81,14 @@ boost::json::object run_job(session *all, const boost::json::object &request, co
 // Set by the first Ctrl-C of a command that has called catch_interrupt.
 void catch_interrupt();
 bool interrupted();
+
+// Words of an EEPROM or registers, four on a line behind the address of the first one.
+void print_words(int64_t start, const boost::json::array &words);
+void print_job_result(const boost::json::object &job);
+
+// FIRST..END or FIRST-END, END being the address behind the last word. Nothing if the text is no range; EXIT_USAGE if it
+// is one that is empty or has no numbers.
+std::optional<std::pair<uint32_t, uint32_t>> parse_range(const std::string &text);
 
 struct operation_options {
     std::optional<uint32_t> retries, interval_ms;

@@ -71,14 +71,33 @@ static json::object request(const char *kind, const std::string &card, bool forc
     return made;
 }
 
-static void print_words(int64_t start, const json::array &words)
+static void print_differing(const json::array &differing)
 {
-    for (size_t i = 0; i < words.size(); ++i) {
-        if (i % 4 == 0)
-            put(fmt::format("{}{:#05x}:", i == 0 ? "" : "\n", start + static_cast<int64_t>(i) * 4));
-        put(fmt::format(" {:08x}", words[i].to_number<uint32_t>()));
+    for (const json::value &entry : differing) {
+        const json::object &word = entry.as_object();
+        put(fmt::format("{:#05x}: card {:#010x}, file {:#010x}\n", number(word, "address"), number(word, "card"),
+                        number(word, "file")));
     }
-    put("\n");
+}
+
+// What a job has read and written, also one that has not come to its end.
+void print_job_result(const json::object &job)
+{
+    const json::object &result = object(job, "result");
+    if (result.contains("words"))
+        print_words(number(result, "start"), array(result, "words"));
+    if (result.contains("differing"))
+        print_differing(array(result, "differing"));
+    if (result.contains("left"))
+        put(fmt::format("{} words differed, {} written, {} left\n", array(result, "differing").size(),
+                        array(result, "written").size(), array(result, "left").size()));
+    else if (result.contains("differing"))
+        put(fmt::format("{} words differ\n", array(result, "differing").size()));
+    if (result.contains("address"))
+        put(fmt::format("{:#05x}: {:#010x} → {:#010x}{}\n", number(result, "address"), number(result, "old"),
+                        number(result, "new"), flag(result, "written") ? ", verified" : ", not written"));
+    else if (result.contains("old"))
+        put(fmt::format("vlan {} → {}\n", number(result, "old"), number(result, "new")));
 }
 
 struct eeprom_arguments {
@@ -98,13 +117,16 @@ static uint32_t parse_address(const std::string &text)
 
 static int read_word(session *all, const eeprom_arguments &given)
 {
-    const uint32_t address = parse_address(given.address);
+    const auto range = parse_range(given.address);
+    const uint32_t address = range ? range->first : parse_address(given.address);
     json::object what = request("eeprom-dump", given.card, given.force);
     what["start"] = address;
-    what["end"] = address + 4;
+    what["end"] = range ? range->second : address + 4;
     const json::object job = run_job(all, what, "Reading");
     if (all->how.json)
         put(json::serialize(job) + "\n");
+    else if (range)
+        print_job_result(job);
     else
         put(fmt::format("{:#05x} = {:#010x}\n", address,
                         array(object(job, "result"), "words")[0].to_number<uint32_t>()));
@@ -161,17 +183,14 @@ static int compare(session *all, const eeprom_arguments &given)
     if (all->how.json) {
         put(json::serialize(job) + "\n");
     } else {
-        for (const json::value &entry : differing) {
-            const json::object &word = entry.as_object();
-            put(fmt::format("{:#05x}: card {:#010x}, file {:#010x}\n", number(word, "address"), number(word, "card"),
-                            number(word, "file")));
-        }
+        print_differing(differing);
         put(fmt::format("{} of {} words differ\n", differing.size(), words.size()));
     }
     return differing.empty() ? EXIT_DONE : EXIT_FAILED;
 }
 
-static std::string backup_name(const std::string &card)
+// A new file in the current directory, named for the card and the time.
+static std::string write_backup(const std::string &card, const json::array &words)
 {
     std::string digits;
     for (const char c : card) {
@@ -183,7 +202,11 @@ static std::string backup_name(const std::string &card)
     gmtime_r(&now, &utc);
     char text[32];
     strftime(text, sizeof(text), "%Y%m%dT%H%M%SZ", &utc);
-    return fmt::format("{}-{}.bin", digits, text);
+    std::string name = fmt::format("{}-{}.bin", digits, text);
+    for (int more = 2; access(name.c_str(), F_OK) == 0; ++more)
+        name = fmt::format("{}-{}-{}.bin", digits, text, more);
+    write_file(name, words, false);
+    return name;
 }
 
 static int restore(session *all, const eeprom_arguments &given)
@@ -197,23 +220,48 @@ static int restore(session *all, const eeprom_arguments &given)
     const json::object &found = object(before, "result");
     const size_t differing = array(found, "differing").size();
     const std::string card = text(before, "card");
-    put(fmt::format("{} of {} words differ{}\n", differing, words.size(),
+    const auto say = [all](const std::string &line) {
+        if (!all->how.json)
+            put(line + '\n');
+    };
+    say(fmt::format("{} of {} words differ{}", differing, words.size(),
                     differing != 0 ? " (fxmctl eeprom diff shows them)" : ""));
-    if (differing == 0 || all->how.dry_run)
+    if (differing == 0 || all->how.dry_run) {
+        if (all->how.json)
+            put(json::serialize(before) + "\n");
         return EXIT_DONE;
+    }
     confirm(all->how, fmt::format("Write {} words to {}", differing, all->how.yes ? card : card_words(all, card)));
-    const std::string backup = backup_name(card);
-    write_file(backup, array(found, "backup"), false);
-    put(fmt::format("Backup: {}\n", backup));
+    const std::string backup = write_backup(card, array(found, "backup"));
+    say("Backup: " + backup);
     flush();
-    run_job(all, what, "Restoring", [&](const json::object &job) {
-        if (text(job, "state") == "done" || is_null(job, "result") || !object(job, "result").contains("left"))
+    bool told = false;
+    const auto ended = [&](const json::object &job) {
+        told = true;
+        if (all->how.json)
+            put(json::serialize(job) + "\n");
+        if (is_null(job, "result") || !object(job, "result").contains("left"))
             return;
         const json::object &done = object(job, "result");
-        put(fmt::format("{} words written, {} left; run it again to finish, or restore {}\n",
-                        array(done, "written").size(), array(done, "left").size(), backup));
-    });
-    put(fmt::format("{} words written, all {} verified\n", differing, words.size()));
+        // Another client may have written between the comparison and the restore.
+        if (array(done, "backup") != array(found, "backup"))
+            say("The EEPROM has changed since the comparison. What the restore found: " +
+                write_backup(card, array(done, "backup")));
+        if (text(job, "state") == "done")
+            say(fmt::format("{} words written, all {} verified", array(done, "written").size(), words.size()));
+        else
+            say(fmt::format("{} words written, {} left; run it again to finish, or restore {}",
+                            array(done, "written").size(), array(done, "left").size(), backup));
+    };
+    try {
+        run_job(all, what, "Restoring", ended);
+    } catch (const ctl_error &failure) {
+        if (told)
+            throw;
+        // Without fxmd nobody knows how far it came.
+        throw ctl_error(failure.exit, failure.what(),
+                        fmt::format("words may be left to write: run it again to finish, or restore {}", backup));
+    }
     return EXIT_DONE;
 }
 
@@ -238,6 +286,7 @@ void add_eeprom_commands(CLI::App *app, session *all)
 {
     auto given = std::make_shared<eeprom_arguments>();
     auto *group = app->add_subcommand("eeprom", "reads and writes EEPROMs")->require_subcommand(1);
+    explain(group, reach::card, "Example: fxmctl eeprom diff 02:00:00:00:10:00 good.bin");
     struct entry {
         const char *name, *purpose;
         int (*run)(session *all, const eeprom_arguments &given);
@@ -245,13 +294,13 @@ void add_eeprom_commands(CLI::App *app, session *all)
         const char *example;
     };
     static constexpr entry entries[] = {
-        {"read", "one word, read twice", read_word, 1, "fxmctl eeprom read 02:00:00:00:10:00 0x10"},
+        {"read", "one word, or those of FIRST..END; each is read twice", read_word, 1,
+         "fxmctl eeprom read 02:00:00:00:10:00 0x10"},
         {"write", "one word, with verification", write_word, 2,
          "fxmctl eeprom write 02:00:00:00:10:00 0x10 0x600df00d"},
         {"dump", "the whole EEPROM, each word read twice, to a file or the screen", dump, 4,
          "fxmctl eeprom dump 02:00:00:00:10:00 good.bin"},
-        {"diff", "compares an EEPROM with a file; exit code 1 if words differ", compare, 3,
-         "fxmctl eeprom diff 02:00:00:00:10:00 good.bin"},
+        {"diff", "compares an EEPROM with a file", compare, 3, "fxmctl eeprom diff 02:00:00:00:10:00 good.bin"},
         {"restore", "writes the words that differ from a file, with a backup in the current directory", restore, 3,
          "fxmctl eeprom restore 02:00:00:00:10:00 good.bin"},
         {"unlock", "clears a lock that another manager has left", unlock, 0, "fxmctl eeprom unlock 02:00:00:00:10:00"},
@@ -271,7 +320,8 @@ void add_eeprom_commands(CLI::App *app, session *all)
         }
         if (known.words != 0)
             command->add_flag("--force", given->force, "take the lock away from another manager (admin)");
-        command->footer(std::string("Example: ") + known.example);
+        explain(command, reach::card, std::string("Example: ") + known.example,
+                known.run == compare ? "words differ, or failed" : "failed");
         command->callback([all, given, run = known.run] { all->run = [all, given, run] { return run(all, *given); }; });
     }
 }

@@ -21,7 +21,7 @@ static std::string unknown_command(const CLI::App &app, int argc, char **argv)
     if (!app.get_subcommands().empty())
         return "";
     for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
+        std::string word = argv[i];
         if (word == "--socket" || word == "--url" || word == "--token-file")
             ++i;
         else if (!word.starts_with('-'))
@@ -39,7 +39,9 @@ static int run(fxm::session *all)
         return result;
     } catch (const fxm::ctl_error &failure) {
         fflush(stdout);
-        fmt::print(stderr, "fxmctl: {}{}{}\n", failure.what(), failure.hint.empty() ? "" : "; ", failure.hint);
+        const bool names_help = failure.hint.find("--help") != std::string::npos;
+        fmt::print(stderr, "fxmctl: {}{}{}{}\n", failure.what(), failure.hint.empty() ? "" : "; ", failure.hint,
+                   failure.exit == fxm::EXIT_USAGE && !names_help ? "; see fxmctl --help" : "");
         return failure.exit;
     } catch (const std::exception &failure) {
         fmt::print(stderr, "fxmctl: {}\n", failure.what());

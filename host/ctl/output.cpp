@@ -115,10 +115,16 @@ std::string format_time(int64_t ms)
     };
     const tm when = convert(ms);
     const tm today = convert(now_ms());
-    const std::string clock = fmt::format("{:02}:{:02}:{:02}.{:03}", when.tm_hour, when.tm_min, when.tm_sec, ms % 1000);
+    std::string clock = fmt::format("{:02}:{:02}:{:02}.{:03}", when.tm_hour, when.tm_min, when.tm_sec, ms % 1000);
     if (when.tm_yday == today.tm_yday && when.tm_year == today.tm_year)
         return clock;
     return fmt::format("{:04}-{:02}-{:02} {}", when.tm_year + 1900, when.tm_mon + 1, when.tm_mday, clock);
+}
+
+std::string format_seconds(int64_t ms)
+{
+    const std::string exact = format_time(ms);
+    return exact.substr(0, exact.rfind('.'));
 }
 
 progress_bar::progress_bar(std::string title)
@@ -157,7 +163,8 @@ void confirm(const output_options &how, const std::string &target, const std::st
     if (how.yes || how.dry_run)
         return;
     if (isatty(STDIN_FILENO) == 0)
-        throw ctl_error(EXIT_USAGE, fmt::format("nothing was written, because nobody can be asked: {}?", target),
+        throw ctl_error(EXIT_USAGE,
+                        fmt::format("nothing was written, because there is no terminal to ask on: {}", target),
                         "say --yes to write without a question, or --dry-run to see what would happen");
     flush();
     fmt::print(stderr, "{}{}", target, typed.empty() ? "? [y/N] " : fmt::format(". Type {}: ", typed));

@@ -36,6 +36,7 @@ std::string coloured(std::string_view health, bool colour);
 std::string with_commas(uint64_t number); // 12,345
 std::string format_duration(int64_t ms);  // 3 d 02:11, 4 min, 0.4 s
 std::string format_time(int64_t ms);      // 21:35:33.004, with the date in front if it is not today
+std::string format_seconds(int64_t ms);   // the same without milliseconds
 int64_t now_ms();
 
 // A bar on stderr, if that is a terminal. Erases itself at its end.

@@ -41,27 +41,19 @@ static int read_range(session *all, const std::string &card, uint32_t start, uin
 {
     // Many registers are a job, which shows its progress and lets others have their turn.
     constexpr uint32_t MOST_AT_ONCE = 4096;
-    const auto print = [](int64_t from, const json::array &values) {
-        for (size_t i = 0; i < values.size(); ++i) {
-            if (i % 4 == 0)
-                put(fmt::format("{}{:#08x}:", i == 0 ? "" : "\n", from + static_cast<int64_t>(i) * 4));
-            put(fmt::format(" {:08x}", values[i].to_number<uint32_t>()));
-        }
-        put("\n");
-    };
     if ((end - start) / 4 > MOST_AT_ONCE) {
         const json::object job =
             run_job(all, {{"kind", "register-dump"}, {"card", card}, {"start", start}, {"end", end}}, "Reading");
         if (all->how.json || all->how.ndjson)
             put(json::serialize(job) + "\n");
         else
-            print(start, array(object(job, "result"), "words"));
+            print_words(start, array(object(job, "result"), "words"));
         return EXIT_DONE;
     }
     arguments.emplace_back("start", std::to_string(start));
     arguments.emplace_back("end", std::to_string(end));
     return print_document(all, card_path(card) + "/registers", arguments,
-                          [&](const json::object &read) { print(number(read, "start"), array(read, "values")); });
+                          [](const json::object &read) { print_words(number(read, "start"), array(read, "values")); });
 }
 
 static uint32_t parse_number(const std::string &text, const char *what)
@@ -127,14 +119,16 @@ void add_register_commands(CLI::App *app, session *all)
     auto *command = app->add_subcommand("reg", "reads and writes registers");
     command->add_option("card", given->card, "its id");
     command->add_option("register", given->what,
-                        "an address or a name to read, FIRST..END to read all up to END, or REGISTER=VALUE to write");
+                        "an address or a name to read, FIRST..END or FIRST-END to read all before END, or "
+                        "REGISTER=VALUE to write");
     command->add_option("--mask", given->mask, "of a write: change these bits alone");
     command->add_flag("--verify", given->verify, "of a write: read back, and write again until the value is there");
     command->add_flag("--names", given->names, "list the registers that have a name");
     given->how.add_to(command);
-    command->footer("Examples: fxmctl reg 02:00:00:00:10:00 eeprom.lock\n"
-                    "          fxmctl reg 02:00:00:00:10:00 0x1000..0x1040\n"
-                    "          fxmctl reg 02:00:00:00:10:00 0x1000=0xcafe --verify --dry-run");
+    explain(command, reach::card,
+            "Examples: fxmctl reg 02:00:00:00:10:00 eeprom.lock\n"
+            "          fxmctl reg 02:00:00:00:10:00 0x1000..0x1040\n"
+            "          fxmctl reg 02:00:00:00:10:00 0x1000=0xcafe --verify --dry-run");
     command->callback([all, given] {
         all->run = [all, given] {
             if (given->names)
@@ -149,15 +143,10 @@ void add_register_commands(CLI::App *app, session *all)
                 throw ctl_error(EXIT_USAGE, "--mask, --verify and --dry-run belong to a write", "write REGISTER=VALUE");
             query arguments;
             given->how.add_to(&arguments);
-            const size_t dots = given->what.find("..");
-            if (dots == std::string::npos)
+            const auto range = parse_range(given->what);
+            if (!range)
                 return read_one(all, given->card, given->what, arguments);
-            const uint32_t start = parse_number(given->what.substr(0, dots), "address");
-            const uint32_t end = parse_number(given->what.substr(dots + 2), "address");
-            if (end <= start)
-                throw ctl_error(EXIT_USAGE, fmt::format("{} is no range", given->what),
-                                "write FIRST..END, END being the address behind the last register");
-            return read_range(all, given->card, start, end, arguments);
+            return read_range(all, given->card, range->first, range->second, arguments);
         };
     });
 }

@@ -87,7 +87,7 @@ static int diff(session *all, const std::string &old_file, const std::string &ne
 void add_snapshot_commands(CLI::App *app, session *all)
 {
     auto *snapshot = app->add_subcommand("snapshot", "all cards as a JSON document, for fxmctl diff");
-    snapshot->footer("Example: fxmctl snapshot > monday.json");
+    explain(snapshot, reach::fxmd, "Example: fxmctl snapshot > monday.json");
     snapshot->callback([all] {
         all->run = [all] {
             put(all->api().get_text("/v1/cards"));
@@ -95,10 +95,10 @@ void add_snapshot_commands(CLI::App *app, session *all)
         };
     });
     auto files = std::make_shared<std::pair<std::string, std::string>>();
-    auto *compare = app->add_subcommand("diff", "what has changed since a snapshot; exit code 1 if something has");
+    auto *compare = app->add_subcommand("diff", "what has changed since a snapshot");
     compare->add_option("old", files->first, "a file of fxmctl snapshot")->required();
     compare->add_option("new", files->second, "another one (default: the fabric as it is now)");
-    compare->footer("Example: fxmctl diff monday.json");
+    explain(compare, reach::fxmd, "Example: fxmctl diff monday.json", "something has changed, or failed");
     compare->callback([all, files] { all->run = [all, files] { return diff(all, files->first, files->second); }; });
 }
 

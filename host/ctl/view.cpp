@@ -19,7 +19,7 @@ static std::string port_line(const json::object &port, int64_t now)
     const std::string state = text(port, "state");
     std::string words = state == "up" ? "up" : state == "down" ? "NO CARRIER" : "CLOSED";
     if (state != "up" && !is_null(port, "changed_ms"))
-        words += fmt::format(" since {} ({})", format_time(number(port, "changed_ms")),
+        words += fmt::format(" since {} ({})", format_seconds(number(port, "changed_ms")),
                              format_duration(now - number(port, "changed_ms")));
     return fmt::format("  port {} {}  {}  {} frames, {} dropped\n", number(port, "port"), text(port, "name"), words,
                        with_commas(static_cast<uint64_t>(number(port, "received"))),
@@ -45,7 +45,7 @@ static void print_status(const json::object &status)
     if (library != "running")
         put(fmt::format("  library {}\n", library));
     const json::object &jobs = object(status, "jobs");
-    put(fmt::format("  history {}, {} events; {} jobs running, {} queued; {} clients\n",
+    put(fmt::format("  history {}, {} events; jobs: {} running, {} queued; clients: {}\n",
                     text(object(status, "history"), "state"),
                     with_commas(static_cast<uint64_t>(number(object(status, "history"), "events"))),
                     number(jobs, "running"), number(jobs, "queued"), number(status, "clients")));
@@ -55,12 +55,13 @@ static void print_status(const json::object &status)
 
 static void print_ports(const json::object &document)
 {
-    table shown({"PORT", "NAME", "IFINDEX", "MAC", "STATE", "DOWNS", "RECEIVED", "SENT", "DROPPED"});
+    table shown({"PORT", "NAME", "IFINDEX", "MAC", "STATE", "SINCE", "DOWNS", "RECEIVED", "SENT", "DROPPED"});
     for (const json::value &entry : array(document, "ports")) {
         const json::object &port = entry.as_object();
         shown.add({std::to_string(number(port, "port")), text(port, "name"), std::to_string(number(port, "ifindex")),
-                   text(port, "mac"), text(port, "state"), std::to_string(number(port, "downs")),
-                   with_commas(static_cast<uint64_t>(number(port, "received"))),
+                   text(port, "mac"), text(port, "state"),
+                   is_null(port, "changed_ms") ? "start" : format_seconds(number(port, "changed_ms")),
+                   std::to_string(number(port, "downs")), with_commas(static_cast<uint64_t>(number(port, "received"))),
                    with_commas(static_cast<uint64_t>(number(port, "sent"))),
                    with_commas(static_cast<uint64_t>(number(port, "dropped")))});
     }
@@ -96,7 +97,9 @@ static std::string partner_words(const json::object &card)
 }
 
 static constexpr const char *card_fields =
-    "id,class,generation,vlan,channels,int_vector,partners,down_port_count,health,seen_ms";
+    "id,class,generation,vlan,channels,int_vector,partners,down_port_count,health,seen_ms,updated_ms";
+
+static int64_t parse_since(const std::string &text);
 
 static query filter_query(const std::vector<std::string> &words)
 {
@@ -106,16 +109,20 @@ static query filter_query(const std::vector<std::string> &words)
     return filter.empty() ? query{} : query{{"filter", filter}};
 }
 
-static int list_cards(session *all, const std::vector<std::string> &words)
+static int list_cards(session *all, const std::vector<std::string> &words, const std::string &since)
 {
     query arguments = filter_query(words);
-    if (all->how.json) {
+    const int64_t oldest = since.empty() ? 0 : parse_since(since);
+    if (all->how.json && since.empty()) {
         put(all->api().get_text("/v1/cards", arguments));
         return EXIT_DONE;
     }
+    if (all->how.json)
+        throw ctl_error(EXIT_USAGE, "--since makes no JSON document", "use --ndjson");
     if (all->how.ndjson) {
-        all->api().stream("/v1/cards", arguments, [](std::string_view line) {
-            put(std::string(line) + '\n');
+        all->api().stream("/v1/cards", arguments, [oldest](std::string_view line) {
+            if (oldest == 0 || number(parse_line(line), "updated_ms") >= oldest)
+                put(std::string(line) + '\n');
             return true;
         });
         return EXIT_DONE;
@@ -125,6 +132,8 @@ static int list_cards(session *all, const std::vector<std::string> &words)
     const int64_t now = now_ms();
     all->api().stream("/v1/cards", arguments, [&](std::string_view line) {
         const json::object card = parse_line(line);
+        if (number(card, "updated_ms") < oldest)
+            return true;
         shown.add({text(card, "id"), upper(text(card, "class")), text(card, "generation"),
                    std::to_string(number(card, "vlan")), channel_words(object(card, "channels")),
                    fmt::format("{:02x}", number(card, "int_vector")), text(card, "health"), partner_words(card),
@@ -132,8 +141,8 @@ static int list_cards(session *all, const std::vector<std::string> &words)
         return true;
     });
     if (shown.rows() == 0)
-        put(words.empty() ? "No card has announced itself yet; fxmctl doctor looks for the reason.\n"
-                          : "No card matches.\n");
+        put(words.empty() && since.empty() ? "No card has announced itself yet; fxmctl doctor looks for the reason.\n"
+                                           : "No card matches.\n");
     else
         shown.print({"VLAN"}, all->how.colour);
     return EXIT_DONE;
@@ -165,7 +174,12 @@ static void print_card(session *all, const json::object &card)
                                     format_duration(now - number(object(card, "received_ms"), name)));
     }
     row("channels", channels.empty() ? "none seen" : channels);
+    row("updated", is_null(card, "updated_ms") ? "never" : format_time(number(card, "updated_ms")));
     row("interrupts", fmt::format("{:02x}", number(card, "int_vector")));
+    const json::array &status = array(card, "status");
+    row("status",
+        fmt::format("{:02x} {:02x} {:02x}, link status {:02x}, flow id {:02x}", status[0].as_int64(),
+                    status[1].as_int64(), status[2].as_int64(), number(card, "link_status"), number(card, "flow_id")));
     row("version", std::to_string(number(card, "version")));
     row("layout", text(card, "layout"));
     row("own links", fmt::format("port 0 {}, port 1 {}", flag(card, "port0_link") ? "up" : "down",
@@ -180,6 +194,8 @@ static void print_card(session *all, const json::object &card)
             continue;
         row(fmt::format("down port {}", number(port, "port")).c_str(),
             fmt::format("{}  {}", text(port, "partner"), flag(port, "connected") ? "connected" : "unconnected"));
+        if (!is_null(port, "bridge"))
+            print_bridge("", object(port, "bridge"));
     }
     if (!is_null(card, "vendor")) {
         row("PCI function", fmt::format("{}:{} class {}, {}", text(card, "vendor"), text(card, "device"),
@@ -268,6 +284,15 @@ static void print_stats(const json::object &stats)
     }
     functions.print({"CALLS"}, false);
     put("\n");
+    table events({"LIBRARY EVENT", "COUNT"});
+    for (const auto &event : object(stats, "library_events"))
+        events.add({std::string(event.key()),
+                    with_commas(static_cast<uint64_t>(number(object(stats, "library_events"), event.key())))});
+    for (const auto &count : object(stats, "callbacks"))
+        events.add({fmt::format("callbacks {}", std::string_view(count.key())),
+                    with_commas(static_cast<uint64_t>(number(object(stats, "callbacks"), count.key())))});
+    events.print({"COUNT"}, false);
+    put("\n");
     table memory({"MEMORY", "IN USE", "ALLOCATED", "FREED"});
     for (const auto &account : object(stats, "memory")) {
         const json::object &counts = account.value().as_object();
@@ -299,13 +324,16 @@ static int show_log(session *all, const std::string &since)
     query arguments;
     if (!since.empty())
         arguments.emplace_back("since_ms", std::to_string(parse_since(since)));
-    return print_document(all, "/v1/log", arguments, [](const json::object &document) {
-        for (const json::value &entry : array(document, "lines")) {
-            const json::object &line = entry.as_object();
-            put(fmt::format("{}  {:<7}  {}\n", format_time(number(line, "time_ms")), text(line, "level"),
-                            text(line, "text")));
-        }
-    });
+    return print_document(
+        all, "/v1/log", arguments,
+        [](const json::object &document) {
+            for (const json::value &entry : array(document, "lines")) {
+                const json::object &line = entry.as_object();
+                put(fmt::format("{}  {:<7}  {}\n", format_time(number(line, "time_ms")), text(line, "level"),
+                                text(line, "text")));
+            }
+        },
+        "lines");
 }
 
 std::string event_words(const json::object &event);
@@ -346,22 +374,24 @@ void add_view_commands(CLI::App *app, session *all)
         std::string id, since, card, type;
     };
     auto given = std::make_shared<arguments>();
-    constexpr const char *filter_help = "words such as state=lost vlan=100-199 class=fxio gen=40g id=02:00:* int=0x04; "
-                                        "KEY!=VALUE, and values with commas between";
-
     auto *status = app->add_subcommand("status", "fxmd, its ports and the sums of the cards");
+    explain(status, reach::fxmd, "Example: fxmctl status");
     status->callback([all] { all->run = [all] { return print_document(all, "/v1/status", {}, print_status); }; });
     auto *ports = app->add_subcommand("ports", "the ports, with their counters");
-    ports->callback([all] { all->run = [all] { return print_document(all, "/v1/ports", {}, print_ports); }; });
+    explain(ports, reach::fxmd, "Example: fxmctl ports");
+    ports->callback([all] { all->run = [all] { return print_document(all, "/v1/ports", {}, print_ports, "ports"); }; });
 
     auto *cards = app->add_subcommand("cards", "a table of cards");
-    cards->add_option("filter", given->filter, filter_help);
-    cards->footer("Example: fxmctl cards state=error,lost vlan=100");
-    cards->callback([all, given] { all->run = [all, given] { return list_cards(all, given->filter); }; });
+    cards->add_option("filter", given->filter, FILTER_HELP);
+    cards->add_option("--since", given->since, "whose record has changed in the last 90s, 10m, 1h or 7d");
+    explain(cards, reach::fxmd,
+            "Examples: fxmctl cards state=error,lost vlan=100\n"
+            "          fxmctl cards --since 10m");
+    cards->callback([all, given] { all->run = [all, given] { return list_cards(all, given->filter, given->since); }; });
 
     auto *show = app->add_subcommand("show", "everything about one card");
     show->add_option("card", given->id, "its id")->required();
-    show->footer("Example: fxmctl show 02:00:00:00:10:00");
+    explain(show, reach::record, "Example: fxmctl show 02:00:00:00:10:00");
     show->callback([all, given] {
         all->run = [all, given] {
             return print_document(all, card_path(given->id), {},
@@ -370,6 +400,7 @@ void add_view_commands(CLI::App *app, session *all)
     });
 
     auto *tree = app->add_subcommand("tree", "FXSV cards with the FXIO cards at their down ports");
+    explain(tree, reach::fxmd, "Example: fxmctl tree");
     tree->callback([all] {
         all->run = [all] {
             return print_document(all, "/v1/topology", {},
@@ -377,7 +408,7 @@ void add_view_commands(CLI::App *app, session *all)
         };
     });
     auto *topology = app->add_subcommand("topology", "the same as a graph for Graphviz");
-    topology->footer("Example: fxmctl topology | dot -Tsvg > fabric.svg");
+    explain(topology, reach::fxmd, "Example: fxmctl topology | dot -Tsvg > fabric.svg");
     topology->callback([all] {
         all->run = [all] {
             put(all->api().get_text(all->how.json ? "/v1/topology" : "/v1/topology.dot"));
@@ -386,17 +417,19 @@ void add_view_commands(CLI::App *app, session *all)
     });
 
     auto *stats = app->add_subcommand("stats", "counters of frames, functions, memory and clients");
+    explain(stats, reach::fxmd, "Example: fxmctl stats");
     stats->callback([all] { all->run = [all] { return print_document(all, "/v1/stats", {}, print_stats); }; });
 
     auto *log = app->add_subcommand("log", "the last lines of fxmd's log, every write to a card among them");
     log->add_option("--since", given->since, "not older than 90s, 10m, 1h or 7d");
+    explain(log, reach::fxmd, "Example: fxmctl log --since 1h");
     log->callback([all, given] { all->run = [all, given] { return show_log(all, given->since); }; });
 
     auto *history = app->add_subcommand("history", "the events of the past");
     history->add_option("--since", given->since, "not older than 90s, 10m, 1h or 7d");
     history->add_option("--card", given->card, "of this card alone");
     history->add_option("--type", given->type, "change, job, port, library or gap");
-    history->footer("Example: fxmctl history --since 1h --card 02:00:00:00:10:00");
+    explain(history, reach::fxmd, "Example: fxmctl history --since 1h --card 02:00:00:00:10:00");
     history->callback([all, given] {
         all->run = [all, given] { return show_history(all, given->since, given->card, given->type); };
     });

@@ -28,7 +28,8 @@ std::string event_words(const json::object &event)
                            number(event, "to"));
     const std::string time = format_time(number(event, "time_ms"));
     if (type == "boot")
-        return fmt::format("{}  fxmd {}, events from {} on", time, text(event, "boot"), number(event, "seq") + 1);
+        return fmt::format("{}  fxmd has been started again; its events begin at {}, those before may be missing", time,
+                           number(event, "seq") + 1);
     if (type == "port") {
         const json::array &state = array(event, "state");
         return fmt::format("{}  port {} {} {}→{}", time, number(event, "port"), text(event, "name"),
@@ -72,9 +73,11 @@ static std::string join(const std::vector<std::string> &words)
     return joined;
 }
 
-// Follows the events from now on, also across a restart of fxmd, until `see` returns false.
+// Follows the events from now on, also across a restart of fxmd, until `see` or `idle` returns false. The number of the
+// last event goes with each new connection, so that no event comes twice.
 static void follow(session *all, const std::string &filter,
-                   const std::function<bool(std::string_view, const json::object &)> &see)
+                   const std::function<bool(std::string_view, const json::object &)> &see,
+                   const std::function<bool()> &idle)
 {
     std::string boot;
     int64_t seq = 0;
@@ -87,21 +90,27 @@ static void follow(session *all, const std::string &filter,
             arguments.emplace_back("after", fmt::format("{}.{}", boot, seq));
         bool ended = false;
         try {
-            all->api().stream("/v1/events", arguments, [&](std::string_view line) {
-                if (line.empty())
-                    return true;
-                const json::object event = parse_line(line);
-                const std::string type = text(event, "type");
-                if (type == "boot")
-                    boot = text(event, "boot");
-                seq = number(event, type == "gap" ? "to" : "seq");
-                lost = false;
-                ended = !see(line, event);
-                return !ended;
-            });
+            all->api().stream(
+                "/v1/events", arguments,
+                [&](std::string_view line) {
+                    if (line.empty())
+                        return true;
+                    const json::object event = parse_line(line);
+                    const std::string type = text(event, "type");
+                    if (type == "boot")
+                        boot = text(event, "boot");
+                    seq = number(event, type == "gap" ? "to" : "seq");
+                    lost = false;
+                    ended = !see(line, event);
+                    return !ended;
+                },
+                [&] {
+                    ended = !idle();
+                    return !ended;
+                });
         } catch (const ctl_error &failure) {
             // Before the first line there is nothing to go on with.
-            if (failure.exit != EXIT_NO_DAEMON || boot.empty())
+            if ((failure.exit != EXIT_NO_DAEMON && failure.exit != EXIT_UNREACHABLE) || boot.empty())
                 throw;
         }
         if (ended)
@@ -110,20 +119,26 @@ static void follow(session *all, const std::string &filter,
             fmt::print(stderr, "fxmctl: the connection to fxmd has ended; waiting for it to come back\n");
         lost = true;
         std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        if (!idle())
+            return;
     }
 }
 
 static int watch(session *all, const std::vector<std::string> &words, int seconds)
 {
-    const int64_t until = seconds > 0 ? now_ms() + seconds * 1000LL : INT64_MAX;
-    follow(all, join(words), [&](std::string_view line, const json::object &event) {
-        if (all->how.json || all->how.ndjson)
-            put(std::string(line) + '\n');
-        else if (text(event, "type") != "boot" || !flag(event, "resumed"))
-            put(event_words(event) + '\n');
-        flush();
-        return now_ms() < until;
-    });
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    const auto goes_on = [&] { return seconds == 0 || std::chrono::steady_clock::now() < until; };
+    follow(
+        all, join(words),
+        [&](std::string_view line, const json::object &event) {
+            if (all->how.json || all->how.ndjson)
+                put(std::string(line) + '\n');
+            else if (text(event, "type") != "boot" || !flag(event, "resumed"))
+                put(event_words(event) + '\n');
+            flush();
+            return goes_on();
+        },
+        goes_on);
     return EXIT_DONE;
 }
 
@@ -132,11 +147,14 @@ static int watch(session *all, const std::vector<std::string> &words, int second
 static constexpr const char *conditions =
     "connected, unconnected, well, degraded, error, lost, seen, gone or KEY=VALUE of a filter";
 
-// Whether the card is as it is wanted; a card that does not exist is `gone`.
-static bool is_met(session *all, const std::string &id, const std::string &condition)
+// Whether the card is as it is wanted; a card that does not exist is `gone`. `found` is what the card is, in words.
+static bool is_met(session *all, const std::string &id, const std::string &condition, std::string *found)
 {
+    *found = "it has not been seen";
     try {
         const json::object card = all->api().get(card_path(id));
+        *found = fmt::format("it is {}, {}, vlan {}", text(card, "health"),
+                             array(card, "partners").empty() ? "unconnected" : "connected", number(card, "vlan"));
         if (condition == "gone")
             return false;
         if (condition == "seen")
@@ -145,9 +163,9 @@ static bool is_met(session *all, const std::string &id, const std::string &condi
             return array(card, "partners").empty() == (condition == "unconnected");
         if (condition.find('=') == std::string::npos)
             return text(card, "health") == condition;
-        const json::object found =
+        const json::object matching =
             all->api().get("/v1/cards", {{"filter", fmt::format("id={} {}", text(card, "id"), condition)}});
-        return !array(found, "cards").empty();
+        return !array(matching, "cards").empty();
     } catch (const ctl_error &failure) {
         if (failure.exit != EXIT_NO_CARD)
             throw;
@@ -163,9 +181,11 @@ static int wait_for(session *all, const std::string &id, const std::string &cond
         throw ctl_error(EXIT_USAGE, fmt::format("\"{}\" is no condition", condition),
                         fmt::format("write {}", conditions));
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
-    while (!is_met(all, id, condition)) {
+    std::string found;
+    while (!is_met(all, id, condition, &found)) {
         if (std::chrono::steady_clock::now() >= end)
-            throw ctl_error(EXIT_UNREACHABLE, fmt::format("card {} was not {} within {} s", id, condition, timeout));
+            throw ctl_error(EXIT_UNREACHABLE, fmt::format("card {} was not {} within {} s", id, condition, timeout),
+                            found);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     return EXIT_DONE;
@@ -181,9 +201,11 @@ void add_watch_commands(CLI::App *app, session *all)
     };
     auto given = std::make_shared<arguments>();
     auto *watched = app->add_subcommand("watch", "events as they come, until Ctrl-C");
-    watched->add_option("filter", given->filter, "only of these cards, such as vlan=100");
-    watched->add_option("--seconds", given->seconds, "end with the first event after this time");
-    watched->footer("Goes on when fxmd restarts. Example: fxmctl watch vlan=100");
+    watched->add_option("filter", given->filter, FILTER_HELP);
+    watched->add_option("--seconds", given->seconds, "end after this time")->check(CLI::Range(1, 1000000));
+    explain(watched, reach::fxmd,
+            "When fxmd restarts, it goes on behind the last event that it has shown.\n"
+            "Example: fxmctl watch vlan=100");
     watched->callback([all, given] { all->run = [all, given] { return watch(all, given->filter, given->seconds); }; });
 
     auto *waited = app->add_subcommand("wait", "waits until a card is as wanted");
@@ -192,7 +214,7 @@ void add_watch_commands(CLI::App *app, session *all)
     waited->add_option("--timeout", given->timeout, "seconds; when they are over, the exit code is 4")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 1e9));
-    waited->footer("Example: fxmctl wait 02:00:00:00:20:00 connected --timeout 30");
+    explain(waited, reach::record, "Example: fxmctl wait 02:00:00:00:20:00 connected --timeout 30");
     waited->callback([all, given] {
         all->run = [all, given] { return wait_for(all, given->id, given->condition, given->timeout); };
     });

@@ -36,7 +36,7 @@ const fxm_fxio_t *fxio(const record &data) { return std::get_if<fxm_fxio_t>(&dat
 const fxm_card_data_t &common(const record &data)
 {
     const fxm_fxsv_t *server = fxsv(data);
-    return server != nullptr ? server->fsv_card : fxio(data)->fio_card;
+    return server != nullptr ? server->fsv_card : std::get<fxm_fxio_t>(data).fio_card;
 }
 
 record copy(const record &data)

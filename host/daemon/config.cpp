@@ -407,7 +407,7 @@ class reader
     {
         for (const auto &[found, node] : table) {
             const std::string name(found.str());
-            const std::string full = section.empty() ? name : section + "." + name;
+            const std::string full = section.empty() ? name : fmt::format("{}.{}", section, name);
             const auto entry = std::find_if(std::begin(keys), std::end(keys),
                                             [&](const key &k) { return section == k.section && name == k.name; });
             const bool known = entry != std::end(keys);

@@ -76,9 +76,9 @@ class statement
 
 void history::closer::operator()(sqlite3 *file) const { sqlite3_close(file); }
 
-history::history(std::filesystem::path state_dir, history_limits limits, const ring *events, logger *log,
+history::history(const std::filesystem::path &state_dir, history_limits limits, const ring *events, logger *log,
                  std::function<minute_sample()> sample)
-    : file_(std::move(state_dir) / "history.db"), events_(events), log_(log), sample_(std::move(sample)),
+    : file_(state_dir / "history.db"), events_(events), log_(log), sample_(std::move(sample)),
       cursor_(events->start_seq()), limits_(limits)
 {
 }
@@ -242,7 +242,7 @@ void history::prune()
            oldest);
     if (events - removed > limits.max_events)
         remove("DELETE FROM events WHERE seq IN (SELECT seq FROM events ORDER BY seq LIMIT ?)",
-               std::min<int64_t>(static_cast<int64_t>(events - removed - limits.max_events), 10 * PRUNE_ROWS));
+               std::min<int64_t>(static_cast<int64_t>(events - removed - limits.max_events), int64_t{10} * PRUNE_ROWS));
     statement(file_open_.get(), "DELETE FROM minutes WHERE time_ms < ?").bind(1, oldest).step();
     execute("PRAGMA incremental_vacuum(1000)");
     std::lock_guard guard(mutex_);

@@ -53,7 +53,7 @@ struct history_query {
 class history
 {
   public:
-    history(std::filesystem::path state_dir, history_limits limits, const ring *events, logger *log,
+    history(const std::filesystem::path &state_dir, history_limits limits, const ring *events, logger *log,
             std::function<minute_sample()> sample);
     ~history();
     history(const history &) = delete;

@@ -216,7 +216,7 @@ struct http_server::glue {
         }
         const size_t most = current->endless ? std::min(size, STREAM_PIECE) : size;
         const size_t piece = std::min(most, current->pending.size() - current->sent);
-        memcpy(buffer, current->pending.data() + current->sent, piece);
+        memcpy(buffer, current->pending.data() + current->sent, piece); // NOLINT(bugprone-not-null-terminated-result)
         current->sent += piece;
         return static_cast<ssize_t>(piece);
     }

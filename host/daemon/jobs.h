@@ -34,7 +34,7 @@ class job_board
     static constexpr size_t MOST_KEPT = 1000;
     static constexpr size_t MOST_QUEUED = 100; // for one card
     static constexpr size_t MOST_RUNNING = 64;
-    static constexpr int64_t KEPT_MS = 3600 * 1000;
+    static constexpr int64_t KEPT_MS = int64_t{3600} * 1000;
     static constexpr size_t MOST_WORDS = 4 << 20; // in all requests and results; beyond, the oldest results go early
 
     job_board(ring *events, bool eeprom_writer, audit_function audit);

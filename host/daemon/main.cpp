@@ -112,7 +112,7 @@ struct options {
 class daemon
 {
   public:
-    daemon(options given, std::shared_ptr<const config> settings)
+    daemon(options given, const std::shared_ptr<const config> &settings)
         : given_(std::move(given)), log_(level_of(*settings)), sequence_(fs::path(settings->state_dir), &log_),
           events_(sequence_.start()), cards_(&events_, &log_, fs::path(settings->state_dir) / "unmonitored"),
           ports_(settings->ports, &events_, &log_),
