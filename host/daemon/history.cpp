@@ -2,10 +2,12 @@
 
 #include <fmt/format.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <stdexcept>
 
+#include "common/card_id.h"
 #include "common/error.h"
 
 namespace fxm
@@ -14,7 +16,9 @@ namespace fxm
 constexpr size_t BATCH = 1000;
 constexpr int STEP_MS = 1000; // a kill loses at most that much
 constexpr int MINUTE_MS = 60000;
-constexpr int PRUNE_ROWS = 10000; // in one transaction
+constexpr int PRUNE_ROWS = 2000;      // in one transaction
+constexpr int PRUNE_MS = 500;         // of each minute
+constexpr size_t MOST_MINUTES = 1440; // that wait for the disk
 constexpr int SCHEMA_VERSION = 1;
 
 // ----------------------------------------------------------------------------------------------------------- statements
@@ -115,16 +119,26 @@ void history::execute(const char *sql)
     check(file_open_.get(), sqlite3_exec(file_open_.get(), sql, nullptr, nullptr, nullptr));
 }
 
+// The file may have been removed under the open database, which SQLite does not notice.
+bool history::has_file() const
+{
+    struct stat status {
+    };
+    return stat(file_.c_str(), &status) == 0 && status.st_ino == inode_;
+}
+
 // A file that is no history is kept for whoever wants to look at it, and a new one begins.
 void history::open()
 {
     if (damaged_) {
         const std::string aside = fmt::format("{}.damaged-{}", file_.string(), clock_ms());
-        std::filesystem::rename(file_, aside);
+        if (std::filesystem::exists(file_)) {
+            std::filesystem::rename(file_, aside);
+            log_->warning("the history was damaged and is now {}; a new one begins", aside);
+        }
         for (const char *part : {"-wal", "-shm"})
             std::filesystem::remove(file_.string() + part);
         damaged_ = false;
-        log_->warning("the history was damaged and is now {}; a new one begins", aside);
     }
     sqlite3 *made = nullptr;
     const int code = sqlite3_open_v2(file_.c_str(), &made, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
@@ -142,6 +156,7 @@ void history::open()
     }
     if (version > SCHEMA_VERSION)
         throw std::runtime_error(fmt::format("{} was written by a newer fxmd", file_.string()));
+    // The last statement writes also to a file that has all, so an open file is one that can be written.
     execute(
         "CREATE TABLE IF NOT EXISTS events(seq INTEGER PRIMARY KEY, time_ms INTEGER NOT NULL, card INTEGER NOT NULL,"
         " type INTEGER NOT NULL, text TEXT NOT NULL);"
@@ -151,6 +166,9 @@ void history::open()
         " error INTEGER, lost INTEGER, unmonitored INTEGER, frames0 INTEGER, frames1 INTEGER, events INTEGER,"
         " registers INTEGER, register_us INTEGER);"
         "PRAGMA user_version=1;");
+    struct stat status {
+    };
+    inode_ = stat(file_.c_str(), &status) == 0 ? status.st_ino : 0;
     statement count(made, "SELECT count(*) FROM events");
     count.step();
     std::lock_guard guard(mutex_);
@@ -161,6 +179,15 @@ void history::open()
 
 // A gap in the numbers, as a row with a type of its own.
 constexpr int64_t TYPE_GAP = 4;
+
+// What the columns of a row say is left out of its text: a third of an event.
+static std::string head_of(event_type type, uint64_t seq, int64_t time_ms, uint64_t card)
+{
+    std::string head = event_head(type, seq, time_ms);
+    if (type == event_type::change)
+        head += fmt::format(R"("card":"{}",)", format_id(card));
+    return head;
+}
 
 void history::store()
 {
@@ -184,7 +211,11 @@ void history::store()
                 last = batch.gap_to;
             }
             for (const auto &entry : batch.events) {
-                put(entry->seq, entry->time_ms, entry->card, static_cast<int64_t>(entry->type), entry->text);
+                const std::string head = head_of(entry->type, entry->seq, entry->time_ms, entry->card);
+                std::string_view text = entry->text;
+                if (text.starts_with(head))
+                    text.remove_prefix(head.size());
+                put(entry->seq, entry->time_ms, entry->card, static_cast<int64_t>(entry->type), text);
                 last = entry->seq;
             }
         }
@@ -195,58 +226,88 @@ void history::store()
     }
 }
 
-void history::store_minute()
+// At the end of each minute, also while nothing can be stored.
+void history::sample_minute()
 {
     const int64_t now = clock_ms();
-    if (next_minute_ms_ == 0 || next_minute_ms_ - now > MINUTE_MS)
+    // The clock may have been set.
+    if (std::abs(next_minute_ms_ - now) > 2 * MINUTE_MS)
         next_minute_ms_ = (now / MINUTE_MS + 1) * MINUTE_MS;
     if (now < next_minute_ms_)
         return;
     const minute_sample next = sample_();
-    const auto added = [](uint64_t before, uint64_t after) {
-        return static_cast<int64_t>(after >= before ? after - before : after);
-    };
-    const int64_t registers = added(last_.registers, next.registers);
-    statement insert(file_open_.get(), "INSERT OR REPLACE INTO minutes VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    insert.bind(1, next_minute_ms_).bind(2, next.well).bind(3, next.degraded).bind(4, next.error).bind(5, next.lost);
-    insert.bind(6, next.unmonitored).bind(7, added(last_.frames[0], next.frames[0]));
-    insert.bind(8, added(last_.frames[1], next.frames[1])).bind(9, added(last_.events, next.events));
-    insert.bind(10, registers);
-    insert.bind(11, registers != 0 ? added(last_.register_us, next.register_us) / registers : 0);
-    insert.step();
+    const auto added = [](uint64_t before, uint64_t after) { return after >= before ? after - before : after; };
+    minute_sample minute = next;
+    minute.time_ms = next_minute_ms_;
+    for (int port = 0; port < 2; ++port)
+        minute.frames[port] = added(last_.frames[port], next.frames[port]);
+    minute.events = added(last_.events, next.events);
+    minute.registers = added(last_.registers, next.registers);
+    minute.register_us = minute.registers != 0 ? added(last_.register_us, next.register_us) / minute.registers : 0;
+    minutes_.push_back(minute);
+    if (minutes_.size() > MOST_MINUTES)
+        minutes_.pop_front();
     last_ = next;
     next_minute_ms_ += MINUTE_MS;
+}
+
+void history::store_minutes()
+{
+    if (minutes_.empty())
+        return;
+    for (; !minutes_.empty(); minutes_.pop_front()) {
+        const minute_sample &minute = minutes_.front();
+        const int64_t values[] = {minute.time_ms,
+                                  minute.well,
+                                  minute.degraded,
+                                  minute.error,
+                                  minute.lost,
+                                  minute.unmonitored,
+                                  static_cast<int64_t>(minute.frames[0]),
+                                  static_cast<int64_t>(minute.frames[1]),
+                                  static_cast<int64_t>(minute.events),
+                                  static_cast<int64_t>(minute.registers),
+                                  static_cast<int64_t>(minute.register_us)};
+        statement insert(file_open_.get(), "INSERT OR REPLACE INTO minutes VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+        int place = 0;
+        for (const int64_t value : values)
+            insert.bind(++place, value);
+        insert.step();
+    }
     prune();
 }
 
-// A small step each minute, so that no transaction is long.
+// Each minute for a short time, in small transactions.
 void history::prune()
 {
-    history_limits limits;
-    uint64_t events = 0;
-    {
-        std::lock_guard guard(mutex_);
-        limits = limits_;
-        events = status_.events;
-    }
-    const int64_t oldest = clock_ms() - static_cast<int64_t>(limits.days) * 86400000;
-    uint64_t removed = 0;
-    const auto remove = [&](const std::string &sql, int64_t bound) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(PRUNE_MS);
+    int64_t oldest = 0;
+    const auto remove = [&](const char *sql, int64_t first, int64_t second) {
         statement step(file_open_.get(), sql);
-        step.bind(1, bound).step();
-        removed += static_cast<uint64_t>(sqlite3_changes(file_open_.get()));
+        step.bind(1, first).bind(2, second).step();
+        const int removed = sqlite3_changes(file_open_.get());
+        std::lock_guard guard(mutex_);
+        status_.events -= std::min(status_.events, static_cast<uint64_t>(removed));
+        return removed;
     };
-    remove(fmt::format(
-               "DELETE FROM events WHERE seq IN (SELECT seq FROM events WHERE time_ms < ? ORDER BY time_ms LIMIT {})",
-               PRUNE_ROWS),
-           oldest);
-    if (events - removed > limits.max_events)
-        remove("DELETE FROM events WHERE seq IN (SELECT seq FROM events ORDER BY seq LIMIT ?)",
-               std::min<int64_t>(static_cast<int64_t>(events - removed - limits.max_events), int64_t{10} * PRUNE_ROWS));
+    for (int removed = 1; removed != 0 && std::chrono::steady_clock::now() < end && !stopping_;) {
+        int64_t too_many = 0;
+        {
+            std::lock_guard guard(mutex_);
+            oldest = clock_ms() - static_cast<int64_t>(limits_.days) * 86400000;
+            too_many = static_cast<int64_t>(status_.events) - static_cast<int64_t>(limits_.max_events);
+        }
+        removed = remove("DELETE FROM events WHERE seq IN"
+                         " (SELECT seq FROM events WHERE time_ms < ? ORDER BY time_ms LIMIT ?)",
+                         oldest, PRUNE_ROWS);
+        too_many = std::min<int64_t>(too_many - removed, PRUNE_ROWS);
+        if (too_many > 0)
+            removed +=
+                remove("DELETE FROM events WHERE seq IN (SELECT seq FROM events WHERE seq > ? ORDER BY seq LIMIT ?)",
+                       -1, too_many);
+    }
     statement(file_open_.get(), "DELETE FROM minutes WHERE time_ms < ?").bind(1, oldest).step();
     execute("PRAGMA incremental_vacuum(1000)");
-    std::lock_guard guard(mutex_);
-    status_.events -= removed;
 }
 
 void history::fail(const std::string &what)
@@ -260,38 +321,56 @@ void history::fail(const std::string &what)
     status_.error = what;
 }
 
-void history::run()
+// Stores what there is. False if that has failed.
+bool history::round()
 {
-    auto next_try = std::chrono::steady_clock::now();
-    for (bool last_round = false; !last_round;) {
-        last_round = stopping_;
-        const auto now = std::chrono::steady_clock::now();
-        if (file_open_ == nullptr && now < next_try && !last_round) {
-            // Not on the ring: it would wake for every event.
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            continue;
-        }
+    // A damaged file is set aside at once, with its own warning; a disk that damages the next one too can wait.
+    for (int attempt = 0;; ++attempt) {
         try {
+            if (damaged_)
+                file_open_.reset();
+            if (file_open_ != nullptr && !has_file())
+                throw std::runtime_error("the file is gone");
             if (file_open_ == nullptr)
                 open();
             store();
-            store_minute();
+            store_minutes();
             std::lock_guard guard(mutex_);
             if (status_.failing)
                 log_->warning("the history is written again");
             status_.failing = false;
             status_.error.clear();
+            return true;
         } catch (const sqlite_failure &failure) {
             damaged_ = failure.code == SQLITE_NOTADB || failure.code == SQLITE_CORRUPT;
+            if (damaged_ && attempt == 0)
+                continue;
             fail(failure.what());
-            next_try = now + std::chrono::milliseconds(damaged_ ? 0 : retry_ms_.load());
+            return false;
         } catch (const std::exception &failure) {
             fail(failure.what());
-            next_try = now + std::chrono::milliseconds(retry_ms_);
+            return false;
         }
-        // Events of a second are stored together.
-        for (int waited = 0; waited < STEP_MS && !stopping_; waited += 50)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+void history::run()
+{
+    using clock = std::chrono::steady_clock;
+    bool good = true;
+    auto next_round = clock::now();
+    for (;;) {
+        const bool last_round = stopping_;
+        // Events of a second are stored together, and many of them sooner: the ring holds a burst for a second only.
+        const bool many = good && events_->last_seq() - cursor_ >= BATCH;
+        sample_minute();
+        if (last_round || many || clock::now() >= next_round) {
+            good = round();
+            next_round = clock::now() + std::chrono::milliseconds(good ? STEP_MS : retry_ms_.load());
+        }
+        if (last_round)
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     file_open_.reset();
 }
@@ -308,8 +387,11 @@ history::database history::open_reader() const
     return file;
 }
 
-static api_error unreadable(const std::exception &failure)
+api_error history::unreadable(const sqlite_failure &failure)
 {
+    // The writer may never come to the damaged page by itself.
+    if (failure.code == SQLITE_NOTADB || failure.code == SQLITE_CORRUPT)
+        damaged_ = true;
     return {"FXM_API_EPROTO", fmt::format("the history cannot be read: {}", failure.what()), "see fxmctl log"};
 }
 
@@ -327,19 +409,38 @@ static int64_t type_number(const std::string &type)
 
 void history::query_events(const history_query &query, const std::function<void(uint64_t, std::string_view)> &see)
 {
-    std::string sql = "SELECT seq, text FROM events WHERE seq > ?1 AND time_ms >= ?2 AND time_ms <= ?3";
+    std::string sql = "SELECT seq, time_ms, card, type, text FROM events WHERE seq > ?1 AND time_ms >= ?2"
+                      " AND time_ms <= ?3";
+    // The second condition allows the use of the partial index.
     if (query.card != 0)
-        sql += fmt::format(" AND card = {}", query.card);
+        sql += fmt::format(" AND card = {} AND card != 0", query.card);
     if (!query.type.empty())
         sql += fmt::format(" AND type = {}", type_number(query.type));
     sql += " ORDER BY seq LIMIT ?4";
     try {
         const database file = open_reader();
+        auto after = static_cast<int64_t>(query.after_seq);
+        // A bound of the time becomes one of the number through the index of times; the clock may have been set.
+        if (query.since_ms > 0) {
+            statement first(file.get(), "SELECT min(seq) FROM events INDEXED BY events_by_time WHERE time_ms >= ?");
+            first.bind(1, query.since_ms).step();
+            if (first.number(0) == 0)
+                return;
+            after = std::max(after, first.number(0) - 1);
+        }
         statement rows(file.get(), sql);
-        rows.bind(1, static_cast<int64_t>(query.after_seq)).bind(2, query.since_ms).bind(3, query.until_ms);
+        rows.bind(1, after).bind(2, query.since_ms).bind(3, query.until_ms);
         rows.bind(4, static_cast<int64_t>(query.limit));
-        while (rows.step())
-            see(static_cast<uint64_t>(rows.number(0)), rows.text(1));
+        while (rows.step()) {
+            const auto seq = static_cast<uint64_t>(rows.number(0));
+            const std::string_view text = rows.text(4);
+            if (text.starts_with('{'))
+                see(seq, text);
+            else
+                see(seq, head_of(static_cast<event_type>(rows.number(3)), seq, rows.number(1),
+                                 static_cast<uint64_t>(rows.number(2))) +
+                             std::string(text));
+        }
     } catch (const sqlite_failure &failure) {
         throw unreadable(failure);
     }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <string_view>
 #include <thread>
 
+#include "common/error.h"
 #include "daemon/log.h"
 #include "daemon/ring.h"
 
@@ -19,6 +21,8 @@ struct sqlite3;
 
 namespace fxm
 {
+
+class sqlite_failure;
 
 // The counters are totals since the start; the history stores what each minute has added.
 struct minute_sample {
@@ -80,11 +84,15 @@ class history
     void run();
     void open();
     void store();
-    void store_minute();
+    void sample_minute();
+    void store_minutes();
     void prune();
+    bool has_file() const;
+    bool round();
     void execute(const char *sql);
     void fail(const std::string &what);
     database open_reader() const;
+    api_error unreadable(const sqlite_failure &failure);
 
     const std::filesystem::path file_;
     const ring *events_;
@@ -97,7 +105,9 @@ class history
     uint64_t cursor_;
     minute_sample last_;
     int64_t next_minute_ms_ = 0;
-    bool damaged_ = false;
+    std::deque<minute_sample> minutes_; // to be stored; register_us is the mean
+    uint64_t inode_ = 0;                // of the open file
+    std::atomic<bool> damaged_{false};  // any thread has found it so
 
     mutable std::mutex mutex_; // guards what follows
     history_limits limits_;

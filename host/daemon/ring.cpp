@@ -13,6 +13,11 @@ const char *word(event_type type)
     return words[static_cast<size_t>(type)];
 }
 
+std::string event_head(event_type type, uint64_t seq, int64_t time_ms)
+{
+    return fmt::format(R"({{"schema":"fxm/1","type":"{}","seq":{},"time_ms":{},)", word(type), seq, time_ms);
+}
+
 ring::ring(uint64_t last_seq) : slots_(SIZE), start_(last_seq), first_(last_seq + 1), last_(last_seq) {}
 
 void ring::on_append(std::function<void()> notify) { notify_ = std::move(notify); }
@@ -25,8 +30,7 @@ void ring::place(event_draft draft)
     const int64_t now = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
     slots_[seq % SIZE] =
         std::make_shared<const event>(event{seq, now, draft.type, draft.card, draft.before, draft.after,
-                                            fmt::format(R"({{"schema":"fxm/1","type":"{}","seq":{},"time_ms":{},{}}})",
-                                                        word(draft.type), seq, now, draft.members)});
+                                            event_head(draft.type, seq, now) + draft.members + '}'});
     if (last_ - first_ >= SIZE)
         first_ = last_ - SIZE + 1;
 }

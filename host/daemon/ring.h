@@ -19,6 +19,9 @@ enum class event_type { change, job, port, library };
 
 const char *word(event_type type);
 
+// The beginning of the text of each event: {"schema":"fxm/1","type":"change","seq":8123,"time_ms":1764029374123,
+std::string event_head(event_type type, uint64_t seq, int64_t time_ms);
+
 struct event {
     uint64_t seq;
     int64_t time_ms;

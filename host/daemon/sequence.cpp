@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,29 +19,31 @@ constexpr uint64_t LAST = uint64_t{1} << 53; // what every reader of JSON can ho
 
 static uint64_t from_clock() { return static_cast<uint64_t>(clock_ms()) * 1024; }
 
-sequence_store::sequence_store(const std::filesystem::path &state_dir, logger *log) : log_(log)
+sequence_store::sequence_store(const std::filesystem::path &state_dir, logger *log)
+    : file_(state_dir / "sequence"), log_(log), tried_(std::chrono::steady_clock::now())
 {
-    const std::filesystem::path file = state_dir / "sequence";
-    fd_ = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
-    char text[RECORD + 1] = "";
-    const ssize_t size = fd_ >= 0 ? pread(fd_, text, RECORD, 0) : -1;
-    uint64_t end = 0;
-    bool good = size == 0; // a new file
-    if (size == static_cast<ssize_t>(RECORD)) {
-        const auto [stop, error] = std::from_chars(text, text + RECORD - 1, end);
-        good = error == std::errc{} && stop == text + RECORD - 1 && end < LAST;
+    std::string failure = open_file();
+    if (failure.empty()) {
+        char text[RECORD] = "";
+        const ssize_t size = pread(fd_, text, RECORD, 0);
+        if (size == static_cast<ssize_t>(RECORD)) {
+            const auto [stop, error] = std::from_chars(text, text + RECORD - 1, start_);
+            if (error != std::errc{} || stop != text + RECORD - 1 || start_ >= LAST)
+                failure = "it is damaged";
+        } else if (size != 0) { // 0: a new file
+            failure = size < 0 ? strerror(errno) : "it is damaged";
+        }
     }
-    start_ = good ? end : from_clock();
-    end_ = start_ + 2 * BLOCK;
-    if (fd_ < 0)
-        log_->warning("cannot use {}: {}; the numbers of events come from the clock", file.string(), strerror(errno));
-    else if (!good)
-        log_->warning("{} is damaged; the numbers of events come from the clock", file.string());
-    if (fd_ >= 0 && !write_end(end_)) {
-        log_->warning("cannot write {}: {}; the numbers of events come from the clock", file.string(), strerror(errno));
+    if (!failure.empty())
+        start_ = from_clock();
+    const std::string unwritten = write_end(start_ + 2 * BLOCK);
+    if (!unwritten.empty())
         start_ = std::max(start_, from_clock());
-        end_ = LAST;
-    }
+    if (failure.empty())
+        failure = unwritten;
+    warned_ = !failure.empty();
+    if (warned_)
+        log_->warning("cannot use {}: {}; the numbers of events come from the clock", file_.string(), failure);
 }
 
 sequence_store::~sequence_store()
@@ -49,23 +52,51 @@ sequence_store::~sequence_store()
         close(fd_);
 }
 
-bool sequence_store::write_end(uint64_t end)
+// Both return the reason of a failure, or nothing.
+std::string sequence_store::open_file()
 {
-    const std::string text = fmt::format("{:020}\n", end);
-    return pwrite(fd_, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) && fdatasync(fd_) == 0;
+    if (fd_ >= 0)
+        close(fd_);
+    fd_ = open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+    return fd_ >= 0 ? "" : strerror(errno);
 }
 
-void sequence_store::reserve(uint64_t last_used)
+std::string sequence_store::write_end(uint64_t end)
 {
-    if (fd_ < 0 || last_used + BLOCK < end_)
+    const std::string text = fmt::format("{:020}\n", end);
+    errno = EIO;
+    const bool good = fd_ >= 0 && pwrite(fd_, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) &&
+                      fdatasync(fd_) == 0;
+    end_ = good ? end : 0;
+    return good ? "" : strerror(errno);
+}
+
+bool sequence_store::is_gone() const
+{
+    struct stat status {
+    };
+    return fd_ < 0 || (fstat(fd_, &status) == 0 && status.st_nlink == 0);
+}
+
+void sequence_store::reserve(uint64_t last_used, int64_t retry_ms)
+{
+    const bool gone = is_gone();
+    if (!gone && last_used + BLOCK < end_)
         return;
-    const uint64_t end = last_used + 2 * BLOCK;
-    if (write_end(end)) {
-        end_ = end;
-    } else if (!warned_) {
-        warned_ = true;
-        log_->warning("cannot reserve numbers of events: {}; after a kill, numbers may come again", strerror(errno));
-    }
+    const auto now = std::chrono::steady_clock::now();
+    const bool held = !gone && end_ != 0;
+    if (!held && now - tried_ < std::chrono::milliseconds(retry_ms))
+        return;
+    tried_ = now;
+    std::string failure = gone ? open_file() : "";
+    if (failure.empty())
+        failure = write_end(last_used + 2 * BLOCK);
+    if (!failure.empty() && !warned_)
+        log_->warning("cannot reserve numbers of events in {}: {}; after a kill, numbers may come again",
+                      file_.string(), failure);
+    if (failure.empty() && warned_)
+        log_->warning("{} holds the numbers of events again", file_.string());
+    warned_ = !failure.empty();
 }
 
 } // namespace fxm

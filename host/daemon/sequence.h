@@ -2,8 +2,10 @@
 // numbers; a start goes on behind it, so a number that has been given out never comes again.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <string>
 
 #include "daemon/log.h"
 
@@ -24,16 +26,21 @@ class sequence_store
 
     uint64_t start() const { return start_; } // all numbers of this run are above it
 
-    // Called now and then by one thread with the last number in use; reserves the next block in time.
-    void reserve(uint64_t last_used);
+    // Called now and then by one thread with the last number in use; reserves the next block in time. A file that could
+    // not be used, or is gone, is tried again every `retry_ms`.
+    void reserve(uint64_t last_used, int64_t retry_ms = 10000);
 
   private:
-    bool write_end(uint64_t end);
+    std::string open_file();
+    std::string write_end(uint64_t end);
+    bool is_gone() const;
 
+    const std::filesystem::path file_;
     logger *log_;
     int fd_ = -1;
     uint64_t start_ = 0;
-    uint64_t end_ = 0;
+    uint64_t end_ = 0; // as the file has it; 0: it has none
+    std::chrono::steady_clock::time_point tried_;
     bool warned_ = false;
 };
 
