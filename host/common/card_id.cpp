@@ -39,7 +39,7 @@ std::optional<uint64_t> parse_id(std::string_view text)
         text.remove_prefix(2);
     const size_t group = group_size(text);
     const char separator = group == 0 ? '\0' : text[group];
-    if (group != 0 && group != (separator == '.' ? 4 : 2))
+    if (group != 0 && (group != (separator == '.' ? 4 : 2) || text.back() == separator))
         return std::nullopt;
     std::string digits;
     for (size_t i = 0; i < text.size(); ++i) {

@@ -80,6 +80,8 @@ static std::optional<std::pair<uint64_t, uint64_t>> parse_ids(std::string_view t
         return id ? std::optional(std::pair(*id, *id)) : std::nullopt;
     }
     text.remove_suffix(1);
+    if (text.starts_with("0x") || text.starts_with("0X"))
+        text.remove_prefix(2);
     std::string digits;
     for (const char c : text) {
         if (c != ':' && c != '-' && c != '.')
