@@ -268,12 +268,14 @@ void add_admin_commands(CLI::App *app, session *all)
             return EXIT_DONE;
         };
     });
-    auto *report = app->add_subcommand("status-dump", "makes the library write its report to its log");
+    auto *report = app->add_subcommand("status-dump", "makes the library write a report of its state to a file");
     report->add_flag("--verbose", given->verbose, "with every field of every card");
-    explain(report, reach::fxmd, "Example: fxmctl status-dump --verbose; then fxmctl log --since 1m");
+    explain(report, reach::fxmd, "Example: fxmctl status-dump --verbose");
     report->callback([all, given] {
         all->run = [all, given] {
-            all->api().send("POST", "/v1/log/status-dump", {{"verbose", given->verbose}});
+            const json::object done = all->api().send("POST", "/v1/log/status-dump", {{"verbose", given->verbose}});
+            put(all->how.json ? json::serialize(done) + "\n"
+                              : fmt::format("the report is in {}\n", text(done, "file")));
             return EXIT_DONE;
         };
     });

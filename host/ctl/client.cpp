@@ -150,8 +150,6 @@ constexpr int STREAM_SECONDS = 45;
 // Waits until there is something to read, at most so long. Returns false if `idle`, which is called every second, has.
 bool client::await(int most_seconds, const std::function<bool()> &idle)
 {
-    if (state_->buffer.size() != 0)
-        return true;
     pollfd wanted{state_->socket.native_handle(), POLLIN, 0};
     for (int seconds = 0; seconds < most_seconds; ++seconds) {
         if (poll(&wanted, 1, 1000) > 0)
@@ -186,16 +184,29 @@ unsigned client::perform(const char *method, const std::string &path, const quer
     request.body() = body;
     request.prepare_payload();
 
+    boost::system::error_code error;
+    // A request that fails on a connection that was kept is sent again; a write must not be.
+    if (std::string_view(method) != "GET")
+        state_->socket.close(error);
     const bool kept = state_->socket.is_open();
     if (!kept)
         connect();
-    boost::system::error_code error;
+    state_->socket.non_blocking(false, error);
     http::response_parser<http::buffer_body> parser;
     parser.body_limit(boost::none);
     http::write(state_->socket, request, error);
-    if (!error) {
-        await(most_seconds, {});
+    // From here on a read says that it would block, and the wait for more has an end. The parser keeps what it has.
+    if (!error)
+        state_->socket.non_blocking(true, error);
+    while (!error && !parser.is_header_done()) {
         http::read_header(state_->socket, state_->buffer, parser, error);
+        if (error != asio::error::would_block)
+            continue;
+        error = {};
+        if (!await(most_seconds, idle)) {
+            state_->socket.close();
+            return 0;
+        }
     }
     // fxmd has ended a connection that was idle, or has been restarted. Nothing of the answer has come.
     if (error && kept && !parser.got_some()) {
@@ -207,16 +218,17 @@ unsigned client::perform(const char *method, const std::string &path, const quer
         parser.get().body().data = piece.data();
         parser.get().body().size = piece.size();
         parser.get().body().more = true;
-        if (!await(most_seconds, idle)) {
-            state_->socket.close();
-            return parser.get().result_int();
-        }
         // One read at a time: a stream has no end to wait for.
         http::read_some(state_->socket, state_->buffer, parser, error);
-        if (error == http::error::need_buffer)
+        const bool waits = error == asio::error::would_block;
+        if (waits || error == http::error::need_buffer)
             error = {};
         const size_t size = piece.size() - parser.get().body().size;
         if (size != 0 && !take(parser.get().result_int(), piece.data(), size)) {
+            state_->socket.close();
+            return parser.get().result_int();
+        }
+        if (waits && !await(most_seconds, idle)) {
             state_->socket.close();
             return parser.get().result_int();
         }

@@ -240,8 +240,10 @@ static int restore(session *all, const eeprom_arguments &given)
         told = true;
         if (all->how.json)
             put(json::serialize(job) + "\n");
-        if (is_null(job, "result") || !object(job, "result").contains("left"))
+        if (is_null(job, "result") || !object(job, "result").contains("left")) {
+            say("nothing was written: it ended while it compared; run it again");
             return;
+        }
         const json::object &done = object(job, "result");
         // Another client may have written between the comparison and the restore.
         if (array(done, "backup") != array(found, "backup"))

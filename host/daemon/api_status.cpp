@@ -295,10 +295,12 @@ static void write_status_dump(services &all, api_call &call)
     arguments given(call.request);
     const bool verbose = given.flag("verbose");
     given.finish();
-    later(all, call, 0, [verbose] {
-        if (fxm_stdump(verbose ? 1 : 0) != FXM_API_SUCCESS)
+    later(all, call, 0, [&all, verbose] {
+        if (all.fabric->write_report(verbose) != FXM_API_SUCCESS)
             throw api_error("FXM_API_ENOSYS", "the library is not running");
-        return json_reply(document());
+        json::object made = document();
+        made["file"] = report_file(*all.settings());
+        return json_reply(made);
     });
 }
 

@@ -188,6 +188,17 @@ int library::set_log_level(int level)
     return result;
 }
 
+int library::write_report(bool verbose)
+{
+    std::lock_guard guard(report_mutex_);
+    // The library also writes a report at each start, stop and interval; those find the logger off.
+    const log4cxx::LoggerPtr report = log4cxx::Logger::getLogger("statslogfile");
+    report->setLevel(log4cxx::Level::getInfo());
+    const int result = fxm_stdump(verbose ? 1 : 0);
+    report->setLevel(log4cxx::Level::getOff());
+    return result;
+}
+
 library_status library::status() const
 {
     std::lock_guard guard(mutex_);

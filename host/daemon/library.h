@@ -49,6 +49,10 @@ class library
     // writes two lines. Returns an FXM_API_ code.
     static int set_log_level(int level);
 
+    // Makes the library write the report of its state to the file of its log properties. Returns an FXM_API_ code. Two
+    // reports at once are one after the other.
+    int write_report(bool verbose);
+
     static constexpr auto FIRST_PAUSE = std::chrono::milliseconds(1000);
     static constexpr auto LAST_PAUSE = std::chrono::milliseconds(60000);
 
@@ -76,6 +80,7 @@ class library
     library_status status_;
     bool stopping_ = false;
     std::thread supervisor_;
+    std::mutex report_mutex_; // held for one report
 };
 
 } // namespace fxm

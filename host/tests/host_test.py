@@ -499,12 +499,15 @@ class Commands(HostTest):
         self.assertEqual(f.ctl("tree").splitlines()[1], f"├─ 0  {DEVICE} FXIO 8086:1572  connected")
         self.assertEqual(len(f.ctl("cards", "class=fxio").splitlines()), 4)
         for words in (["ports"], ["show", SERVER], ["show", MULTI], ["topology"], ["stats"], ["log"], ["jobs"],
-                      ["reg", "--names"], ["history", "--since", "1h"], ["status-dump"], ["loglevel", "debug"],
+                      ["reg", "--names"], ["history", "--since", "1h"], ["loglevel", "debug"],
                       ["completion", "bash"], ["wait", DEVICE, "connected"], ["reg", SMALL, "0x0..0x40"],
                       ["page", MULTI, "3", "page.bin", "--yes"], ["monitor", "on", LOOSE], ["vlan", LOOSE, "201", "--yes"]):
             with open(f"{f.dir}/page.bin", "wb") as file:
                 file.write(bytes(range(128)))
             f.ctl(*words)
+        report = f.ctl("status-dump", "--verbose").split()[-1]
+        with open(report, encoding="utf-8") as file:
+            self.assertIn("FX card information detail", file.read())
         self.assertEqual(f.cards(f"page {MULTI} 3"), bytes(range(128)).hex())
         for words in (["-j", "status"], ["-j", "cards"], ["ports", "-j"], ["-j", "show", SERVER], ["stats", "-j"]):
             self.assertEqual(json.loads(f.ctl(*words))["schema"], "fxm/1")
