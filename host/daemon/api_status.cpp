@@ -296,10 +296,11 @@ static void write_status_dump(services &all, api_call &call)
     const bool verbose = given.flag("verbose");
     given.finish();
     later(all, call, 0, [&all, verbose] {
-        if (all.fabric->write_report(verbose) != FXM_API_SUCCESS)
+        const std::string file = report_file(*all.settings());
+        if (all.fabric->write_report(verbose, file) != FXM_API_SUCCESS)
             throw api_error("FXM_API_ENOSYS", "the library is not running");
         json::object made = document();
-        made["file"] = report_file(*all.settings());
+        made["file"] = file;
         return json_reply(made);
     });
 }

@@ -604,9 +604,7 @@ void write_library_files(const config &settings, const fs::path &dir)
                   "log4j.appender.ERR.layout.ConversionPattern=libfxm %p %m%n\n";
     // Off until somebody asks for a report: one of 65,536 cards at each start and stop is of no use.
     properties += fmt::format("log4j.logger.statslogfile=OFF, STATS\nlog4j.additivity.statslogfile=false\n"
-                              "log4j.appender.STATS=org.apache.log4j.RollingFileAppender\n"
-                              "log4j.appender.STATS.File={}\nlog4j.appender.STATS.MaxFileSize=10MB\n"
-                              "log4j.appender.STATS.MaxBackupIndex=1\n"
+                              "log4j.appender.STATS=org.apache.log4j.FileAppender\nlog4j.appender.STATS.File={}\n"
                               "log4j.appender.STATS.layout=org.apache.log4j.PatternLayout\n"
                               "log4j.appender.STATS.layout.ConversionPattern=%m%n\n",
                               report_file(settings));

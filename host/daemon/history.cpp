@@ -15,7 +15,7 @@ namespace fxm
 
 constexpr size_t BATCH = 1000;
 constexpr int STEP_MS = 1000; // a kill loses at most that much
-constexpr int MINUTE_MS = 60000;
+constexpr int64_t MINUTE_MS = 60000;
 constexpr int PRUNE_ROWS = 2000;      // in one transaction
 constexpr int PRUNE_MS = 500;         // of each minute
 constexpr size_t MOST_MINUTES = 1440; // that wait for the disk

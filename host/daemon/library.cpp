@@ -2,8 +2,11 @@
 
 #include <fmt/format.h>
 #include <log4cxx/logger.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 
 #include "fxm.h"
@@ -188,9 +191,12 @@ int library::set_log_level(int level)
     return result;
 }
 
-int library::write_report(bool verbose)
+int library::write_report(bool verbose, const std::string &file)
 {
     std::lock_guard guard(report_mutex_);
+    // The logger appends, so a file made empty holds this report alone.
+    if (truncate(file.c_str(), 0) != 0)
+        log_->warning("cannot empty {}: {}", file, strerror(errno));
     // The library also writes a report at each start, stop and interval; those find the logger off.
     const log4cxx::LoggerPtr report = log4cxx::Logger::getLogger("statslogfile");
     report->setLevel(log4cxx::Level::getInfo());

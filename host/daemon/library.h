@@ -49,16 +49,14 @@ class library
     // writes two lines. Returns an FXM_API_ code.
     static int set_log_level(int level);
 
-    // Makes the library write the report of its state to the file of its log properties. Returns an FXM_API_ code. Two
-    // reports at once are one after the other.
-    int write_report(bool verbose);
+    // Makes the library write the report of its state to `file`, that of its log properties; the last report is gone.
+    // Returns an FXM_API_ code. Two reports at once are one after the other.
+    int write_report(bool verbose, const std::string &file);
 
     static constexpr auto FIRST_PAUSE = std::chrono::milliseconds(1000);
     static constexpr auto LAST_PAUSE = std::chrono::milliseconds(60000);
 
   private:
-    enum class outcome { stopped_by_itself, asked_to_stop };
-
     bool bring_up(std::string *fault);
     void supervise();
     bool pause(std::chrono::milliseconds length);

@@ -253,7 +253,7 @@ void model::look_at(const dirty_set::cards &cards)
             for (size_t i = 0; i < BATCH && next != cards.end(); ++i, ++next)
                 look_at_one(next->first, next->second, &drafts);
         }
-        events_->append(std::move(drafts));
+        events_->append(drafts);
     }
 }
 
@@ -278,7 +278,7 @@ int model::set_monitored(uint64_t id, bool monitored, const std::function<void()
         }
     }
     changed();
-    events_->append(std::move(drafts));
+    events_->append(drafts);
     return FXM_API_SUCCESS;
 }
 
@@ -299,7 +299,7 @@ int model::remove(uint64_t id)
         count(*known, -1);
         cards_.erase(id);
     }
-    events_->append(std::move(drafts));
+    events_->append(drafts);
     return FXM_API_SUCCESS;
 }
 
@@ -358,7 +358,7 @@ void model::library_ended()
                 replace(known, std::move(next));
             }
         }
-        events_->append(std::move(drafts));
+        events_->append(drafts);
     }
 }
 

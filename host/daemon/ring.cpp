@@ -23,7 +23,7 @@ ring::ring(uint64_t last_seq) : slots_(SIZE), start_(last_seq), first_(last_seq 
 void ring::on_append(std::function<void()> notify) { notify_ = std::move(notify); }
 
 // The caller holds the mutex.
-void ring::place(event_draft draft)
+void ring::place(const event_draft &draft)
 {
     using namespace std::chrono;
     const uint64_t seq = ++last_;
@@ -35,17 +35,17 @@ void ring::place(event_draft draft)
         first_ = last_ - SIZE + 1;
 }
 
-void ring::append(event_draft draft)
+void ring::append(const event_draft &draft)
 {
     {
         std::lock_guard guard(mutex_);
-        place(std::move(draft));
+        place(draft);
     }
     if (notify_)
         notify_();
 }
 
-void ring::append(std::vector<event_draft> drafts)
+void ring::append(const std::vector<event_draft> &drafts)
 {
     if (drafts.empty())
         return;
@@ -53,7 +53,7 @@ void ring::append(std::vector<event_draft> drafts)
     for (size_t at = 0; at < drafts.size();) {
         std::lock_guard guard(mutex_);
         for (const size_t end = std::min(drafts.size(), at + 256); at < end; ++at)
-            place(std::move(drafts[at]));
+            place(drafts[at]);
     }
     if (notify_)
         notify_();

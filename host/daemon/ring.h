@@ -53,8 +53,8 @@ class ring
     // append.
     void on_append(std::function<void()> notify);
 
-    void append(event_draft draft);
-    void append(std::vector<event_draft> drafts);
+    void append(const event_draft &draft);
+    void append(const std::vector<event_draft> &drafts);
 
     struct batch {
         std::vector<std::shared_ptr<const event>> events;
@@ -68,7 +68,7 @@ class ring
     uint64_t first_seq() const; // of the oldest event that is kept; last_seq() + 1 if none
 
   private:
-    void place(event_draft draft);
+    void place(const event_draft &draft);
 
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<const event>> slots_; // by seq % SIZE
