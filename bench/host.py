@@ -137,7 +137,9 @@ def watchers():
     alone, _ = reads_ms(f, 3000)
     memory = resident_mib(f.daemon.pid)
     script = os.path.join(TOP, "bench/watchers.py")
-    crowd = subprocess.Popen([sys.executable, script, f.socket, "1000", "100"], stdout=subprocess.PIPE, text=True)
+    # Watchers sit on other machines or other processors, so their crowd takes what the rest leaves.
+    crowd = subprocess.Popen(["chrt", "--idle", "0", sys.executable, script, f.socket, "1000", "100"],
+                             stdout=subprocess.PIPE, text=True)
     assert crowd.stdout.readline() == "ready\n"
     # Every card changes now and then: 2,000 events a second for each watcher would be the machine's limit, not fxmd's.
     stop = threading.Event()
@@ -160,8 +162,9 @@ def watchers():
     stop.set()
     changer.join()
     # More events than the ring and the sockets hold: those who read nothing lose some, and are told.
-    f.cards(f"fxio 02:01:00:00:00:00 count={MANY} ports=0")
-    until(lambda: f.get("/v1/status")["cards"]["total"] == MANY + 2005, "all cards are known", 120)
+    for first in ("02:01:00:00:00:00", "02:02:00:00:00:00"):
+        f.cards(f"fxio {first} count={MANY // 2 + 5000} ports=0")
+    until(lambda: f.get("/v1/status")["cards"]["total"] == MANY + 12005, "all cards are known", 120)
     time.sleep(3)
     crowd.terminate()
     end = json.loads(crowd.stdout.readline())

@@ -200,8 +200,10 @@ std::optional<std::pair<uint32_t, uint32_t>> parse_range(const std::string &text
 
 void operation_options::add_to(CLI::App *command)
 {
-    command->add_option("--retries", retries, "attempts after the first one (default: as configured)");
-    command->add_option("--interval", interval_ms, "how long to wait for each answer, ms (default: as configured)");
+    command->add_option("--retries", retries,
+                        "attempts after the first one (default: as configured, or 10 with --interval)");
+    command->add_option("--interval", interval_ms,
+                        "how long to wait for each answer, ms (default: as configured, or 100 with --retries)");
     command->add_flag("--livecheck", livecheck, "first look for a channel on which the card answers");
 }
 

@@ -62,12 +62,20 @@ static void write_file(const std::string &path, const json::array &words, bool r
 
 static json::array words_of(const std::vector<uint32_t> &words) { return json::array(words.begin(), words.end()); }
 
-static json::object request(const char *kind, const std::string &card, bool force)
+struct eeprom_arguments {
+    std::string card, address, value, file;
+    bool force = false;
+    bool force_file = false;
+    operation_options how;
+};
+
+static json::object request(const char *kind, const eeprom_arguments &given)
 {
-    const std::string path = card_path(card); // checks the id
+    const std::string path = card_path(given.card); // checks the id
     json::object made{{"kind", kind}, {"card", path.substr(path.rfind('/') + 1)}};
-    if (force)
+    if (given.force)
         made["force"] = true;
+    given.how.add_to(&made);
     return made;
 }
 
@@ -100,12 +108,6 @@ void print_job_result(const json::object &job)
         put(fmt::format("vlan {} → {}\n", number(result, "old"), number(result, "new")));
 }
 
-struct eeprom_arguments {
-    std::string card, address, value, file;
-    bool force = false;
-    bool force_file = false;
-};
-
 static uint32_t parse_address(const std::string &text)
 {
     const auto address = parse_u32(text);
@@ -119,7 +121,7 @@ static int read_word(session *all, const eeprom_arguments &given)
 {
     const auto range = parse_range(given.address);
     const uint32_t address = range ? range->first : parse_address(given.address);
-    json::object what = request("eeprom-dump", given.card, given.force);
+    json::object what = request("eeprom-dump", given);
     what["start"] = address;
     what["end"] = range ? range->second : address + 4;
     const json::object job = run_job(all, what, "Reading");
@@ -139,7 +141,7 @@ static int write_word(session *all, const eeprom_arguments &given)
     const auto value = parse_u32(given.value);
     if (!value)
         throw ctl_error(EXIT_USAGE, fmt::format("\"{}\" is no value", given.value), "write a number of 32 bits");
-    json::object what = request("eeprom-write", given.card, given.force);
+    json::object what = request("eeprom-write", given);
     what["address"] = address;
     what["value"] = *value;
     if (all->how.dry_run)
@@ -160,7 +162,7 @@ static int dump(session *all, const eeprom_arguments &given)
 {
     if (!given.file.empty() && !given.force_file && access(given.file.c_str(), F_OK) == 0)
         throw ctl_error(EXIT_USAGE, fmt::format("{} exists already", given.file), "give another name, or --force-file");
-    const json::object job = run_job(all, request("eeprom-dump", given.card, given.force), "Reading");
+    const json::object job = run_job(all, request("eeprom-dump", given), "Reading");
     const json::object &done = object(job, "result");
     if (!given.file.empty()) {
         write_file(given.file, array(done, "words"), given.force_file);
@@ -175,7 +177,7 @@ static int dump(session *all, const eeprom_arguments &given)
 
 static int compare(session *all, const eeprom_arguments &given)
 {
-    json::object what = request("eeprom-compare", given.card, given.force);
+    json::object what = request("eeprom-compare", given);
     const std::vector<uint32_t> words = read_file(given.file);
     what["words"] = words_of(words);
     const json::object job = run_job(all, what, "Comparing");
@@ -212,7 +214,7 @@ static std::string write_backup(const std::string &card, const json::array &word
 static int restore(session *all, const eeprom_arguments &given)
 {
     const std::vector<uint32_t> words = read_file(given.file);
-    json::object what = request("eeprom-restore", given.card, given.force);
+    json::object what = request("eeprom-restore", given);
     what["words"] = words_of(words);
     json::object trial = what;
     trial["dry_run"] = true;
@@ -320,8 +322,10 @@ void add_eeprom_commands(CLI::App *app, session *all)
             command->add_option("file", given->file, "2048 bytes, each word least significant byte first");
             command->add_flag("--force-file", given->force_file, "replace a file that exists");
         }
-        if (known.words != 0)
+        if (known.words != 0) {
             command->add_flag("--force", given->force, "take the lock away from another manager (admin)");
+            given->how.add_to(command);
+        }
         explain(command, reach::card, std::string("Example: ") + known.example,
                 known.run == compare ? "words differ, or failed" : "failed");
         command->callback([all, given, run = known.run] { all->run = [all, given, run] { return run(all, *given); }; });

@@ -181,6 +181,23 @@ std::string arguments::text(const char *name)
     return std::move(*value);
 }
 
+std::vector<uint32_t> arguments::words(const char *name, size_t most)
+{
+    const json::value *value = find(name);
+    const json::array *items = value != nullptr ? value->if_array() : nullptr;
+    std::vector<uint32_t> taken;
+    if (items != nullptr && items->size() <= most) {
+        for (const json::value &item : *items) {
+            if (const auto word = as_number(item))
+                taken.push_back(*word);
+        }
+    }
+    if (items == nullptr || taken.empty() || taken.size() != items->size())
+        throw api_error("FXM_API_EINVAL",
+                        fmt::format("\"{}\" must be an array of 1 to {} numbers of 32 bits", name, most));
+    return taken;
+}
+
 void arguments::finish() const
 {
     for (const auto &member : members_) {
@@ -192,6 +209,18 @@ void arguments::finish() const
         throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" is not known here", std::string_view(member.key())),
                         "possible are: " + known);
     }
+}
+
+operation take_operation(arguments *given)
+{
+    operation how;
+    const auto retries = given->optional_number("retries", 0, 100);
+    const auto interval = given->optional_number("interval_ms", 1, 1000);
+    if (retries || interval)
+        how.retry = fxm_retry_param_t{retries.value_or(10), interval.value_or(100)};
+    if (given->flag("livecheck"))
+        how.flags |= FXM_FLAG_LIVECHECK;
+    return how;
 }
 
 // ------------------------------------------------------------------------------------------------------------- routes

@@ -13,6 +13,7 @@
 #include "common/error.h"
 #include "daemon/caller.h"
 #include "daemon/http.h"
+#include "daemon/operation.h"
 #include "daemon/roles.h"
 #include "daemon/services.h"
 
@@ -70,7 +71,8 @@ class arguments
     bool flag(const char *name, bool absent = false);
     std::string text(const char *name);
     std::optional<std::string> optional_text(const char *name);
-    void finish() const; // nothing else may be there
+    std::vector<uint32_t> words(const char *name, size_t most); // 1 to `most` numbers of 32 bits
+    void finish() const;                                        // nothing else may be there
 
   private:
     const boost::json::value *find(const char *name);
@@ -78,5 +80,8 @@ class arguments
     boost::json::object members_;
     std::vector<std::string> taken_;
 };
+
+// The members "retries", "interval_ms" and "livecheck".
+operation take_operation(arguments *given);
 
 } // namespace fxm

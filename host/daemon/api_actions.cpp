@@ -15,26 +15,6 @@ namespace json = boost::json;
 
 constexpr uint32_t MAX_RANGE = 4096; // registers in one answer
 
-// What every operation on a card may say.
-struct operation {
-    std::optional<fxm_retry_param_t> retry;
-    uint32_t flags = 0;
-
-    const fxm_retry_param_t *param() const { return retry ? &*retry : nullptr; }
-};
-
-static operation take_operation(arguments *given)
-{
-    operation how;
-    const auto retries = given->optional_number("retries", 0, 100);
-    const auto interval = given->optional_number("interval_ms", 1, 1000);
-    if (retries || interval)
-        how.retry = fxm_retry_param_t{retries.value_or(10), interval.value_or(100)};
-    if (given->flag("livecheck"))
-        how.flags |= FXM_FLAG_LIVECHECK;
-    return how;
-}
-
 static json::object action_document(const char *action, uint64_t card, bool dry_run)
 {
     json::object made = document();

@@ -8,6 +8,7 @@
 #include "common/card_id.h"
 #include "daemon/api.h"
 #include "daemon/counters.h"
+#include "daemon/library_files.h"
 #include "daemon/schema.h"
 #include "daemon/status.h"
 
@@ -188,56 +189,6 @@ static void show_minutes(services &all, api_call &call)
         reply.body += "]}\n";
         return reply;
     });
-}
-
-// ----------------------------------------------------------------------------------------------------------------- jobs
-
-static uint64_t job_of(const api_call &call)
-{
-    const auto number = parse_u32(call.parts.at(0));
-    if (!number)
-        throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" is not the number of a job", call.parts.at(0)));
-    return *number;
-}
-
-static void list_jobs(services &all, api_call &call)
-{
-    json::object made = document();
-    made["jobs"] = all.jobs->list();
-    call.answer(json_reply(made));
-}
-
-static void submit_job(services &all, api_call &call)
-{
-    boost::system::error_code error;
-    json::value request = json::parse(call.request.body, error, {}, {.max_depth = 8});
-    if (error || !request.is_object())
-        throw api_error("FXM_API_EINVAL",
-                        fmt::format("the body is not a JSON object{}", error ? ": " + error.message() : ""));
-    // The odd address of a 40G card names the same card as the even one.
-    if (json::value *card = request.as_object().if_contains("card"); card != nullptr && card->is_string()) {
-        const json::string &text = card->get_string();
-        if (const auto id = parse_id(std::string_view(text.data(), text.size())))
-            *card = format_id(all.cards->resolve(*id));
-    }
-    if (const std::string *dry_run = call.request.argument("dry_run"))
-        request.as_object()["dry_run"] = *dry_run == "true" || *dry_run == "1";
-    call.answer(json_reply(all.jobs->submit(request.as_object(), call.id), 202));
-}
-
-static void show_job(services &all, api_call &call) { call.answer(json_reply(all.jobs->get(job_of(call)))); }
-
-static void cancel_job(services &all, api_call &call) { call.answer(json_reply(all.jobs->cancel(job_of(call)))); }
-
-std::span<const route> job_routes()
-{
-    static constexpr route routes[] = {
-        {"GET", "/v1/jobs", role::view, list_jobs},
-        {"POST", "/v1/jobs", role::operate, submit_job},
-        {"GET", "/v1/jobs/*", role::view, show_job},
-        {"DELETE", "/v1/jobs/*", role::operate, cancel_job},
-    };
-    return routes;
 }
 
 // ------------------------------------------------------------------------------------------------------- administration

@@ -56,10 +56,4 @@ std::vector<changed_key> changed_keys(const config &before, const config &next);
 // `before` with those values of `next` that need no restart.
 config reloaded(const config &before, const config &next);
 
-// Where the library writes the report of its state, when it is asked to.
-std::string report_file(const config &settings);
-
-// Writes conf/fxm.conf and the log properties of the library below `dir`. Throws std::runtime_error.
-void write_library_files(const config &settings, const std::filesystem::path &dir);
-
 } // namespace fxm

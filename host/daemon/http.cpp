@@ -30,6 +30,9 @@ constexpr size_t STREAM_PIECE = 4096;     // of a stream of events: there may be
 constexpr unsigned REQUEST_TIMEOUT = 10;  // s of silence in the middle of a request or of its answer
 constexpr unsigned STREAM_TIMEOUT = 3600; // s during which a stream's client may read nothing
 constexpr auto HEARTBEAT = std::chrono::seconds(15);
+// Between two rounds over the streams, in lengths of the last round. The events of a pause go out together, so that a
+// thousand streams leave most of the time to requests; with few streams the pause is too short to be seen.
+constexpr int REST = 4;
 
 const std::string *http_request::argument(std::string_view name) const
 {
@@ -463,9 +466,15 @@ void http_server::stop()
 
 void http_server::run()
 {
-    auto last_heartbeat = std::chrono::steady_clock::now();
+    using std::chrono::steady_clock;
+    auto last_heartbeat = steady_clock::now();
+    steady_clock::time_point round_began, next_round;
     while (!stopping_) {
-        int timeout = waking_ || appended_ ? 0 : 1000;
+        int timeout = waking_ ? 0 : 1000;
+        if (!waking_ && appended_) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_round - steady_clock::now()).count();
+            timeout = static_cast<int>(std::clamp<int64_t>(left, 0, 1000));
+        }
         for (MHD_Daemon *daemon : daemons_) {
             MHD_UNSIGNED_LONG_LONG wanted = 0;
             if (MHD_get_timeout(daemon, &wanted) == MHD_YES)
@@ -477,18 +486,22 @@ void http_server::run()
         [[maybe_unused]] const ssize_t taken = read(event_fd_, &count, sizeof(count));
         turned_ms_ = clock_ms();
         take_answers();
-        const auto now = std::chrono::steady_clock::now();
+        const auto now = steady_clock::now();
         const bool heartbeat = !waking_ && now - last_heartbeat >= HEARTBEAT;
         if (heartbeat)
             last_heartbeat = now;
-        // Events that come in the middle of a round begin another one at its end.
-        if (!waking_ && (appended_.exchange(false) || heartbeat)) {
+        // Events that come in the middle of a round begin another one later.
+        if (!waking_ && (heartbeat || (now >= next_round && appended_.exchange(false)))) {
             waking_ = true;
             wake_all_ = heartbeat;
             wake_from_ = 0;
+            round_began = now;
         }
-        if (waking_)
+        if (waking_) {
             waking_ = wake_some();
+            if (!waking_)
+                next_round = now + (now - round_began) * REST;
+        }
         for (MHD_Daemon *daemon : daemons_)
             MHD_run(daemon);
     }

@@ -17,23 +17,16 @@ namespace fxm
 namespace json = boost::json;
 
 constexpr uint32_t REGISTER_STEP = 256; // registers in one call of the library
-constexpr uint32_t MOST_REGISTERS = 65536;
-constexpr int64_t PROGRESS_MS = 500; // between two events of the progress of a job
+constexpr int64_t PROGRESS_MS = 500;    // between two events of the progress of a job
 
 struct job_cancelled {
 };
 
-struct job_board::job {
+struct job_board::job : job_request {
+    explicit job(job_request asked) : job_request(std::move(asked)) {}
+
     // Set before it is queued:
     uint64_t number = 0;
-    std::string kind;
-    uint64_t card = 0;
-    caller who;
-    bool dry_run = false;
-    bool force = false;
-    uint32_t start = 0, end = 0;     // addresses, the second one behind the last
-    uint32_t address = 0, value = 0; // of a write; the VLAN
-    std::vector<uint32_t> words;     // of a comparison or a restore
     int64_t created_ms = 0;
     std::atomic<bool> cancel{false};
 
@@ -48,160 +41,18 @@ struct job_board::job {
     json::value error;
 
     // To take the lock from its holder changes the card, so a dry run does not.
-    uint32_t flags() const { return force && !dry_run ? FXM_FLAG_FORCELOCK : 0; }
+    uint32_t flags() const { return how.flags | (force && !dry_run ? FXM_FLAG_FORCELOCK : 0); }
     bool ended() const { return ended_ms != 0; }
     size_t kept_words() const { return held.capacity() + words.capacity() + written.capacity() + left.capacity(); }
 };
 
-// -------------------------------------------------------------------------------------------------------------- requests
+// ------------------------------------------------------------------------------------------------------------- requests
 
-namespace
+json::object job_board::submit(job_request asked)
 {
-
-// The members of a request, each taken once.
-class members
-{
-  public:
-    explicit members(const json::object &given) : given_(given) {}
-
-    uint32_t number(const char *name, uint32_t least, uint32_t most, std::optional<uint32_t> absent = std::nullopt)
-    {
-        const json::value *value = find(name);
-        if (value == nullptr && absent)
-            return *absent;
-        const auto taken = value != nullptr ? parse(*value) : std::nullopt;
-        if (!taken || *taken < least || *taken > most)
-            throw api_error("FXM_API_EINVAL",
-                            fmt::format("\"{}\" is {}; it must be a number from {} to {}", name,
-                                        value != nullptr ? json::serialize(*value) : "missing", least, most));
-        return *taken;
-    }
-
-    bool flag(const char *name)
-    {
-        const json::value *value = find(name);
-        if (value != nullptr && !value->is_bool())
-            throw api_error("FXM_API_EINVAL",
-                            fmt::format("\"{}\" is {}; it must be true or false", name, json::serialize(*value)));
-        return value != nullptr && value->get_bool();
-    }
-
-    std::string text(const char *name)
-    {
-        const json::value *value = find(name);
-        if (value == nullptr || !value->is_string())
-            throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" must be text", name));
-        return std::string(value->get_string().data(), value->get_string().size());
-    }
-
-    std::vector<uint32_t> words(const char *name, size_t most)
-    {
-        const json::value *value = find(name);
-        std::vector<uint32_t> taken;
-        if (value != nullptr && value->is_array() && !value->get_array().empty() && value->get_array().size() <= most) {
-            for (const json::value &item : value->get_array()) {
-                const auto word = parse(item);
-                if (!word)
-                    break;
-                taken.push_back(*word);
-            }
-        }
-        if (value == nullptr || !value->is_array() || taken.empty() || taken.size() != value->get_array().size())
-            throw api_error("FXM_API_EINVAL",
-                            fmt::format("\"{}\" must be an array of 1 to {} numbers of 32 bits", name, most));
-        return taken;
-    }
-
-    void finish() const
-    {
-        for (const auto &member : given_) {
-            if (std::find(taken_.begin(), taken_.end(), std::string_view(member.key())) == taken_.end())
-                throw api_error("FXM_API_EINVAL",
-                                fmt::format("\"{}\" is not known for this kind of job", std::string_view(member.key())),
-                                fmt::format("possible are: {}", fmt::join(taken_, ", ")));
-        }
-    }
-
-  private:
-    static std::optional<uint32_t> parse(const json::value &value)
-    {
-        if (value.is_int64() && value.get_int64() >= 0 && value.get_int64() <= UINT32_MAX)
-            return static_cast<uint32_t>(value.get_int64());
-        return std::nullopt;
-    }
-
-    const json::value *find(const char *name)
-    {
-        taken_.emplace_back(name);
-        return given_.if_contains(name);
-    }
-
-    const json::object &given_;
-    std::vector<std::string> taken_;
-};
-
-} // namespace
-
-static void check_range(uint32_t start, uint32_t end, uint32_t most_words, const char *of)
-{
-    if (start % 4 == 0 && end % 4 == 0 && start < end && (end - start) / 4 <= most_words)
-        return;
-    throw api_error(
-        "FXM_API_EINVAL", fmt::format("there is no range of {} from {:#x} to {:#x}", of, start, end),
-        fmt::format("both are multiples of 4, \"end\" is the address behind the last word, and a job reads at "
-                    "most {} words",
-                    most_words));
-}
-
-json::object job_board::submit(const json::object &request, const caller &who)
-{
-    auto work = std::make_shared<job>();
-    members given(request);
-    work->kind = given.text("kind");
-    const std::string card = given.text("card");
-    const auto id = parse_id(card);
-    if (!id)
-        throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" is not a card id", card));
-    work->card = *id;
-    work->who = who;
-    constexpr uint32_t WORDS = FXM_EEPROM_SIZE / 4;
-    const bool writes = work->kind == "eeprom-restore" || work->kind == "eeprom-write";
-    if (work->kind == "eeprom-dump") {
-        work->start = given.number("start", 0, FXM_EEPROM_SIZE - 4, 0);
-        work->end = given.number("end", 4, FXM_EEPROM_SIZE, FXM_EEPROM_SIZE);
-        check_range(work->start, work->end, WORDS, "EEPROM words");
-    } else if (work->kind == "eeprom-compare" || work->kind == "eeprom-restore") {
-        work->words = given.words("words", WORDS);
-        work->start = given.number("start", 0, FXM_EEPROM_SIZE - 4, 0);
-        work->end = work->start + static_cast<uint32_t>(work->words.size()) * 4;
-        if (work->end > FXM_EEPROM_SIZE)
-            throw api_error("FXM_API_EINVAL", fmt::format("{} words do not fit behind {:#x}; an EEPROM has {} bytes",
-                                                          work->words.size(), work->start, FXM_EEPROM_SIZE));
-        check_range(work->start, work->end, WORDS, "EEPROM words");
-    } else if (work->kind == "eeprom-write") {
-        work->address = given.number("address", 0, FXM_EEPROM_SIZE - 4);
-        work->value = given.number("value", 0, UINT32_MAX);
-        check_range(work->address, work->address + 4, 1, "EEPROM words");
-    } else if (work->kind == "register-dump") {
-        work->start = given.number("start", 0, FXM_REGISTER_LAST);
-        work->end = given.number("end", 4, FXM_REGISTER_LAST + 4);
-        check_range(work->start, work->end, MOST_REGISTERS, "registers");
-    } else if (work->kind == "vlan") {
-        work->value = given.number("vlan", FXM_VLAN_FIRST, FXM_VLAN_LAST);
-    } else {
-        throw api_error("FXM_API_EINVAL", fmt::format("there is no kind of job \"{}\"", work->kind),
-                        "kinds are eeprom-dump, eeprom-compare, eeprom-restore, eeprom-write, register-dump and vlan");
-    }
-    if (work->kind.starts_with("eeprom"))
-        work->force = given.flag("force");
-    if (writes || work->kind == "vlan")
-        work->dry_run = given.flag("dry_run");
-    given.finish();
-    if (work->force && who.role != "admin")
-        throw api_error("FXM_DENIED", "only an admin may take the EEPROM lock away from another manager",
-                        "leave out \"force\", or ask somebody of the group of admins");
-    if (writes && !work->dry_run)
+    if (asked.writes_eeprom() && !asked.dry_run)
         check_writer();
+    auto work = std::make_shared<job>(std::move(asked));
     std::lock_guard guard(mutex_);
     forget_old();
     if (jobs_.size() >= MOST_KEPT)
@@ -482,17 +333,17 @@ void job_board::run(const job_ptr &work)
 
 // Moves a word. A card that falls silent while its lock is taken costs a hundred tries for the lock, each with all
 // retries: two minutes in which the job cannot be cancelled. So the first attempt has few of them, and only a card that
-// still answers gets another one with the configured number.
-template <typename Move> static int move_word(uint64_t card, const std::atomic<bool> &cancel, Move move)
+// still answers gets another one with the configured number. Who asks for a number of retries gets just that.
+template <typename Move> static int move_word(const job_request &asked, const std::atomic<bool> &cancel, Move move)
 {
     constexpr fxm_retry_param_t FEW{2, 100};
-    const int result = move(&FEW);
-    if (result != FXM_API_ETIMEDOUT)
+    const int result = move(asked.how.retry ? asked.how.param() : &FEW);
+    if (result != FXM_API_ETIMEDOUT || asked.how.retry)
         return result;
     if (cancel)
         throw job_cancelled();
     uint32_t unused = 0;
-    return fxm_read_register(card, 0, &unused, nullptr, 0) == FXM_API_SUCCESS ? move(nullptr) : result;
+    return fxm_read_register(asked.card, 0, &unused, nullptr, 0) == FXM_API_SUCCESS ? move(nullptr) : result;
 }
 
 // A word, read twice: the lock on the card has one bit for every fxm, so another one may have moved a word in between.
@@ -503,7 +354,7 @@ uint32_t job_board::read_word(job *work, uint32_t address)
     uint32_t second = 0;
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         for (uint32_t *word : {&first, &second}) {
-            const int result = move_word(work->card, work->cancel, [&](const fxm_retry_param_t *retries) {
+            const int result = move_word(*work, work->cancel, [&](const fxm_retry_param_t *retries) {
                 return fxm_read_eeprom(work->card, address, word, retries, work->flags());
             });
             if (result != FXM_API_SUCCESS)
@@ -580,7 +431,7 @@ void job_board::write_word(job *work, uint32_t address, uint32_t before, uint32_
 {
     check_writer();
     // Not cancelled between two attempts: what has happened to the word must be in the log.
-    const int result = move_word(work->card, false, [&](const fxm_retry_param_t *retries) {
+    const int result = move_word(*work, false, [&](const fxm_retry_param_t *retries) {
         return fxm_write_eeprom(work->card, address, after, retries, work->flags() | FXM_FLAG_VERIFY);
     });
     audit_(work->who, work->card,
@@ -616,7 +467,8 @@ void job_board::dump_registers(job *work)
         const uint32_t to = std::min(from + REGISTER_STEP * 4, work->end);
         std::vector<uint32_t> step((to - from) / 4);
         uint64_t size = step.size() * 4;
-        const int result = fxm_dump_register(work->card, from, to, step.data(), &size, nullptr, 0);
+        const int result =
+            fxm_dump_register(work->card, from, to, step.data(), &size, work->how.param(), work->how.flags);
         {
             std::lock_guard guard(mutex_);
             work->held.insert(work->held.end(), step.begin(), step.begin() + static_cast<ptrdiff_t>(size / 4));
@@ -644,7 +496,8 @@ void job_board::set_vlan(job *work)
         work->before = before;
     }
     if (!work->dry_run) {
-        const int result = fxm_set_vlanid(work->card, static_cast<uint16_t>(work->value), nullptr, FXM_FLAG_VERIFY);
+        const int result = fxm_set_vlanid(work->card, static_cast<uint16_t>(work->value), work->how.param(),
+                                          work->how.flags | FXM_FLAG_VERIFY);
         audit_(work->who, work->card, fmt::format("vlan job={} result={}", work->number, result_name(result)),
                std::to_string(before), std::to_string(work->value));
         if (result != FXM_API_SUCCESS)

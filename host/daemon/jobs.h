@@ -16,6 +16,7 @@
 
 #include "daemon/caller.h"
 #include "daemon/executor.h"
+#include "daemon/operation.h"
 #include "daemon/ring.h"
 
 namespace fxm
@@ -23,6 +24,21 @@ namespace fxm
 
 struct job_counts {
     uint32_t queued = 0, running = 0, done = 0, failed = 0, cancelled = 0; // of those that are kept
+};
+
+// What a job shall do; the API has checked it.
+struct job_request {
+    std::string kind; // of docs/api.md
+    uint64_t card = 0;
+    caller who;
+    operation how;
+    bool dry_run = false;
+    bool force = false;
+    uint32_t start = 0, end = 0;     // addresses, the second one behind the last
+    uint32_t address = 0, value = 0; // of a write; the VLAN
+    std::vector<uint32_t> words;     // of a comparison or a restore
+
+    bool writes_eeprom() const { return kind == "eeprom-restore" || kind == "eeprom-write"; }
 };
 
 class job_board
@@ -35,6 +51,7 @@ class job_board
     static constexpr size_t MOST_QUEUED = 100; // for one card
     static constexpr size_t MOST_RUNNING = 64;
     static constexpr int64_t KEPT_MS = int64_t{3600} * 1000;
+    static constexpr uint32_t MOST_REGISTERS = 65536; // of one dump
     static constexpr size_t MOST_WORDS = 4 << 20; // in all requests and results; beyond, the oldest results go early
 
     job_board(ring *events, bool eeprom_writer, audit_function audit);
@@ -44,9 +61,9 @@ class job_board
 
     void set_eeprom_writer(bool allowed) { eeprom_writer_ = allowed; }
 
-    // Each returns a JOB document. submit throws api_error for a request that is wrong or not allowed, get and cancel for
-    // an unknown job.
-    boost::json::object submit(const boost::json::object &request, const caller &who);
+    // Each returns a JOB document. submit throws api_error if the job is not allowed or there are too many, get and
+    // cancel for an unknown job.
+    boost::json::object submit(job_request asked);
     boost::json::object get(uint64_t number);
     boost::json::object cancel(uint64_t number);
     boost::json::array list();

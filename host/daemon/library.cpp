@@ -42,12 +42,6 @@ static void on_event(uint64_t id, fxm_event_type_t type, uint64_t arg)
 // Starts the library. False, with the reason, if it did not come up; nothing runs then.
 bool library::bring_up(std::string *fault)
 {
-    try {
-        prepare_();
-    } catch (const std::exception &failure) {
-        *fault = failure.what();
-        return false;
-    }
     ended_ = false;
     manager_ = std::thread([this] {
         result_ = fxm_init_manager(dir_.c_str(), FXM_LOG_WARN);
@@ -106,6 +100,7 @@ void library::set_state(library_state state, const std::string &reason)
 
 void library::start()
 {
+    prepare_(); // what it throws says how fxmd ends
     std::string fault;
     if (!bring_up(&fault))
         throw std::runtime_error(fault);
@@ -150,8 +145,13 @@ void library::supervise()
             if (!pause(length))
                 return;
             length = std::min(length * 2, LAST_PAUSE);
-            if (bring_up(&reason))
-                break;
+            try {
+                prepare_();
+                if (bring_up(&reason))
+                    break;
+            } catch (const std::exception &failure) {
+                reason = failure.what();
+            }
             log_->error("{}. Next attempt in {} ms.", reason, length.count());
             set_state(library_state::restarting, reason);
         }

@@ -19,6 +19,7 @@
 #include "daemon/api.h"
 #include "daemon/config.h"
 #include "daemon/counters.h"
+#include "daemon/library_files.h"
 #include "daemon/sequence.h"
 #include "daemon/services.h"
 #include "fxm.h"

@@ -215,7 +215,7 @@ class Registers(HostTest):
         faults = []
 
         def work():
-            for _ in range(3):
+            for _ in range(10):
                 values = f.get(f"/v1/cards/{SERVER}/registers?start=0x100&end=0x200")["values"]
                 if values != [address * 0x10001 for address in range(0x100, 0x200, 4)]:
                     faults.append(values)
