@@ -71,8 +71,13 @@ def kills(dice, rounds):
 WORDS = ["v1", "cards", "registers", "jobs", "events", "status", "history", "minutes", "log", "schema", "topology",
          "topology.dot", "ports", "stats", "reload", "level", "vlan", "monitor", "reset", "pages", "eeprom-lock", DEVICE,
          SERVER, SMALL, "02:00:00:00:10:01", "0x1000", "eeprom.lock", "0", "-1", "%00", "..", "%2e%2e", "💥", "a" * 3000, ""]
+ROUTES = ["cards", "cards/*", "cards/*/registers", "cards/*/registers/*", "cards/*/vlan", "cards/*/monitor", "cards/*/reset",
+          "cards/*/pages/*", "cards/*/eeprom-lock", "jobs", "jobs/*", "events", "status", "ports", "stats", "topology", "history",
+          "history/minutes", "log", "log/level", "log/status-dump", "schema", "reload"]
+PARTS = [DEVICE, SERVER, SMALL, "0x1000", "eeprom.lock", "1", "3"]
 NAMES = ["after", "filter", "fields", "limit", "start", "end", "state", "vlan", "id", "since_ms", "card", "type", "dry_run",
          "value", "mask", "verify", "kind", "words", "force", "data", "status", "monitored", "level", "retries", "interval_ms"]
+KINDS = ["eeprom-dump", "eeprom-compare", "eeprom-restore", "eeprom-write", "register-dump", "vlan"]
 VALUES = ["", "1", "-1", "0x10", "4294967296", "1e400", "true", "null", "nan", "x" * 500, SERVER, "02:00:*", "state=lost",
           "eeprom-dump", "eeprom-restore", "eeprom-compare", "register-dump", "100-200", "%ff", "9f86d081.5", "debug"]
 
@@ -94,11 +99,16 @@ def json_value(dice, depth=0):
 
 def random_request(dice):
     method = dice.choice(["GET", "GET", "GET", "PUT", "POST", "PATCH", "DELETE", "HEAD", "OPTIONS", "BREW", "get", ""])
-    path = "/" + "/".join(dice.choice(WORDS) for _ in range(dice.randrange(7)))
-    if dice.random() < 0.7:
-        path = "/v1/" + path.lstrip("/")
-    query = "&".join(f"{dice.choice(NAMES)}={dice.choice(VALUES)}" for _ in range(dice.randrange(4)))
-    body = dice.choice([b"", json.dumps(json_value(dice)).encode(), dice.randbytes(dice.randrange(200)), b"[" * 5000])
+    if dice.random() < 0.6:  # most of what is behind the router is only reached by a path that exists
+        path = "/v1/" + "/".join(dice.choice(PARTS if dice.random() < 0.9 else WORDS) if word == "*" else word
+                                 for word in dice.choice(ROUTES).split("/"))
+    else:
+        path = dice.choice(["/", "/v1/"]) + "/".join(dice.choice(WORDS) for _ in range(dice.randrange(7)))
+    query = "&".join(f"{dice.choice(NAMES)}={dice.choice(VALUES)}" for _ in range(max(0, dice.randrange(-3, 4))))
+    body = dice.choice([b"", b"", json.dumps(json_value(dice)).encode(), dice.randbytes(dice.randrange(200)), b"[" * 5000])
+    if dice.random() < 0.3:
+        body = json.dumps({"kind": dice.choice(KINDS), "card": dice.choice(PARTS),
+                           dice.choice(NAMES): dice.choice([0, 4, 64, 200, True, [1, 2], dice.choice(VALUES)])}).encode()
     if dice.random() < 0.02:
         body = b"x" * dice.choice([65536, 65537, 200000])
     length = dice.choice([len(body), len(body), len(body), len(body), 0, len(body) + 1, -1, "x", 2**64])
