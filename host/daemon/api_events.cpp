@@ -53,19 +53,9 @@ class event_stream : public http_source
 
     bool ready() override
     {
-        while (all_->events->last_seq() > cursor_) {
-            if (wanted_.empty())
-                return true;
-            const ring::batch batch = all_->events->read(cursor_, STEP);
-            if (batch.gap_to != 0)
-                return true;
-            for (const auto &entry : batch.events) {
-                if (is_wanted(*entry))
-                    return true;
-                cursor_ = entry->seq;
-            }
-        }
-        return false;
+        if (!wanted_.empty())
+            cursor_ = all_->events->skip(cursor_, [this](const event &entry) { return is_wanted(entry); });
+        return all_->events->last_seq() > cursor_;
     }
 
   private:

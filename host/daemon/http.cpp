@@ -33,6 +33,7 @@ constexpr auto HEARTBEAT = std::chrono::seconds(15);
 // Between two rounds over the streams, in lengths of the last round. The events of a pause go out together, so that a
 // thousand streams leave most of the time to requests; with few streams the pause is too short to be seen.
 constexpr int REST = 4;
+constexpr auto LONGEST_REST = std::chrono::milliseconds(200);
 
 const std::string *http_request::argument(std::string_view name) const
 {
@@ -303,7 +304,7 @@ void http_server::take_answers()
 // The next slice of the round. False at its end.
 bool http_server::wake_some()
 {
-    constexpr int SLICE = 16;
+    constexpr int SLICE = 8;
     auto next = waiting_.upper_bound(wake_from_);
     for (int woken = 0; next != waiting_.end() && woken < SLICE;) {
         exchange *current = next->second;
@@ -500,10 +501,13 @@ void http_server::run()
         if (waking_) {
             waking_ = wake_some();
             if (!waking_)
-                next_round = now + (now - round_began) * REST;
+                next_round = now + std::min<steady_clock::duration>((now - round_began) * REST, LONGEST_REST);
         }
         for (MHD_Daemon *daemon : daemons_)
             MHD_run(daemon);
+        // On a busy machine the threads that serve requests would wait for the end of this thread's time slice.
+        if (waking_)
+            std::this_thread::yield();
     }
     // Every suspended connection must be resumed before its daemon ends. What has no answer yet gets none.
     for (auto &[id, current] : live_) {

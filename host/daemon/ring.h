@@ -2,6 +2,7 @@
 // that readers cost nothing and cannot hold up anybody. Any thread appends and reads.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -62,6 +63,24 @@ class ring
     };
     // At most `limit` events behind `after`, oldest first.
     batch read(uint64_t after, size_t limit) const;
+    // Goes past the events behind `after` that are not wanted, up to one that is, one that is lost, or the end. Returns
+    // the number of the last one that was passed; `after` if none was. `wanted` runs under the mutex, which is given up
+    // every few hundred events.
+    template <typename Wanted> uint64_t skip(uint64_t after, Wanted wanted) const
+    {
+        constexpr uint64_t SLICE = 512;
+        for (;;) {
+            std::lock_guard guard(mutex_);
+            if (after < first_ - 1)
+                return after;
+            for (const uint64_t end = std::min(last_, after + SLICE); after < end; ++after) {
+                if (wanted(*slots_[(after + 1) % SIZE]))
+                    return after;
+            }
+            if (after >= last_)
+                return after;
+        }
+    }
 
     uint64_t start_seq() const { return start_; } // the number before the first event of this run
     uint64_t last_seq() const;
