@@ -501,7 +501,8 @@ class Commands(HostTest):
         for words in (["ports"], ["show", SERVER], ["show", MULTI], ["topology"], ["stats"], ["log"], ["jobs"],
                       ["reg", "--names"], ["history", "--since", "1h"], ["loglevel", "debug"],
                       ["completion", "bash"], ["wait", DEVICE, "connected"], ["reg", SMALL, "0x0..0x40"],
-                      ["page", MULTI, "3", "page.bin", "--yes"], ["monitor", "on", LOOSE], ["vlan", LOOSE, "201", "--yes"]):
+                      ["page", MULTI, "3", "page.bin", "--yes"], ["monitor", "on", LOOSE],
+                      ["eeprom", "read", SERVER, "0x10", "--retries", "5", "--livecheck"], ["vlan", LOOSE, "201", "--yes"]):
             with open(f"{f.dir}/page.bin", "wb") as file:
                 file.write(bytes(range(128)))
             f.ctl(*words)
@@ -519,7 +520,7 @@ class Commands(HostTest):
         self.assertIn(DEVICE, f.ctl("__complete", "--", "show", "02:00"))
         for code, words in ((2, ["nothing"]), (2, ["cards", "x"]), (2, ["show", "zz"]), (3, ["show", "020000999999"]),
                             (4, ["wait", SERVER, "lost", "--timeout", "0"]), (2, ["reg", SERVER, "0x1"]),
-                            (1, ["jobs", "show", "99"]), (2, ["vlan", DEVICE, "5000", "--yes"]),
+                            (1, ["jobs", "show", "99"]), (2, ["eeprom", "read", SERVER, "0x10", "--retries", "101"]), (2, ["vlan", DEVICE, "5000", "--yes"]),
                             (2, ["page", MULTI, "3", "old.json", "--yes"]), (7, ["--socket", "/nowhere", "status"])):
             self.assertEqual(len(f.ctl(*words, code=code).splitlines()), 1, words)
 
