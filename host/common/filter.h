@@ -1,4 +1,4 @@
-// The filter of cards and events, as the command line, the API and the page write it; docs/api.md has the syntax.
+// The filter of cards and events, as the command line and the API write it; docs/api.md has the syntax.
 #pragma once
 
 #include <string_view>

@@ -1,5 +1,4 @@
-// The registers of a card that have a name, with their fields: one table for the command line, the API, the page and the
-// dissector.
+// The registers of a card that have a name, with their fields: one table for the command line and the API.
 #pragma once
 
 #include <cstdint>

@@ -240,7 +240,7 @@ static void set_log_level(services &all, api_call &call)
                     "levels are fatal, error, warning, info, debug and trace");
 }
 
-// The report of the library's counters for its own log.
+// The library writes it as a whole, which takes a while with many cards.
 static void write_status_dump(services &all, api_call &call)
 {
     arguments given(call.request);

@@ -304,9 +304,12 @@ void http_server::take_answers()
 // The next slice of the round. False at its end.
 bool http_server::wake_some()
 {
+    using std::chrono::steady_clock;
     constexpr int SLICE = 8;
+    // A stream that wants nothing of a burst takes its time, too.
+    const auto until = steady_clock::now() + std::chrono::microseconds(500);
     auto next = waiting_.upper_bound(wake_from_);
-    for (int woken = 0; next != waiting_.end() && woken < SLICE;) {
+    for (int woken = 0; next != waiting_.end() && woken < SLICE && steady_clock::now() < until;) {
         exchange *current = next->second;
         wake_from_ = next->first;
         if (!wake_all_ && !current->source->ready()) {

@@ -393,7 +393,7 @@ static int run(const options &given)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Owns the management ports of a Fenxar fabric and serves it to fxmctl, the page and the API.", "fxmd");
+    CLI::App app("Owns the management ports of a Fenxar fabric and serves it to fxmctl and the API.", "fxmd");
     fxm::options given;
     bool check = false;
     bool print_config = false;
