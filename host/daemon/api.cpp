@@ -252,24 +252,32 @@ static bool match(std::string_view pattern, std::string_view path, std::vector<s
     return true;
 }
 
-// A page of another site must not reach a service on the loopback address by a name that it chose itself.
-static bool is_loopback_host(std::string_view host)
+// The page of another site must not reach fxmd: not by a name that it chose itself for the loopback address, and not by a
+// request that a browser sends in its name. The Unix socket has callers that make up a host, and browsers behind a
+// forwarded port; only a name with a dot can be another site's.
+static void check_origin(const http_request &request)
 {
-    const std::string_view name = host.substr(0, host.rfind(':'));
-    return name == "127.0.0.1" || name == "localhost";
+    const std::string_view host = request.host;
+    const std::string_view name = host.ends_with(']') ? host : host.substr(0, host.rfind(':'));
+    const bool is_loopback = name == "127.0.0.1" || name == "localhost" || name == "[::1]";
+    const bool is_made_up = name.find('.') == std::string_view::npos || name.find('%') != std::string_view::npos;
+    if (!is_loopback && !(request.who.local && is_made_up))
+        throw api_error("FXM_DENIED", fmt::format("the Host header names \"{}\"", host),
+                        "use the address 127.0.0.1 or localhost");
+    if (!request.origin.empty() && request.origin != fmt::format("http://{}", host))
+        throw api_error("FXM_DENIED", fmt::format("the request comes from a page of \"{}\"", request.origin),
+                        "open the page of fxmd itself");
 }
 
 static void dispatch(services &all, const http_request &request, const http_server::responder &answer)
 {
-    if (!request.who.local && !is_loopback_host(request.host))
-        throw api_error("FXM_DENIED", fmt::format("the Host header names \"{}\"", request.host),
-                        "use the address 127.0.0.1 or localhost");
+    check_origin(request);
     const std::shared_ptr<const roles> judge = all.who();
     api_call call{request, answer, judge->of(request), {}, {}};
     call.id = {request.who.uid, request.who.pid, word(call.who)};
     const route *found = nullptr;
     bool path_exists = false;
-    for (const auto routes : {card_routes(), action_routes(), job_routes(), event_routes(), status_routes()}) {
+    for (const auto routes : {card_routes(), action_routes(), job_routes(), event_routes(), status_routes(), page_routes()}) {
         for (const route &candidate : routes) {
             std::vector<std::string> parts;
             if (!match(candidate.pattern, request.path, &parts))

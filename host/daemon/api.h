@@ -41,6 +41,7 @@ std::span<const route> action_routes();
 std::span<const route> job_routes();
 std::span<const route> event_routes();
 std::span<const route> status_routes();
+std::span<const route> page_routes();
 
 // Finds the route and checks the role; turns an api_error into its answer.
 void handle_request(services &all, const http_request &request, http_server::responder answer);

@@ -9,7 +9,7 @@
 #include "daemon/api.h"
 #include "daemon/counters.h"
 #include "daemon/library_files.h"
-#include "daemon/schema.h"
+#include "daemon/embedded.h"
 #include "daemon/status.h"
 
 namespace fxm
@@ -34,7 +34,12 @@ static json::object counts_of(const std::vector<named_count> &counts)
     return made;
 }
 
-static void show_status(services &all, api_call &call) { call.answer(json_reply(status_document(all))); }
+static void show_status(services &all, api_call &call)
+{
+    json::object made = status_document(all);
+    made["role"] = word(call.who);
+    call.answer(json_reply(made));
+}
 
 static void show_ports(services &all, api_call &call)
 {

@@ -244,7 +244,10 @@ int http_server::queue(exchange *current)
     }
     if (response == nullptr)
         return 0;
-    MHD_add_response_header(response, "Content-Type", reply.type.c_str());
+    if (!reply.type.empty())
+        MHD_add_response_header(response, "Content-Type", reply.type.c_str());
+    MHD_add_response_header(response, "Content-Security-Policy", reply.policy.c_str());
+    MHD_add_response_header(response, "X-Content-Type-Options", "nosniff");
     for (const auto &[name, value] : reply.headers)
         MHD_add_response_header(response, name.c_str(), value.c_str());
     const int queued = MHD_queue_response(current->connection, static_cast<unsigned>(reply.status), response);

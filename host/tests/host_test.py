@@ -56,6 +56,7 @@ class Documents(HostTest):
             "card": f"/v1/cards/{SERVER}", "topology": "/v1/topology", "job": "/v1/jobs/1", "jobs": "/v1/jobs",
             "register": f"/v1/cards/{SERVER}/registers/eeprom.lock", "log": "/v1/log",
             "register_range": f"/v1/cards/{SMALL}/registers?start=0xffc&end=0x1008", "minutes": "/v1/history/minutes",
+            "registers": "/v1/registers",
         }
         for name, path in requests.items():
             with self.subTest(name):
@@ -332,15 +333,27 @@ class Roles(HostTest):
         f.start()
         f.well(5)
 
-        def ask(method="GET", path="/v1/status", token="0123456789abcdef", host="127.0.0.1:8619"):
+        def ask(method="GET", path="/v1/status", token="0123456789abcdef", host="127.0.0.1:8619", origin=None):
             with socket.create_connection(("127.0.0.1", 8619), 30) as connection:
                 connection.sendall(f"{method} {path} HTTP/1.1\r\nHost: {host}\r\nAuthorization: Bearer {token}\r\n"
+                                   f"{f'Origin: {origin}' if origin else 'X-None: 1'}\r\n"
                                    f"Content-Length: 2\r\nConnection: close\r\n\r\n{{}}".encode())
                 return int(connection.makefile().readline().split()[1])
 
         self.assertEqual(ask(), 200)
         self.assertEqual(ask(token="0123456789abcdee"), 403)
         self.assertEqual(ask(host="evil.example:8619"), 403)
+        self.assertEqual(ask(host="localhost:8619", origin="http://localhost:8619"), 200)
+        self.assertEqual(ask(origin="http://evil.example"), 403)
+        # The page holds nothing of the fabric, so that a browser can ask for the token.
+        self.assertEqual(ask(path="/", token=""), 200)
+        # A browser behind a forwarded port brings the rights of its user, so the same holds on the Unix socket.
+        for headers, status in (({"Host": "evil.example"}, 403), ({"Origin": "http://evil.example"}, 403),
+                                ({"Host": "localhost:8610", "Origin": "http://localhost:8610"}, 200)):
+            connection = fabric.UnixConnection(f.socket)
+            connection.request("GET", "/v1/status", headers=headers)
+            self.assertEqual(connection.getresponse().status, status, headers)
+            connection.close()
         self.assertEqual(ask("PUT", f"/v1/cards/{SMALL}/vlan"), 403)
         f.ctl("--url", "http://127.0.0.1:8619", "--token-file", f"{f.dir}/tokens", "status")
 

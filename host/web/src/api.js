@@ -1,0 +1,60 @@
+// Requests to fxmd. On the loopback address fxmd wants a token; the tab keeps it, and no cookie does.
+
+const KEY = 'fxm-token'
+
+export const token = {
+  get: () => sessionStorage.getItem(KEY) ?? '',
+  set: (text) => sessionStorage.setItem(KEY, text),
+}
+
+// What fxmd refused, in its own words.
+export class Refused extends Error {
+  constructor(status, document) {
+    super(document?.message ?? `fxmd answered with status ${status}`)
+    this.status = status
+    this.code = document?.code ?? ''
+    this.hint = document?.hint ?? ''
+  }
+}
+
+export async function send(method, path, { body, accept, signal } = {}) {
+  const headers = {}
+  if (token.get()) headers.Authorization = `Bearer ${token.get()}`
+  if (accept) headers.Accept = accept
+  if (body !== undefined) headers['Content-Type'] = 'application/json'
+  const answer = await fetch(path, {
+    method,
+    headers,
+    signal,
+    body: body === undefined ? undefined : JSON.stringify(body),
+    cache: 'no-store',
+    credentials: 'omit',
+  })
+  if (!answer.ok) throw new Refused(answer.status, await answer.json().catch(() => null))
+  return answer
+}
+
+export const get = async (path, options) => (await send('GET', path, options)).json()
+export const put = async (path, body) => (await send('PUT', path, { body })).json()
+export const post = async (path, body) => (await send('POST', path, { body })).json()
+export const remove = async (path) => (await send('DELETE', path)).json()
+
+const NDJSON = 'application/x-ndjson'
+
+// Calls `take` with each batch of parsed lines as it arrives. `began` gets the answer before the first line. The parsing
+// gives way now and then, so that a list of the whole fabric does not stop the page.
+export async function readLines(path, { signal, began, take }) {
+  const answer = await send('GET', path, { accept: NDJSON, signal })
+  began?.(answer)
+  const reader = answer.body.pipeThrough(new TextDecoderStream()).getReader()
+  let rest = ''
+  for (;;) {
+    const { done, value } = await reader.read()
+    if (done) return
+    const lines = (rest + value).split('\n')
+    rest = lines.pop()
+    const batch = []
+    for (const line of lines) if (line) batch.push(JSON.parse(line))
+    take(batch)
+  }
+}
