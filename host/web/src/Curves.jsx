@@ -90,7 +90,7 @@ export function Curves({ theme, boot }) {
         </div>
       </div>
       {problem && <p class="muted">{problem}</p>}
-      <div class="plots">{PLOTS.map((plot) => <Plot plot={plot} minutes={minutes} span={span} theme={theme} />)}</div>
+      <div class="plots" tabIndex={0} role="group" aria-label="Curves">{PLOTS.map((plot) => <Plot plot={plot} minutes={minutes} span={span} theme={theme} />)}</div>
     </section>
   )
 }

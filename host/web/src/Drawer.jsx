@@ -218,7 +218,7 @@ function CardEvents({ id, fabric }) {
   const known = new Set(past.map(({ seq }) => seq))
   const live = fabric.events.filter((event) => event.card === id && !known.has(event.seq))
   const shown = [...past, ...live].sort((a, b) => b.seq - a.seq).slice(0, MOST_EVENTS)
-  return shown.length === 0 ? <p class="muted">Nothing in the last day.</p> : <ol class="short-list">{shown.map((event) => <EventLine key={event.seq} event={event} />)}</ol>
+  return shown.length === 0 ? <p class="muted">Nothing in the last day.</p> : <ol class="short-list" tabIndex={0} aria-label="Events of the card">{shown.map((event) => <EventLine key={event.seq} event={event} />)}</ol>
 }
 
 export function Drawer({ id, fabric, role, status, registers, onOpen, onClose }) {

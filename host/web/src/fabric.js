@@ -1,6 +1,6 @@
 // The copy of the fabric that the page shows: what fxmd listed, and what its events changed since.
 import { CLASSES, HEALTH } from './filter.js'
-import { parseId } from './ids.js'
+import { numberOfId } from './ids.js'
 
 const CHANNELS = ['p0m0', 'p0m1', 'p1m0', 'p1m1']
 const MOST_EVENTS = 1000
@@ -8,16 +8,36 @@ const MOST_JOBS = 1000
 
 // The members of a list that a card is made of.
 export const FIELDS =
-  'id,class,generation,vlan,health,channels,int_vector,partners,down_port_count,vendor,device,multi_root,updated_ms'
+  'id,class,generation,vlan,health,channels,int_vector,partners,down_port_count,vendor,device,updated_ms'
 
+// A card keeps what the map, the table and the filter need, as numbers where it can. Lists are long, so this and the next
+// function say the same twice: what a document has, and what a change of one member says.
 function makeCard(document) {
-  const card = { id: document.id, number: parseId(document.id), up: 0, known: 0, partners: [] }
-  for (const channel of CHANNELS) setMember(card, `channels.${channel}`, document.channels[channel])
-  for (const name of FIELDS.split(',')) setMember(card, name, document[name])
-  return card
+  let up = 0
+  let known = 0
+  for (let i = 0; i < CHANNELS.length; ++i) {
+    const state = document.channels[CHANNELS[i]]
+    if (state === 'up') up |= 1 << i
+    if (state !== null) known |= 1 << i
+  }
+  return {
+    id: document.id,
+    number: numberOfId(document.id),
+    kind: CLASSES.indexOf(document.class),
+    is40g: document.generation === '40G',
+    vlan: document.vlan,
+    health: HEALTH.indexOf(document.health),
+    up,
+    known,
+    int: document.int_vector,
+    partners: document.partners.map(numberOfId),
+    downPorts: document.down_port_count,
+    vendor: document.vendor,
+    device: document.device,
+    changed: document.updated_ms ?? 0,
+  }
 }
 
-// One member of a card's document. A card keeps what the map, the table and the filter need, as numbers where it can.
 function setMember(card, name, value) {
   switch (name) {
     case 'class': card.kind = CLASSES.indexOf(value); break
@@ -25,14 +45,13 @@ function setMember(card, name, value) {
     case 'vlan': card.vlan = value; break
     case 'health': card.health = HEALTH.indexOf(value); break
     case 'int_vector': card.int = value; break
-    case 'partners': card.partners = value.map(parseId); break
+    case 'partners': card.partners = value.map(numberOfId); break
     case 'down_port_count': card.downPorts = value; break
     case 'vendor': card.vendor = value; break
     case 'device': card.device = value; break
-    case 'multi_root': card.multiRoot = value; break
-    case 'updated_ms': card.changed = value ?? 0; break
     default: {
-      const bit = name.startsWith('channels.') ? 1 << CHANNELS.indexOf(name.slice(9)) : 0
+      if (!name.startsWith('channels.')) return
+      const bit = 1 << CHANNELS.indexOf(name.slice(9))
       card.up = value === 'up' ? card.up | bit : card.up & ~bit
       card.known = value !== null ? card.known | bit : card.known & ~bit
     }
@@ -50,27 +69,37 @@ export function channelWords(card) {
 export class Fabric {
   constructor() {
     this.cards = new Map() // by id
-    this.numbers = new Map() // the same by number
     this.jobs = new Map() // by number, as the job or its last event says
     this.events = [] // the newest last
     this.boot = ''
     this.seq = 0 // of the last event seen
+    this.gaps = 0 // that fxmd has told
     this.counts = HEALTH.map(() => 0)
     this.listed = false // a whole list has been seen
+    this.listedAt = 0 // the last event in it
     this.version = 0 // rises with each change
     this.listener = () => {}
     this.sorted = []
-    this.sortedIs = false
+    this.added = [] // since `sorted` was made
+    this.removed = 0
   }
 
-  // In ascending order of their ids.
+  // In ascending order of their ids; a new array whenever cards have come or gone.
   inOrder() {
-    if (!this.sortedIs) {
-      const numbers = Float64Array.from(this.numbers.keys()).sort()
-      this.sorted = Array.from(numbers, (number) => this.numbers.get(number))
-      this.sorted.forEach((card, place) => { card.place = place })
-      this.sortedIs = true
+    if (this.added.length + this.removed === 0) return this.sorted
+    if (this.removed > 0) this.sorted = this.sorted.filter((card) => this.cards.get(card.id) === card)
+    // fxmd lists the cards in this order, and a sort of what is sorted is quick.
+    const added = this.added.filter((card) => this.cards.get(card.id) === card).sort((a, b) => a.number - b.number)
+    const old = this.sorted
+    if (added.length > 0) this.sorted = []
+    let at = 0
+    for (const card of added) {
+      while (at < old.length && old[at].number < card.number) this.sorted.push(old[at++])
+      this.sorted.push(card)
     }
+    while (added.length > 0 && at < old.length) this.sorted.push(old[at++])
+    this.added = []
+    this.removed = 0
     return this.sorted
   }
 
@@ -79,9 +108,11 @@ export class Fabric {
     this.listener()
   }
 
-  // A list replaces what was there, one batch after the other; `finish` drops what it did not name.
-  beginList() {
+  // A list replaces what was there, one batch after the other; `finish` drops what it did not name. It holds what the
+  // events up to `seq` changed.
+  beginList(seq) {
     this.pending = new Set()
+    this.listedAt = seq
   }
 
   takeList(documents) {
@@ -89,7 +120,6 @@ export class Fabric {
       this.pending.add(document.id)
       this.put(document)
     }
-    this.touch()
   }
 
   finishList() {
@@ -108,8 +138,7 @@ export class Fabric {
       Object.assign(old, card)
     } else {
       this.cards.set(card.id, card)
-      this.numbers.set(card.number, card)
-      this.sortedIs = false
+      this.added.push(card)
     }
     this.counts[card.health] += 1
   }
@@ -118,9 +147,8 @@ export class Fabric {
     const card = this.cards.get(id)
     if (!card) return
     this.cards.delete(id)
-    this.numbers.delete(card.number)
     this.counts[card.health] -= 1
-    this.sortedIs = false
+    this.removed += 1
   }
 
   // Events in the order of their numbers. One that has been seen already changes nothing.
@@ -128,8 +156,8 @@ export class Fabric {
     for (const event of events) {
       if (event.seq !== undefined && event.seq <= this.seq) continue
       if (event.seq !== undefined) this.seq = event.seq
-      if (event.type === 'change') this.change(event)
-      else if (event.type === 'job') this.takeJob(event)
+      if (event.type === 'job') this.takeJob(event)
+      else if (event.type === 'change' && event.seq > this.listedAt) this.change(event)
       this.events.push(event)
     }
     if (this.events.length > 2 * MOST_EVENTS) this.events = this.events.slice(-MOST_EVENTS)
@@ -142,7 +170,9 @@ export class Fabric {
     const missed = past.filter((event) => event.seq > this.seq)
     const missing = seq - this.seq - missed.length
     this.events.push(...missed)
-    if (notice && (notice.type === 'boot' || missing > 0)) this.events.push({ ...notice, seq: undefined, missing })
+    if (notice?.type === 'gap') this.gaps += 1
+    // A new run of fxmd can leave numbers out, so only a gap within a run tells how many are missing.
+    if (notice?.type === 'boot' || (notice && missing > 0)) this.events.push({ ...notice, seq: undefined, missing })
     this.boot = boot
     this.seq = seq
     this.touch()
@@ -166,7 +196,7 @@ export class Fabric {
     const card = this.cards.get(event.card)
     if (!card) return
     this.counts[card.health] -= 1
-    for (const name in event.changes) if (!name.startsWith('down_ports.')) setMember(card, name, event.changes[name][1])
+    for (const name in event.changes) setMember(card, name, event.changes[name][1])
     this.counts[card.health] += 1
     card.changed = event.time_ms
   }

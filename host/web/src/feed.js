@@ -1,6 +1,6 @@
 // Keeps the fabric up to date: one stream of events, and a list of the cards whenever the stream cannot tell everything,
 // at the start, after a gap, and after a restart of fxmd. Events that arrive during a list wait for its end: a list is
-// not one instant, and what it said too early or too late the events put right in their order.
+// not one instant, and what it said too early the events behind its beginning put right.
 import { FIELDS } from './fabric.js'
 import { Refused, get, readLines } from './api.js'
 
@@ -11,7 +11,8 @@ const BACKLOG = 200 // events of the history that a new page shows
 const MOST_HISTORY = 1000
 
 export class Feed {
-  // `onState` gets "connecting", "live", "waiting" (no connection) or "denied" with what fxmd said.
+  // `onState` gets "connecting", "listing" with the number of cards so far, "live", "waiting" (no connection), or "denied"
+  // with what fxmd said.
   constructor(fabric, onState) {
     this.fabric = fabric
     this.onState = onState
@@ -37,6 +38,8 @@ export class Feed {
         if (isDenied) this.onState('denied', failure)
       }
       this.abort.abort()
+      this.waiting = null
+      this.listAbort?.abort()
       if (this.stopped || isDenied) return
       this.onState('waiting')
       await new Promise((resume) => setTimeout(resume, wait))
@@ -47,7 +50,6 @@ export class Feed {
   async follow(onFirst) {
     const { fabric } = this
     const { signal } = this.abort
-    this.waiting = null
     let alarm
     const alive = () => {
       clearTimeout(alarm)
@@ -75,10 +77,10 @@ export class Feed {
     const { fabric } = this
     if (event.type === 'boot') {
       onFirst()
-      this.onState('live')
       this.boot = event.boot
       const isFirst = fabric.boot === ''
-      if (!fabric.listed || !event.resumed)
+      if (fabric.listed && event.resumed) this.onState('live')
+      else
         this.list(isFirst ? event.seq - BACKLOG : fabric.seq, event.seq, fabric.boot !== event.boot && !isFirst ? event : null)
     } else if (event.type === 'gap') {
       this.list(event.from - 1, event.to, { ...event, time_ms: Date.now() })
@@ -90,36 +92,43 @@ export class Feed {
   // Lists all cards, and takes from the history the events behind `from` up to `to`, which the stream does not have.
   async list(from, to, notice) {
     const { fabric } = this
-    const { signal } = this.abort
-    const waiting = this.ready.splice(0)
+    // What came before the gap. A list that is on its way when another gap comes is of no use any more.
+    fabric.takeEvents(this.ready.splice(0))
+    this.listAbort?.abort()
+    this.listAbort = new AbortController()
+    const { signal } = this.listAbort
+    const waiting = []
     this.waiting = waiting
     try {
       const [past, { jobs }] = await Promise.all([
-        this.past(Math.max(from, to - MOST_HISTORY, 0), to),
+        this.past(Math.max(from, to - MOST_HISTORY, 0), to, signal),
         get('/v1/jobs', { signal }),
         readLines(`/v1/cards?fields=${FIELDS}`, {
           signal,
-          began: () => fabric.beginList(),
-          take: (cards) => fabric.takeList(cards),
+          began: (answer) => fabric.beginList(Number(answer.headers.get('Fxm-Position').split('.')[1])),
+          take: (cards) => {
+            fabric.takeList(cards)
+            this.onState('listing', fabric.pending.size)
+          },
         }),
       ])
-      // Another gap has begun another list.
-      if (this.waiting !== waiting) return
       fabric.finishList()
       fabric.jobs.clear()
       for (const job of jobs) fabric.takeJob(job)
       fabric.note(notice, past, this.boot, to)
       this.waiting = null
       fabric.takeEvents(waiting)
+      this.onState('live')
     } catch {
+      if (this.waiting !== waiting) return // another list has begun
       fabric.listed = false
       this.abort.abort()
     }
   }
 
-  async past(from, to) {
+  async past(from, to, signal) {
     try {
-      const found = await get(`/v1/history?after_seq=${from}&limit=${MOST_HISTORY}`, { signal: this.abort.signal })
+      const found = await get(`/v1/history?after_seq=${from}&limit=${MOST_HISTORY}`, { signal })
       return found.events.filter((event) => event.seq <= to)
     } catch {
       return [] // the history can be switched off

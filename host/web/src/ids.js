@@ -9,6 +9,16 @@ export function parseId(text) {
   return known.test(id) ? parseInt(id.replace(/[:.-]/g, ''), 16) : null
 }
 
+// The same for the spelling of fxmd alone, 02:00:00:00:10:00, of which a list has tens of thousands.
+export function numberOfId(id) {
+  let value = 0
+  for (let at = 0; at < 17; ++at) {
+    const code = id.charCodeAt(at)
+    if (code !== 58) value = value * 16 + (code < 58 ? code - 48 : code - 87)
+  }
+  return value
+}
+
 // A number of 32 bits as C writes it: decimal, 0x hexadecimal, or octal with a leading 0. Null for anything else.
 export function parseNumber(text) {
   const forms = [[/^0x([\da-f]+)$/i, 16], [/^0([0-7]+)$/, 8], [/^(0|[1-9]\d*)$/, 10]]

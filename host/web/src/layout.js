@@ -66,7 +66,9 @@ function place(groups, size, width, label, most) {
 export function layOut(cards, mode, width, height, zoom) {
   const groups = groupsOf(cards, mode)
   const label = groups.length <= MOST_LABELS ? LABEL : 0
-  let fitting = SIZES.findIndex((size) => place(groups, size, width, label, height))
+  // Larger cells than these do not even fit without any gap.
+  const first = SIZES.findIndex((size) => size * size * cards.length <= width * height)
+  let fitting = first < 0 ? first : SIZES.findIndex((size, i) => i >= first && place(groups, size, width, label, height))
   if (fitting < 0) fitting = SIZES.length - 1
   const size = SIZES[Math.max(0, fitting - zoom)]
   const shelves = place(groups, size, width, label, Infinity)

@@ -114,7 +114,7 @@ function Login({ failure, onToken }) {
   )
 }
 
-const LINKS = { connecting: 'connecting', live: 'live', waiting: 'no connection; trying again' }
+const LINKS = { connecting: 'connecting', listing: 'reading the cards', live: 'live', waiting: 'no connection; trying again' }
 
 function Ports({ ports, now }) {
   return (
@@ -130,13 +130,13 @@ function Ports({ ports, now }) {
   )
 }
 
-function Head({ fabric, status, link, filter, setFilter, theme, chooseTheme, input }) {
+function Head({ fabric, status, link, listed, filter, setFilter, theme, chooseTheme, input }) {
   const state = filter.text.split(' ').find((word) => word.startsWith('state='))?.slice(6)
   return (
     <header class="head">
       <div class="bar">
         <h1>fxm</h1>
-        <span class={`link-state ${link}`} role="status">{LINKS[link]}</span>
+        <span class={`link-state ${link}`} role="status">{LINKS[link]}{listed > 0 && `: ${number(1000 * listed)}`}</span>
         {status && <span class="muted wide">fxmd {status.version}, up {duration(status.time_ms - status.started_ms)}, your role: {status.role}</span>}
         <div class="choice right" role="group" aria-label="Colours of the page">
           {['auto', 'light', 'dark'].map((value) => <button type="button" aria-pressed={theme === value} onClick={() => chooseTheme(value)}>{value}</button>)}
@@ -187,6 +187,7 @@ function useFilter(given) {
 
 function App({ fabric }) {
   const [link, setLink] = useState('connecting')
+  const [listed, setListed] = useState(0) // thousands of cards of a list that arrives
   const [denied, setDenied] = useState(null)
   const [attempt, setAttempt] = useState(0)
   const [place, change] = usePlace()
@@ -195,15 +196,16 @@ function App({ fabric }) {
   const [registers, setRegisters] = useState([])
   const input = useRef()
   const version = useVersion(fabric)
-  const status = useStatus(link === 'live')
+  const status = useStatus(link === 'live' || link === 'listing')
   const filter = useFilter(place.get('filter') ?? '')
   const mode = place.get('map') === 'server' ? 'server' : 'vlan'
   const selectedId = place.get('card')
 
   useEffect(() => {
-    const feed = new Feed(fabric, (state, failure) => {
-      if (state === 'denied') setDenied(failure)
+    const feed = new Feed(fabric, (state, more) => {
+      if (state === 'denied') setDenied(more)
       else setLink(state)
+      setListed(state === 'listing' ? Math.floor(more / 1000) : 0)
     })
     feed.run()
     return () => feed.stop()
@@ -232,7 +234,7 @@ function App({ fabric }) {
   const selected = selectedId ? (fabric.cards.get(selectedId) ?? null) : null
   return (
     <>
-      <Head fabric={fabric} status={status} link={link} filter={filter} setFilter={(text) => change('filter', text)} theme={themeChoice} chooseTheme={chooseTheme} input={input} />
+      <Head fabric={fabric} status={status} link={link} listed={listed} filter={filter} setFilter={(text) => change('filter', text)} theme={themeChoice} chooseTheme={chooseTheme} input={input} />
       <main>
         <FabricMap cards={inOrder} version={version} theme={theme} mode={mode} setMode={(value) => change('map', value === 'vlan' ? null : value)} selected={selected} onOpen={open} />
         <CardTable cards={sorted} total={fabric.cards.size} sort={sort} setSort={setSort} selected={selected} onOpen={open} />

@@ -33,7 +33,7 @@ function value(given) {
 export function eventWords(event) {
   switch (event.type) {
     case 'gap': return `this page was too slow: ${number(event.missing)} of the events ${event.from} to ${event.to} are missing`
-    case 'boot': return `fxmd has been started again${event.missing ? `; ${number(event.missing)} events are missing` : ''}`
+    case 'boot': return 'fxmd has been started again'
     case 'port': return `port ${event.port} ${event.name} ${event.state[0]}\u2192${event.state[1]}`
     case 'library': return `library ${event.state}${event.result === null ? '' : ` after ${event.result}`}`
     case 'job': return `job ${event.job} ${event.kind} ${event.state} ${event.done}/${event.total}`
