@@ -29,7 +29,7 @@ struct reading {
     std::vector<card_in_error> in_error;
     card_totals cards;
     library_status fabric;
-    ring::numbers ring;
+    ring::numbers events;
     job_counts jobs;
     std::array<register_timing::numbers, register_timing::OPERATIONS> registers;
     bool history_enabled = false;
@@ -58,7 +58,7 @@ static reading read_all(services &all)
     now.wire = all.totals->read(now.settings->ports);
     now.cards = all.cards->totals(MOST_CARD_SERIES, &now.in_error);
     now.fabric = all.fabric->status();
-    now.ring = all.events->count();
+    now.events = all.events->count();
     now.jobs = all.jobs->counts();
     now.registers = all.timing->get();
     now.history_enabled = all.past != nullptr;
@@ -190,7 +190,7 @@ static void fill_events(const reading &now, samples *out)
 static void fill_stream_events(const reading &now, samples *out)
 {
     for (size_t type = 0; type < EVENT_TYPES; ++type)
-        out->add(now.ring.events[type], {{"type", word(static_cast<event_type>(type))}});
+        out->add(now.events.events[type], {{"type", word(static_cast<event_type>(type))}});
 }
 
 static void fill_jobs(const reading &now, samples *out)
@@ -254,7 +254,7 @@ static constexpr family families[] = {
     {"fxm_stream_events_total", MetricType::Counter, "Events of the stream by type; one has all changes of a tick.",
      fill_stream_events},
     {"fxm_ring_events", MetricType::Gauge, "Events that are kept for clients of the stream.",
-     [](const reading &now, samples *out) { out->add(now.ring.kept); }},
+     [](const reading &now, samples *out) { out->add(now.events.kept); }},
     {"fxm_ring_capacity", MetricType::Gauge, "Events that can be kept for clients of the stream.",
      [](const reading &, samples *out) { out->add(ring::SIZE); }},
 
