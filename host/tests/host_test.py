@@ -638,7 +638,9 @@ class Metrics(HostTest):
         f.cards(f"deaf {LOOSE}")
         self.refused(504, "FXM_API_ETIMEDOUT", f.get, f"/v1/cards/{LOOSE}/registers/0x10?retries=1&interval_ms=5")
         f.job(kind="register-dump", card=SMALL, start=0, end=8)
-        f.events(after=f"{f.get('/v1/status')['boot']}.0").until(lambda e: e["type"] == "gap")
+        stream = f.events(after=f"{f.get('/v1/status')['boot']}.0")
+        stream.until(lambda e: e["type"] == "gap")
+        stream.close()
         before, now, after = f.get("/v1/stats"), self.scrape(f), f.get("/v1/stats")
         for series, value in {'requests_total{op="read",result="ok"}': 4, 'requests_total{op="range",result="ok"}': 1,
                               'requests_total{op="write",result="ok"}': 1, 'duration_seconds_count{op="write"}': 1,
@@ -662,7 +664,7 @@ class Metrics(HostTest):
             self.assertEqual(now[f'fxm_events_total{{kind="{kind}"}}'], after["library_events"][f"FXM_EVT_{name}"])
 
         f.cards(f"set {DEVICE} int=04")
-        f.health(DEVICE, "error")
+        until(lambda: f.get("/v1/status")["cards"]["error"] == 1, "it is in error")
         now = self.scrape(f)
         named = [series for series in now if series.startswith("fxm_card_int_vector")]
         self.assertEqual(named, [f'fxm_card_int_vector{{card="{DEVICE}",class="fxio"}}'])
@@ -672,7 +674,7 @@ class Metrics(HostTest):
             labels[re.sub("_(bucket|sum|count)$", "", name)] |= set(re.findall(r'(\w+)="', text)) - {"le"}
         with open(f"{fabric.HERE}/../../docs/monitoring.md", encoding="utf-8") as file:
             manual = file.read()
-        rows = re.findall(r"^\| `(\w+)` \| (counter|gauge|histogram) \| (.*?) \|", manual, re.M)
+        rows = re.findall(r"^\| `(\w+)` \| (counter|gauge|histogram) \|(.*?)\|", manual, re.M)
         self.assertEqual({name: (kind, set(re.findall(r"`(\w+)`", text))) for name, kind, text in rows},
                          {name: (kind, labels[name]) for name, kind in self.types.items()})
         with open(f"{self.MONITORING}/fxm-rules.yml", encoding="utf-8") as file:
