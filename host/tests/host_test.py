@@ -648,6 +648,8 @@ class Metrics(HostTest):
                               'duration_seconds_bucket{op="read",le="+Inf"}': 4}.items():
             self.assertEqual(now[f"fxm_register_{series}"], value, series)
         self.assertGreater(now['fxm_register_duration_seconds_sum{op="write"}'], 0)
+        buckets = [value for series, value in now.items() if 'bucket{op="read"' in series]
+        self.assertEqual(buckets, sorted(buckets))
         self.assertEqual((now['fxm_jobs{state="done"}'], now["fxm_client_gaps_total"]), (1, 1))
         sums = {"r": 0, "t": 0}
         for port in (0, 1):
