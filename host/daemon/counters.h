@@ -52,8 +52,8 @@ counters read_counters(const std::vector<std::string> &port_names);
 class lasting_counters
 {
   public:
-    // Like read_counters. Of what falls, it adds up port by port the falls, the dropped frames and the frames by kind, and
-    // the events; the rest is that of the library. Any thread.
+    // Like read_counters, with sums over all beginnings for `downs`, `dropped` and `frames` of each port, for `events` and
+    // for `refused`. The other members are as the library has them. Any thread.
     counters read(const std::vector<std::string> &port_names);
 
   private:

@@ -265,7 +265,7 @@ class daemon
         if (fabric_.status().state != library_state::stopping)
             ports_.poll();
         sequence_.reserve(events_.last_seq());
-        // Read each time, see there.
+        // On every tick, so that no new start of the library is missed.
         const counters now = counters_.read(all_.settings()->ports);
         if (!refusal_told_ && now.refused != 0) {
             refusal_told_ = true;

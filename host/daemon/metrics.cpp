@@ -125,7 +125,7 @@ struct family {
 
 static ClientMetric::Label port_label(const port_counters &port) { return {"port", std::to_string(port.number)}; }
 
-// In place of the results that no card and no network causes stands one word.
+// Results that neither a card nor the network causes share the word "error".
 static const char *result_word(size_t code)
 {
     switch (code) {

@@ -447,6 +447,7 @@ class Life(HostTest):
 
         until(failing, "the full disk is noticed")
         self.assertTrue(f.get("/v1/status")["warnings"])
+        self.assertIn(b"\nfxm_history_up 0\n", f.request("GET", "/metrics"))
         f.ctl("reg", SERVER, "0x10")
         os.unlink(f"{f.dir}/state/filler")
         until(lambda: f.get("/v1/status")["history"]["state"] == "on", "the history goes on", 60)
@@ -719,6 +720,9 @@ class Metrics(HostTest):
         f.cards(f"set {DEVICE} int=04")
         f.health(DEVICE, "error")
         f.get(f"/v1/cards/{SMALL}/registers/0x10")
+        request = urllib.request.Request("http://127.0.0.1:8610/metrics", headers={"Authorization": "Bearer 0123456789abcdef"})
+        with urllib.request.urlopen(request) as answer:
+            self.assertEqual(answer.headers["Content-Type"], "text/plain; version=0.0.4; charset=utf-8")
         for name in ("prometheus.yml", "fxm-rules.yml"):
             with open(f"{self.MONITORING}/{name}", encoding="utf-8") as file:
                 text = file.read().replace("15s", "1s").replace("/etc/prometheus", f.dir)
