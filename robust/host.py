@@ -42,6 +42,7 @@ def kills(dice, rounds):
                     f.get(f"/v1/cards/{SMALL}/registers?start=0&end=64")
                     f.send("POST", "/v1/jobs", {"kind": "eeprom-dump", "card": SERVER, "end": 64})
                     f.get("/v1/history?limit=100")
+                    f.request("GET", "/metrics")
             except (OSError, Refused, ValueError, EOFError, Exception):  # the kill ends it in any way
                 return
 

@@ -7,8 +7,10 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 FXM_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev liblog4cxx-dev libgtest-dev libbenchmark-dev)
 # Of fxmd and fxmctl.
 FXM_BUILD_PACKAGES+=(libmicrohttpd-dev libboost-json1.81-dev libtomlplusplus-dev libcli11-dev
-    libfmt-dev libsqlite3-dev libsystemd-dev)
+    libfmt-dev libsqlite3-dev libsystemd-dev prometheus-cpp-dev)
 FXM_RUN_PACKAGES=(iproute2 util-linux python3 python3-jsonschema)
+# Of the tests alone.
+FXM_TEST_PACKAGES=(prometheus)
 FXM_CLANG_VERSION=14
 
 say() { printf '\n== %s\n' "$*"; }
@@ -44,7 +46,7 @@ wrong_usage() {
 }
 
 # need_packages NAME...: installs the missing packages with apt-get, as root or with sudo. Where it may not, it prints
-# the command to type.
+# the command to type. Services that a package brings are not started; only its programs are wanted.
 need_packages() {
     local missing=() package as_root=()
     if ! command -v dpkg-query >/dev/null; then
@@ -69,7 +71,15 @@ and run ${0##*/} again."
     fi
     "${as_root[@]}" apt-get update -q ||
         printf 'apt-get update failed. Continuing with the existing package lists.\n' >&2
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "${missing[@]}" ||
+    # shellcheck disable=SC2016 # the expansions are those of the inner shell
+    "${as_root[@]}" sh -c 'policy=/usr/sbin/policy-rc.d
+        if [ ! -e "$policy" ]; then
+            trap "rm -f $policy" EXIT
+            trap "exit 1" HUP INT TERM
+            printf "#!/bin/sh\nexit 101\n" >"$policy"
+            chmod 755 "$policy"
+        fi
+        DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "$@"' sh "${missing[@]}" ||
         die "apt-get could not install: ${missing[*]}. See its messages above."
 }
 

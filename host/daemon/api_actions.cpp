@@ -83,13 +83,21 @@ static json::value name_of(const register_info *named)
     return named != nullptr ? json::value(named->name) : json::value(nullptr);
 }
 
+using time_point = std::chrono::steady_clock::time_point;
+
+static time_point time_now() { return std::chrono::steady_clock::now(); }
+
+static uint64_t us_since(time_point began)
+{
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(time_now() - began).count());
+}
+
 static uint32_t read_one(services &all, uint64_t card, uint32_t address, const operation &how, uint64_t *duration_us)
 {
-    const auto began = std::chrono::steady_clock::now();
+    const time_point began = time_now();
     uint32_t value = 0;
     const int result = fxm_read_register(card, address, &value, how.param(), how.flags & FXM_FLAG_LIVECHECK);
-    *duration_us = static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - began).count());
+    *duration_us = us_since(began);
     all.timing->add(register_timing::read, result, *duration_us);
     check(result, fmt::format("cannot read register {:#x}", address), card);
     return value;
@@ -132,20 +140,21 @@ static void read_registers(services &all, api_call &call)
                         fmt::format("\"end\" is the address behind the last register, at most {} registers further; a "
                                     "job of the kind register-dump reads more",
                                     MAX_RANGE));
-    later(all, call, card, [card, start, end, how] {
+    later(all, call, card, [&all, card, start, end, how] {
         std::vector<uint32_t> values((end - start) / 4);
         uint64_t size = values.size() * 4;
-        const auto began = std::chrono::steady_clock::now();
+        const time_point began = time_now();
         const int result =
             fxm_dump_register(card, start, end, values.data(), &size, how.param(), how.flags & FXM_FLAG_LIVECHECK);
-        const auto took = std::chrono::steady_clock::now() - began;
+        const uint64_t took = us_since(began);
+        all.timing->add(register_timing::range, result, took);
         check(result, fmt::format("cannot read register {:#x}", start + static_cast<uint32_t>(size)), card);
         json::object made = document();
         made["card"] = format_id(card);
         made["start"] = start;
         made["end"] = end;
         made["values"] = json::array(values.begin(), values.end());
-        made["duration_us"] = std::chrono::duration_cast<std::chrono::microseconds>(took).count();
+        made["duration_us"] = took;
         return json_reply(made);
     });
 }
@@ -171,9 +180,10 @@ static void change_register(services &all, api_call &call, bool masked)
         const uint32_t before = read_one(all, card, address, how, &duration);
         const uint32_t after = (before & ~mask) | (value & mask);
         if (!dry_run) {
+            const time_point began = time_now();
             const int result = masked ? fxm_modify_register(card, address, value, mask, how.param(), how.flags)
                                       : fxm_write_register(card, address, value, how.param(), how.flags);
-            all.timing->add(register_timing::write, result, 0);
+            all.timing->add(register_timing::write, result, us_since(began));
             audit(all, who, card, fmt::format("register {:#x}", address), fmt::format("{:#010x}", before),
                   fmt::format("{:#010x}", after), result);
             check(result, fmt::format("cannot write register {:#x}", address), card);

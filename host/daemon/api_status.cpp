@@ -1,30 +1,20 @@
 // Status, ports, counters, log, history, jobs, and what administers fxmd.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <charconv>
-#include <fstream>
 
 #include "common/card_id.h"
 #include "daemon/api.h"
 #include "daemon/counters.h"
-#include "daemon/library_files.h"
 #include "daemon/embedded.h"
+#include "daemon/library_files.h"
+#include "daemon/metrics.h"
 #include "daemon/status.h"
 
 namespace fxm
 {
 
 namespace json = boost::json;
-
-static uint64_t resident_bytes()
-{
-    std::ifstream file("/proc/self/statm");
-    uint64_t total = 0;
-    uint64_t resident = 0;
-    file >> total >> resident;
-    return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-}
 
 static json::object counts_of(const std::vector<named_count> &counts)
 {
@@ -86,6 +76,14 @@ static void show_stats(services &all, api_call &call)
                                   {"ring_last_seq", all.events->last_seq()},
                                   {"resident_bytes", resident_bytes()}};
     call.answer(json_reply(made));
+}
+
+static void show_metrics(services &all, api_call &call)
+{
+    http_reply reply;
+    reply.type = METRICS_TYPE;
+    reply.body = metrics_text(all);
+    call.answer(std::move(reply));
 }
 
 // A time in a query, in milliseconds; numbers of the API that do not fit 32 bits.
@@ -267,6 +265,7 @@ std::span<const route> status_routes()
         {"GET", "/v1/status", role::view, show_status},
         {"GET", "/v1/ports", role::view, show_ports},
         {"GET", "/v1/stats", role::view, show_stats},
+        {"GET", "/metrics", role::view, show_metrics},
         {"GET", "/v1/log", role::view, show_log},
         {"GET", "/v1/schema", role::view, show_schema},
         {"GET", "/v1/history", role::view, show_history},

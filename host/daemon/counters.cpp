@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <memory>
+#include <type_traits>
 
 #include "core/fxm_state.h"
 #include "diag/fxm_snapshot.h"
@@ -71,6 +72,37 @@ counters read_counters(const std::vector<std::string> &port_names)
     result.callbacks_returned = stats.cb_returned;
     result.refused = snapshot->refused;
     return result;
+}
+
+uint64_t lasting_counters::sum::add(uint64_t value)
+{
+    if (value < last)
+        before += last;
+    last = value;
+    return before + value;
+}
+
+counters lasting_counters::read(const std::vector<std::string> &port_names)
+{
+    std::lock_guard guard(mutex_);
+    counters now = read_counters(port_names);
+    size_t place = 0; // a reading has the same counters in the same order each time
+    const auto lasting = [this, &place](auto *value) {
+        if (sums_.size() == place)
+            sums_.emplace_back();
+        using number = std::remove_pointer_t<decltype(value)>;
+        *value = static_cast<number>(sums_[place++].add(*value));
+    };
+    for (port_counters &port : now.ports) {
+        lasting(&port.downs);
+        lasting(&port.dropped);
+        for (named_count &kind : port.frames)
+            lasting(&kind.value);
+    }
+    for (named_count &kind : now.events)
+        lasting(&kind.value);
+    lasting(&now.refused);
+    return now;
 }
 
 void limit_cards(uint32_t cards) { _fxm_set_card_limit(cards); }

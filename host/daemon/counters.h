@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -45,6 +46,26 @@ struct counters {
 };
 
 counters read_counters(const std::vector<std::string> &port_names);
+
+// Counters that never fall while fxmd runs: the library begins at 0 whenever it starts again, and a port whenever it is
+// opened. It must be read at least once between two such beginnings; the model's thread does so several times a second.
+class lasting_counters
+{
+  public:
+    // Like read_counters, with sums over all beginnings for `downs`, `dropped` and `frames` of each port, for `events` and
+    // for `refused`. The other members are as the library has them. Any thread.
+    counters read(const std::vector<std::string> &port_names);
+
+  private:
+    struct sum {
+        uint64_t before = 0; // of all earlier beginnings
+        uint64_t last = 0;
+        uint64_t add(uint64_t value);
+    };
+
+    std::mutex mutex_; // held over a reading, so that readings come in their order; under it the library's locks
+    std::vector<sum> sums_;
+};
 
 // The limit of cards in the library; see `max_cards`.
 void limit_cards(uint32_t cards);

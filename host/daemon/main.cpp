@@ -133,6 +133,7 @@ class daemon
         all_.operations = &operations_;
         all_.jobs = &jobs_;
         all_.timing = &timing_;
+        all_.totals = &counters_;
         all_.ports = &ports_;
         all_.reload = [this] { return reload(); };
         all_.set_settings(settings);
@@ -264,7 +265,9 @@ class daemon
         if (fabric_.status().state != library_state::stopping)
             ports_.poll();
         sequence_.reserve(events_.last_seq());
-        if (!refusal_told_ && read_counters(all_.settings()->ports).refused != 0) {
+        // On every tick, so that no new start of the library is missed.
+        const counters now = counters_.read(all_.settings()->ports);
+        if (!refusal_told_ && now.refused != 0) {
             refusal_told_ = true;
             log_.warning("more than max_cards = {} cards announce themselves; further cards are ignored",
                          all_.settings()->max_cards);
@@ -283,7 +286,7 @@ class daemon
         for (const port_counters &port : read_counters(all_.settings()->ports).ports)
             now.frames[port.number] = port.received;
         now.events = events_.last_seq();
-        const register_timing::numbers registers = timing_.get();
+        const register_timing::numbers registers = timing_.get()[register_timing::read];
         now.registers = registers.count;
         now.register_us = registers.sum_us;
         return now;
@@ -306,6 +309,7 @@ class daemon
     model cards_;
     port_watch ports_;
     register_timing timing_;
+    lasting_counters counters_;
     library fabric_;
     executor operations_;
     job_board jobs_;

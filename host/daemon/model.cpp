@@ -202,14 +202,29 @@ card_totals model::totals() const
     return totals_;
 }
 
+card_totals model::totals(size_t most, std::vector<card_in_error> *in_error) const
+{
+    std::lock_guard guard(mutex_);
+    auto next = in_error_.begin();
+    for (in_error->clear(); next != in_error_.end() && in_error->size() < most; ++next)
+        in_error->push_back(next->second);
+    return totals_;
+}
+
 // ------------------------------------------------------------------------------------------------------------ changes
 
 // The caller of the functions from here on holds the mutex, unless they take it.
 
 void model::count(const card &counted, int by)
 {
-    uint32_t &cards = totals_.of[fxsv(counted.data) != nullptr ? 0 : 1][static_cast<int>(health_of(counted))];
+    const card_class kind = fxsv(counted.data) != nullptr ? card_class::fxsv : card_class::fxio;
+    const health state = health_of(counted);
+    uint32_t &cards = totals_.of[static_cast<int>(kind)][static_cast<int>(state)];
     cards = static_cast<uint32_t>(static_cast<int64_t>(cards) + by);
+    if (state == health::error && by > 0)
+        in_error_[counted.id] = {counted.id, kind, common(counted.data).fcd_int_vector};
+    else if (state == health::error)
+        in_error_.erase(counted.id);
 }
 
 void model::replace(card *known, card next)

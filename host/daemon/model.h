@@ -10,6 +10,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "daemon/card.h"
 #include "daemon/dirty_set.h"
@@ -24,6 +25,12 @@ struct card_totals {
     uint32_t in(health state) const { return of[0][static_cast<int>(state)] + of[1][static_cast<int>(state)]; }
     uint32_t in(card_class kind) const;
     uint32_t all() const { return in(card_class::fxsv) + in(card_class::fxio); }
+};
+
+struct card_in_error {
+    uint64_t id = 0;
+    card_class kind = card_class::fxsv;
+    uint8_t int_vector = 0;
 };
 
 class model
@@ -64,6 +71,8 @@ class model
                    const std::function<void(const card &)> &see);
 
     card_totals totals() const;
+    // The same, and of the same instant up to `most` cards in error, in the order of their ids. It looks at no other card.
+    card_totals totals(size_t most, std::vector<card_in_error> *in_error) const;
 
     // --------------------------------------------------------------------------------------- changes, any thread
     // Each returns an FXM_API_ code of the library.
@@ -91,6 +100,7 @@ class model
     std::map<uint64_t, card> cards_;
     std::set<uint64_t> unmonitored_;
     card_totals totals_;
+    std::map<uint64_t, card_in_error> in_error_;
     bool library_up_ = false;
 
     std::atomic<bool> stopping_{false};

@@ -31,6 +31,7 @@ void ring::place(const event_draft &draft)
     slots_[seq % SIZE] =
         std::make_shared<const event>(event{seq, now, draft.type, draft.card, draft.before, draft.after,
                                             event_head(draft.type, seq, now) + draft.members + '}'});
+    events_[static_cast<size_t>(draft.type)] += 1;
     if (last_ - first_ >= SIZE)
         first_ = last_ - SIZE + 1;
 }
@@ -84,6 +85,12 @@ uint64_t ring::first_seq() const
 {
     std::lock_guard guard(mutex_);
     return first_;
+}
+
+ring::numbers ring::count() const
+{
+    std::lock_guard guard(mutex_);
+    return {events_, last_ + 1 - first_};
 }
 
 } // namespace fxm

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -17,6 +18,7 @@ namespace fxm
 {
 
 enum class event_type { change, job, port, library };
+constexpr size_t EVENT_TYPES = 4;
 
 const char *word(event_type type);
 
@@ -86,6 +88,12 @@ class ring
     uint64_t last_seq() const;
     uint64_t first_seq() const; // of the oldest event that is kept; last_seq() + 1 if none
 
+    struct numbers {
+        std::array<uint64_t, EVENT_TYPES> events{}; // of this run, by type
+        uint64_t kept = 0;
+    };
+    numbers count() const;
+
   private:
     void place(const event_draft &draft);
 
@@ -94,6 +102,7 @@ class ring
     const uint64_t start_;
     uint64_t first_;
     uint64_t last_;
+    std::array<uint64_t, EVENT_TYPES> events_{};
     std::function<void()> notify_;
 };
 

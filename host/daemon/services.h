@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "daemon/config.h"
+#include "daemon/counters.h"
 #include "daemon/executor.h"
 #include "daemon/history.h"
 #include "daemon/http.h"
@@ -43,6 +44,7 @@ struct services {
     history *past = nullptr; // null: switched off
     http_server *server = nullptr;
     register_timing *timing = nullptr;
+    lasting_counters *totals = nullptr;
     port_watch *ports = nullptr;
     std::function<reload_result()> reload; // throws config_error
 

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <fstream>
+
 #include "common/card_id.h"
 #include "daemon/api.h"
 #include "daemon/services.h"
@@ -70,6 +72,15 @@ int64_t port_watch::changed_ms(size_t port) const
 {
     std::lock_guard guard(mutex_);
     return seen_[port].changed_ms;
+}
+
+uint64_t resident_bytes()
+{
+    std::ifstream file("/proc/self/statm");
+    uint64_t total = 0;
+    uint64_t resident = 0;
+    file >> total >> resident;
+    return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
 // -------------------------------------------------------------------------------------------------------------- documents

@@ -49,5 +49,6 @@ class port_watch
 
 boost::json::object status_document(services &all);
 boost::json::array ports_of(services &all);
+uint64_t resident_bytes(); // of this process
 
 } // namespace fxm

@@ -14,7 +14,9 @@ import time
 import jsonschema
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-FXMD, FXMCTL, FXMSIM, MONITOR = (os.environ.get(name, "") for name in ("FXMD", "FXMCTL", "FXMSIM", "FXM_MONITOR"))
+# Some run in another directory.
+FXMD, FXMCTL, FXMSIM, MONITOR = (os.path.abspath(os.environ.get(name, "")) for name in
+                                 ("FXMD", "FXMCTL", "FXMSIM", "FXM_MONITOR"))
 with open(os.path.join(HERE, "../common/schema.json"), encoding="utf-8") as file:
     SCHEMA = json.load(file)
 

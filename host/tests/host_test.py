@@ -10,6 +10,8 @@ import subprocess
 import threading
 import time
 import unittest
+import urllib.parse
+import urllib.request
 
 import fabric
 from fabric import CARDS, DEVICE, FXMCTL, FXMD, LOOSE, MONITOR, MULTI, SERVER, SMALL, Fabric, Refused, fits, until
@@ -445,6 +447,7 @@ class Life(HostTest):
 
         until(failing, "the full disk is noticed")
         self.assertTrue(f.get("/v1/status")["warnings"])
+        self.assertIn(b"\nfxm_history_up 0\n", f.request("GET", "/metrics"))
         f.ctl("reg", SERVER, "0x10")
         os.unlink(f"{f.dir}/state/filler")
         until(lambda: f.get("/v1/status")["history"]["state"] == "on", "the history goes on", 60)
@@ -584,6 +587,174 @@ class Commands(HostTest):
             file.write('ports = ["nothere"]\n')
         self.assertIn("port nothere: there is no such interface", doctor(1).stdout)
         f.daemon = None
+
+
+class Metrics(HostTest):
+    MONITORING = f"{fabric.HERE}/../../packaging/monitoring"
+    last: dict = {}
+
+    def scrape(self, f):
+        """All samples by the text of their series. No counter may be less than in the last scrape."""
+        text = f.request("GET", "/metrics").decode()
+        self.types = dict(re.findall(r"^# TYPE (\w+) (\w+)$", text, re.M))
+        now = {series: float(value) for series, value in re.findall(r"^(\w+(?:{[^}]*})?) (\S+)$", text, re.M)}
+        self.assertEqual(len(now), len([line for line in text.splitlines() if line and line[0] != "#"]))
+        for series, before in self.last.items():
+            name = re.sub(r"(_bucket|_sum|_count)?(\{.*)?$", "", series)
+            if self.types.get(name) == "histogram" or self.types.get(series.split("{")[0]) == "counter":
+                self.assertGreaterEqual(now[series], before, series)
+        self.last = now
+        return now
+
+    def promtool(self, *words, stdin=None):
+        done = subprocess.run(["promtool", *words], input=stdin, capture_output=True, text=True, check=False)
+        self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout)
+
+    def expressions(self):
+        """Of the board and of the rules."""
+        with open(f"{self.MONITORING}/fxm-board.json", encoding="utf-8") as file:
+            board = json.load(file)
+        with open(f"{self.MONITORING}/fxm-rules.yml", encoding="utf-8") as file:
+            rules = re.findall(r"expr: (?:>-\n)?(.*?)\n        for:", file.read(), re.S)
+        marks = [mark["expr"] for mark in board["annotations"]["list"]]
+        variables = [entry["definition"] for entry in board["templating"]["list"] if "definition" in entry]
+        return [target["expr"] for panel in board["panels"] for target in panel["targets"]], rules + marks + variables
+
+    def test_the_document_says_what_the_cards_and_the_api_say(self):
+        f = self.fabric()
+        f.stop()  # the numbers of events go on, so that a client of the next run can ask for lost ones
+        f.start()
+        f.well(5)
+        now = self.scrape(f)
+        self.assertLessEqual(len(now), 150)
+        for kind, count in (("fxsv", 2), ("fxio", 3)):
+            self.assertEqual(now[f'fxm_cards{{class="{kind}",health="well"}}'], count)
+        self.promtool("check", "metrics", stdin=f.request("GET", "/metrics").decode())
+
+        path = f"/v1/cards/{SMALL}/registers"
+        for address in ("0x10", "0x14", "0x18"):
+            f.get(f"{path}/{address}")
+        f.get(f"{path}?start=0&end=0x40")
+        f.send("PUT", f"{path}/0x1000", {"value": 7})  # reads the old value, too
+        f.cards(f"deaf {LOOSE}")
+        self.refused(504, "FXM_API_ETIMEDOUT", f.get, f"/v1/cards/{LOOSE}/registers/0x10?retries=1&interval_ms=5")
+        f.job(kind="register-dump", card=SMALL, start=0, end=8)
+        stream = f.events(after=f"{f.get('/v1/status')['boot']}.0")
+        stream.until(lambda e: e["type"] == "gap")
+        stream.close()
+        before, now, after = f.get("/v1/stats"), self.scrape(f), f.get("/v1/stats")
+        for series, value in {'requests_total{op="read",result="ok"}': 4, 'requests_total{op="range",result="ok"}': 1,
+                              'requests_total{op="write",result="ok"}': 1, 'duration_seconds_count{op="write"}': 1,
+                              'requests_total{op="read",result="timeout"}': 1, 'duration_seconds_count{op="read"}': 4,
+                              'duration_seconds_bucket{op="read",le="+Inf"}': 4}.items():
+            self.assertEqual(now[f"fxm_register_{series}"], value, series)
+        self.assertGreater(now['fxm_register_duration_seconds_sum{op="write"}'], 0)
+        buckets = [value for series, value in now.items() if 'bucket{op="read"' in series]
+        self.assertEqual(buckets, sorted(buckets))
+        self.assertEqual((now['fxm_jobs{state="done"}'], now["fxm_client_gaps_total"]), (1, 1))
+        sums = {"r": 0, "t": 0}
+        for port in (0, 1):
+            for kind in [key for key in before["frames"][port] if "_" in key and not key.endswith("_total")]:
+                value = now[f'fxm_port_frames_total{{port="{port}",kind="{kind}"}}']
+                self.assertTrue(before["frames"][port][kind] <= value <= after["frames"][port][kind], kind)
+                sums[kind[0]] += value
+        total = lambda stats, key: sum(port[key] for port in stats["frames"])
+        self.assertTrue(total(before, "r_total") <= sums["r"] <= total(after, "r_total"), sums)
+        self.assertEqual(sums["t"], total(after, "t_total"))
+        self.assertEqual(sum(now[f'fxm_port_frames_total{{port="{port}",kind="t_regw"}}'] for port in (0, 1)),
+                         f.counts("all")["writes"])
+        for name, kind in (("NEWDEVINFO", "new"), ("CHANNELSTATECHANGE", "channel"), ("MAJORMINORERROR", "error")):
+            self.assertEqual(now[f'fxm_events_total{{kind="{kind}"}}'], after["library_events"][f"FXM_EVT_{name}"])
+
+        f.cards(f"set {DEVICE} int=04")
+        until(lambda: f.get("/v1/status")["cards"]["error"] == 1, "it is in error")
+        now = self.scrape(f)
+        named = [series for series in now if series.startswith("fxm_card_int_vector")]
+        self.assertEqual(named, [f'fxm_card_int_vector{{card="{DEVICE}",class="fxio"}}'])
+        self.assertEqual((now[named[0]], now['fxm_cards{class="fxio",health="error"}']), (4, 1))
+        labels = {name: set() for name in self.types}
+        for name, text in re.findall(r"^(\w+){(.*)}$", "\n".join(now), re.M):
+            labels[re.sub("_(bucket|sum|count)$", "", name)] |= set(re.findall(r'(\w+)="', text)) - {"le"}
+        with open(f"{fabric.HERE}/../../docs/monitoring.md", encoding="utf-8") as file:
+            manual = file.read()
+        rows = re.findall(r"^\| `(\w+)` \| (counter|gauge|histogram) \|(.*?)\|", manual, re.M)
+        self.assertEqual({name: (kind, set(re.findall(r"`(\w+)`", text))) for name, kind, text in rows},
+                         {name: (kind, labels[name]) for name, kind in self.types.items()})
+        with open(f"{self.MONITORING}/fxm-rules.yml", encoding="utf-8") as file:
+            self.assertEqual(re.findall(r"alert: (\w+)", file.read()), re.findall(r"^\| `(Fxm\w+)` \|", manual, re.M))
+
+        f.cards("fxio 02:00:00:10:00:00 count=1100 int=01 ports=0")
+        until(lambda: f.get("/v1/status")["cards"]["error"] == 1101, "all are in error")
+        now = self.scrape(f)
+        self.assertEqual(now["fxm_card_error_series_omitted"], 101)
+        self.assertEqual(len([series for series in now if "card=" in series]), 1000)
+        self.promtool("check", "metrics", stdin=f.request("GET", "/metrics").decode())
+        f.cards("set all int=00")
+        until(lambda: f.get("/v1/status")["cards"]["error"] == 0, "none is in error")
+        self.assertFalse([series for series in self.scrape(f) if "card=" in series])
+
+        # A port that is made anew, and with it a new start of the library, whose own counters begin at 0.
+        subprocess.run(["ip", "link", "set", "card1", "down"], check=True)
+        until(lambda: self.scrape(f)['fxm_port_up{port="1"}'] == 0, "the port is down")
+        self.assertEqual((self.last['fxm_port_up{port="0"}'], self.last['fxm_port_downs_total{port="1"}']), (1, 1))
+        subprocess.run(["ip", "link", "del", "card1"], check=True)
+        until(lambda: self.scrape(f)["fxm_library_up"] == 0, "the library has stopped")
+        seen = self.last['fxm_port_frames_total{port="0",kind="r_dev"}']
+        f.cable(1)
+        until(lambda: self.scrape(f)["fxm_library_restarts_total"] == 1, "the library runs again")
+        until(lambda: self.scrape(f)['fxm_port_frames_total{port="0",kind="r_dev"}'] > seen, "frames are counted on")
+        self.assertEqual((self.last["fxm_library_up"], self.last['fxm_port_downs_total{port="1"}']), (1, 1))
+
+    def test_prometheus_takes_the_shipped_files_and_every_query_has_an_answer(self):
+        self.promtool("check", "rules", f"{self.MONITORING}/fxm-rules.yml")
+        self.promtool("test", "rules", f"{self.MONITORING}/fxm-rules-test.yml")
+        f = self.fabric(start=False)
+        for name, text in (("tokens", "view 0123456789abcdef\n"), ("fxm.token", "0123456789abcdef\n")):
+            with open(f"{f.dir}/{name}", "w", encoding="utf-8") as file:
+                file.write(text)
+            os.chmod(f"{f.dir}/{name}", 0o640)
+        f.configure(api=f'listen = "127.0.0.1:8610"\ntoken_file = "{f.dir}/tokens"')
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+        f.start()
+        f.well(5)
+        f.cards(f"set {DEVICE} int=04")
+        f.health(DEVICE, "error")
+        f.get(f"/v1/cards/{SMALL}/registers/0x10")
+        request = urllib.request.Request("http://127.0.0.1:8610/metrics", headers={"Authorization": "Bearer 0123456789abcdef"})
+        with urllib.request.urlopen(request) as answer:
+            self.assertEqual(answer.headers["Content-Type"], "text/plain; version=0.0.4; charset=utf-8")
+        for name in ("prometheus.yml", "fxm-rules.yml"):
+            with open(f"{self.MONITORING}/{name}", encoding="utf-8") as file:
+                text = file.read().replace("15s", "1s").replace("/etc/prometheus", f.dir)
+            with open(f"{f.dir}/{name}", "w", encoding="utf-8") as file:
+                file.write(text)
+        server = subprocess.Popen(["prometheus", f"--config.file={f.dir}/prometheus.yml", "--log.level=error",
+                                   f"--storage.tsdb.path={f.dir}/tsdb", "--web.listen-address=127.0.0.1:9090"])
+        self.addCleanup(lambda: (server.terminate(), server.wait()))
+
+        def ask(path, **query):
+            with contextlib.suppress(OSError):
+                with urllib.request.urlopen(f"http://127.0.0.1:9090/api/v1/{path}?{urllib.parse.urlencode(query)}") as answer:
+                    return json.load(answer)["data"]
+            return {}
+
+        answers = lambda query: ask("query", query=query).get("result")
+        until(lambda: answers('up{job="fxm"} == 1'), "Prometheus has scraped fxmd")
+        panels, others = self.expressions()
+        self.assertGreater(len(panels), 20)
+        for query in panels:
+            query = query.replace("$__rate_interval", "1m").replace("$instance", ".*")
+            until(lambda query=query: answers(query), f"an answer to {query}")
+        known = set(ask("label/__name__/values"))
+        for query in panels + others:
+            names = re.findall(r"\b(?:fxm|process)_\w+|\bup\b", query)
+            self.assertTrue(names and known.issuperset(names), f"{query}: {set(names) - known}")
+        alerts = lambda state: [alert["labels"]["alertname"] for alert in ask("alerts")["alerts"] if alert["state"] == state]
+        until(lambda: alerts("firing").count("FxmErrorBits") == 1, "the alert on the error fires")
+        subprocess.run(["ip", "link", "set", "card1", "down"], check=True)
+        until(lambda: "FxmPortDown" in alerts("pending"), "the alert on the port begins")
+        groups = ask("rules")["groups"]
+        self.assertEqual([rule for group in groups for rule in group["rules"] if rule["health"] != "ok"], [])
 
 
 if __name__ == "__main__":
