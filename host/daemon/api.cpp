@@ -277,7 +277,8 @@ static void dispatch(services &all, const http_request &request, const http_serv
     call.id = {request.who.uid, request.who.pid, word(call.who)};
     const route *found = nullptr;
     bool path_exists = false;
-    for (const auto routes : {card_routes(), action_routes(), job_routes(), event_routes(), status_routes(), page_routes()}) {
+    for (const auto routes :
+         {card_routes(), action_routes(), job_routes(), event_routes(), status_routes(), page_routes()}) {
         for (const route &candidate : routes) {
             std::vector<std::string> parts;
             if (!match(candidate.pattern, request.path, &parts))

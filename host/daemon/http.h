@@ -60,8 +60,8 @@ struct http_reply {
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers;
     std::string policy = "default-src 'self'"; // what a browser may load and run for it
-    std::unique_ptr<http_source> source; // instead of a body
-    bool endless = false;                // the source is a stream of events
+    std::unique_ptr<http_source> source;       // instead of a body
+    bool endless = false;                      // the source is a stream of events
 };
 
 class http_server
