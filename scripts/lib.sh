@@ -100,6 +100,19 @@ need_clang() {
     fi
 }
 
+# need_page_tools: installs what builds and tests the page: Node, a browser, and the packages of host/web/package-lock.json.
+need_page_tools() {
+    # Node that does not come from Debian brings its own npm.
+    command -v node >/dev/null && command -v npm >/dev/null || need_packages nodejs npm
+    node -e 'process.exit(Number(process.versions.node.split(".")[0]) >= 18 ? 0 : 1)' ||
+        die "the page needs Node 18 or later; this is $(node --version). Install a later one, or remove it for Debian's."
+    need_packages chromium fonts-dejavu-core
+    if [ ! host/web/node_modules/.package-lock.json -nt host/web/package-lock.json ]; then
+        say "Installing the packages of the page (npm ci)"
+        (cd host/web && npm ci --no-audit --no-fund)
+    fi
+}
+
 # need_network: sets FXM_UNSHARE to the command that runs another command in a new network namespace, with the right to
 # create interfaces there. If there is no such command, it prints what is missing and what to type.
 need_network() {
@@ -134,6 +147,12 @@ build_release() {
 
 # built NAME: prints the path of a program of the release build.
 built() { find build/release -name "$1" -type f -perm -u+x -print -quit; }
+
+# export_programs: tells host/tests/fabric.py which programs to run.
+export_programs() {
+    FXMD=$(built fxmd) FXMCTL=$(built fxmctl) FXMSIM=$(built fxmsim) FXM_MONITOR=$(built fxm-monitor)
+    export FXMD FXMCTL FXMSIM FXM_MONITOR
+}
 
 # fabric_up: creates the two cables of the fabric inside a network namespace. The library uses fxm0 and fxm1, the cards
 # card0 and card1.

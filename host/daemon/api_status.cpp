@@ -139,7 +139,7 @@ static history &past_of(services &all)
 static void show_history(services &all, api_call &call)
 {
     history &past = past_of(all);
-    check_names(call.request, {"after_seq", "since_ms", "until_ms", "card", "type", "limit"});
+    check_names(call.request, {"after_seq", "since_ms", "until_ms", "card", "type", "limit", "newest"});
     history_query query;
     query.after_seq = static_cast<uint64_t>(big_number(call.request, "after_seq", 0));
     query.since_ms = big_number(call.request, "since_ms", 0);
@@ -147,6 +147,11 @@ static void show_history(services &all, api_call &call)
     query.limit = static_cast<size_t>(big_number(call.request, "limit", 1000));
     if (query.limit == 0 || query.limit > 10000)
         throw api_error("FXM_API_EINVAL", "\"limit\" must be a number from 1 to 10000");
+    if (const std::string *newest = call.request.argument("newest")) {
+        if (*newest != "true" && *newest != "false")
+            throw api_error("FXM_API_EINVAL", "\"newest\" must be true or false");
+        query.newest = *newest == "true";
+    }
     if (const std::string *type = call.request.argument("type"))
         query.type = *type;
     if (const std::string *card = call.request.argument("card")) {
@@ -166,7 +171,7 @@ static void show_history(services &all, api_call &call)
             reply.body += text;
             last = seq;
         });
-        reply.body += fmt::format("],\"next_seq\":{}}}\n", count == query.limit ? std::to_string(last) : "null");
+        reply.body += fmt::format("],\"next_seq\":{}}}\n", count == query.limit && !query.newest ? std::to_string(last) : "null");
         return reply;
     });
 }

@@ -416,7 +416,9 @@ void history::query_events(const history_query &query, const std::function<void(
         sql += fmt::format(" AND card = {} AND card != 0", query.card);
     if (!query.type.empty())
         sql += fmt::format(" AND type = {}", type_number(query.type));
-    sql += " ORDER BY seq LIMIT ?4";
+    sql += query.newest ? " ORDER BY seq DESC LIMIT ?4" : " ORDER BY seq LIMIT ?4";
+    if (query.newest)
+        sql = "SELECT * FROM (" + sql + ") ORDER BY seq";
     try {
         const database file = open_reader();
         auto after = static_cast<int64_t>(query.after_seq);

@@ -52,6 +52,7 @@ struct history_query {
     uint64_t card = 0; // 0: any
     std::string type;  // empty: any
     size_t limit = 1000;
+    bool newest = false; // cut at the limit, they are the last ones; they come oldest first all the same
 };
 
 class history

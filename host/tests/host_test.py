@@ -78,6 +78,11 @@ class Documents(HostTest):
         self.assertEqual([fits(json.loads(line), "card_line")["id"] for line in lines], [DEVICE, MULTI, LOOSE])
         self.assertEqual(f.get("/v1/schema")["$defs"], fabric.SCHEMA["$defs"])
         until(lambda: len(fits(f.get("/v1/history?type=change"), "history")["events"]) >= 5, "the history has the cards")
+        whole = [event["seq"] for event in f.get("/v1/history?type=change")["events"]]
+        for query, cut in (("limit=2", whole[:2]), ("limit=2&newest=true", whole[-2:])):
+            page = fits(f.get(f"/v1/history?type=change&until_ms={int(time.time() * 1000)}&{query}"), "history")
+            self.assertEqual([event["seq"] for event in page["events"]], cut)
+            self.assertEqual(page["next_seq"], None if "newest" in query else cut[-1])
 
     def test_lists_are_filtered_cut_and_continued(self):
         f = self.fabric()

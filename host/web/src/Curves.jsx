@@ -6,7 +6,7 @@ import { HEALTH } from './filter.js'
 import { clock, date } from './words.js'
 
 const MINUTE = 60000
-const RANGES = [['1 h', 60], ['6 h', 360], ['24 h', 1440], ['7 d', 10080], ['30 d', 43200]]
+const RANGES = [['15 min', 15], ['1 h', 60], ['6 h', 360], ['24 h', 1440], ['7 d', 10080], ['30 d', 43200]]
 
 // What is drawn, from the sums of a minute. `css` names the colour in the style sheet.
 const PLOTS = [

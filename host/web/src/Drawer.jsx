@@ -34,13 +34,12 @@ export const Outcome = ({ state }) => (
 )
 
 // The record as fxmd has it now; null: there is no such card.
-function useRecord(id, version) {
+function useRecord(id) {
   const [record, setRecord] = useState(undefined)
-  const last = useRef(0)
   useEffect(() => {
     let isOld = false
     const load = async () => {
-      last.current = Date.now()
+      if (document.hidden) return
       try {
         const found = await get(`/v1/cards/${id}`)
         if (!isOld) setRecord(found)
@@ -212,13 +211,12 @@ function CardEvents({ id, fabric }) {
   const [past, setPast] = useState([])
   useEffect(() => {
     setPast([])
-    // The newest of the card are at the end of the history, which is read from its beginning.
-    get(`/v1/history?card=${id}&since_ms=${Date.now() - 86400000}&limit=10000`).then((found) => setPast(found.events.slice(-MOST_EVENTS)), () => {})
+    get(`/v1/history?card=${id}&newest=true&limit=${MOST_EVENTS}`).then((found) => setPast(found.events), () => {})
   }, [id])
   const known = new Set(past.map(({ seq }) => seq))
   const live = fabric.events.filter((event) => event.card === id && !known.has(event.seq))
   const shown = [...past, ...live].sort((a, b) => b.seq - a.seq).slice(0, MOST_EVENTS)
-  return shown.length === 0 ? <p class="muted">Nothing in the last day.</p> : <ol class="short-list" tabIndex={0} aria-label="Events of the card">{shown.map((event) => <EventLine key={event.seq} event={event} />)}</ol>
+  return shown.length === 0 ? <p class="muted">Nothing has happened to it yet.</p> : <ol class="short-list" tabIndex={0} aria-label="Events of the card">{shown.map((event) => <EventLine key={event.seq} event={event} />)}</ol>
 }
 
 export function Drawer({ id, fabric, role, status, registers, onOpen, onClose }) {

@@ -31,7 +31,7 @@ export const COLUMNS = [
     key: (card) => (card.vendor === null ? 0 : parseInt(card.vendor + card.device, 16)),
     show: (card) => (card.vendor === null ? '' : `${card.vendor}:${card.device}`),
   },
-  { name: 'Changed', width: 76, key: (card) => Math.floor(card.changed / 1000), show: (card) => (card.changed ? when(card.changed) : '') },
+  { name: 'Changed', width: 88, key: (card) => Math.floor(card.changed / 1000), show: (card) => (card.changed ? when(card.changed) : '') },
 ]
 const LEAST_WIDTH = { minWidth: `${COLUMNS.reduce((sum, { width }) => sum + width, 16)}px` }
 const TEMPLATE = { gridTemplateColumns: COLUMNS.map(({ width }) => `minmax(0, ${width}fr)`).join(' ') }

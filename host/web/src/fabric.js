@@ -153,6 +153,7 @@ export class Fabric {
 
   // Events in the order of their numbers. One that has been seen already changes nothing.
   takeEvents(events) {
+    if (events.length === 0) return
     for (const event of events) {
       if (event.seq !== undefined && event.seq <= this.seq) continue
       if (event.seq !== undefined) this.seq = event.seq

@@ -7,8 +7,7 @@ import { Refused, get, readLines } from './api.js'
 const SILENCE = 40000 // ms; fxmd says something every 15 s
 const SHORTEST_WAIT = 250 // ms before the first new attempt
 const LONGEST_WAIT = 4000
-const BACKLOG = 200 // events of the history that a new page shows
-const MOST_HISTORY = 1000
+const MOST_HISTORY = 1000 // events that are taken from the history at once
 
 export class Feed {
   // `onState` gets "connecting", "listing" with the number of cards so far, "live", "waiting" (no connection), or "denied"
@@ -78,10 +77,9 @@ export class Feed {
     if (event.type === 'boot') {
       onFirst()
       this.boot = event.boot
-      const isFirst = fabric.boot === ''
+      const isRestart = fabric.boot !== '' && fabric.boot !== event.boot
       if (fabric.listed && event.resumed) this.onState('live')
-      else
-        this.list(isFirst ? event.seq - BACKLOG : fabric.seq, event.seq, fabric.boot !== event.boot && !isFirst ? event : null)
+      else this.list(fabric.seq, event.seq, isRestart ? event : null)
     } else if (event.type === 'gap') {
       this.list(event.from - 1, event.to, { ...event, time_ms: Date.now() })
     } else {
@@ -101,7 +99,7 @@ export class Feed {
     this.waiting = waiting
     try {
       const [past, { jobs }] = await Promise.all([
-        this.past(Math.max(from, to - MOST_HISTORY, 0), to, signal),
+        this.past(from, to, notice?.type === 'gap', signal),
         get('/v1/jobs', { signal }),
         readLines(`/v1/cards?fields=${FIELDS}`, {
           signal,
@@ -126,9 +124,11 @@ export class Feed {
     }
   }
 
-  async past(from, to, signal) {
+  // The numbers of a run of fxmd have no holes, so its last events are known by them; those before a restart are the newest.
+  async past(from, to, isGap, signal) {
+    const after = Math.max(from, isGap ? to - MOST_HISTORY : 0)
     try {
-      const found = await get(`/v1/history?after_seq=${from}&limit=${MOST_HISTORY}`, { signal })
+      const found = await get(`/v1/history?after_seq=${after}&newest=${!isGap}&limit=${MOST_HISTORY}`, { signal })
       return found.events.filter((event) => event.seq <= to)
     } catch {
       return [] // the history can be switched off

@@ -6,6 +6,7 @@ const SIZES = [80, 64, 50, 40, 32, 26, 22, 18, 15, 12, 10, 8, 7, 6, 5, 4, 3, 2]
 const GAP = 6 // between groups
 const MOST_LABELS = 400 // groups; with more, names would only be noise
 const LEAST_WIDTH = 58 // of a group with a name
+const SHAPES = [1.8, 1.2, 2.6, 4] // width to height of a group; the first that fits is taken
 
 function groupsOf(cards, mode) {
   const groups = new Map()
@@ -37,14 +38,14 @@ function groupsOf(cards, mode) {
   return made
 }
 
-// The shelves for this size of a cell, or null if they are higher than `most`.
-function place(groups, size, width, label, most) {
+// The shelves for this size of a cell and this shape of a group, or null if they are higher than `most`.
+function place(groups, size, shape, width, label, most) {
   const shelves = []
   let shelf = { y: 0, height: 0, groups: [] }
   let x = 0
   for (const { name, members } of groups) {
     const least = label ? LEAST_WIDTH : size
-    const wide = Math.max(Math.ceil(Math.sqrt(members.length * 1.8)), Math.floor(least / size), 1)
+    const wide = Math.max(Math.ceil(Math.sqrt(members.length * shape)), Math.floor(least / size), 1)
     const columns = Math.min(wide, Math.max(1, Math.floor(width / size)))
     const rows = Math.ceil(members.length / columns)
     const boxWidth = Math.max(Math.min(columns, members.length) * size, least)
@@ -68,10 +69,18 @@ export function layOut(cards, mode, width, height, zoom) {
   const label = groups.length <= MOST_LABELS ? LABEL : 0
   // Larger cells than these do not even fit without any gap.
   const first = SIZES.findIndex((size) => size * size * cards.length <= width * height)
-  let fitting = first < 0 ? first : SIZES.findIndex((size, i) => i >= first && place(groups, size, width, label, height))
-  if (fitting < 0) fitting = SIZES.length - 1
+  let fitting = SIZES.length - 1
+  let shape = SHAPES[0]
+  search: for (let i = Math.max(first, 0); first >= 0 && i < SIZES.length; ++i) {
+    for (const candidate of SHAPES) {
+      if (!place(groups, SIZES[i], candidate, width, label, height)) continue
+      fitting = i
+      shape = candidate
+      break search
+    }
+  }
   const size = SIZES[Math.max(0, fitting - zoom)]
-  const shelves = place(groups, size, width, label, Infinity)
+  const shelves = place(groups, size, shape, width, label, Infinity)
   const last = shelves.at(-1)
   return { shelves, size, label, groups: groups.length, height: last ? last.y + last.height : 0, largest: fitting - zoom <= 0 }
 }

@@ -88,9 +88,15 @@ function useVersion(fabric) {
 
 function useStatus(isLive) {
   const [status, setStatus] = useState(null)
+  const version = useRef(null) // of the fxmd that this page came from
   useEffect(() => {
     if (!isLive) return
-    const load = () => document.hidden || get('/v1/status').then(setStatus, () => {})
+    const take = (found) => {
+      version.current ??= found.version
+      const isOther = found.version !== version.current
+      setStatus({ ...found, warnings: [...found.warnings, ...(isOther ? [`fxmd is ${found.version} now; load this page again`] : [])] })
+    }
+    const load = () => document.hidden || get('/v1/status').then(take, () => {})
     load()
     const timer = setInterval(load, STATUS)
     return () => clearInterval(timer)

@@ -119,7 +119,12 @@ export class Painter {
       switch (card.health) {
         case 1:
           outline(frames, card, x + 0.75, y + 0.75, size - 1.5)
-          paths[1].rect(x + 1, y + size / 2, size - 2, size / 2 - 1)
+          if (card.kind === 0) {
+            paths[1].rect(x + 1, y + size / 2, size - 2, size / 2 - 1)
+          } else {
+            paths[1].moveTo(x + size / 2, y + size / 2)
+            paths[1].arc(x + size / 2, y + size / 2, size / 2 - 1, 0, Math.PI)
+          }
           break
         case 2:
           outline(paths[2], card, x, y, size)
