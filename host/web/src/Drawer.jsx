@@ -1,5 +1,5 @@
 // One card: its record, its ports as links, registers, EEPROM, events, and what may be done to it.
-import { useEffect, useRef, useState } from 'preact/hooks'
+import { useEffect, useLayoutEffect, useRef, useState } from 'preact/hooks'
 import { get, post, put, remove } from './api.js'
 import { ask } from './Ask.jsx'
 import { Eeprom } from './Eeprom.jsx'
@@ -222,7 +222,7 @@ function CardEvents({ id, fabric }) {
 export function Drawer({ id, fabric, role, status, registers, onOpen, onClose }) {
   const record = useRecord(id)
   const box = useRef()
-  useEffect(() => {
+  useLayoutEffect(() => {
     const before = document.activeElement
     box.current.focus()
     return () => before?.isConnected && before.focus()

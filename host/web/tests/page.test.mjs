@@ -248,7 +248,7 @@ test('the page is for everybody: dark and light, the keyboard alone, 400 px', as
     await page.waitForSelector('aside')
     await keyboard.press('Escape')
     await page.waitForSelector('aside', { state: 'detached' })
-    assert.ok(await focused('.canvas'), 'the focus goes back')
+    await until(() => focused('.canvas'), 'the focus goes back')
     await tabTo('.table .scroller')
     await keyboard.press('End')
     await keyboard.press('Enter')
