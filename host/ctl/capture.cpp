@@ -1,0 +1,424 @@
+// A capture file of the fabric's frames, taken beside fxmd on its ports. Nothing is sent.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <pcap/pcap.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <span>
+
+#include "common/card_id.h"
+#include "ctl/commands.h"
+#include "fxm.h"
+
+namespace fxm
+{
+
+namespace json = boost::json;
+
+// ------------------------------------------------------------------------------------------------------------ the file
+
+// Writes pcapng: a section header, a description of each port, the frames with their port and direction, and at the end
+// what each port has dropped. Every number is in the byte order of the machine, as the section header tells readers.
+class capture_file
+{
+  public:
+    enum class direction : uint32_t { inbound = 1, outbound = 2 };
+
+    // "-" is the standard output. A file that exists is EXIT_FAILED without `force`.
+    capture_file(const std::string &path, bool force) : path_(path)
+    {
+        const int fd = path == "-"
+                           ? dup(STDOUT_FILENO)
+                           : open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (force ? O_TRUNC : O_EXCL), 0644);
+        if (fd < 0 && errno == EEXIST)
+            throw ctl_error(EXIT_FAILED, fmt::format("{} exists", path), "--force overwrites it");
+        if (fd < 0)
+            throw ctl_error(errno == EACCES ? EXIT_DENIED : EXIT_FAILED,
+                            fmt::format("cannot write {}: {}", path, strerror(errno)));
+        file_.reset(fdopen(fd, "wb"));
+        begin(SECTION);
+        put32(0x1a2b3c4d); // shows readers the byte order
+        put32(1);          // version 1.0
+        put32(~0u);        // the section's length is not known yet
+        put32(~0u);
+        option(4, "fxmctl " FXM_VERSION);
+        end_options();
+        finish();
+    }
+
+    void add_port(const std::string &name, const std::string &description, int snap_length)
+    {
+        begin(INTERFACE);
+        put16(DLT_EN10MB);
+        put16(0); // reserved
+        put32(static_cast<uint32_t>(snap_length));
+        option(2, name);
+        option(3, description);
+        option(9, "\x09"); // times are in 10^-9 s
+        end_options();
+        finish();
+    }
+
+    void add_frame(uint32_t port, const pcap_pkthdr &head, const u_char *bytes, direction way)
+    {
+        begin(FRAME);
+        put32(port);
+        put_time(head.ts);
+        put32(head.caplen);
+        put32(head.len);
+        put_bytes(bytes, head.caplen);
+        const auto flags = static_cast<uint32_t>(way);
+        option(2, std::string_view(reinterpret_cast<const char *>(&flags), sizeof(flags)));
+        end_options();
+        finish();
+    }
+
+    void add_statistics(uint32_t port, uint64_t received, uint64_t dropped)
+    {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        begin(STATISTICS);
+        put32(port);
+        put_time({now.tv_sec, now.tv_nsec});
+        option(4, std::string_view(reinterpret_cast<const char *>(&received), sizeof(received)));
+        option(5, std::string_view(reinterpret_cast<const char *>(&dropped), sizeof(dropped)));
+        end_options();
+        finish();
+    }
+
+    // A reader of a pipe sees the frames as they come.
+    void flush()
+    {
+        if (fflush(file_.get()) != 0)
+            fail();
+    }
+
+  private:
+    enum : uint32_t { SECTION = 0x0a0d0d0a, INTERFACE = 1, STATISTICS = 5, FRAME = 6 };
+
+    [[noreturn]] void fail() const
+    {
+        throw ctl_error(EXIT_FAILED, fmt::format("cannot write {}: {}", path_, strerror(errno)));
+    }
+
+    void put16(size_t value)
+    {
+        const auto number = static_cast<uint16_t>(value);
+        block_.append(reinterpret_cast<const char *>(&number), sizeof(number));
+    }
+    void put32(uint32_t value) { block_.append(reinterpret_cast<const char *>(&value), sizeof(value)); }
+    void put_bytes(const void *bytes, size_t size)
+    {
+        block_.append(static_cast<const char *>(bytes), size);
+        block_.append(-size % 4, '\0');
+    }
+    // With the precision that is asked for, tv_usec holds nanoseconds.
+    void put_time(const timeval &time)
+    {
+        const uint64_t ns = static_cast<uint64_t>(time.tv_sec) * 1000000000 + static_cast<uint64_t>(time.tv_usec);
+        put32(static_cast<uint32_t>(ns >> 32));
+        put32(static_cast<uint32_t>(ns));
+    }
+    void option(size_t code, std::string_view value)
+    {
+        put16(code);
+        put16(value.size());
+        put_bytes(value.data(), value.size());
+    }
+    void end_options() { put32(0); }
+
+    // A block has its length in front and behind.
+    void begin(uint32_t type)
+    {
+        block_.clear();
+        put32(type);
+        put32(0);
+    }
+    void finish()
+    {
+        const auto size = static_cast<uint32_t>(block_.size() + 4);
+        memcpy(block_.data() + 4, &size, sizeof(size));
+        put32(size);
+        if (fwrite(block_.data(), 1, block_.size(), file_.get()) != block_.size())
+            fail();
+    }
+
+    struct closer {
+        void operator()(FILE *file) const { fclose(file); }
+    };
+    const std::string path_;
+    std::unique_ptr<FILE, closer> file_;
+    std::string block_;
+};
+
+// ----------------------------------------------------------------------------------------------------------- the ports
+
+// No frame of the fabric is longer than 496 bytes.
+constexpr int SNAP_LENGTH = 2048;
+constexpr int RING_BYTES = 16 * 1024 * 1024;
+
+struct handle_closer {
+    void operator()(pcap_t *handle) const { pcap_close(handle); }
+};
+
+struct open_port {
+    std::string name;
+    int64_t number;
+    uint64_t mac; // 0: not known
+    std::unique_ptr<pcap_t, handle_closer> handle;
+    uint32_t index = 0; // in the file
+};
+
+static std::unique_ptr<pcap_t, handle_closer> open_handle(const std::string &name, uint16_t ether_type)
+{
+    std::array<char, PCAP_ERRBUF_SIZE> why{};
+    std::unique_ptr<pcap_t, handle_closer> handle(pcap_create(name.c_str(), why.data()));
+    if (handle == nullptr)
+        throw ctl_error(EXIT_FAILED, fmt::format("cannot capture on {}: {}", name, why.data()));
+    // As fxmd does it: cards send to more addresses than those of the port. Immediate mode leaves no frame behind in a
+    // block of the kernel when the capture ends.
+    pcap_set_snaplen(handle.get(), SNAP_LENGTH);
+    pcap_set_promisc(handle.get(), 1);
+    pcap_set_immediate_mode(handle.get(), 1);
+    pcap_set_buffer_size(handle.get(), RING_BYTES);
+    pcap_set_tstamp_precision(handle.get(), PCAP_TSTAMP_PRECISION_NANO);
+    const int status = pcap_activate(handle.get());
+    if (status == PCAP_ERROR_PERM_DENIED || status == PCAP_ERROR_PROMISC_PERM_DENIED)
+        throw ctl_error(EXIT_DENIED, fmt::format("no permission to capture on {}: that takes CAP_NET_RAW", name),
+                        "run fxmctl capture with sudo");
+    if (status == PCAP_ERROR_NO_SUCH_DEVICE)
+        throw ctl_error(EXIT_FAILED, fmt::format("there is no interface {} here", name),
+                        "run fxmctl capture in the network namespace of fxmd");
+    if (status < 0)
+        throw ctl_error(EXIT_FAILED, fmt::format("cannot capture on {}: {}", name, pcap_geterr(handle.get())));
+    if (pcap_datalink(handle.get()) != DLT_EN10MB)
+        throw ctl_error(EXIT_FAILED, fmt::format("{} is no Ethernet interface", name));
+    // The word "vlan" moves the offsets of what is behind it, so it must come last. It also finds a tag that the kernel
+    // has taken out of the frame.
+    const std::string wanted = fmt::format("ether proto {0} or (vlan and ether proto {0})", ether_type);
+    bpf_program program{};
+    const bool is_set = pcap_compile(handle.get(), &program, wanted.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0 &&
+                        pcap_setfilter(handle.get(), &program) == 0;
+    pcap_freecode(&program);
+    if (!is_set || pcap_setnonblock(handle.get(), 1, why.data()) != 0)
+        throw ctl_error(EXIT_FAILED, fmt::format("cannot filter on {}: {}", name, pcap_geterr(handle.get())));
+    return handle;
+}
+
+// Those that cannot be opened are named on stderr; none at all, or no permission, is a failure.
+static std::vector<open_port> open_ports(const json::object &document)
+{
+    const auto ether_type = static_cast<uint16_t>(number(document, "ether_type"));
+    std::vector<open_port> ports;
+    for (const json::value &entry : array(document, "ports")) {
+        const json::object &port = entry.as_object();
+        try {
+            ports.push_back({text(port, "name"), number(port, "port"), parse_id(text(port, "mac")).value_or(0),
+                             open_handle(text(port, "name"), ether_type)});
+            ports.back().index = static_cast<uint32_t>(ports.size() - 1);
+        } catch (const ctl_error &failure) {
+            if (failure.exit == EXIT_DENIED || (ports.empty() && &entry == &array(document, "ports").back()))
+                throw;
+            fmt::print(stderr, "fxmctl: {}; going on without it\n", failure.what());
+        }
+    }
+    return ports;
+}
+
+// --------------------------------------------------------------------------------------------------------- the capture
+
+struct capture_options {
+    std::string card, file;
+    int seconds = 0; // 0: no limit
+    uint64_t count = 0;
+    bool force = false;
+};
+
+constexpr size_t SOURCE = 6;
+constexpr size_t SUBTYPE = 18;
+constexpr u_char RESET = 0x30;
+
+static uint64_t mac_at(const u_char *bytes)
+{
+    uint64_t mac = 0;
+    for (size_t i = 0; i < 6; ++i)
+        mac = mac << 8 | bytes[i];
+    return mac;
+}
+
+class capture
+{
+  public:
+    capture(std::vector<open_port> ports, capture_file *file, const capture_options &how, uint64_t card, bool two_macs)
+        : ports_(std::move(ports)), file_(file), how_(how), card_(card), ignored_bits_(two_macs ? 1 : 0)
+    {
+        for (const open_port &port : ports_)
+            file_->add_port(port.name, fmt::format("port {} of fxmd", port.number), SNAP_LENGTH);
+        file_->flush();
+    }
+
+    void run()
+    {
+        const bool terminal = isatty(STDERR_FILENO) != 0;
+        const int64_t began_ms = now_ms();
+        while (!interrupted() && !is_full() && std::any_of(ports_.begin(), ports_.end(), is_open)) {
+            const int64_t passed_ms = now_ms() - began_ms;
+            if (how_.seconds != 0 && passed_ms >= how_.seconds * int64_t{1000})
+                break;
+            if (terminal)
+                fmt::print(stderr, "\r\x1b[K{} frames, {}", with_commas(frames_), format_duration(passed_ms));
+            wait();
+            take();
+        }
+        // What came until the end is in the rings.
+        take();
+        if (terminal)
+            fmt::print(stderr, "\r\x1b[K");
+        for (const open_port &port : ports_) {
+            pcap_stat seen{};
+            if (!is_open(port) || pcap_stats(port.handle.get(), &seen) != 0)
+                continue;
+            dropped_ += seen.ps_drop;
+            file_->add_statistics(port.index, seen.ps_recv, seen.ps_drop);
+        }
+        file_->flush();
+        if (!failure_.empty() && std::none_of(ports_.begin(), ports_.end(), is_open))
+            throw ctl_error(EXIT_FAILED, failure_, "the file is complete up to there");
+    }
+
+    uint64_t frames() const { return frames_; }
+    uint64_t dropped() const { return dropped_; }
+
+  private:
+    static bool is_open(const open_port &port) { return port.handle != nullptr; }
+    bool is_full() const { return how_.count != 0 && frames_ == how_.count; }
+
+    void wait() const
+    {
+        std::vector<pollfd> ready;
+        for (const open_port &port : ports_) {
+            if (is_open(port))
+                ready.push_back({pcap_get_selectable_fd(port.handle.get()), POLLIN, 0});
+        }
+        // A signal ends it, or this time: the next look at the clock.
+        constexpr int AT_MOST_MS = 100;
+        poll(ready.data(), ready.size(), AT_MOST_MS);
+    }
+
+    // At most so many of one port in a row that no other port's ring runs full meanwhile.
+    void take()
+    {
+        constexpr int AT_ONCE = 1000;
+        for (bool more = true; more && !is_full();) {
+            more = false;
+            for (open_port &port : ports_) {
+                if (!is_open(port))
+                    continue;
+                std::pair<capture *, const open_port *> seen{this, &port};
+                const int taken = pcap_dispatch(
+                    port.handle.get(), AT_ONCE,
+                    [](u_char *user, const pcap_pkthdr *head, const u_char *bytes) {
+                        const auto *to = reinterpret_cast<std::pair<capture *, const open_port *> *>(user);
+                        to->first->see(*to->second, *head, bytes);
+                    },
+                    reinterpret_cast<u_char *>(&seen));
+                more = more || taken == AT_ONCE;
+                if (taken < 0 && taken != PCAP_ERROR_BREAK) {
+                    failure_ =
+                        fmt::format("the capture on {} has ended: {}", port.name, pcap_geterr(port.handle.get()));
+                    fmt::print(stderr, "fxmctl: {}\n", failure_);
+                    port.handle.reset();
+                }
+            }
+        }
+        file_->flush();
+    }
+
+    void see(const open_port &port, const pcap_pkthdr &head, const u_char *bytes)
+    {
+        if (is_full() || head.caplen <= SUBTYPE || !concerns(bytes))
+            return;
+        const bool is_ours = mac_at(bytes + SOURCE) == port.mac;
+        file_->add_frame(port.index, head, bytes,
+                         is_ours ? capture_file::direction::outbound : capture_file::direction::inbound);
+        ++frames_;
+    }
+
+    // A Reset goes to a group and not to a card, so it may be for any of them.
+    bool concerns(const u_char *bytes) const
+    {
+        return card_ == 0 || (mac_at(bytes) & ~ignored_bits_) == card_ ||
+               (mac_at(bytes + SOURCE) & ~ignored_bits_) == card_ || bytes[SUBTYPE] == RESET;
+    }
+
+    std::vector<open_port> ports_;
+    capture_file *file_;
+    const capture_options &how_;
+    const uint64_t card_; // 0: all
+    const uint64_t ignored_bits_;
+    uint64_t frames_ = 0;
+    uint64_t dropped_ = 0;
+    std::string failure_;
+};
+
+static int run_capture(session *all, const capture_options &how)
+{
+    const bool to_stdout = how.file == "-";
+    if (to_stdout && isatty(STDOUT_FILENO) != 0)
+        throw ctl_error(EXIT_USAGE, "a capture is not for a terminal", "write -w FILE, or a pipe behind -w -");
+    uint64_t card = 0;
+    bool two_macs = false;
+    if (!how.card.empty()) {
+        const json::object found = all->api().get(card_path(how.card));
+        card = parse_id(text(found, "id")).value_or(0);
+        two_macs = text(found, "generation") == "40G";
+    }
+    std::vector<open_port> ports = open_ports(all->api().get("/v1/ports"));
+    catch_interrupt(true);
+    capture_file file(how.file, how.force);
+    capture running(std::move(ports), &file, how, card, two_macs);
+    running.run();
+    const std::string words =
+        fmt::format("{} frames{}", with_commas(running.frames()),
+                    running.dropped() != 0 ? fmt::format(", {} more dropped", with_commas(running.dropped())) : "");
+    if (to_stdout)
+        fmt::print(stderr, "fxmctl: {}\n", words);
+    else if (all->how.json)
+        put(json::serialize(json::object{{"schema", "fxm/1"},
+                                         {"file", how.file},
+                                         {"frames", running.frames()},
+                                         {"dropped", running.dropped()}}) +
+            "\n");
+    else
+        put(fmt::format("{} in {}\n", words, how.file));
+    return EXIT_DONE;
+}
+
+void add_capture_command(CLI::App *app, session *all)
+{
+    auto given = std::make_shared<capture_options>();
+    auto *command = app->add_subcommand("capture", "writes the frames of one card or of all to a file for Wireshark");
+    command->add_option("card", given->card, "its id (default: all cards)");
+    command->add_option("-w,--write", given->file, "the file, in the format pcapng; - is the standard output")
+        ->required();
+    command->add_option("--seconds", given->seconds, "end after this time")->check(CLI::Range(1, 1000000));
+    command->add_option("--count", given->count, "end after so many frames")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{1000000000000}));
+    command->add_flag("--force", given->force, "overwrite the file");
+    explain(
+        command, reach::record,
+        "It listens on the ports of fxmd, sends nothing, and ends at Ctrl-C. It takes the right to open raw sockets.\n"
+        "Wireshark reads the frames with the dissector fxm.lua.\n"
+        "Examples: sudo fxmctl capture -w all.pcapng --seconds 10\n"
+        "          sudo fxmctl capture 02:00:00:00:10:00 -w - | tshark -r -");
+    command->callback([all, given] { all->run = [all, given] { return run_capture(all, *given); }; });
+}
+
+} // namespace fxm

@@ -1,0 +1,266 @@
+"""fxm.lua on frames of the simulator and fxmd, taken with fxmctl capture, and on frames that nobody should send."""
+import json
+import os
+import random
+import re
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "../../tests"))
+
+import fabric  # noqa: E402
+from fabric import FXMCTL, Fabric, until  # noqa: E402
+
+LUA = os.path.join(HERE, "../fxm.lua")
+LUA_FAULT = re.compile(r"lua error|error during (loading|execution)|dissector bug|malformed packet: fxm", re.IGNORECASE)
+
+
+# ------------------------------------------------------------------------------------------------------------- tshark
+
+def tshark(file, *words):
+    """What tshark prints with the dissector. A fault in it fails the test."""
+    done = subprocess.run(["tshark", "-n", "-X", f"lua_script:{LUA}", "-r", file, *words], capture_output=True,
+                          text=True, timeout=300, check=False, errors="replace")
+    fault = LUA_FAULT.search(done.stderr) or LUA_FAULT.search(done.stdout)
+    assert done.returncode == 0 and not fault, f"{done.returncode}: {fault}: {done.stderr}"
+    return done.stdout
+
+
+def flatten(tree, into):
+    for name, value in tree:
+        if isinstance(value, list) and value and isinstance(value[0], tuple):
+            flatten(value, into)
+        elif name.startswith(("fxm.", "_ws.expert", "frame.number", "frame.interface_id")):
+            into.setdefault(name, []).append(value)
+
+
+def dissect(file, *words):
+    """The fields of each frame: their names, and the list of their values as text."""
+    frames = []
+    # Names repeat in a tree, so its members stay pairs.
+    for packet in json.loads(tshark(file, "-T", "json", *words), object_pairs_hook=list):
+        frames.append({})
+        flatten(packet, frames[-1])
+    return frames
+
+
+def of_kind(frames, kind):
+    return [frame for frame in frames if frame.get("fxm.kind") == [f"{kind:#04x}"]]
+
+
+def write_pcap(path, frames):
+    """Frames of (bytes, length on the wire), a millisecond apart."""
+    with open(path, "wb") as file:
+        file.write(struct.pack("<IHHIIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
+        for i, (data, length) in enumerate(frames):
+            file.write(struct.pack("<IIII", 1, i * 1000, len(data), length) + data)
+
+
+class Capture:
+    """fxmctl capture, from its first frame to SIGINT."""
+
+    def __init__(self, f, name, *words):
+        self.path = f"{f.dir}/{name}"
+        self.process = subprocess.Popen([FXMCTL, "--socket", f.socket, "capture", "-w", self.path, *words],
+                                        stdout=subprocess.PIPE, text=True)
+        until(lambda: os.path.exists(self.path) and os.path.getsize(self.path) > 0, "the capture runs")
+
+    def end(self, number=signal.SIGINT):
+        self.process.send_signal(number)
+        said = self.process.communicate(timeout=60)[0]
+        assert self.process.returncode == 0, said
+        return int(said.split()[0].replace(",", ""))
+
+
+# ------------------------------------------------------------------------------------------------------------- frames
+
+CARD, PORT, GROUP = "020000001000", "0200000000fe", "0300ffffffff"
+READ = bytes.fromhex(
+    CARD + PORT
+    + "8100" "8064" "88b6"  # VLAN tag: priority 4, VLAN 100; EtherType
+    "91"                    # Register Read
+    "ffff" "0000"
+    "11"                    # tag 17
+    "00010234"              # address 0x1234
+    + "00" * 32)
+ANSWER = bytes.fromhex(
+    PORT + CARD
+    + "8100" "8064" "88b6"
+    "20"                    # Completion
+    "a5a5a5a5"
+    "11"                    # tag 17
+    "78563412"              # value 0x12345678
+    + "00" * 32)
+WRITE = bytes.fromhex(
+    CARD + PORT
+    + "88b6" "8100" "8064"  # EtherType in front of the VLAN tag
+    "90"                    # Register Write
+    "ffff" "000000"
+    "00000040"              # address 0x0040
+    "03000080"              # value 0x80000003
+    + "00" * 28)
+NOTIFY = bytes.fromhex(
+    GROUP + "020000002001"
+    + "8100" "8065" "88b6"  # VLAN 101
+    "19"                    # 40G NOTIFY
+    "a5" "07" "01"          # flow 7, ver 1
+    "0e"                    # fault of the second flag, UID switch, power
+    "01"                    # FXIO
+    "55"                    # link status
+    "66" "a1" "08"          # status bytes: version 1, port 0 up, PCIe present; interrupt vector
+    "0002"                  # sub-state: connected
+    + CARD
+    + "7215" "8680"         # device 0x1572, vendor 0x8086
+    "a5" "000002"           # class 0x020000
+    "0003"                  # resource number 3
+    + "00" * 14)
+DEVINFO_1G = bytes.fromhex(
+    GROUP + "020000003001"  # an odd MAC, which is the id of a 1G card
+    + "8100" "8064" "88b6"
+    "10"                    # 1G/10G DEVINFO
+    "a5" "00" "00"
+    "08" "01" "00" "000000" # power, FXIO
+    + "0000" + "00" * 6
+    + "7215" "8680" "a5" "000002"
+    + "00" * 16)
+
+
+def changed(frame, at, text):
+    data = bytes.fromhex(text)
+    return frame[:at] + data + frame[at + len(data):]
+
+
+def whole(*frames):
+    return [(frame, len(frame)) for frame in frames]
+
+
+def lua_registers():
+    """The registers as fxm.lua has them, from those that fxmctl knows."""
+    done = subprocess.run([FXMCTL, "-j", "reg", "--names"], capture_output=True, text=True, check=True)
+    lines = ["local registers = {"]
+    for register in json.loads(done.stdout)["registers"]:
+        head = f'    {{ address = 0x{register["address"]:04x}, cards = "{register["cards"]}", name = "{register["name"]}"'
+        lines.append(head + ", fields = {" + ("" if register["fields"] else "} },"))
+        for field in register["fields"]:
+            words = ", ".join(f'[{word["value"]}] = "{word["text"]}"' for word in field["words"])
+            lines.append(f'        {{ name = "{field["name"]}", first = {field["first_bit"]}, bits = {field["bits"]}, '
+                         f'words = {{ {words} }} }},'.replace("{  }", "{}"))
+        if register["fields"]:
+            lines.append("    } },")
+    return "\n".join(lines + ["}"]) + "\n"
+
+
+class Frames(unittest.TestCase):
+    """Frames of this file, without a network."""
+    maxDiff = None
+
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory(prefix="fxm-dissector-")
+        self.addCleanup(directory.cleanup)
+        self.path = os.path.join(directory.name, "frames.pcap")
+
+    def dissect(self, frames, *words):
+        write_pcap(self.path, frames)
+        return dissect(self.path, "-2", *words)
+
+    def test_registers_are_those_of_the_table(self):
+        with open(LUA, encoding="utf-8") as file:
+            before, found, after = re.fullmatch(r"(.*\{\{\{ registers\n)(.*)(-- \}\}\} registers.*)", file.read(),
+                                                re.DOTALL).groups()
+        wanted = lua_registers()
+        if os.environ.get("FXM_WRITE_GOLDEN"):
+            with open(LUA, "w", encoding="utf-8") as file:
+                file.write(before + wanted + after)
+            found = wanted
+        self.assertEqual(found, wanted)
+
+    def test_each_fault_of_a_frame_is_named(self):
+        short_page = changed(READ, 18, "92")
+        long = changed(changed(NOTIFY, 23, "00"), 18, "18")
+        cases = [
+            ("good", whole(READ, ANSWER, NOTIFY, DEVINFO_1G), []),
+            ("length", whole(READ[:59]), ["length", "unanswered"]), ("length", whole(READ[:20]), ["length"]),
+            ("length", whole(short_page), ["length"]), ("length", whole(ANSWER[:27]), ["length", "unasked"]),
+            ("length", whole(long + bytes(435)), ["length"]), ("length", whole(long + bytes(436)), []),
+            ("length", whole(NOTIFY[:45]), ["length"]), ("length", whole(NOTIFY[:46]), []),
+            ("length", whole(changed(NOTIFY, 26, "a0")[:44]), []), ("length", whole(DEVINFO_1G[:43]), ["length"]),
+            ("truncated", [(NOTIFY[:40], 60)], ["truncated"]), ("truncated", [(NOTIFY[:18], 60)], ["truncated"]),
+            ("header", whole(WRITE[:14] + WRITE[18:] + bytes(4)), ["header"]),
+            ("header", whole(NOTIFY[:12] + bytes.fromhex("81008064") + NOTIFY[12:]), ["header"]),
+            ("priority", whole(changed(NOTIFY, 14, "6065")), ["priority"]),
+            ("priority", whole(changed(WRITE, 16, "0064")), ["priority"]),
+            ("kind", whole(changed(NOTIFY, 18, "12")), ["kind"]),
+            ("ver", whole(changed(DEVINFO_1G, 21, "01")), ["ver"]),
+            ("class", whole(changed(NOTIFY, 23, "02")), ["class"]),
+            ("range", whole(changed(WRITE, 24, "00001040")), ["range"]),
+            ("range", whole(changed(WRITE, 24, "00000041")), ["range"]),
+            ("range", whole(changed(short_page + bytes(96), 24, "00000400")), ["range"]),
+            ("range", whole(changed(changed(READ, 18, "80"), 24, "1000")), ["range"]),
+            ("retry", whole(READ, READ, ANSWER), ["unanswered", "retry"]),
+            ("unanswered", whole(READ, changed(READ, 24, "00000000"), ANSWER), ["unanswered"]),
+            ("unasked", whole(READ, ANSWER, ANSWER), ["unasked"]),
+            ("unasked", whole(READ, changed(ANSWER, 11, "01")), ["unanswered", "unasked"]),
+            ("refused", whole(changed(READ, 24, "00000040"), changed(ANSWER, 24, "00000070")), ["refused"]),
+        ]
+        for what, frames, wanted in cases:
+            with self.subTest(what, frames=frames):
+                found = [name.removeprefix("fxm.expert.") for frame in self.dissect(frames) for name in frame
+                         if name.startswith("fxm.expert.")]
+                self.assertEqual(found, wanted)
+
+    def test_fields_of_frames_written_by_hand(self):
+        write_pcap(self.path, whole(NOTIFY, DEVINFO_1G, READ, ANSWER, WRITE))
+        notify, devinfo, read, answer, write = dissect(self.path, "-2")
+        self.assertLessEqual({
+            "fxm.card": ["02:00:00:00:20:00"], "fxm.mac_index": ["1"], "fxm.layout": ["0"], "fxm.vlan": ["101"],
+            "fxm.flow": ["0x07"], "fxm.generation": ["40G"], "fxm.fault0": ["1"], "fxm.fault1": ["0"],
+            "fxm.uidsw": ["1"], "fxm.power": ["1"], "fxm.link_status": ["0x55"], "fxm.version": ["1"],
+            "fxm.port0_link": ["1"], "fxm.port1_link": ["0"], "fxm.presence": ["1"], "fxm.int_vector": ["0x08"],
+            "fxm.connected": ["1"], "fxm.server": ["02:00:00:00:10:00"], "fxm.vendor": ["0x8086"],
+            "fxm.device": ["0x1572"], "fxm.pci_class": ["0x020000"], "fxm.resource": ["3"]}.items(), notify.items())
+        self.assertEqual(devinfo["fxm.card"], ["02:00:00:00:30:01"])
+        self.assertLessEqual({"fxm.response_in": ["4"], "fxm.register.address": ["0x00001234"]}.items(), read.items())
+        self.assertLessEqual({"fxm.response_to": ["3"], "fxm.response_time": ["0.001000000"],
+                              "fxm.register.value": ["0x12345678"]}.items(), answer.items())
+        self.assertLessEqual({"fxm.layout": ["1"], "fxm.vlan": ["100"], "fxm.register": ["eeprom.control"],
+                              "fxm.eeprom.control.command": ["0x00000003"]}.items(), write.items())
+        # One pass has only seen what came before.
+        self.assertNotIn("fxm.response_in", dissect(self.path)[2])
+        self.assertEqual(tshark(self.path, "-T", "fields", "-e", "_ws.col.Info").splitlines(), [
+            "FXIO 40G vlan 101 notifies, int=08, 8086:1572, multi-root 3, server 02:00:00:00:10:00",
+            "FXIO 1/10G vlan 100 announces, int=00, 8086:1572",
+            "read 0x1234 tag 17",
+            "answer tag 17: 0x1234 = 0x12345678, 1000 us",
+            "write eeprom.control (0x0040) = 0x80000003 command write, start; starts a write"])
+
+    def test_the_ethertype_is_a_preference(self):
+        other = changed(NOTIFY, 16, "1234")
+        for words, wanted in ((), 1), (("-o", "fxm.ether_type:0x1234"), 2), (("-o", "fxm.ether_type:no number"), 1):
+            found = [frame["frame.number"] for frame in self.dissect(whole(NOTIFY, other), *words) if "fxm.card" in frame]
+            self.assertEqual(found, [[str(wanted)]], words)
+
+    def test_no_bytes_make_it_fail(self):
+        dice = random.Random(20)
+        seeds = [READ, ANSWER, WRITE, NOTIFY, DEVINFO_1G, NOTIFY[:23] + bytes(500)]
+        frames = []
+        for _ in range(10000):
+            data = bytearray(dice.choice(seeds))
+            for _ in range(dice.randrange(4)):
+                data[dice.randrange(12, len(data))] = dice.randrange(256)
+            if dice.random() < 0.5:
+                data[18] = dice.choice((0x10, 0x11, 0x18, 0x19, 0x20, 0x30, 0x80, 0x90, 0x91, 0x92))
+            data = data[:dice.randrange(12, len(data) + 1)] if dice.random() < 0.4 else data
+            frames.append((bytes(data), len(data) + dice.choice((0, 0, 0, 1, 100))))
+        write_pcap(self.path, frames)
+        shown = tshark(self.path, "-2", "-V")
+        self.assertGreater(shown.count("Fenxar Management"), 8000)
+
+
+if __name__ == "__main__":
+    fabric.enter_namespace()
+    unittest.main(verbosity=2)
