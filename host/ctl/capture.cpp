@@ -1,4 +1,5 @@
 // A capture file of the fabric's frames, taken beside fxmd on its ports. Nothing is sent.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <pcap/pcap.h>
@@ -164,8 +165,57 @@ class capture_file
 constexpr int SNAP_LENGTH = 2048;
 constexpr int RING_BYTES = 16 * 1024 * 1024;
 
+// libpcap and what it needs take 5 ms to load, which is more than most commands run. So it is loaded here and not with
+// the program; its header gives the types.
+struct pcap_library {
+    static void *load()
+    {
+        // The name of Debian, and that of everybody else.
+        for (const char *name : {"libpcap.so.0.8", "libpcap.so.1"}) {
+            if (void *loaded = dlopen(name, RTLD_NOW))
+                return loaded;
+        }
+        throw ctl_error(EXIT_FAILED, fmt::format("cannot load libpcap: {}", dlerror()), "install libpcap0.8");
+    }
+
+    template <typename Function> Function *find(const char *name) const
+    {
+        void *found = dlsym(loaded, name);
+        if (found == nullptr)
+            throw ctl_error(EXIT_FAILED, fmt::format("libpcap has no {}", name));
+        return reinterpret_cast<Function *>(found);
+    }
+
+    void *const loaded = load(); // and never unloaded; the functions follow
+#define FXM_PCAP(name) decltype(pcap_##name) *const name = find<decltype(pcap_##name)>("pcap_" #name)
+    FXM_PCAP(activate);
+    FXM_PCAP(close);
+    FXM_PCAP(compile);
+    FXM_PCAP(create);
+    FXM_PCAP(datalink);
+    FXM_PCAP(dispatch);
+    FXM_PCAP(freecode);
+    FXM_PCAP(get_selectable_fd);
+    FXM_PCAP(geterr);
+    FXM_PCAP(set_buffer_size);
+    FXM_PCAP(set_immediate_mode);
+    FXM_PCAP(set_promisc);
+    FXM_PCAP(set_snaplen);
+    FXM_PCAP(set_tstamp_precision);
+    FXM_PCAP(setfilter);
+    FXM_PCAP(setnonblock);
+    FXM_PCAP(stats);
+#undef FXM_PCAP
+};
+
+static const pcap_library &libpcap()
+{
+    static const pcap_library library;
+    return library;
+}
+
 struct handle_closer {
-    void operator()(pcap_t *handle) const { pcap_close(handle); }
+    void operator()(pcap_t *handle) const { libpcap().close(handle); }
 };
 
 struct open_port {
@@ -179,17 +229,17 @@ struct open_port {
 static std::unique_ptr<pcap_t, handle_closer> open_handle(const std::string &name, uint16_t ether_type)
 {
     std::array<char, PCAP_ERRBUF_SIZE> why{};
-    std::unique_ptr<pcap_t, handle_closer> handle(pcap_create(name.c_str(), why.data()));
+    std::unique_ptr<pcap_t, handle_closer> handle(libpcap().create(name.c_str(), why.data()));
     if (handle == nullptr)
         throw ctl_error(EXIT_FAILED, fmt::format("cannot capture on {}: {}", name, why.data()));
     // As fxmd does it: cards send to more addresses than those of the port. Immediate mode leaves no frame behind in a
     // block of the kernel when the capture ends.
-    pcap_set_snaplen(handle.get(), SNAP_LENGTH);
-    pcap_set_promisc(handle.get(), 1);
-    pcap_set_immediate_mode(handle.get(), 1);
-    pcap_set_buffer_size(handle.get(), RING_BYTES);
-    pcap_set_tstamp_precision(handle.get(), PCAP_TSTAMP_PRECISION_NANO);
-    const int status = pcap_activate(handle.get());
+    libpcap().set_snaplen(handle.get(), SNAP_LENGTH);
+    libpcap().set_promisc(handle.get(), 1);
+    libpcap().set_immediate_mode(handle.get(), 1);
+    libpcap().set_buffer_size(handle.get(), RING_BYTES);
+    libpcap().set_tstamp_precision(handle.get(), PCAP_TSTAMP_PRECISION_NANO);
+    const int status = libpcap().activate(handle.get());
     if (status == PCAP_ERROR_PERM_DENIED || status == PCAP_ERROR_PROMISC_PERM_DENIED)
         throw ctl_error(EXIT_DENIED, fmt::format("no permission to capture on {}: that takes CAP_NET_RAW", name),
                         "run fxmctl capture with sudo");
@@ -197,18 +247,18 @@ static std::unique_ptr<pcap_t, handle_closer> open_handle(const std::string &nam
         throw ctl_error(EXIT_FAILED, fmt::format("there is no interface {} here", name),
                         "run fxmctl capture in the network namespace of fxmd");
     if (status < 0)
-        throw ctl_error(EXIT_FAILED, fmt::format("cannot capture on {}: {}", name, pcap_geterr(handle.get())));
-    if (pcap_datalink(handle.get()) != DLT_EN10MB)
+        throw ctl_error(EXIT_FAILED, fmt::format("cannot capture on {}: {}", name, libpcap().geterr(handle.get())));
+    if (libpcap().datalink(handle.get()) != DLT_EN10MB)
         throw ctl_error(EXIT_FAILED, fmt::format("{} is no Ethernet interface", name));
     // The word "vlan" moves the offsets of what is behind it, so it must come last. It also finds a tag that the kernel
     // has taken out of the frame.
     const std::string wanted = fmt::format("ether proto {0} or (vlan and ether proto {0})", ether_type);
     bpf_program program{};
-    const bool is_set = pcap_compile(handle.get(), &program, wanted.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0 &&
-                        pcap_setfilter(handle.get(), &program) == 0;
-    pcap_freecode(&program);
-    if (!is_set || pcap_setnonblock(handle.get(), 1, why.data()) != 0)
-        throw ctl_error(EXIT_FAILED, fmt::format("cannot filter on {}: {}", name, pcap_geterr(handle.get())));
+    const bool is_set = libpcap().compile(handle.get(), &program, wanted.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0 &&
+                        libpcap().setfilter(handle.get(), &program) == 0;
+    libpcap().freecode(&program);
+    if (!is_set || libpcap().setnonblock(handle.get(), 1, why.data()) != 0)
+        throw ctl_error(EXIT_FAILED, fmt::format("cannot filter on {}: {}", name, libpcap().geterr(handle.get())));
     return handle;
 }
 
@@ -283,7 +333,7 @@ class capture
             fmt::print(stderr, "\r\x1b[K");
         for (const open_port &port : ports_) {
             pcap_stat seen{};
-            if (!is_open(port) || pcap_stats(port.handle.get(), &seen) != 0)
+            if (!is_open(port) || libpcap().stats(port.handle.get(), &seen) != 0)
                 continue;
             dropped_ += seen.ps_drop;
             file_->add_statistics(port.index, seen.ps_recv, seen.ps_drop);
@@ -305,7 +355,7 @@ class capture
         std::vector<pollfd> ready;
         for (const open_port &port : ports_) {
             if (is_open(port))
-                ready.push_back({pcap_get_selectable_fd(port.handle.get()), POLLIN, 0});
+                ready.push_back({libpcap().get_selectable_fd(port.handle.get()), POLLIN, 0});
         }
         // A signal ends it, or this time: the next look at the clock.
         constexpr int AT_MOST_MS = 100;
@@ -322,7 +372,7 @@ class capture
                 if (!is_open(port))
                     continue;
                 std::pair<capture *, const open_port *> seen{this, &port};
-                const int taken = pcap_dispatch(
+                const int taken = libpcap().dispatch(
                     port.handle.get(), AT_ONCE,
                     [](u_char *user, const pcap_pkthdr *head, const u_char *bytes) {
                         const auto *to = reinterpret_cast<std::pair<capture *, const open_port *> *>(user);
@@ -332,7 +382,7 @@ class capture
                 more = more || taken == AT_ONCE;
                 if (taken < 0 && taken != PCAP_ERROR_BREAK) {
                     failure_ =
-                        fmt::format("the capture on {} has ended: {}", port.name, pcap_geterr(port.handle.get()));
+                        fmt::format("the capture on {} has ended: {}", port.name, libpcap().geterr(port.handle.get()));
                     fmt::print(stderr, "fxmctl: {}\n", failure_);
                     port.handle.reset();
                 }

@@ -14,6 +14,50 @@ local fxm = Proto("fxm", "Fenxar Management")
 -- The registers that have a name. host/common/registers.cpp is their one source. A test compares the two, and writes
 -- these lines with FXM_WRITE_GOLDEN=1.
 -- {{{ registers
+local registers = {
+    { address = 0x0000, cards = "all", name = "probe", fields = {} },
+    { address = 0x0040, cards = "40G", name = "eeprom.control", fields = {
+        { name = "occupied", first = 0, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "command", first = 0, bits = 2, words = { [0] = "clear", [1] = "read", [3] = "write" } },
+        { name = "finished", first = 28, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "refused", first = 29, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "ready", first = 30, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "start", first = 31, bits = 1, words = { [0] = "no", [1] = "yes" } },
+    } },
+    { address = 0x0044, cards = "40G", name = "eeprom.address", fields = {} },
+    { address = 0x0048, cards = "40G", name = "eeprom.read", fields = {} },
+    { address = 0x004c, cards = "40G", name = "eeprom.write", fields = {} },
+    { address = 0x5010, cards = "1/10G", name = "eeprom.control", fields = {
+        { name = "occupied", first = 0, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "command", first = 0, bits = 2, words = { [0] = "clear", [1] = "read", [3] = "write" } },
+        { name = "finished", first = 28, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "refused", first = 29, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "ready", first = 30, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "start", first = 31, bits = 1, words = { [0] = "no", [1] = "yes" } },
+    } },
+    { address = 0x5014, cards = "1/10G", name = "eeprom.address", fields = {} },
+    { address = 0x5018, cards = "1/10G", name = "eeprom.read", fields = {} },
+    { address = 0x501c, cards = "1/10G", name = "eeprom.write", fields = {} },
+    { address = 0x50f0, cards = "all", name = "eeprom.lock", fields = {
+        { name = "own", first = 2, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "other", first = 3, bits = 1, words = { [0] = "no", [1] = "yes" } },
+    } },
+    { address = 0x5200, cards = "all", name = "eeprom.owner", fields = {
+        { name = "own", first = 2, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "others", first = 3, bits = 13, words = {} },
+    } },
+    { address = 0x5204, cards = "all", name = "eeprom.release", fields = {
+        { name = "own", first = 2, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "others", first = 3, bits = 13, words = {} },
+    } },
+    { address = 0x5208, cards = "all", name = "eeprom.pending", fields = {
+        { name = "own", first = 2, bits = 1, words = { [0] = "no", [1] = "yes" } },
+        { name = "others", first = 3, bits = 13, words = {} },
+    } },
+    { address = 0x520c, cards = "all", name = "eeprom.locktype", fields = {
+        { name = "type", first = 0, bits = 1, words = { [0] = "bit lock", [1] = "ID lock" } },
+    } },
+}
 -- }}} registers
 
 -- ----------------------------------------------------------------------------------------------------------- kinds
@@ -196,10 +240,11 @@ local answers
 local last_word -- of a MAC: the EEPROM word whose address was written last
 local words -- of the number of a frame: the EEPROM word that it is about
 
-function fxm.init()
+local function forget()
     generation_of, open, requests, answers, last_word, words = {}, {}, {}, {}, {}, {}
 end
-fxm.init()
+forget()
+fxm.init = forget -- called for each capture
 
 -- The other MAC of a 40G card, as the text of an address. A MAC that is shown as a name alone has none.
 local function sibling(mac)
@@ -271,7 +316,7 @@ local function remember_answer(pinfo, mac, tag)
     else
         request.response_in = pinfo.number
         made.request = request
-        made.seconds = seconds_between(request.time, pinfo and moment(pinfo))
+        made.seconds = seconds_between(request.time, moment(pinfo))
         local register = find_register(mac, request.address)
         if register ~= nil and register.name == "eeprom.read" then
             words[pinfo.number] = last_word[mac]
@@ -651,7 +696,7 @@ local function show_completion(frame)
         return "answer"
     end
     local info = string.format("answer tag %d: ", tag)
-    local answer = answers[frame.number] or NO_FIELDS
+    local answer = answers[frame.number] or NO_FIELDS -- too short to be one
     local request = answer.request
     local register, shown
     if request ~= nil then
@@ -673,6 +718,9 @@ local function show_completion(frame)
         frame:complain(e.unasked, string.format("The request was answered in frame %d: fxm ignores this one",
             answer.duplicate_of))
         return info .. ", duplicate"
+    end
+    if answer == NO_FIELDS then
+        return info
     end
     frame:complain(e.unasked, answer.other_mac
         and "The request went to the other MAC of the card: fxm ignores this answer"

@@ -14,7 +14,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "../../tests"))
 
 import fabric  # noqa: E402
-from fabric import FXMCTL, Fabric, until  # noqa: E402
+from fabric import DEVICE, FXMCTL, LOOSE, MULTI, SERVER, SMALL, Fabric, until  # noqa: E402
 
 LUA = os.path.join(HERE, "../fxm.lua")
 LUA_FAULT = re.compile(r"lua error|error during (loading|execution)|dissector bug|malformed packet: fxm", re.IGNORECASE)
@@ -180,12 +180,12 @@ class Frames(unittest.TestCase):
         self.assertEqual(found, wanted)
 
     def test_each_fault_of_a_frame_is_named(self):
-        short_page = changed(READ, 18, "92")
+        short_page = changed(changed(READ, 18, "92"), 24, "00000000")
         long = changed(changed(NOTIFY, 23, "00"), 18, "18")
         cases = [
             ("good", whole(READ, ANSWER, NOTIFY, DEVINFO_1G), []),
             ("length", whole(READ[:59]), ["length", "unanswered"]), ("length", whole(READ[:20]), ["length"]),
-            ("length", whole(short_page), ["length"]), ("length", whole(ANSWER[:27]), ["length", "unasked"]),
+            ("length", whole(short_page), ["length"]), ("length", whole(ANSWER[:27]), ["length"]),
             ("length", whole(long + bytes(435)), ["length"]), ("length", whole(long + bytes(436)), []),
             ("length", whole(NOTIFY[:45]), ["length"]), ("length", whole(NOTIFY[:46]), []),
             ("length", whole(changed(NOTIFY, 26, "a0")[:44]), []), ("length", whole(DEVINFO_1G[:43]), ["length"]),
@@ -207,11 +207,14 @@ class Frames(unittest.TestCase):
             ("unasked", whole(READ, changed(ANSWER, 11, "01")), ["unanswered", "unasked"]),
             ("refused", whole(changed(READ, 24, "00000040"), changed(ANSWER, 24, "00000070")), ["refused"]),
         ]
+        # One capture, in which each case has MACs of its own.
+        shown = iter(self.dissect([(changed(changed(data, 3, f"{i:02x}"), 9, f"{i:02x}"), length)
+                                   for i, (_, frames, _) in enumerate(cases) for data, length in frames]))
         for what, frames, wanted in cases:
             with self.subTest(what, frames=frames):
-                found = [name.removeprefix("fxm.expert.") for frame in self.dissect(frames) for name in frame
+                found = [name.removeprefix("fxm.expert.") for _ in frames for name in next(shown)
                          if name.startswith("fxm.expert.")]
-                self.assertEqual(found, wanted)
+                self.assertEqual(sorted(found), sorted(wanted))
 
     def test_fields_of_frames_written_by_hand(self):
         write_pcap(self.path, whole(NOTIFY, DEVINFO_1G, READ, ANSWER, WRITE))
@@ -259,6 +262,163 @@ class Frames(unittest.TestCase):
         write_pcap(self.path, frames)
         shown = tshark(self.path, "-2", "-V")
         self.assertGreater(shown.count("Fenxar Management"), 8000)
+
+
+class Captures(unittest.TestCase):
+    """Frames between fxmd and the simulator, as fxmctl capture writes them."""
+    maxDiff = None
+    CARDS = [
+        f"fxsv {SERVER} gen=40g vlan=100 bus=2,5,21 flow=11 link=22 sw=336000 int=04 locktype=id "
+        f"down0={DEVICE} down3={MULTI} status5=0100",
+        f"fxsv {SMALL} gen=1g vlan=200 layout=change down1={LOOSE} power=no uidsw=yes port1link=no",
+        f"fxio {DEVICE} gen=40g vlan=100 server={SERVER} connected=yes fault0=yes presence=no",
+        f"fxio {MULTI} gen=40g vlan=100 ver=1 mr=515 server={SERVER} connected=yes fault0=yes",
+        f"fxio {LOOSE} gen=1g vlan=200 layout=change vendor=144d device=a808 class=010802",
+    ]
+    # What the commands above have set.
+    ANNOUNCED = {
+        SERVER: {"generation": "40G", "class": "0", "vlan": "100", "layout": "0", "flow": "0x11", "link_status": "0x22",
+                 "sw_status": "33:60:04", "int_vector": "0x04", "down.connected": "1 0 0 1" + " 0" * 12,
+                 "down.status": "0x0002 0x0000 0x0000 0x0002 0x0000 0x0100" + " 0x0000" * 10, "power": "1",
+                 "bridge.primary": "2 5 5", "bridge.secondary": "5 6 9", "bridge.subordinate": "21 6 9",
+                 "bridge.mem_base": "0xc000 0xc000 0xc300", "bridge.mem_limit": "0xcff0 0xc0f0 0xc3f0",
+                 "bridge.pre_base_upper": "0x00000020 0x00000020 0x00000023"},
+        SMALL: {"generation": "1/10G", "class": "0", "vlan": "200", "layout": "1", "power": "0", "uidsw": "1",
+                "port0_link": "1", "port1_link": "0", "down.connected": "0 1" + " 0" * 6},
+        DEVICE: {"generation": "40G", "class": "1", "multi_root": "0", "fault0": "1", "fault1": "0", "presence": "0",
+                 "server": SERVER, "connected": "1", "vendor": "0x8086", "device": "0x1572"},
+        MULTI: {"multi_root": "1", "fault0": "1", "fault1": "0", "presence": "1", "resource": "515", "version": "1"},
+        LOOSE: {"generation": "1/10G", "layout": "1", "vendor": "0x144d", "device": "0xa808", "pci_class": "0x010802",
+                "connected": "0", "server": "00:00:00:00:00:00"},
+    }
+
+    def fabric(self, cards, **more):
+        f = Fabric(cards, **more)
+        self.addCleanup(f.close)
+        return f.start()
+
+    @staticmethod
+    def accesses(frames, card):
+        """The accesses to a card's registers, in the words of the simulator."""
+        return " ".join(f'{"w" if frame["fxm.kind"] == ["0x90"] else "r"}{int(frame["fxm.register.address"][0], 16):x}='
+                        f'{int(frame["fxm.register.value"][0], 16):08x}'
+                        for frame in frames if frame.get("fxm.card") == [card] and "fxm.register.value" in frame)
+
+    def test_a_capture_shows_what_the_simulator_did(self):
+        f = self.fabric(self.CARDS)
+        until(lambda: f.get("/v1/status")["cards"]["total"] == len(self.CARDS), "all cards have been seen")
+        with open(f"{f.dir}/page.bin", "wb") as file:
+            file.write(bytes(range(128)))
+        every, one = Capture(f, "all.pcapng"), Capture(f, "one.pcapng", SMALL)
+        before = f.counts("all")
+        for card in (SERVER, SMALL):
+            f.cards(f"watch {card}")
+            f.cards(f"eeprom-fill {card} 7")
+            f.ctl("reg", card, "0x1234=0xcafe", "--verify", "--yes")
+            f.ctl("eeprom", "write", card, "0x124", "0x01020304", "--yes")
+            f.ctl("eeprom", "read", card, "0x7f8..0x800")
+            f.cards(f"announce {card}")
+            f.cards(f"notify {card}")
+        f.cards(f"notify {LOOSE}")
+        f.ctl("page", MULTI, "515", "page.bin", "--yes")
+        f.ctl("reset", LOOSE, "--status", "0x5a", "--yes")
+        f.ctl("vlan", DEVICE, "300", "--verify", "--yes")
+        f.cards(f"notify {DEVICE}")
+        watched = {card: f.cards(f"watched {card}") for card in (SERVER, SMALL)}
+        after = f.counts("all")
+        count = every.end()
+        one.end(signal.SIGTERM)
+
+        frames = dissect(every.path, "-2")
+        self.assertEqual((len(frames), {kind for frame in frames for kind in frame["fxm.kind"]}), (count, {
+            "0x10", "0x11", "0x18", "0x19", "0x20", "0x30", "0x80", "0x90", "0x91", "0x92"}))
+        self.assertEqual([name for frame in frames for name in frame if "expert." in name or "malformed" in name], [])
+        for card, fields in self.ANNOUNCED.items():
+            shown = [frame for frame in frames if frame.get("fxm.card") == [card] and "fxm.ver" in frame][0]
+            self.assertEqual({name: " ".join(shown.get(f"fxm.{name}", [])) for name in fields}, fields, card)
+        # Each frame of fxmd once, and each answer belongs to a request.
+        for kind, counter in ((0x91, "reads"), (0x90, "writes"), (0x80, "vlansets"), (0x92, "pages")):
+            self.assertEqual(len(of_kind(frames, kind)), after[counter] - before[counter], counter)
+        reads = of_kind(frames, 0x91)
+        self.assertEqual([frame["fxm.response_in"] for frame in reads],
+                         [frame["frame.number"] for frame in of_kind(frames, 0x20)])
+        for card, wanted in watched.items():
+            self.assertEqual(self.accesses(frames, card), wanted)
+        self.assertEqual(of_kind(frames, 0x92)[0]["fxm.page"] + of_kind(frames, 0x92)[0]["fxm.page.data"],
+                         ["515", ":".join(f"{byte:02x}" for byte in range(128))])
+        self.assertEqual(of_kind(frames, 0x30)[0]["fxm.reset.status"], ["0x5a"])
+        self.assertEqual((of_kind(frames, 0x80)[0]["fxm.vlan"], of_kind(frames, 0x80)[0]["fxm.new_vlan"]),
+                         (["100"], ["300"]))
+        # The words of the EEPROM, with the address at which the simulator has them.
+        contents = {(frame["fxm.card"][0], int(frame["fxm.eeprom.word"][0], 16), int(frame["fxm.register.value"][0], 16))
+                    for frame in of_kind(frames, 0x20) if frame["fxm.register"] == ["eeprom.read"]}
+        self.assertEqual(contents, {(card, word, int(f.cards(f"eeprom {card} {word:#x}"), 16))
+                                    for card in (SERVER, SMALL) for word in (0x124, 0x7f8, 0x7fc)})
+        for card, lock in ((SERVER, "ID"), (SMALL, "bit")):
+            steps = [frame["fxm.eeprom.step"][0] for frame in frames
+                     if frame.get("fxm.card") == [card] and "fxm.eeprom.step" in frame]
+            print(card, lock, [s for i, s in enumerate(steps) if i == 0 or steps[i - 1] != s])
+
+        # The other file has the same frames of its card, and nothing of other cards but the Reset.
+        alone = dissect(one.path, "-2")
+        self.assertEqual(self.accesses(alone, SMALL), watched[SMALL])
+        self.assertEqual([frame.get("fxm.card", ["reset"])[0] for frame in alone if frame.get("fxm.card") != [SMALL]],
+                         ["reset"])
+        self.assertEqual(set(tshark(every.path, "-T", "fields", "-e", "frame.interface_name", "-e",
+                                    "frame.packet_flags_direction", "-e", "fxm.kind").splitlines())
+                         - {"fxm1\t0x00000001\t0x" + kind for kind in ("10", "11", "18", "19")},
+                         {"fxm0\t0x00000001\t0x" + kind for kind in ("10", "11", "18", "19", "20")} |
+                         {"fxm0\t0x00000002\t0x" + kind for kind in ("30", "80", "90", "91", "92")})
+
+    def test_answers_that_fail_are_marked(self):
+        f = self.fabric([f"fxsv {SERVER} gen=40g", f"fxio {LOOSE} gen=1g"])
+        f.well(2)
+        capture = Capture(f, "faults.pcapng")
+        quick = ("--retries", "1", "--interval", "1000")
+        f.cards(f"fault {SERVER} drop addr=0x2000 count=1")
+        f.cards(f"reg {SERVER} 0x2000 5")
+        f.ctl("reg", SERVER, "0x2000", *quick)
+        f.cards(f"fault {SERVER} twice addr=0x2004 count=1")
+        f.ctl("reg", SERVER, "0x2004", *quick)
+        f.cards(f"fault {SERVER} other-mac addr=0x2008 count=1")
+        f.ctl("reg", SERVER, "0x2008", *quick)
+        f.cards(f"set {SERVER} engine=refuse")
+        f.ctl("eeprom", "read", SERVER, "0x10", *quick, code=1)
+        f.cards(f"deaf {LOOSE}")
+        f.ctl("reg", LOOSE, "0x200c", "--retries", "1", "--interval", "50", code=4)
+        capture.end()
+        frames = dissect(capture.path, "-2")
+        marks = {}
+        for frame in frames:
+            names = [name.removeprefix("fxm.expert.") for name in frame if name.startswith("fxm.expert.")]
+            if names:
+                marks.setdefault(frame["fxm.register"][0] if "fxm.register" in frame else "unknown", []).append(names)
+        self.assertEqual(marks, {
+            "0x2000": [["unanswered"], ["retry"]], "0x2004": [["unasked"]],
+            "0x2008": [["unanswered"], ["retry"]], "unknown": [["unasked"]], "eeprom.control": [["refused"]],
+            "0x200c": [["unanswered"], ["retry", "unanswered"]]})
+        first, second = [frame for frame in of_kind(frames, 0x91) if frame["fxm.register"] == ["0x2000"]]
+        self.assertEqual((first["fxm.retried_in"], second["fxm.retry_of"], second["fxm.retry"]),
+                         (second["frame.number"], first["frame.number"], ["1"]))
+
+    def test_a_capture_ends_when_it_should_and_says_why_it_cannot_begin(self):
+        f = self.fabric([f"fxio {LOOSE} gen=1g"], library="ether_type = 0x1234", sim=("--ethertype", "0x1234"))
+        f.well(1)
+        self.assertIn("5 frames", f.ctl("capture", "-w", "five", "--count", "5"))
+        self.assertEqual(len(dissect(f"{f.dir}/five", "-o", "fxm.ether_type:0x1234", "-Y", f"fxm.card == {LOOSE}")), 5)
+        f.ctl("capture", LOOSE, "-w", "five", "--seconds", "1", "--force")
+        with open(f"{f.dir}/pipe", "wb") as file:
+            subprocess.run([FXMCTL, "--socket", f.socket, "capture", "-w", "-", "--count", "3"], stdout=file, check=True)
+        self.assertEqual(len(dissect(f"{f.dir}/pipe")), 3)
+        for code, words, said in (
+                (1, ["-w", "five"], "five exists; --force"), (1, ["-w", "/nowhere/file"], "/nowhere/file: No such"),
+                (2, [], "--write is required"), (2, ["-w", "x", "--seconds", "0"], "--seconds"),
+                (3, [SERVER, "-w", "x"], SERVER), (7, ["--socket", "/nowhere", "-w", "x"], "not running")):
+            self.assertIn(said, f.ctl("capture", *words, code=code))
+        done = subprocess.run(["setpriv", "--bounding-set=-net_raw", FXMCTL, "--socket", f.socket, "capture", "-w",
+                               f"{f.dir}/x"], capture_output=True, text=True, check=False)
+        self.assertEqual((done.returncode, "CAP_NET_RAW" in done.stderr), (6, True), done.stderr)
+        self.assertFalse(os.path.exists(f"{f.dir}/x"))
 
 
 if __name__ == "__main__":
