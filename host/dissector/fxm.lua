@@ -394,10 +394,10 @@ local function of_word(word)
     return word and " of word " .. hex(word, 3) or ""
 end
 
--- Bit 2 is that of this manager in both kinds of lock.
+-- Bit 2 is that of fxm in both kinds of lock.
 local function holder(value)
     local own, others = bits(value, 2, 1) == 1, value - bits(value, 2, 1) * 4 ~= 0
-    return own and (others and "this manager and another holder" or "this manager")
+    return own and (others and "fxm and another holder" or "fxm")
         or (others and "another holder" or "nobody")
 end
 
@@ -416,7 +416,7 @@ local write_steps = {
             or value == 0 and "releases the bit lock" or "leaves the bit lock to " .. holder(value)
     end,
     ["eeprom.owner"] = function(value) return "requests the ID lock for " .. holder(value) end,
-    ["eeprom.release"] = function(value) return "takes the ID lock from " .. holder(value) end,
+    ["eeprom.release"] = function(value) return "removes " .. holder(value) .. " from the ID lock" end,
 }
 local answer_steps = {
     ["eeprom.control"] = function(value)

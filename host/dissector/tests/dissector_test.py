@@ -349,15 +349,23 @@ class Captures(unittest.TestCase):
         self.assertEqual(of_kind(frames, 0x30)[0]["fxm.reset.status"], ["0x5a"])
         self.assertEqual((of_kind(frames, 0x80)[0]["fxm.vlan"], of_kind(frames, 0x80)[0]["fxm.new_vlan"]),
                          (["100"], ["300"]))
-        # The words of the EEPROM, with the address at which the simulator has them.
-        contents = {(frame["fxm.card"][0], int(frame["fxm.eeprom.word"][0], 16), int(frame["fxm.register.value"][0], 16))
+        # The words of the EEPROM, with the address at which the simulator has them. A later one replaces an earlier one.
+        contents = {(frame["fxm.card"][0], int(frame["fxm.eeprom.word"][0], 16)): int(frame["fxm.register.value"][0], 16)
                     for frame in of_kind(frames, 0x20) if frame["fxm.register"] == ["eeprom.read"]}
-        self.assertEqual(contents, {(card, word, int(f.cards(f"eeprom {card} {word:#x}"), 16))
+        self.assertEqual(contents, {(card, word): int(f.cards(f"eeprom {card} {word:#x}"), 16)
                                     for card in (SERVER, SMALL) for word in (0x124, 0x7f8, 0x7fc)})
-        for card, lock in ((SERVER, "ID"), (SMALL, "bit")):
+        engine = ["the engine is ready", "names word 0x7fc", "starts a read of word 0x7fc", "the access has finished",
+                  "the content of word 0x7fc", "clears the engine", "the engine is ready"]
+        for card, wanted in (
+                (SERVER, ["an ID lock", "requests the ID lock for fxm", "the ID lock is requested by fxm",
+                          "the ID lock is held by fxm", *engine, "removes fxm from the ID lock",
+                          "the ID lock is requested by nobody"]),
+                (SMALL, ["a bit lock", "the bit lock is held by nobody", "takes the bit lock",
+                         "the bit lock is held by fxm", *engine, "the bit lock is held by fxm",
+                         "releases the bit lock", "the bit lock is held by nobody"])):
             steps = [frame["fxm.eeprom.step"][0] for frame in frames
                      if frame.get("fxm.card") == [card] and "fxm.eeprom.step" in frame]
-            print(card, lock, [s for i, s in enumerate(steps) if i == 0 or steps[i - 1] != s])
+            self.assertEqual([step for i, step in enumerate(steps) if steps[i - 1] != step][-len(wanted):], wanted)
 
         # The other file has the same frames of its card, and nothing of other cards but the Reset.
         alone = dissect(one.path, "-2")
@@ -371,7 +379,8 @@ class Captures(unittest.TestCase):
                          {"fxm0\t0x00000002\t0x" + kind for kind in ("30", "80", "90", "91", "92")})
 
     def test_answers_that_fail_are_marked(self):
-        f = self.fabric([f"fxsv {SERVER} gen=40g", f"fxio {LOOSE} gen=1g"])
+        f = self.fabric([f"fxsv {SERVER} gen=40g", f"fxio {LOOSE} gen=1g"],
+                        library=fabric.QUICK_EEPROM + "eeprom_retry_count = 1\n")
         f.well(2)
         capture = Capture(f, "faults.pcapng")
         quick = ("--retries", "1", "--interval", "1000")
@@ -384,6 +393,8 @@ class Captures(unittest.TestCase):
         f.ctl("reg", SERVER, "0x2008", *quick)
         f.cards(f"set {SERVER} engine=refuse")
         f.ctl("eeprom", "read", SERVER, "0x10", *quick, code=1)
+        f.cards(f"holder {SERVER} take")
+        f.ctl("eeprom", "read", SERVER, "0x10", *quick, code=5)
         f.cards(f"deaf {LOOSE}")
         f.ctl("reg", LOOSE, "0x200c", "--retries", "1", "--interval", "50", code=4)
         capture.end()
@@ -397,6 +408,8 @@ class Captures(unittest.TestCase):
             "0x2000": [["unanswered"], ["retry"]], "0x2004": [["unasked"]],
             "0x2008": [["unanswered"], ["retry"]], "unknown": [["unasked"]], "eeprom.control": [["refused"]],
             "0x200c": [["unanswered"], ["retry", "unanswered"]]})
+        self.assertIn("the bit lock is held by another holder",
+                      {step for frame in frames for step in frame.get("fxm.eeprom.step", [])})
         first, second = [frame for frame in of_kind(frames, 0x91) if frame["fxm.register"] == ["0x2000"]]
         self.assertEqual((first["fxm.retried_in"], second["fxm.retry_of"], second["fxm.retry"]),
                          (second["frame.number"], first["frame.number"], ["1"]))
