@@ -23,6 +23,13 @@ namespace fxm
 
 namespace json = boost::json;
 
+static uint64_t now_ns()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
 // ------------------------------------------------------------------------------------------------------------ the file
 
 // Writes pcapng: a section header, a description of each port, the frames with their port and direction, and at the end
@@ -67,14 +74,14 @@ class capture_file
         finish();
     }
 
-    void add_frame(uint32_t port, const pcap_pkthdr &head, const u_char *bytes, direction way)
+    void add_frame(uint32_t port, uint64_t time_ns, std::string_view bytes, uint32_t length, direction way)
     {
         begin(FRAME);
         put32(port);
-        put_time(head.ts);
-        put32(head.caplen);
-        put32(head.len);
-        put_bytes(bytes, head.caplen);
+        put_time(time_ns);
+        put32(static_cast<uint32_t>(bytes.size()));
+        put32(length);
+        put_bytes(bytes.data(), bytes.size());
         const auto flags = static_cast<uint32_t>(way);
         option(2, std::string_view(reinterpret_cast<const char *>(&flags), sizeof(flags)));
         end_options();
@@ -83,11 +90,9 @@ class capture_file
 
     void add_statistics(uint32_t port, uint64_t received, uint64_t dropped)
     {
-        timespec now{};
-        clock_gettime(CLOCK_REALTIME, &now);
         begin(STATISTICS);
         put32(port);
-        put_time({now.tv_sec, now.tv_nsec});
+        put_time(now_ns());
         option(4, std::string_view(reinterpret_cast<const char *>(&received), sizeof(received)));
         option(5, std::string_view(reinterpret_cast<const char *>(&dropped), sizeof(dropped)));
         end_options();
@@ -120,10 +125,8 @@ class capture_file
         block_.append(static_cast<const char *>(bytes), size);
         block_.append(-size % 4, '\0');
     }
-    // With the precision that is asked for, tv_usec holds nanoseconds.
-    void put_time(const timeval &time)
+    void put_time(uint64_t ns)
     {
-        const uint64_t ns = static_cast<uint64_t>(time.tv_sec) * 1000000000 + static_cast<uint64_t>(time.tv_usec);
         put32(static_cast<uint32_t>(ns >> 32));
         put32(static_cast<uint32_t>(ns));
     }
@@ -303,6 +306,16 @@ static uint64_t mac_at(const u_char *bytes)
     return mac;
 }
 
+// A frame that is not in the file yet.
+struct held_frame {
+    uint64_t time_ns;
+    uint32_t port;
+    uint32_t length; // on the wire
+    std::string bytes;
+    capture_file::direction way;
+};
+
+// The frames of both ports, in the order of their times.
 class capture
 {
   public:
@@ -318,17 +331,23 @@ class capture
     {
         const bool terminal = isatty(STDERR_FILENO) != 0;
         const int64_t began_ms = now_ms();
+        int64_t shown_ms = 0;
         while (!interrupted() && !is_full() && std::any_of(ports_.begin(), ports_.end(), is_open)) {
             const int64_t passed_ms = now_ms() - began_ms;
             if (how_.seconds != 0 && passed_ms >= how_.seconds * int64_t{1000})
                 break;
-            if (terminal)
+            if (terminal && passed_ms - shown_ms >= 200) {
                 fmt::print(stderr, "\r\x1b[K{} frames, {}", with_commas(frames_), format_duration(passed_ms));
+                shown_ms = passed_ms;
+            }
             wait();
             take();
         }
-        // What came until the end is in the rings.
-        take();
+        // What came until now may still be in the rings. If the clock was set back, frames are held that seem to come
+        // later.
+        for (const uint64_t end = now_ns(); !is_full() && take() < end;)
+            ;
+        write(UINT64_MAX);
         if (terminal)
             fmt::print(stderr, "\r\x1b[K");
         for (const open_port &port : ports_) {
@@ -357,48 +376,63 @@ class capture
             if (is_open(port))
                 ready.push_back({libpcap().get_selectable_fd(port.handle.get()), POLLIN, 0});
         }
-        // A signal ends it, or this time: the next look at the clock.
-        constexpr int AT_MOST_MS = 100;
-        poll(ready.data(), ready.size(), AT_MOST_MS);
+        // A signal ends it, or this time: the next look at the clock, or at the frames that are held.
+        poll(ready.data(), ready.size(), held_.empty() ? 100 : 2);
     }
 
-    // At most so many of one port in a row that no other port's ring runs full meanwhile.
-    void take()
+    // Takes what is in the rings and writes what is certain to come first: a frame of one port may be in its ring when
+    // older ones of the other port are not. Returns the time up to which all frames have been written.
+    uint64_t take()
     {
         constexpr int AT_ONCE = 1000;
-        for (bool more = true; more && !is_full();) {
-            more = false;
-            for (open_port &port : ports_) {
-                if (!is_open(port))
-                    continue;
-                std::pair<capture *, const open_port *> seen{this, &port};
-                const int taken = libpcap().dispatch(
-                    port.handle.get(), AT_ONCE,
-                    [](u_char *user, const pcap_pkthdr *head, const u_char *bytes) {
-                        const auto *to = reinterpret_cast<std::pair<capture *, const open_port *> *>(user);
-                        to->first->see(*to->second, *head, bytes);
-                    },
-                    reinterpret_cast<u_char *>(&seen));
-                more = more || taken == AT_ONCE;
-                if (taken < 0 && taken != PCAP_ERROR_BREAK) {
-                    failure_ =
-                        fmt::format("the capture on {} has ended: {}", port.name, libpcap().geterr(port.handle.get()));
-                    fmt::print(stderr, "fxmctl: {}\n", failure_);
-                    port.handle.reset();
-                }
+        constexpr uint64_t ON_THE_WAY_NS = 1000000; // between its time and its place in the ring
+        uint64_t until = now_ns() - ON_THE_WAY_NS;
+        for (open_port &port : ports_) {
+            if (!is_open(port))
+                continue;
+            seen_ = &port;
+            const int taken = libpcap().dispatch(
+                port.handle.get(), AT_ONCE,
+                [](u_char *to, const pcap_pkthdr *head, const u_char *bytes) {
+                    reinterpret_cast<capture *>(to)->see(*head, bytes);
+                },
+                reinterpret_cast<u_char *>(this));
+            if (taken == AT_ONCE)
+                until = std::min(until, last_ns_);
+            if (taken < 0) {
+                failure_ =
+                    fmt::format("the capture on {} has ended: {}", port.name, libpcap().geterr(port.handle.get()));
+                fmt::print(stderr, "fxmctl: {}\n", failure_);
+                port.handle.reset();
             }
         }
+        write(until);
+        return until;
+    }
+
+    void write(uint64_t until)
+    {
+        std::stable_sort(held_.begin(), held_.end(),
+                         [](const held_frame &a, const held_frame &b) { return a.time_ns < b.time_ns; });
+        auto next = held_.begin();
+        for (; next != held_.end() && next->time_ns <= until && !is_full(); ++next) {
+            file_->add_frame(next->port, next->time_ns, next->bytes, next->length, next->way);
+            ++frames_;
+        }
+        held_.erase(held_.begin(), next);
         file_->flush();
     }
 
-    void see(const open_port &port, const pcap_pkthdr &head, const u_char *bytes)
+    void see(const pcap_pkthdr &head, const u_char *bytes)
     {
-        if (is_full() || head.caplen <= SUBTYPE || !concerns(bytes))
+        // With the precision that was asked for, the microseconds are nanoseconds.
+        last_ns_ = static_cast<uint64_t>(head.ts.tv_sec) * 1000000000 + static_cast<uint64_t>(head.ts.tv_usec);
+        if (head.caplen <= SUBTYPE || !concerns(bytes))
             return;
-        const bool is_ours = mac_at(bytes + SOURCE) == port.mac;
-        file_->add_frame(port.index, head, bytes,
-                         is_ours ? capture_file::direction::outbound : capture_file::direction::inbound);
-        ++frames_;
+        const bool is_ours = mac_at(bytes + SOURCE) == seen_->mac;
+        held_.push_back({last_ns_, seen_->index, head.len,
+                         std::string(reinterpret_cast<const char *>(bytes), head.caplen),
+                         is_ours ? capture_file::direction::outbound : capture_file::direction::inbound});
     }
 
     // A Reset goes to a group and not to a card, so it may be for any of them.
@@ -413,6 +447,9 @@ class capture
     const capture_options &how_;
     const uint64_t card_; // 0: all
     const uint64_t ignored_bits_;
+    std::vector<held_frame> held_;
+    const open_port *seen_ = nullptr; // whose frames are being taken
+    uint64_t last_ns_ = 0;            // the time of the last of them
     uint64_t frames_ = 0;
     uint64_t dropped_ = 0;
     std::string failure_;

@@ -632,12 +632,12 @@ local function show_value(frame, register, at, is_write)
     if step ~= nil then
         local sentence = step(value, word)
         frame:computed(frame.tree, f.eeprom_step, sentence)
-        text = text ~= "" and text .. "; " .. sentence or sentence
+        text = sentence
     end
     if register.name == "eeprom.control" and not is_write and bits(value, 28, 2) == 3 then
         frame:complain(e.refused, "The card refused the EEPROM access", item)
     end
-    return " = " .. hex(value, 8) .. (text ~= "" and " " .. text or "")
+    return " = " .. hex(value, 8) .. (text ~= "" and ", " .. text or "")
 end
 
 local function show_address(frame)

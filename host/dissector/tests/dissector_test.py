@@ -239,7 +239,7 @@ class Frames(unittest.TestCase):
             "FXIO 1/10G vlan 100 announces, int=00, 8086:1572",
             "read 0x1234 tag 17",
             "answer tag 17: 0x1234 = 0x12345678, 1000 us",
-            "write eeprom.control (0x0040) = 0x80000003 command write, start; starts a write"])
+            "write eeprom.control (0x0040) = 0x80000003, starts a write"])
 
     def test_the_ethertype_is_a_preference(self):
         other = changed(NOTIFY, 16, "1234")
@@ -330,6 +330,8 @@ class Captures(unittest.TestCase):
         one.end(signal.SIGTERM)
 
         frames = dissect(every.path, "-2")
+        times = tshark(every.path, "-T", "fields", "-e", "frame.time_epoch").split()
+        self.assertEqual(times, sorted(times))
         self.assertEqual((len(frames), {kind for frame in frames for kind in frame["fxm.kind"]}), (count, {
             "0x10", "0x11", "0x18", "0x19", "0x20", "0x30", "0x80", "0x90", "0x91", "0x92"}))
         self.assertEqual([name for frame in frames for name in frame if "expert." in name or "malformed" in name], [])
@@ -432,6 +434,15 @@ class Captures(unittest.TestCase):
                                f"{f.dir}/x"], capture_output=True, text=True, check=False)
         self.assertEqual((done.returncode, "CAP_NET_RAW" in done.stderr), (6, True), done.stderr)
         self.assertFalse(os.path.exists(f"{f.dir}/x"))
+        last = Capture(f, "last", LOOSE)
+        for port in (0, 1):
+            fabric.run("ip", "link", "del", f"fxm{port}")
+        last.process.communicate(timeout=60)
+        self.assertEqual(last.process.returncode, 1)
+        dissect(last.path)
+        for port in (0, 1):
+            f.cable(port)
+        until(lambda: [port["state"] for port in f.get("/v1/ports")["ports"]] == ["up", "up"], "fxmd has its ports back")
 
 
 if __name__ == "__main__":
