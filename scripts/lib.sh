@@ -8,7 +8,7 @@ FXM_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev liblog4cxx-dev 
 # Of fxmd and fxmctl.
 FXM_BUILD_PACKAGES+=(libmicrohttpd-dev libboost-json1.81-dev libtomlplusplus-dev libcli11-dev
     libfmt-dev libsqlite3-dev libsystemd-dev)
-FXM_RUN_PACKAGES=(iproute2 util-linux python3 python3-jsonschema)
+FXM_RUN_PACKAGES=(iproute2 util-linux python3 python3-jsonschema tshark)
 FXM_CLANG_VERSION=14
 
 say() { printf '\n== %s\n' "$*"; }

@@ -435,11 +435,11 @@ local answer_steps = {
 -- -------------------------------------------------------------------------------------------------------- one frame
 
 -- A frame that is being shown. Each of its methods adds nothing where the captured bytes end.
-local frame = {}
-frame.__index = frame
+local view = {}
+view.__index = view
 
 -- The range of bytes of the frame, or nil.
-function frame:at(offset, size)
+function view:at(offset, size)
     local from = offset - 18
     if from < 0 or from + size > self.body:len() then
         return nil
@@ -447,7 +447,7 @@ function frame:at(offset, size)
     return self.body(from, size)
 end
 
-function frame:add(tree, field, offset, size, little)
+function view:add(tree, field, offset, size, little)
     local range = self:at(offset, size)
     if range == nil then
         return nil
@@ -461,7 +461,7 @@ function frame:add(tree, field, offset, size, little)
     return size <= 4 and range:uint() or range
 end
 
-function frame:computed(tree, field, value, text)
+function view:computed(tree, field, value, text)
     local item = tree:add(field, value)
     item:set_generated()
     if text ~= nil then
@@ -469,7 +469,7 @@ function frame:computed(tree, field, value, text)
     end
 end
 
-function frame:complain(expert_info, text, tree)
+function view:complain(expert_info, text, tree)
     (tree or self.tree):add_proto_expert_info(expert_info, text)
 end
 
@@ -839,7 +839,7 @@ function fxm.dissector(tvb, pinfo, tree)
 
     local root = captured > 0 and tree:add(fxm, tvb()) or tree:add(fxm)
     local shown = setmetatable({ tree = root, is_type_first = is_type_first, number = pinfo.number,
-        visited = pinfo.visited, length = length - skipped + 18, reached = 19, least = LENGTH_ANY }, frame)
+        visited = pinfo.visited, length = length - skipped + 18, reached = 19, least = LENGTH_ANY }, view)
     show_header(shown, tvb)
     if has_body then
         shown.body = tvb(skipped):tvb()
