@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -253,9 +254,10 @@ static std::unique_ptr<pcap_t, handle_closer> open_handle(const std::string &nam
         throw ctl_error(EXIT_FAILED, fmt::format("cannot capture on {}: {}", name, libpcap().geterr(handle.get())));
     if (libpcap().datalink(handle.get()) != DLT_EN10MB)
         throw ctl_error(EXIT_FAILED, fmt::format("{} is no Ethernet interface", name));
-    // The word "vlan" moves the offsets of what is behind it, so it must come last. It also finds a tag that the kernel
-    // has taken out of the frame.
-    const std::string wanted = fmt::format("ether proto {0} or (vlan and ether proto {0})", ether_type);
+    // Behind a VLAN tag, or in front of it. The kernel takes the tag in front out of a frame that it receives before this
+    // filter sees it, and libpcap puts it back behind the filter.
+    const std::string wanted =
+        fmt::format("ether[12:2] = {0} or (ether[12:2] = 0x8100 and ether[16:2] = {0})", ether_type);
     bpf_program program{};
     const bool is_set = libpcap().compile(handle.get(), &program, wanted.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0 &&
                         libpcap().setfilter(handle.get(), &program) == 0;
@@ -330,10 +332,11 @@ class capture
     void run()
     {
         const bool terminal = isatty(STDERR_FILENO) != 0;
-        const int64_t began_ms = now_ms();
+        using namespace std::chrono;
+        const auto began = steady_clock::now();
         int64_t shown_ms = 0;
         while (!interrupted() && !is_full() && std::any_of(ports_.begin(), ports_.end(), is_open)) {
-            const int64_t passed_ms = now_ms() - began_ms;
+            const int64_t passed_ms = duration_cast<milliseconds>(steady_clock::now() - began).count();
             if (how_.seconds != 0 && passed_ms >= how_.seconds * int64_t{1000})
                 break;
             if (terminal && passed_ms - shown_ms >= 200) {
@@ -402,8 +405,9 @@ class capture
             if (taken < 0) {
                 failure_ =
                     fmt::format("the capture on {} has ended: {}", port.name, libpcap().geterr(port.handle.get()));
-                fmt::print(stderr, "fxmctl: {}\n", failure_);
                 port.handle.reset();
+                if (std::any_of(ports_.begin(), ports_.end(), is_open))
+                    fmt::print(stderr, "fxmctl: {}; going on without it\n", failure_);
             }
         }
         write(until);
