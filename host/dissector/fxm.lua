@@ -237,7 +237,7 @@ local generation_of -- of a MAC: true for 40G
 local open -- the last request of MAC and tag
 local requests -- of the number of a frame
 local answers
-local last_word -- of a MAC: the EEPROM word whose address was written last
+local last_word -- of a card: the EEPROM word whose address was written last
 local words -- of the number of a frame: the EEPROM word that it is about
 
 local function forget()
@@ -254,6 +254,12 @@ local function sibling(mac)
     end
     local value = tonumber(digit, 16)
     return mac:sub(1, -2) .. string.format("%x", value % 2 == 0 and value + 1 or value - 1)
+end
+
+-- One of the MACs of a card for all of them. Until a card has announced itself it may be one of 40G.
+local function card_of(mac)
+    local other = sibling(mac)
+    return generation_of[mac] ~= false and other < mac and other or mac
 end
 
 -- The register at an address of a card. A card that has not announced itself has every register whose address says all.
@@ -293,7 +299,7 @@ end
 
 local function remember_request(pinfo, mac, tag, address)
     local key = mac .. "/" .. tag
-    local made = { frame = pinfo.number, mac = mac, tag = tag, address = address, time = moment(pinfo), retry = 0 }
+    local made = { frame = pinfo.number, address = address, time = moment(pinfo), retry = 0 }
     local before = open[key]
     if before ~= nil and before.response_in == nil and before.address == address then
         before.retried_in = made.frame
@@ -306,20 +312,21 @@ end
 
 local function remember_answer(pinfo, mac, tag)
     local request = open[mac .. "/" .. tag]
+    local other = generation_of[mac] ~= false and open[sibling(mac) .. "/" .. tag]
     local made = {}
-    if request == nil then
-        local other = open[sibling(mac) .. "/" .. tag]
-        made.other_mac = other ~= nil and other.response_in == nil
-    elseif request.response_in ~= nil then
-        made.duplicate_of = request.response_in
-        made.request = request
+    if request == nil or request.response_in ~= nil then
+        made.other_mac = other and other.response_in == nil
+        if request ~= nil and not made.other_mac then
+            made.duplicate_of = request.response_in
+            made.request = request
+        end
     else
         request.response_in = pinfo.number
         made.request = request
         made.seconds = seconds_between(request.time, moment(pinfo))
         local register = find_register(mac, request.address)
         if register ~= nil and register.name == "eeprom.read" then
-            words[pinfo.number] = last_word[mac]
+            words[pinfo.number] = last_word[card_of(mac)]
         end
     end
     answers[pinfo.number] = made
@@ -330,11 +337,10 @@ local function remember_write(pinfo, mac, address, value)
     if register == nil then
         return
     elseif register.name == "eeprom.address" then
-        last_word[mac] = decode_word(value)
-        last_word[sibling(mac)] = last_word[mac]
-        words[pinfo.number] = last_word[mac]
+        last_word[card_of(mac)] = decode_word(value)
+        words[pinfo.number] = last_word[card_of(mac)]
     elseif register.name == "eeprom.control" and bits(value, 0, 2) ~= 0 then
-        words[pinfo.number] = last_word[mac]
+        words[pinfo.number] = last_word[card_of(mac)]
     end
 end
 
@@ -833,7 +839,7 @@ function fxm.dissector(tvb, pinfo, tree)
     local is_type_first = captured >= 2 and tvb(0, 2):uint() == TPID
     local skipped = is_type_first and 4 or 0
     local has_body = captured > skipped
-    if has_body and not pinfo.visited and requests[pinfo.number] == nil and answers[pinfo.number] == nil then
+    if has_body and not pinfo.visited then
         remember(tvb(skipped):tvb(), pinfo)
     end
 
