@@ -389,7 +389,7 @@ class Captures(unittest.TestCase):
                         library=fabric.QUICK_EEPROM + "eeprom_retry_count = 1\n")
         f.well(2)
         capture = Capture(f, "faults.pcapng")
-        quick = ("--retries", "1", "--interval", "2000")
+        quick = ("--retries", "1", "--interval", "1000")
         f.cards(f"fault {SERVER} drop addr=0x2000 count=1")
         f.cards(f"reg {SERVER} 0x2000 5")
         f.ctl("reg", SERVER, "0x2000", *quick)
