@@ -58,7 +58,7 @@ def write_pcap(path, frames):
     with open(path, "wb") as file:
         file.write(struct.pack("<IHHIIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
         for i, (data, length) in enumerate(frames):
-            file.write(struct.pack("<IIII", 1, i * 1000, len(data), length) + data)
+            file.write(struct.pack("<IIII", 1700000000 + i // 1000, i % 1000 * 1000, len(data), length) + data)
 
 
 class Capture:
