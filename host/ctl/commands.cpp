@@ -127,7 +127,7 @@ int print_document(session *all, const std::string &path, const query &arguments
 
 static volatile sig_atomic_t interrupt_seen = 0;
 
-void catch_interrupt()
+void catch_interrupt(bool with_sigterm)
 {
     struct sigaction action {
     };
@@ -135,6 +135,8 @@ void catch_interrupt()
     // A second Ctrl-C ends the program.
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
+    if (with_sigterm)
+        sigaction(SIGTERM, &action, nullptr);
 }
 
 bool interrupted() { return interrupt_seen != 0; }

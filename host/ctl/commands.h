@@ -37,6 +37,7 @@ void add_register_commands(CLI::App *app, session *all); // reg
 void add_eeprom_commands(CLI::App *app, session *all);   // eeprom
 void add_card_commands(CLI::App *app, session *all);     // vlan, monitor, delete, reset, page
 void add_snapshot_commands(CLI::App *app, session *all); // snapshot, diff
+void add_capture_command(CLI::App *app, session *all);   // capture
 void add_admin_commands(CLI::App *app, session *all);    // jobs, loglevel, status-dump, reload, doctor, completion
 
 // ---------------------------------------------------------------------------------------------------- help of commands
@@ -78,8 +79,8 @@ int print_document(session *all, const std::string &path, const query &arguments
 boost::json::object run_job(session *all, const boost::json::object &request, const std::string &title,
                             const std::function<void(const boost::json::object &)> &ended = {});
 
-// Set by the first Ctrl-C of a command that has called catch_interrupt.
-void catch_interrupt();
+// Set by the first Ctrl-C of a command that has called catch_interrupt, and by SIGTERM if it wants that too.
+void catch_interrupt(bool with_sigterm = false);
 bool interrupted();
 
 // Words of an EEPROM or registers, four on a line behind the address of the first one.

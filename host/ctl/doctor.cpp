@@ -513,8 +513,6 @@ int run_doctor(const doctor_options &how)
     const std::optional<pid_t> daemon = check_socket(socket, &found);
     check_rights(daemon, &found);
     if (settings) {
-        const auto type = settings->library.find("ether_type");
-        const auto wanted = static_cast<uint16_t>(type != settings->library.end() ? std::stoul(type->second) : 0x88b6);
         std::vector<std::string> usable;
         for (const std::string &name : settings->ports) {
             if (if_nametoindex(name.c_str()) != 0)
@@ -522,7 +520,7 @@ int run_doctor(const doctor_options &how)
             if (check_port(name, &found))
                 usable.push_back(name);
         }
-        check_frames(usable, wanted, &found);
+        check_frames(usable, ether_type_of(*settings), &found);
         check_state(*settings, daemon.has_value(), &found);
     }
     print(found, how);

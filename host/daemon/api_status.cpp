@@ -34,6 +34,7 @@ static void show_status(services &all, api_call &call)
 static void show_ports(services &all, api_call &call)
 {
     json::object made = document();
+    made["ether_type"] = ether_type_of(*all.settings());
     made["ports"] = ports_of(all);
     call.answer(json_reply(made));
 }

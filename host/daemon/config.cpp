@@ -502,6 +502,16 @@ static std::string wrapped(const std::string &text)
     return out + line + '\n';
 }
 
+uint16_t ether_type_of(const config &settings)
+{
+    const auto set = settings.library.find("ether_type");
+    if (set != settings.library.end())
+        return static_cast<uint16_t>(std::stoul(set->second));
+    const auto *entry = std::find_if(std::begin(keys), std::end(keys),
+                                     [](const key &one) { return std::string_view(one.name) == "ether_type"; });
+    return static_cast<uint16_t>(std::get<library_number>(entry->kind).absent);
+}
+
 std::string sample_config()
 {
     std::string text =

@@ -44,6 +44,9 @@ class config_error : public std::runtime_error
 
 config load_config(const std::filesystem::path &file); // throws config_error
 
+// Of all management frames: what `settings` has set, or the default.
+uint16_t ether_type_of(const config &settings);
+
 // A file with every key, its description and its default.
 std::string sample_config();
 

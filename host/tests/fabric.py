@@ -118,7 +118,7 @@ class Stream:
 class Fabric:
     """Two cables, the simulator, and fxmd with its own directory."""
 
-    def __init__(self, cards=(), period=100, library=QUICK_EEPROM, top="eeprom_writer = true", api="", history=""):
+    def __init__(self, cards=(), period=100, library=QUICK_EEPROM, top="eeprom_writer = true", api="", history="", sim=()):
         self.dir = tempfile.mkdtemp(prefix="fxm-host-")
         os.chmod(self.dir, 0o755)
         self.socket = f"{self.dir}/fxmd.sock"
@@ -128,7 +128,7 @@ class Fabric:
         for port in (0, 1):
             self.cable(port)
         self.configure(top, api, history, library)
-        self.sim = subprocess.Popen([FXMSIM, "--port0", "card0", "--port1", "card1", "--period", str(period)],
+        self.sim = subprocess.Popen([FXMSIM, "--port0", "card0", "--port1", "card1", "--period", str(period), *sim],
                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         self.sim.stdout.readline()
         for card in cards:
