@@ -105,25 +105,31 @@ async function large(browser, minutes) {
     await made.stage.cards({ text: `fxio ${deviceId(n)} count=${DEVICES} ports=0 vlan=${vlan} server=${serverId(n)} connected=yes` })
   }
   await until(async () => (await made.stage.get({ path: '/v1/status' })).cards.well === CARDS, 'all cards are well', 120)
+  // In a window that is open already: a new one is work of the browser's own.
+  const page = await openPage(browser, made)
   const opened = []
-  let page
-  for (let n = 0; n < 3; ++n) {
-    await page?.context().close()
-    page = await openPage(browser, made)
+  for (let n = 0; n < 5; ++n) {
+    await new Promise((resume) => setTimeout(resume, 2000))
+    await page.reload()
     opened.push(await page.evaluate(() => new Promise((resolve) => {
       const look = () => (fxm.fabric.listed && document.querySelector('.rows .row') ? requestAnimationFrame(() => resolve(performance.now())) : setTimeout(look, 5))
       look()
     })))
   }
   if ((await page.evaluate(() => fxm.fabric.cards.size)) !== CARDS) throw new Error('the page does not have all cards')
-  report(`${CARDS} cards: from the address to a page with all, the slowest of 3`, Math.max(...opened), 'ms', 3000)
+  report(`${CARDS} cards: from the address to a page with all, the slowest of 5`, Math.max(...opened), 'ms', 3000)
   await longestDrawing(page)
-  report('map by server', await redraw(page, click('.map button', 'by server')), 'ms', 100)
-  report('map by VLAN', await redraw(page, click('.map button', 'by VLAN')), 'ms', 100)
-  report('a filter that leaves 1,024 cards', await redraw(page, setFilter('vlan=107')), 'ms', 100)
-  report('the filter is cleared', await redraw(page, setFilter('')), 'ms', 100)
-  report('sorted by partners', await redraw(page, click('.row.head button', 'Partners')), 'ms', 100)
-  report('sorted by card', await redraw(page, click('.row.head button', 'Card')), 'ms', 100)
+  for (const [what, there, back] of [
+    ['map by server', click('.map button', 'by server'), click('.map button', 'by VLAN')],
+    ['a filter that leaves 1,024 cards, and none', setFilter('vlan=107'), setFilter('')],
+    ['sorted by partners, and by card', click('.row.head button', 'Partners'), click('.row.head button', 'Card')],
+  ]) {
+    const times = []
+    for (let n = 0; n < 10; ++n) times.push(await redraw(page, n % 2 === 0 ? there : back))
+    times.sort((a, b) => a - b)
+    report(`${what}: median of 10 redraws`, times[5], 'ms', 100)
+    report('the same, the slowest', times[9], 'ms', 100)
+  }
   const seen = await scrollTable(page)
   report(`scrolling through the table in ${seen.frames} frames: with blank rows`, seen.blank, '', 0)
   report('the same, the longest frame', seen.longest, 'ms', 100)

@@ -27,6 +27,7 @@ class card_list : public http_source
         uint64_t after = 0;
         uint64_t limit = UINT64_MAX;
         bool ndjson = false;
+        bool rows = false; // lines of values; the first one names them
     };
 
     card_list(services *all, choice what) : all_(all), what_(std::move(what)), next_(what_.after), left_(what_.limit) {}
@@ -35,7 +36,11 @@ class card_list : public http_source
     {
         if (ended_)
             return state::end;
-        if (!begun_ && !what_.ndjson)
+        if (!begun_ && what_.rows) {
+            *out += R"({"schema":"fxm/1","fields":)";
+            write_names(out, what_.shown);
+            *out += "}\n";
+        } else if (!begun_ && !what_.ndjson)
             *out += fmt::format(R"({{"schema":"fxm/1","boot":"{}","seq":{},"cards":[)", all_->boot,
                                 all_->events->last_seq());
         begun_ = true;
@@ -45,18 +50,28 @@ class card_list : public http_source
     }
 
   private:
+    void put(std::string *out, const card &known) const
+    {
+        if (what_.rows) {
+            write_row(out, known, what_.shown);
+            *out += '\n';
+            return;
+        }
+        if (what_.ndjson)
+            *out += R"({"schema":"fxm/1",)";
+        else
+            *out += any_ ? ",{" : "{";
+        write_card(out, known, what_.shown);
+        *out += what_.ndjson ? "}\n" : "}";
+    }
+
     void step(std::string *out)
     {
         const uint64_t last = all_->cards->visit(
             next_, std::min<uint64_t>(STEP, left_), true,
             [&](const card &known) { return what_.wanted.empty() || what_.wanted.matches(facts_of(known)); },
             [&](const card &known) {
-                if (what_.ndjson)
-                    *out += R"({"schema":"fxm/1",)";
-                else
-                    *out += any_ ? ",{" : "{";
-                write_card(out, known, what_.shown);
-                *out += what_.ndjson ? "}\n" : "}";
+                put(out, known);
                 any_ = true;
                 --left_;
             });
@@ -94,13 +109,18 @@ static void list_cards(services &all, api_call &call)
             if (!limit || *limit == 0)
                 throw api_error("FXM_API_EINVAL", fmt::format("\"limit\" is \"{}\"; it must be 1 or more", value));
             what.limit = *limit;
+        } else if (key == "rows") {
+            if (value != "true" || !what.ndjson)
+                throw api_error("FXM_API_EINVAL", fmt::format("\"rows\" is \"{}\"", value),
+                                "write rows=true, with Accept: application/x-ndjson");
+            what.rows = true;
         } else if (key == "filter") {
             what.wanted = filter::parse(value);
         } else if (filter::is_key(key)) {
             what.wanted.add(key, value);
         } else {
             throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" is not known here", key),
-                            "possible are: fields, after, limit, filter, and the keys of a filter");
+                            "possible are: fields, rows, after, limit, filter, and the keys of a filter");
         }
     }
     http_reply reply;

@@ -172,7 +172,8 @@ static void show_history(services &all, api_call &call)
             reply.body += text;
             last = seq;
         });
-        reply.body += fmt::format("],\"next_seq\":{}}}\n", count == query.limit && !query.newest ? std::to_string(last) : "null");
+        reply.body +=
+            fmt::format("],\"next_seq\":{}}}\n", count == query.limit && !query.newest ? std::to_string(last) : "null");
         return reply;
     });
 }

@@ -194,7 +194,12 @@ struct member {
     void (*put)(text *out, const card &card);
 };
 
-// In the order of the document. `channels` appears in events part by part.
+template <int Port, int Mac> static void put_channel(text *out, const card &c)
+{
+    *out += channel_word(common(c.data), Port, Mac);
+}
+
+// In the order of the document. The parts of `channels` stand behind it: events name them, and a list can.
 static constexpr member members[] = {
     {"id", false, [](text *out, const card &c) { put_id(out, c.id); }},
     {"class", true, [](text *out, const card &c) { *out += fxsv(c.data) != nullptr ? "\"fxsv\"" : "\"fxio\""; }},
@@ -240,7 +245,12 @@ static constexpr member members[] = {
                  *out += "null";
          });
      }},
+    {"channels.p0m0", true, put_channel<0, 0>},
+    {"channels.p0m1", true, put_channel<0, 1>},
+    {"channels.p1m0", true, put_channel<1, 0>},
+    {"channels.p1m1", true, put_channel<1, 1>},
 };
+constexpr size_t WHOLE = std::size(members) - 4; // of them make the document
 
 // The members behind those, in the full document alone.
 static void put_received(text *out, const fxm_card_data_t &card)
@@ -349,7 +359,7 @@ static const member shared_details[] = {
 member_set member_set::all()
 {
     member_set result;
-    for (size_t i = 1; i < std::size(members); ++i)
+    for (size_t i = 1; i < WHOLE; ++i)
         result.members_.push_back(i);
     return result;
 }
@@ -388,6 +398,25 @@ void write_card(text *out, const card &card, const member_set &shown)
     put_id(out, card.id);
     for (const size_t i : shown.members_)
         put_member(out, members[i], card);
+}
+
+void write_names(text *out, const member_set &shown)
+{
+    *out += "[\"id\"";
+    for (const size_t i : shown.members_)
+        put(out, FMT_COMPILE(",\"{}\""), members[i].name);
+    *out += ']';
+}
+
+void write_row(text *out, const card &card, const member_set &shown)
+{
+    *out += '[';
+    put_id(out, card.id);
+    for (const size_t i : shown.members_) {
+        *out += ',';
+        members[i].put(out, card);
+    }
+    *out += ']';
 }
 
 void write_details(text *out, const card &card)
@@ -450,10 +479,6 @@ void write_changes(text *out, const card &before, const card &after)
     };
     for (const member &member : members)
         compare(member);
-    constexpr const char *channels[] = {"channels.p0m0", "channels.p0m1", "channels.p1m0", "channels.p1m1"};
-    for (size_t i = 0; i < 4; ++i)
-        put_change(&changes, channels[i], channel_word(common(before.data), i / 2, i % 2),
-                   channel_word(common(after.data), i / 2, i % 2));
     for (const member &member : shared_details)
         compare(member);
     const fxm_fxsv_t *old_server = fxsv(before.data);

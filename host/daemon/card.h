@@ -52,11 +52,17 @@ class member_set
 
   private:
     friend void write_card(std::string *out, const card &card, const member_set &members);
+    friend void write_names(std::string *out, const member_set &members);
+    friend void write_row(std::string *out, const card &card, const member_set &members);
     std::vector<size_t> members_;
 };
 
 // Appends `"id":"...",...`, without braces.
 void write_card(std::string *out, const card &card, const member_set &members);
+
+// The same as a row: the names once, and the values of each card in their order, as arrays.
+void write_names(std::string *out, const member_set &members);
+void write_row(std::string *out, const card &card, const member_set &members);
 
 // Appends the members of the full document that write_card does not have, with a comma in front.
 void write_details(std::string *out, const card &card);

@@ -94,7 +94,11 @@ class Documents(HostTest):
         first = f.get("/v1/cards?limit=2&fields=id,vlan")
         self.assertEqual(first["cards"], [{"id": SERVER, "vlan": 100}, {"id": SMALL, "vlan": 200}])
         self.assertEqual(ids(f"after={first['next']}"), [DEVICE, MULTI, LOOSE])
-        for query in ("state=bad", "colour=red", "fields=id,nothing", "limit=0", "after=x", "vlan=5000", "filter=x"):
+        names, *rows = map(json.loads, f.request("GET", "/v1/cards?class=fxio&fields=vlan,channels.p1m1&rows=true",
+                                                 headers={"Accept": "application/x-ndjson"}).splitlines())
+        self.assertEqual(names, {"schema": "fxm/1", "fields": ["id", "vlan", "channels.p1m1"]})
+        self.assertEqual(rows, [[DEVICE, 100, "up"], [MULTI, 100, "up"], [LOOSE, 200, None]])
+        for query in ("state=bad", "colour=red", "fields=id,nothing", "limit=0", "after=x", "vlan=5000", "filter=x", "rows=true"):
             self.refused(400, "FXM_API_EINVAL", f.get, f"/v1/cards?{query}")
 
 

@@ -41,20 +41,20 @@ export const remove = async (path) => (await send('DELETE', path)).json()
 
 const NDJSON = 'application/x-ndjson'
 
-// Calls `take` with each batch of parsed lines as it arrives. `began` gets the answer before the first line. The parsing
-// gives way now and then, so that a list of the whole fabric does not stop the page.
+// Calls `take` with each batch of parsed lines as it arrives. `began` gets the answer before the first line.
 export async function readLines(path, { signal, began, take }) {
   const answer = await send('GET', path, { accept: NDJSON, signal })
   began?.(answer)
-  const reader = answer.body.pipeThrough(new TextDecoderStream()).getReader()
+  const reader = answer.body.getReader()
+  const decoder = new TextDecoder()
   let rest = ''
   for (;;) {
     const { done, value } = await reader.read()
     if (done) return
-    const lines = (rest + value).split('\n')
-    rest = lines.pop()
-    const batch = []
-    for (const line of lines) if (line) batch.push(JSON.parse(line))
-    take(batch)
+    const text = rest + decoder.decode(value, { stream: true })
+    const end = text.lastIndexOf('\n')
+    rest = text.slice(end + 1)
+    // Parsed as one array, many lines take a fraction of the time. An empty line shows that the connection lives.
+    take(JSON.parse(`[${text.slice(0, end + 1).trim().replace(/\n+/g, ',')}]`))
   }
 }

@@ -6,37 +6,42 @@ const CHANNELS = ['p0m0', 'p0m1', 'p1m0', 'p1m1']
 const MOST_EVENTS = 1000
 const MOST_JOBS = 1000
 
-// The members of a list that a card is made of.
-export const FIELDS =
-  'id,class,generation,vlan,health,channels,int_vector,partners,down_port_count,vendor,device,updated_ms'
+// The members of a card that the page keeps, in the order of the rows of a list.
+export const FIELDS = [
+  'id', 'class', 'generation', 'vlan', 'health', 'int_vector', 'partners', 'down_port_count', 'vendor', 'device', 'updated_ms',
+  ...CHANNELS.map((name) => `channels.${name}`),
+]
 
-// A card keeps what the map, the table and the filter need, as numbers where it can. Lists are long, so this and the next
-// function say the same twice: what a document has, and what a change of one member says.
-function makeCard(document) {
+// A card keeps what the map, the table and the filter need, as numbers where it can. Lists are long, so this and
+// setMember() say the same twice: what a row has, and what a change of one member says.
+function cardOfRow(row) {
   let up = 0
   let known = 0
   for (let i = 0; i < CHANNELS.length; ++i) {
-    const state = document.channels[CHANNELS[i]]
+    const state = row[11 + i]
     if (state === 'up') up |= 1 << i
     if (state !== null) known |= 1 << i
   }
   return {
-    id: document.id,
-    number: numberOfId(document.id),
-    kind: CLASSES.indexOf(document.class),
-    is40g: document.generation === '40G',
-    vlan: document.vlan,
-    health: HEALTH.indexOf(document.health),
+    id: row[0],
+    number: numberOfId(row[0]),
+    kind: row[1] === CLASSES[0] ? 0 : 1,
+    is40g: row[2] === '40G',
+    vlan: row[3],
+    health: HEALTH.indexOf(row[4]),
+    int: row[5],
+    partners: row[6].map(numberOfId),
+    downPorts: row[7],
+    vendor: row[8],
+    device: row[9],
+    changed: row[10] ?? 0,
     up,
     known,
-    int: document.int_vector,
-    partners: document.partners.map(numberOfId),
-    downPorts: document.down_port_count,
-    vendor: document.vendor,
-    device: document.device,
-    changed: document.updated_ms ?? 0,
+    listing: 0, // the last list that had it
   }
 }
+
+const rowOf = (document) => FIELDS.map((name) => (name.startsWith('channels.') ? document.channels[name.slice(9)] : document[name]))
 
 function setMember(card, name, value) {
   switch (name) {
@@ -75,6 +80,7 @@ export class Fabric {
     this.seq = 0 // of the last event seen
     this.gaps = 0 // that fxmd has told
     this.counts = HEALTH.map(() => 0)
+    this.listing = 0 // counts the lists
     this.listed = false // a whole list has been seen
     this.listedAt = 0 // the last event in it
     this.version = 0 // rises with each change
@@ -111,36 +117,32 @@ export class Fabric {
   // A list replaces what was there, one batch after the other; `finish` drops what it did not name. It holds what the
   // events up to `seq` changed.
   beginList(seq) {
-    this.pending = new Set()
+    this.listing += 1
     this.listedAt = seq
   }
 
-  takeList(documents) {
-    for (const document of documents) {
-      this.pending.add(document.id)
-      this.put(document)
-    }
+  takeList(rows) {
+    for (const row of rows) this.put(row).listing = this.listing
   }
 
   finishList() {
-    for (const id of this.cards.keys()) if (!this.pending.has(id)) this.drop(id)
-    this.pending = null
+    for (const [id, card] of this.cards) if (card.listing !== this.listing) this.drop(id)
     this.listed = true
     this.touch()
   }
 
-  put(document) {
-    const old = this.cards.get(document.id)
-    const card = makeCard(document)
-    if (old) {
-      // Whoever holds the record goes on with it.
-      this.counts[old.health] -= 1
-      Object.assign(old, card)
-    } else {
+  put(row) {
+    const old = this.cards.get(row[0])
+    const card = cardOfRow(row)
+    this.counts[card.health] += 1
+    if (!old) {
       this.cards.set(card.id, card)
       this.added.push(card)
+      return card
     }
-    this.counts[card.health] += 1
+    // Whoever holds the record goes on with it.
+    this.counts[old.health] -= 1
+    return Object.assign(old, card)
   }
 
   drop(id) {
@@ -191,7 +193,7 @@ export class Fabric {
       return
     }
     if (event.now) {
-      this.put(event.now)
+      this.put(rowOf(event.now))
       return
     }
     const card = this.cards.get(event.card)

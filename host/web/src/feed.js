@@ -8,26 +8,29 @@ const SILENCE = 40000 // ms; fxmd says something every 15 s
 const SHORTEST_WAIT = 250 // ms before the first new attempt
 const LONGEST_WAIT = 4000
 const MOST_HISTORY = 1000 // events that are taken from the history at once
+const BACKLOG = 300 // events of the past that a new page shows
 
 export class Feed {
-  // `onState` gets "connecting", "listing" with the number of cards so far, "live", "waiting" (no connection), or "denied"
-  // with what fxmd said.
-  constructor(fabric, onState) {
+  constructor(fabric) {
     this.fabric = fabric
-    this.onState = onState
     this.waiting = null // events that wait for the end of a list
-    this.stopped = false
+    // "connecting", "listing" with the number of cards so far, "live", "waiting" (no connection), or "denied" with what
+    // fxmd said.
+    this.state = 'connecting'
+    this.more = null
+    this.listener = () => {}
   }
 
-  stop() {
-    this.stopped = true
-    this.abort?.abort()
+  onState(state, more = null) {
+    this.state = state
+    this.more = more
+    this.listener()
   }
 
   async run() {
     let wait = SHORTEST_WAIT
     this.onState('connecting')
-    while (!this.stopped) {
+    for (;;) {
       this.abort = new AbortController()
       let isDenied = false
       try {
@@ -39,7 +42,7 @@ export class Feed {
       this.abort.abort()
       this.waiting = null
       this.listAbort?.abort()
-      if (this.stopped || isDenied) return
+      if (isDenied) return
       this.onState('waiting')
       await new Promise((resume) => setTimeout(resume, wait))
       wait = Math.min(2 * wait, LONGEST_WAIT)
@@ -97,16 +100,18 @@ export class Feed {
     const { signal } = this.listAbort
     const waiting = []
     this.waiting = waiting
+    let listed = -1 // the first line names the members
     try {
       const [past, { jobs }] = await Promise.all([
         this.past(from, to, notice?.type === 'gap', signal),
         get('/v1/jobs', { signal }),
-        readLines(`/v1/cards?fields=${FIELDS}`, {
+        readLines(`/v1/cards?rows=true&fields=${FIELDS}`, {
           signal,
           began: (answer) => fabric.beginList(Number(answer.headers.get('Fxm-Position').split('.')[1])),
-          take: (cards) => {
-            fabric.takeList(cards)
-            this.onState('listing', fabric.pending.size)
+          take: (rows) => {
+            fabric.takeList(listed < 0 ? rows.slice(1) : rows)
+            listed += rows.length
+            this.onState('listing', listed)
           },
         }),
       ])
@@ -128,7 +133,7 @@ export class Feed {
   async past(from, to, isGap, signal) {
     const after = Math.max(from, isGap ? to - MOST_HISTORY : 0)
     try {
-      const found = await get(`/v1/history?after_seq=${after}&newest=${!isGap}&limit=${MOST_HISTORY}`, { signal })
+      const found = await get(`/v1/history?after_seq=${after}&newest=${!isGap}&limit=${this.fabric.listed ? MOST_HISTORY : BACKLOG}`, { signal })
       return found.events.filter((event) => event.seq <= to)
     } catch {
       return [] // the history can be switched off

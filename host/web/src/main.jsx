@@ -17,6 +17,7 @@ import { clock, duration, number } from './words.js'
 const LEAST_PAUSE = 40 // ms between two drawings
 const REST = 4 // at least so many times as long as a drawing took, so that the page stays at hand
 const STATUS = 2000 // ms between two looks at the status
+const STEP = 8192 // cards between two steps of the progress of a list
 
 // Where the user is stands in the address: #filter=...&card=...&map=server. It can be kept, sent and gone back to.
 const readPlace = () => new URLSearchParams(location.hash.slice(1))
@@ -142,7 +143,7 @@ function Head({ fabric, status, link, listed, filter, setFilter, theme, chooseTh
     <header class="head">
       <div class="bar">
         <h1>fxm</h1>
-        <span class={`link-state ${link}`} role="status">{LINKS[link]}{listed > 0 && `: ${number(1000 * listed)}`}</span>
+        <span class={`link-state ${link}`} role="status">{LINKS[link]}{listed > 0 && `: ${number(listed)}`}</span>
         {status && <span class="muted wide">fxmd {status.version}, up {duration(status.time_ms - status.started_ms)}, your role: {status.role}</span>}
         <div class="choice right" role="group" aria-label="Colours of the page">
           {['auto', 'light', 'dark'].map((value) => <button type="button" aria-pressed={theme === value} onClick={() => chooseTheme(value)}>{value}</button>)}
@@ -191,11 +192,23 @@ function useFilter(given) {
   }, [given])
 }
 
-function App({ fabric }) {
-  const [link, setLink] = useState('connecting')
-  const [listed, setListed] = useState(0) // thousands of cards of a list that arrives
-  const [denied, setDenied] = useState(null)
-  const [attempt, setAttempt] = useState(0)
+// The state of the feed: its word, what goes with it, and the cards of a list that arrives, in steps.
+function useFeed(feed) {
+  const read = () => [feed.state, feed.state === 'denied' ? feed.more : null, feed.state === 'listing' ? Math.floor(feed.more / STEP) * STEP : 0]
+  const [state, setState] = useState(read)
+  useEffect(() => {
+    feed.listener = () => setState((old) => {
+      const now = read()
+      return now.every((value, i) => value === old[i]) ? old : now
+    })
+    feed.listener()
+    return () => { feed.listener = () => {} }
+  }, [])
+  return state
+}
+
+function App({ fabric, feed }) {
+  const [link, denied, listed] = useFeed(feed)
   const [place, change] = usePlace()
   const [theme, themeChoice, chooseTheme] = useTheme()
   const [sort, setSort] = useState({ column: 1, down: false })
@@ -207,15 +220,6 @@ function App({ fabric }) {
   const mode = place.get('map') === 'server' ? 'server' : 'vlan'
   const selectedId = place.get('card')
 
-  useEffect(() => {
-    const feed = new Feed(fabric, (state, more) => {
-      if (state === 'denied') setDenied(more)
-      else setLink(state)
-      setListed(state === 'listing' ? Math.floor(more / 1000) : 0)
-    })
-    feed.run()
-    return () => feed.stop()
-  }, [attempt])
   useEffect(() => {
     if (link === 'live') get('/v1/registers').then((found) => setRegisters(found.registers), () => {})
   }, [link])
@@ -235,7 +239,7 @@ function App({ fabric }) {
   useEffect(() => { document.title = bad > 0 ? `(${bad}) fxm` : 'fxm' }, [bad])
 
   if (denied)
-    return <Login failure={denied} onToken={(text) => { token.set(text); setDenied(null); setAttempt(attempt + 1) }} />
+    return <Login failure={denied} onToken={(text) => { token.set(text); feed.run() }} />
   const open = (card) => change('card', typeof card === 'string' ? card : card.id)
   const selected = selectedId ? (fabric.cards.get(selectedId) ?? null) : null
   return (
@@ -245,7 +249,7 @@ function App({ fabric }) {
         <FabricMap cards={inOrder} version={version} theme={theme} mode={mode} setMode={(value) => change('map', value === 'vlan' ? null : value)} selected={selected} onOpen={open} />
         <CardTable cards={sorted} total={fabric.cards.size} sort={sort} setSort={setSort} selected={selected} onOpen={open} />
         <EventList fabric={fabric} filter={filter} onOpen={open} />
-        <Curves theme={theme} boot={fabric.boot} />
+        {fabric.listed && <Curves theme={theme} boot={fabric.boot} />}
       </main>
       {selectedId && parseId(selectedId) !== null && (
         <Drawer id={selectedId} fabric={fabric} role={status?.role} status={status} registers={registers} onOpen={open} onClose={() => change('card', null)} />
@@ -256,6 +260,8 @@ function App({ fabric }) {
 }
 
 const fabric = new Fabric()
+const feed = new Feed(fabric)
+feed.run() // before the first drawing, which would only delay it
 // For tests and for the curious: the copy of the fabric, and how long the last drawings took, in ms.
 window.fxm = { fabric, drawings: [] }
-render(<App fabric={fabric} />, document.getElementById('page'))
+render(<App fabric={fabric} feed={feed} />, document.getElementById('page'))

@@ -26,7 +26,7 @@ function pixel(colour) {
 export class Painter {
   constructor(canvas) {
     this.canvas = canvas
-    this.context = canvas.getContext('2d', { alpha: false })
+    this.context = canvas.getContext('2d', { alpha: false, willReadFrequently: true })
   }
 
   resize(width, height, scale) {
@@ -92,69 +92,74 @@ export class Painter {
     context.putImageData(this.image, 0, 0)
   }
 
-  // FXSV cards are squares, FXIO cards are round. Degraded: the lower half; error: a bar; lost: a frame; unmonitored: a dot.
+  // A picture of each shape is made once, and then copied for each cell.
   drawShapes(layout, top, bottom, colour, note, noteGroup) {
     const { context, canvas, scale } = this
-    context.setTransform(scale, 0, 0, scale, 0, 0)
-    context.fillStyle = colour.ground
-    context.fillRect(0, 0, canvas.width / scale, canvas.height / scale)
     const isNamed = layout.size >= NAMES_FROM
     const size = isNamed ? layout.size - 18 : layout.size - 2
-    const names = []
-    const paths = colour.health.map(() => new Path2D())
-    const frames = new Path2D()
-    const bars = new Path2D()
-    const outline = (path, card, x, y, edge) => {
-      if (card.kind === 0) {
-        path.rect(x, y, edge, edge)
-      } else {
-        path.moveTo(x + edge, y + edge / 2)
-        path.arc(x + edge / 2, y + edge / 2, edge / 2, 0, 2 * Math.PI)
-      }
+    if (this.spritesFor !== `${size} ${scale} ${colour.health}`) {
+      this.sprites = [0, 1].flatMap((kind) => colour.health.map((fill, health) => sprite(kind, health, fill, colour.ground, size, scale)))
+      this.spritesFor = `${size} ${scale} ${colour.health}`
     }
+    context.setTransform(1, 0, 0, 1, 0, 0)
+    context.fillStyle = colour.ground
+    context.fillRect(0, 0, canvas.width, canvas.height)
+    const names = []
     eachCell(layout, top, bottom, (card, x, height) => {
       const y = height - top
       note(card, x, height)
       if (isNamed) names.push([card.id.slice(9), x, y + size + 3])
-      switch (card.health) {
-        case 1:
-          outline(frames, card, x + 0.75, y + 0.75, size - 1.5)
-          if (card.kind === 0) {
-            paths[1].rect(x + 1, y + size / 2, size - 2, size / 2 - 1)
-          } else {
-            paths[1].moveTo(x + size / 2, y + size / 2)
-            paths[1].arc(x + size / 2, y + size / 2, size / 2 - 1, 0, Math.PI)
-          }
-          break
-        case 2:
-          outline(paths[2], card, x, y, size)
-          bars.rect(x + size / 2 - size / 10, y + size / 5, size / 5, (3 * size) / 5)
-          break
-        case 3:
-          outline(paths[3], card, x + 0.75, y + 0.75, size - 1.5)
-          break
-        case 4:
-          outline(paths[4], card, x + size / 3, y + size / 3, size / 3)
-          break
-        default:
-          outline(paths[0], card, x, y, size)
-      }
+      context.drawImage(this.sprites[card.kind * colour.health.length + card.health], Math.round(x * scale), Math.round(y * scale))
     }, noteGroup)
-    context.lineWidth = 1.5
-    colour.health.forEach((fill, health) => {
-      context.fillStyle = fill
-      context.strokeStyle = fill
-      if (health === 3) context.stroke(paths[health])
-      else context.fill(paths[health])
-      if (health === 1) context.stroke(frames)
-    })
-    context.fillStyle = colour.ground
-    context.fill(bars)
+    context.setTransform(scale, 0, 0, scale, 0, 0)
     context.font = '11px ui-monospace, monospace'
     context.textBaseline = 'top'
     context.fillStyle = colour.text
     for (const [name, x, y] of names) context.fillText(name, x, y)
   }
+}
+
+// FXSV cards are squares, FXIO cards are round. Degraded: the lower half; error: a bar; lost: a frame; unmonitored: a dot.
+function sprite(kind, health, fill, ground, size, scale) {
+  const canvas = document.createElement('canvas')
+  canvas.width = Math.ceil(size * scale)
+  canvas.height = canvas.width
+  const context = canvas.getContext('2d')
+  context.scale(scale, scale)
+  context.fillStyle = fill
+  context.strokeStyle = fill
+  context.lineWidth = 1.5
+  const outline = (at, edge) => {
+    context.beginPath()
+    if (kind === 0) context.rect(at, at, edge, edge)
+    else context.arc(size / 2, size / 2, edge / 2, 0, 2 * Math.PI)
+  }
+  switch (health) {
+    case 1:
+      outline(0.75, size - 1.5)
+      context.stroke()
+      context.clip()
+      context.fillRect(0, size / 2, size, size / 2)
+      break
+    case 2:
+      outline(0, size)
+      context.fill()
+      context.fillStyle = ground
+      context.fillRect(size / 2 - size / 10, size / 5, size / 5, (3 * size) / 5)
+      break
+    case 3:
+      outline(0.75, size - 1.5)
+      context.stroke()
+      break
+    case 4:
+      outline(size / 3, size / 3)
+      context.fill()
+      break
+    default:
+      outline(0, size)
+      context.fill()
+  }
+  return canvas
 }
 
 // The first of the texts that fits.
