@@ -74,9 +74,9 @@ WORDS = ["v1", "cards", "registers", "jobs", "events", "status", "history", "min
          SERVER, SMALL, "02:00:00:00:10:01", "0x1000", "eeprom.lock", "0", "-1", "%00", "..", "%2e%2e", "💥", "a" * 3000, ""]
 ROUTES = ["cards", "cards/*", "cards/*/registers", "cards/*/registers/*", "cards/*/vlan", "cards/*/monitor", "cards/*/reset",
           "cards/*/pages/*", "cards/*/eeprom-lock", "jobs", "jobs/*", "events", "status", "ports", "stats", "topology", "history",
-          "history/minutes", "log", "log/level", "log/status-dump", "schema", "reload"]
+          "history/minutes", "log", "registers", "log/level", "log/status-dump", "schema", "reload"]
 PARTS = [DEVICE, SERVER, SMALL, "0x1000", "eeprom.lock", "1", "3"]
-NAMES = ["after", "filter", "fields", "limit", "start", "end", "state", "vlan", "id", "since_ms", "card", "type", "dry_run",
+NAMES = ["after", "filter", "fields", "rows", "limit", "newest", "start", "end", "state", "vlan", "id", "since_ms", "card", "type", "dry_run",
          "value", "mask", "verify", "kind", "words", "force", "data", "status", "monitored", "level", "retries", "interval_ms"]
 KINDS = ["eeprom-dump", "eeprom-compare", "eeprom-restore", "eeprom-write", "register-dump", "vlan"]
 VALUES = ["", "1", "-1", "0x10", "4294967296", "1e400", "true", "null", "nan", "x" * 500, SERVER, "02:00:*", "state=lost",
@@ -103,6 +103,8 @@ def random_request(dice):
     if dice.random() < 0.6:  # most of what is behind the router is only reached by a path that exists
         path = "/v1/" + "/".join(dice.choice(PARTS if dice.random() < 0.9 else WORDS) if word == "*" else word
                                  for word in dice.choice(ROUTES).split("/"))
+    elif dice.random() < 0.1:
+        path = dice.choice(["/", "/metrics", "/favicon.ico"])
     else:
         path = dice.choice(["/", "/v1/"]) + "/".join(dice.choice(WORDS) for _ in range(dice.randrange(7)))
     query = "&".join(f"{dice.choice(NAMES)}={dice.choice(VALUES)}" for _ in range(max(0, dice.randrange(-3, 4))))
@@ -114,7 +116,7 @@ def random_request(dice):
         body = b"x" * dice.choice([65536, 65537, 200000])
     length = dice.choice([len(body), len(body), len(body), len(body), 0, len(body) + 1, -1, "x", 2**64])
     lines = [f"{method} {path}{'?' + query if query else ''} HTTP/1.1", f"Content-Length: {length}", "Host: x"]
-    lines += dice.choice([[], ["Accept: text/event-stream"], ["Accept: application/x-ndjson"], ["Transfer-Encoding: chunked"],
+    lines += dice.choice([[], ["Origin: http://x"], ["Origin: http://y"], ["Accept: text/event-stream"], ["Accept: application/x-ndjson"], ["Transfer-Encoding: chunked"],
                           ["X: " + "y" * 5000], ["Authorization: Bearer " + "z" * 300], [":", "\0: \0"]])
     text = ("\r\n".join(lines) + "\r\n\r\n").encode("utf-8", "surrogateescape") + body
     if dice.random() < 0.3:

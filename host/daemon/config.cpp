@@ -110,7 +110,8 @@ static const key keys[] = {
     {"api", "listen",
      text_key{&config::listen, "", is_listen, "a loopback address with a port, such as 127.0.0.1:8610, or nothing"},
      false,
-     "A loopback address for the API, such as \"127.0.0.1:8610\". Prometheus reads /metrics there. Empty: none."},
+     "A loopback address for the API, such as \"127.0.0.1:8610\". Browsers open the page there, and Prometheus reads "
+     "/metrics. Empty: none."},
     {"api", "token_file", text_key{&config::token_file, "", is_empty_or_absolute, "an absolute path, or nothing"}, true,
      "Who may use that address: a file with lines such as \"view TOKEN\". Required with listen; not readable by "
      "others."},
