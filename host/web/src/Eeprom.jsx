@@ -28,15 +28,19 @@ async function readFile(file) {
   return Array.from({ length: SIZE / 4 }, (_, i) => bytes.getUint32(4 * i, true))
 }
 
-// Waits for the end of a job, and throws what it failed with.
-async function finish(job) {
-  let last = job
-  while (last.ended_ms === null) {
+// Runs a job to its end, and throws what kept it from being done, with what it has written until then.
+async function runJob(request) {
+  let job = await post('/v1/jobs', request)
+  while (job.ended_ms === null) {
     await new Promise((resume) => setTimeout(resume, LOOK))
-    last = await get(`/v1/jobs/${job.job}`)
+    job = await get(`/v1/jobs/${job.job}`)
   }
-  if (last.state === 'failed') throw Object.assign(new Error(last.error.message), { hint: last.error.hint })
-  return last
+  if (job.state === 'done') return job.result
+  const { written, left } = job.result ?? {}
+  const rest = left ? `; ${written.length} words are written, ${left.length} are left` : ''
+  const failure = new Error(`${job.error?.message ?? `job ${job.job} was cancelled`}${rest}`)
+  failure.hint = left?.length > 0 ? 'restore from the file again to finish it' : job.error?.hint
+  throw failure
 }
 
 function JobLine({ job, mayWrite }) {
@@ -68,30 +72,27 @@ export function Eeprom({ record, mayWrite, isWriter, jobs, target }) {
     picker.current.value = ''
     picker.current.click()
   }
-  const job = async (request) => finish(await post('/v1/jobs', { card, ...request }))
+  const job = (request) => runJob({ card, ...request })
   const dump = async () => {
-    const { state: end, result } = await job({ kind: 'eeprom-dump' })
-    if (end === 'cancelled') return 'The dump was cancelled.'
-    save(result.words, fileName(card, '.bin'))
-    return `${result.words.length} words read and saved.`
+    const { words } = await job({ kind: 'eeprom-dump' })
+    save(words, fileName(card, '.bin'))
+    return `${words.length} words read and saved.`
   }
   const compare = async (file) => {
-    const { result } = await job({ kind: 'eeprom-compare', words: await readFile(file) })
-    const first = result.differing.slice(0, 8).map((word) => `0x${hex(word.address, 3)}: card 0x${hex(word.card)}, file 0x${hex(word.file)}`)
-    return `${result.differing.length} of ${SIZE / 4} words differ from ${file.name}. ${first.join('; ')}${result.differing.length > first.length ? ' \u2026' : ''}`
+    const { differing } = await job({ kind: 'eeprom-compare', words: await readFile(file) })
+    const first = differing.slice(0, 8).map((word) => `0x${hex(word.address, 3)}: card 0x${hex(word.card)}, file 0x${hex(word.file)}`)
+    return `${differing.length} of ${SIZE / 4} words differ from ${file.name}. ${first.join('; ')}${differing.length > first.length ? ' \u2026' : ''}`
   }
   const restore = async (file) => {
     const words = await readFile(file)
-    const trial = await job({ kind: 'eeprom-restore', words, dry_run: true })
-    const differing = trial.result.differing.length
-    if (differing === 0) return `The EEPROM holds ${file.name} already.`
-    const details = <p>{`${differing} of ${SIZE / 4} words differ from ${file.name}. The words of now are saved as a backup.`}</p>
-    if (!(await ask({ title: 'Restore the EEPROM', target, action: `Write ${differing} words`, details }))) return ''
+    const { differing } = await job({ kind: 'eeprom-restore', words, dry_run: true })
+    if (differing.length === 0) return `The EEPROM holds ${file.name} already.`
+    const details = <p>{`${differing.length} of ${SIZE / 4} words differ from ${file.name}. The words of now are saved as a backup.`}</p>
+    if (!(await ask({ title: 'Restore the EEPROM', target, action: `Write ${differing.length} words`, details }))) return ''
     // Before the first write: nothing else keeps what is lost if this page goes away in the middle.
-    const backup = await job({ kind: 'eeprom-dump' })
-    save(backup.result.words, fileName(card, '-backup.bin'))
-    const { result, state: end } = await job({ kind: 'eeprom-restore', words })
-    return `${end}: ${result.written.length} words written, ${result.left.length} left.`
+    save((await job({ kind: 'eeprom-dump' })).words, fileName(card, '-backup.bin'))
+    const { written, left } = await job({ kind: 'eeprom-restore', words })
+    return `Done: ${written.length} words written, ${left.length} left.`
   }
   const own = [...jobs.values()].filter((known) => known.card === card).sort((a, b) => b.job - a.job).slice(0, MOST_JOBS)
   return (

@@ -21,7 +21,7 @@ export function EventList({ fabric, filter, onOpen }) {
     const card = filter.isEmpty || !event.card ? null : fabric.cards.get(event.card)
     if (filter.isEmpty || !event.card || (card && filter.matches(card))) shown.push(event)
   }
-  const newer = held ? fabric.seq - (held.at(-1)?.seq ?? fabric.seq) : 0
+  const newer = held ? fabric.events.filter((event) => event.seq > (held.findLast(({ seq }) => seq)?.seq ?? 0)).length : 0
   return (
     <section class="panel events" aria-label="Events">
       <div class="bar">

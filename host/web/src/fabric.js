@@ -188,12 +188,12 @@ export class Fabric {
   }
 
   change(event) {
-    if (event.kinds.includes('delete')) {
-      this.drop(event.card)
-      return
-    }
     if (event.now) {
       this.put(rowOf(event.now))
+      return
+    }
+    if (event.kinds.includes('delete')) {
+      this.drop(event.card)
       return
     }
     const card = this.cards.get(event.card)

@@ -9,7 +9,7 @@ import { EventList } from './Events.jsx'
 import { Fabric } from './fabric.js'
 import { Feed } from './feed.js'
 import { HEALTH, parseFilter, withWord } from './filter.js'
-import { parseId } from './ids.js'
+import { formatId, parseId } from './ids.js'
 import { FabricMap } from './Map.jsx'
 import { CardTable, sortCards } from './Table.jsx'
 import { clock, duration, number } from './words.js'
@@ -74,6 +74,7 @@ function useVersion(fabric) {
         setVersion(fabric.version)
       }, document.hidden ? 1000 : pause.current)
     }
+    fabric.listener() // what has come before
     return () => { fabric.listener = () => {} }
   }, [])
   // Runs when the drawing is done.
@@ -218,7 +219,8 @@ function App({ fabric, feed }) {
   const status = useStatus(link === 'live' || link === 'listing')
   const filter = useFilter(place.get('filter') ?? '')
   const mode = place.get('map') === 'server' ? 'server' : 'vlan'
-  const selectedId = place.get('card')
+  const selectedNumber = parseId(place.get('card') ?? '')
+  const selectedId = selectedNumber === null ? null : formatId(selectedNumber)
 
   useEffect(() => {
     if (link === 'live') get('/v1/registers').then((found) => setRegisters(found.registers), () => {})
@@ -251,7 +253,7 @@ function App({ fabric, feed }) {
         <EventList fabric={fabric} filter={filter} onOpen={open} />
         {fabric.listed && <Curves theme={theme} boot={fabric.boot} />}
       </main>
-      {selectedId && parseId(selectedId) !== null && (
+      {selectedId && (
         <Drawer id={selectedId} fabric={fabric} role={status?.role} status={status} registers={registers} onOpen={open} onClose={() => change('card', null)} />
       )}
       <AskDialog />

@@ -140,7 +140,7 @@ test('an EEPROM is dumped and restored with a bar, and a reset wants its VLAN ty
   const backup = page.waitForEvent('download', { timeout: 120000 })
   await page.click('dialog button.danger')
   assert.notDeepEqual(readFileSync(await (await backup).path()), image)
-  await outcome(page, 'EEPROM', /^done: 2 words written, 0 left\.$/)
+  await outcome(page, 'EEPROM', /^Done: 2 words written, 0 left\.$/)
   assert.deepEqual(await save('Dump to a file'), image)
 
   await page.getByText('Reset', { exact: true }).click()
