@@ -1,5 +1,7 @@
 #include "common/registers.h"
 
+#include <fmt/format.h>
+
 namespace fxm
 {
 
@@ -38,6 +40,28 @@ static constexpr register_info table[] = {
 };
 
 std::span<const register_info> register_table() { return table; }
+
+// The texts of the table need no escapes.
+std::string registers_document()
+{
+    std::string text = R"({"schema":"fxm/1","registers":[)";
+    for (const register_info &info : table) {
+        const char *of =
+            info.of == generation::any ? "null" : (info.of == generation::only_40g ? R"("40G")" : R"("1/10G")");
+        text += fmt::format(R"({}{{"address":{},"name":"{}","generation":{},"purpose":"{}","fields":[)",
+                            &info == table ? "" : ",", info.address, info.name, of, info.purpose);
+        for (const register_field &field : info.fields) {
+            text += fmt::format(R"({}{{"name":"{}","first_bit":{},"bits":{},"words":[)",
+                                &field == info.fields.data() ? "" : ",", field.name, field.first_bit, field.bits);
+            for (const register_word &word : field.words)
+                text += fmt::format(R"({}{{"value":{},"text":"{}"}})", &word == field.words.data() ? "" : ",",
+                                    word.value, word.text);
+            text += "]}";
+        }
+        text += "]}";
+    }
+    return text + "]}\n";
+}
 
 static bool is_of(const register_info &info, bool is_40g)
 {

@@ -1,9 +1,11 @@
-// The registers of a card that have a name, with their fields: one table for the command line and the API.
+// The registers of a card that have a name, with their fields: one table for the command line, the API, the page and
+// the dissector.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 
 namespace fxm
@@ -32,6 +34,9 @@ struct register_info {
 };
 
 std::span<const register_info> register_table();
+
+// The whole table as a document of the API, with a newline.
+std::string registers_document();
 
 // By name, or null. `is_40g` selects among addresses that depend on the generation.
 const register_info *find_register(std::string_view name, bool is_40g);

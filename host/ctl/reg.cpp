@@ -101,32 +101,10 @@ static const char *cards_of(const register_info &info)
     return info.of == generation::any ? "all" : (info.of == generation::only_40g ? "40G" : "1/10G");
 }
 
-// With -j everything that is known of the registers, for programs that show them without fxmd.
-static json::array describe_names()
-{
-    json::array names;
-    for (const register_info &info : register_table()) {
-        json::array fields;
-        for (const register_field &field : info.fields) {
-            json::array words;
-            for (const register_word &word : field.words)
-                words.push_back(json::object{{"value", word.value}, {"text", word.text}});
-            fields.push_back(json::object{
-                {"name", field.name}, {"first_bit", field.first_bit}, {"bits", field.bits}, {"words", words}});
-        }
-        names.push_back(json::object{{"address", info.address},
-                                     {"cards", cards_of(info)},
-                                     {"name", info.name},
-                                     {"purpose", info.purpose},
-                                     {"fields", fields}});
-    }
-    return names;
-}
-
 static int print_names(session *all)
 {
     if (all->how.json) {
-        put(json::serialize(json::object{{"schema", "fxm/1"}, {"registers", describe_names()}}) + "\n");
+        put(registers_document());
         return EXIT_DONE;
     }
     table shown({"ADDRESS", "CARDS", "NAME", "PURPOSE"});

@@ -8,8 +8,6 @@
 namespace fxm
 {
 
-namespace json = boost::json;
-
 // The page names in itself the only script and the only style that may run, by their hashes. As a header the policy also
 // keeps other pages from framing this one.
 static std::string policy_of_page()
@@ -46,30 +44,9 @@ static void show_icon(services &, api_call &call)
 
 static void show_registers(services &, api_call &call)
 {
-    json::array registers;
-    for (const register_info &info : register_table()) {
-        json::array fields;
-        for (const register_field &field : info.fields) {
-            json::array words;
-            for (const register_word &word : field.words)
-                words.push_back(json::object{{"value", word.value}, {"text", word.text}});
-            fields.push_back(json::object{{"name", field.name},
-                                          {"first_bit", field.first_bit},
-                                          {"bits", field.bits},
-                                          {"words", std::move(words)}});
-        }
-        json::value generation;
-        if (info.of != generation::any)
-            generation = info.of == generation::only_40g ? "40G" : "1/10G";
-        registers.push_back(json::object{{"address", info.address},
-                                         {"name", info.name},
-                                         {"generation", std::move(generation)},
-                                         {"purpose", info.purpose},
-                                         {"fields", std::move(fields)}});
-    }
-    json::object made = document();
-    made["registers"] = std::move(registers);
-    call.answer(json_reply(made));
+    http_reply reply;
+    reply.body = registers_document();
+    call.answer(std::move(reply));
 }
 
 std::span<const route> page_routes()

@@ -144,7 +144,7 @@ def lua_registers():
     done = subprocess.run([FXMCTL, "-j", "reg", "--names"], capture_output=True, text=True, check=True)
     lines = ["local registers = {"]
     for register in json.loads(done.stdout)["registers"]:
-        head = f'    {{ address = 0x{register["address"]:04x}, cards = "{register["cards"]}", name = "{register["name"]}"'
+        head = f'    {{ address = 0x{register["address"]:04x}, cards = "{register["generation"] or "all"}", name = "{register["name"]}"'
         lines.append(head + ", fields = {" + ("" if register["fields"] else "} },"))
         for field in register["fields"]:
             words = ", ".join(f'[{word["value"]}] = "{word["text"]}"' for word in field["words"])
