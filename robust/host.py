@@ -115,8 +115,9 @@ def random_request(dice):
     if dice.random() < 0.02:
         body = b"x" * dice.choice([65536, 65537, 200000])
     length = dice.choice([len(body), len(body), len(body), len(body), 0, len(body) + 1, -1, "x", 2**64])
-    lines = [f"{method} {path}{'?' + query if query else ''} HTTP/1.1", f"Content-Length: {length}", "Host: x"]
-    lines += dice.choice([[], ["Origin: http://x"], ["Origin: http://y"], ["Accept: text/event-stream"], ["Accept: application/x-ndjson"], ["Transfer-Encoding: chunked"],
+    lines = [f"{method} {path}{'?' + query if query else ''} HTTP/1.1", f"Content-Length: {length}", "Host: localhost"]
+    lines += dice.choice([[], ["Origin: http://localhost"], ["Origin: http://y"], ["Accept: text/event-stream"],
+                          ["Accept: application/x-ndjson"], ["Transfer-Encoding: chunked"],
                           ["X: " + "y" * 5000], ["Authorization: Bearer " + "z" * 300], [":", "\0: \0"]])
     text = ("\r\n".join(lines) + "\r\n\r\n").encode("utf-8", "surrogateescape") + body
     if dice.random() < 0.3:

@@ -254,14 +254,13 @@ static bool match(std::string_view pattern, std::string_view path, std::vector<s
 
 // The page of another site must not reach fxmd: not by a name that it chose itself for the loopback address, and not by a
 // request that a browser sends in its name. The Unix socket has callers that make up a host, and browsers behind a
-// forwarded port; only a name with a dot can be another site's.
+// forwarded port.
 static void check_origin(const http_request &request)
 {
     const std::string_view host = request.host;
     const std::string_view name = host.ends_with(']') ? host : host.substr(0, host.rfind(':'));
     const bool is_loopback = name == "127.0.0.1" || name == "localhost" || name == "[::1]";
-    const bool is_made_up = name.find('.') == std::string_view::npos || name.find('%') != std::string_view::npos;
-    if (!is_loopback && !(request.who.local && is_made_up))
+    if (!is_loopback && (!request.who.local || request.from_browser))
         throw api_error("FXM_DENIED", fmt::format("the Host header names \"{}\"", host),
                         "use the address 127.0.0.1 or localhost");
     if (!request.origin.empty() && request.origin != fmt::format("http://{}", host))

@@ -119,6 +119,9 @@ struct http_server::glue {
         request.host = header("Host");
         request.origin = header("Origin");
         request.last_event_id = header("Last-Event-ID");
+        // A script can change this header, but no browser leaves it out.
+        request.from_browser = !request.origin.empty() ||
+                               MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Accept-Language") != nullptr;
         const MHD_ConnectionInfo *info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
         sockaddr_storage address{};
         socklen_t size = sizeof(address);

@@ -35,6 +35,7 @@ struct http_request {
     std::string path; // decoded, without the query
     std::vector<std::pair<std::string, std::string>> query;
     std::string accept, authorization, host, origin, last_event_id;
+    bool from_browser = false;
     std::string body;
     bool too_large = false; // the body was; it has not been kept
     peer who;
