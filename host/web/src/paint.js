@@ -26,6 +26,7 @@ function pixel(colour) {
 export class Painter {
   constructor(canvas) {
     this.canvas = canvas
+    // In memory, as its shapes: pixels and copies go through no other process.
     this.context = canvas.getContext('2d', { alpha: false, willReadFrequently: true })
   }
 
@@ -124,7 +125,7 @@ function sprite(kind, health, fill, ground, size, scale) {
   const canvas = document.createElement('canvas')
   canvas.width = Math.ceil(size * scale)
   canvas.height = canvas.width
-  const context = canvas.getContext('2d')
+  const context = canvas.getContext('2d', { willReadFrequently: true })
   context.scale(scale, scale)
   context.fillStyle = fill
   context.strokeStyle = fill
