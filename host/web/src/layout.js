@@ -69,20 +69,27 @@ export function layOut(cards, mode, width, height, zoom) {
   const label = groups.length <= MOST_LABELS ? LABEL : 0
   // Larger cells than these do not even fit without any gap.
   const first = SIZES.findIndex((size) => size * size * cards.length <= width * height)
+  const heightOf = (shelves) => (shelves.length > 0 ? shelves.at(-1).y + shelves.at(-1).height : 0)
   let fitting = SIZES.length - 1
   let shape = SHAPES[0]
+  let isFound = false
   search: for (let i = Math.max(first, 0); first >= 0 && i < SIZES.length; ++i) {
     for (const candidate of SHAPES) {
       if (!place(groups, SIZES[i], candidate, width, label, height)) continue
       fitting = i
       shape = candidate
+      isFound = true
       break search
     }
   }
+  // What must scroll shall scroll as little as it can.
+  if (!isFound) {
+    const heights = SHAPES.map((candidate) => heightOf(place(groups, SIZES[fitting], candidate, width, label, Infinity)))
+    shape = SHAPES[heights.indexOf(Math.min(...heights))]
+  }
   const size = SIZES[Math.max(0, fitting - zoom)]
   const shelves = place(groups, size, shape, width, label, Infinity)
-  const last = shelves.at(-1)
-  return { shelves, size, label, groups: groups.length, height: last ? last.y + last.height : 0, largest: fitting - zoom <= 0 }
+  return { shelves, size, label, groups: groups.length, height: heightOf(shelves), largest: fitting - zoom <= 0 }
 }
 
 // The last shelf that begins above `y`.
