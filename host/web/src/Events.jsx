@@ -2,7 +2,7 @@
 import { useState } from 'preact/hooks'
 import { clock, eventWords, number } from './words.js'
 
-const MOST_SHOWN = 150
+const MOST_SHOWN = 100
 
 export const EventLine = ({ event, onOpen }) => (
   <li class={`event ${event.type}`}>

@@ -240,18 +240,29 @@ function App({ fabric, feed }) {
   const bad = fabric.counts[2] + fabric.counts[3]
   useEffect(() => { document.title = bad > 0 ? `(${bad}) fxm` : 'fxm' }, [bad])
 
-  if (denied)
-    return <Login failure={denied} onToken={(text) => { token.set(text); feed.run() }} />
   const open = (card) => change('card', typeof card === 'string' ? card : card.id)
   const selected = selectedId ? (fabric.cards.get(selectedId) ?? null) : null
+  // Whatever is the same as before is not compared again: most drawings concern one of these four.
+  const map = useMemo(
+    () => <FabricMap cards={inOrder} version={version} theme={theme} mode={mode} setMode={(value) => change('map', value === 'vlan' ? null : value)} selected={selected} onOpen={open} />,
+    [inOrder, version, theme, mode, selected],
+  )
+  const table = useMemo(
+    () => <CardTable cards={sorted} total={fabric.cards.size} sort={sort} setSort={setSort} selected={selected} onOpen={open} />,
+    [sorted, version, sort, selected],
+  )
+  const events = useMemo(() => <EventList fabric={fabric} filter={filter} onOpen={open} />, [version, filter])
+  const curves = useMemo(() => fabric.listed && <Curves theme={theme} boot={fabric.boot} />, [theme, fabric.boot, fabric.listed])
+  if (denied)
+    return <Login failure={denied} onToken={(text) => { token.set(text); feed.run() }} />
   return (
     <>
       <Head fabric={fabric} status={status} link={link} listed={listed} filter={filter} setFilter={(text) => change('filter', text)} theme={themeChoice} chooseTheme={chooseTheme} input={input} />
       <main>
-        <FabricMap cards={inOrder} version={version} theme={theme} mode={mode} setMode={(value) => change('map', value === 'vlan' ? null : value)} selected={selected} onOpen={open} />
-        <CardTable cards={sorted} total={fabric.cards.size} sort={sort} setSort={setSort} selected={selected} onOpen={open} />
-        <EventList fabric={fabric} filter={filter} onOpen={open} />
-        {fabric.listed && <Curves theme={theme} boot={fabric.boot} />}
+        {map}
+        {table}
+        {events}
+        {curves}
       </main>
       {selectedId && (
         <Drawer id={selectedId} fabric={fabric} role={status?.role} status={status} registers={registers} onOpen={open} onClose={() => change('card', null)} />
