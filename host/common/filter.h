@@ -1,4 +1,5 @@
-// The filter of cards and events, as the command line and the API write it; docs/api.md has the syntax.
+// The filter of cards and events, as the command line, the API and the page write it; docs/api.md has the
+// syntax, and filter_cases.txt the cases that hold this code and that of the page to it.
 #pragma once
 
 #include <string_view>

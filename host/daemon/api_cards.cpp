@@ -40,9 +40,10 @@ class card_list : public http_source
             *out += R"({"schema":"fxm/1","fields":)";
             write_names(out, what_.shown);
             *out += "}\n";
-        } else if (!begun_ && !what_.ndjson)
+        } else if (!begun_ && !what_.ndjson) {
             *out += fmt::format(R"({{"schema":"fxm/1","boot":"{}","seq":{},"cards":[)", all_->boot,
                                 all_->events->last_seq());
+        }
         begun_ = true;
         while (!ended_ && out->size() < PIECE)
             step(out);

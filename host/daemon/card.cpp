@@ -3,6 +3,8 @@
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include <cstring>
 #include <iterator>
 
@@ -250,7 +252,10 @@ static constexpr member members[] = {
     {"channels.p1m0", true, put_channel<1, 0>},
     {"channels.p1m1", true, put_channel<1, 1>},
 };
-constexpr size_t WHOLE = std::size(members) - 4; // of them make the document
+// So many of them make the document.
+constexpr auto WHOLE = static_cast<size_t>(std::count_if(std::begin(members), std::end(members), [](const member &m) {
+    return std::string_view(m.name).find('.') == std::string_view::npos;
+}));
 
 // The members behind those, in the full document alone.
 static void put_received(text *out, const fxm_card_data_t &card)

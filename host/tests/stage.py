@@ -7,7 +7,6 @@ The commands are the names of the functions of Stage, with their arguments: {"do
 """
 import json
 import os
-import re
 import signal
 import sys
 
@@ -30,7 +29,7 @@ class Stage:
         os.chmod(tokens, 0o640)
         self.fabric.configure(top=top, history=history, api=f'listen = "{LISTEN}"\ntoken_file = "{tokens}"')
         self.fabric.start()
-        return {"url": f"http://{LISTEN}/", "tokens": TOKENS, "dir": self.fabric.dir, "pid": self.fabric.daemon.pid}
+        return {"url": f"http://{LISTEN}/", "tokens": TOKENS}
 
     def cards(self, text):
         return self.fabric.cards(text)
@@ -46,11 +45,6 @@ class Stage:
 
     def start_daemon(self):
         self.fabric.start()
-
-    def resident(self):
-        """KiB of fxmd."""
-        with open(f"/proc/{self.fabric.daemon.pid}/status", encoding="ascii") as file:
-            return int(re.search(r"VmRSS:\s+(\d+)", file.read()).group(1))
 
     def close(self):
         if self.fabric:

@@ -1,5 +1,6 @@
 // One card: its record, its ports as links, registers, EEPROM, events, and what may be done to it.
 import { useEffect, useLayoutEffect, useRef, useState } from 'preact/hooks'
+import { Outcome, useAction } from './action.jsx'
 import { get, post, put, remove } from './api.js'
 import { ask } from './Ask.jsx'
 import { Eeprom } from './Eeprom.jsx'
@@ -11,27 +12,6 @@ import { date, duration } from './words.js'
 
 const FRESH = 1000 // ms between two looks at the record
 const MOST_EVENTS = 100
-
-// Runs an action of the user; what fxmd refuses is shown where the user looks.
-export function useAction() {
-  const [state, setState] = useState({ busy: false, problem: null, done: '' })
-  const run = async (work) => {
-    setState({ busy: true, problem: null, done: '' })
-    try {
-      setState({ busy: false, problem: null, done: (await work()) ?? '' })
-    } catch (problem) {
-      setState({ busy: false, problem, done: '' })
-    }
-  }
-  return [state, run]
-}
-
-export const Outcome = ({ state }) => (
-  <p class="outcome" role="status">
-    {state.problem && <span class="problem">{state.problem.message}{state.problem.hint ? ` \u2014 ${state.problem.hint}` : ''}</span>}
-    {state.done}
-  </p>
-)
 
 // The record as fxmd has it now; null: there is no such card.
 function useRecord(id) {

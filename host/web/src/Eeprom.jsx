@@ -1,8 +1,8 @@
 // The EEPROM of a card, and the jobs that reach it.
 import { useRef } from 'preact/hooks'
+import { Outcome, useAction } from './action.jsx'
 import { get, post, remove } from './api.js'
 import { ask } from './Ask.jsx'
-import { Outcome, useAction } from './Drawer.jsx'
 import { hex } from './ids.js'
 import { number, when } from './words.js'
 
@@ -101,9 +101,10 @@ export function Eeprom({ record, mayWrite, isWriter, jobs, target }) {
         <div class="buttons">
           <button type="button" disabled={state.busy} onClick={() => run(dump)}>Dump to a file</button>
           <button type="button" disabled={state.busy} onClick={() => pickFile((file) => run(() => compare(file)))}>Compare with a file</button>
-          <button type="button" disabled={state.busy || !isWriter} title={isWriter ? '' : 'eeprom_writer = true is not set for this fxmd'} onClick={() => pickFile((file) => run(() => restore(file)))}>
+          <button type="button" disabled={state.busy || !isWriter} onClick={() => pickFile((file) => run(() => restore(file)))}>
             Restore from a file
           </button>
+          {!isWriter && <span class="muted">Restoring needs eeprom_writer = true in the configuration of fxmd.</span>}
           <input ref={picker} type="file" hidden onChange={(event) => event.target.files[0] && picked.current(event.target.files[0])} />
         </div>
       )}

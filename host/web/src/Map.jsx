@@ -5,7 +5,7 @@ import { cardAt, findCell, groupAt, layOut, neighbour } from './layout.js'
 import { Painter, colours } from './paint.js'
 import { number } from './words.js'
 
-export const cardWords = (card) => `${card.id} ${card.kind === 0 ? 'FXSV' : 'FXIO'} vlan ${card.vlan}, ${HEALTH[card.health]}`
+const cardWords = (card) => `${card.id} ${card.kind === 0 ? 'FXSV' : 'FXIO'} vlan ${card.vlan}, ${HEALTH[card.health]}`
 
 // The size of an element, and that of a pixel.
 function useSize(ref) {

@@ -1,8 +1,8 @@
 // Registers of a card, by name or by address.
 import { useState } from 'preact/hooks'
+import { Outcome, useAction } from './action.jsx'
 import { get, send } from './api.js'
 import { ask } from './Ask.jsx'
-import { Outcome, useAction } from './Drawer.jsx'
 import { hex, parseNumber } from './ids.js'
 
 const addressWords = (address) => `0x${hex(address, 4)}`

@@ -6,7 +6,7 @@ import { HEALTH } from './filter.js'
 import { formatId, hex } from './ids.js'
 import { number, when } from './words.js'
 
-export const ROW = 28 // px
+const ROW = 28 // px
 // By health: what needs somebody stands first.
 const URGENCY = [4, 2, 0, 1, 3]
 
@@ -16,7 +16,7 @@ function partnerWords(card) {
 }
 
 // `width` is in px at least. `key` is a number by which the column is sorted; without one, it is by the id.
-export const COLUMNS = [
+const COLUMNS = [
   { name: 'Health', width: 104, key: (card) => URGENCY[card.health], show: (card) => <Health card={card} /> },
   { name: 'Card', width: 150, show: (card) => <code>{card.id}</code> },
   { name: 'Class', width: 52, key: (card) => card.kind, show: (card) => (card.kind === 0 ? 'FXSV' : 'FXIO') },
@@ -36,12 +36,12 @@ export const COLUMNS = [
 const LEAST_WIDTH = { minWidth: `${COLUMNS.reduce((sum, { width }) => sum + width, 16)}px` }
 const TEMPLATE = { gridTemplateColumns: COLUMNS.map(({ width }) => `minmax(0, ${width}fr)`).join(' ') }
 
-export const Health = ({ card }) => (
+const Health = ({ card }) => (
   <span class="health"><span class={`swatch ${HEALTH[card.health]}`} />{HEALTH[card.health]}</span>
 )
 
-// Sorted copies of tens of thousands of cards cost nothing that is seen: the key of the column and the place in the order
-// of the ids make one number, and numbers are sorted without a function to compare them.
+// The key of the column and the place in the order of the ids make one number. Numbers are sorted without a function that
+// compares them, so tens of thousands of cards take a few milliseconds.
 export function sortCards(cards, sort) {
   const { key } = COLUMNS[sort.column]
   if (!key) return sort.down ? [...cards].reverse() : cards

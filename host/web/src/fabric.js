@@ -140,7 +140,7 @@ export class Fabric {
       this.added.push(card)
       return card
     }
-    // Whoever holds the record goes on with it.
+    // In place: the map and the table hold the record.
     this.counts[old.health] -= 1
     return Object.assign(old, card)
   }

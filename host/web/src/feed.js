@@ -8,6 +8,7 @@ const SILENCE = 40000 // ms; fxmd says something every 15 s
 const SHORTEST_WAIT = 250 // ms before the first new attempt
 const LONGEST_WAIT = 4000
 const MOST_HISTORY = 1000 // events that are taken from the history at once
+const MOST_WAITING = 131072 // events that are held during a list
 const BACKLOG = 300 // events of the past that a new page shows
 
 export class Feed {
@@ -86,7 +87,10 @@ export class Feed {
     } else if (event.type === 'gap') {
       this.list(event.from - 1, event.to, { ...event, time_ms: Date.now() })
     } else {
-      (this.waiting ?? this.ready).push(event)
+      const events = this.waiting ?? this.ready
+      events.push(event)
+      // A list that takes so long has to begin anew.
+      if (events.length > MOST_WAITING) this.abort.abort()
     }
   }
 

@@ -1,7 +1,7 @@
 // Where each card's cell stands on the map: groups in rows ("shelves"), and the cells of a group in rows of their own.
 // Nothing here draws.
 
-export const LABEL = 15 // height of a group's name
+const LABEL = 15 // height of a group's name
 const SIZES = [80, 64, 50, 40, 32, 26, 22, 18, 15, 12, 10, 8, 7, 6, 5, 4, 3, 2]
 const GAP = 6 // between groups
 const MOST_LABELS = 400 // groups; with more, names would only be noise

@@ -242,7 +242,7 @@ function App({ fabric, feed }) {
 
   const open = (card) => change('card', typeof card === 'string' ? card : card.id)
   const selected = selectedId ? (fabric.cards.get(selectedId) ?? null) : null
-  // Whatever is the same as before is not compared again: most drawings concern one of these four.
+  // A part whose inputs are unchanged keeps its element, and Preact passes it over. Most changes concern one part.
   const map = useMemo(
     () => <FabricMap cards={inOrder} version={version} theme={theme} mode={mode} setMode={(value) => change('map', value === 'vlan' ? null : value)} selected={selected} onOpen={open} />,
     [inOrder, version, theme, mode, selected],

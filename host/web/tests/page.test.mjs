@@ -208,9 +208,8 @@ test('the page is for everybody: dark and light, the keyboard alone, 400 px', as
   const axe = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8')
   for (const colorScheme of ['light', 'dark']) {
     for (const viewport of [{ width: 1400, height: 900 }, { width: 400, height: 800 }]) {
-      await withPage({ role: 'admin', colorScheme, viewport, bypassCSP: true, hash: '#filter=vlan%3D100' }, async (page) => {
+      await withPage({ role: 'admin', colorScheme, viewport, bypassCSP: true, reducedMotion: 'reduce', hash: '#filter=vlan%3D100' }, async (page) => {
         const scan = async (what) => {
-          await page.waitForTimeout(200) // an animation changes the contrast
           const { violations } = await page.evaluate(() => axe.run(document, { resultTypes: ['violations'] }))
           const found = violations.filter(({ impact }) => impact === 'serious' || impact === 'critical')
           assert.deepEqual(found.map(({ id, nodes }) => [id, nodes.slice(0, 3).map(({ html }) => html)]), [], `${what}, ${colorScheme}, ${viewport.width} px`)
@@ -264,12 +263,24 @@ test('the page is for everybody: dark and light, the keyboard alone, 400 px', as
   })
 })
 
-test('a browser may run this page and nothing else', async () => {
-  const answer = await fetch(made.url)
-  const policy = answer.headers.get('content-security-policy')
+test('a browser may run this page and nothing else', () => withPage({}, async (page) => {
+  const policy = (await page.request.get(made.url)).headers()['content-security-policy']
   assert.match(policy, /^default-src 'self'; script-src 'sha256-[^']+'; style-src 'sha256-[^']+'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'$/)
-  assert.equal((await fetch(`${made.url}v1/status`)).headers.get('content-security-policy'), "default-src 'self'")
-})
+  assert.equal((await page.request.get(`${made.url}v1/status`)).headers()['content-security-policy'], "default-src 'self'")
+  await hasRows(page, 5)
+  assert.deepEqual(page.faults, [])
+  await page.evaluate(() => {
+    const script = document.createElement('script')
+    script.textContent = 'window.foreign = true'
+    document.body.append(script)
+    const image = new Image()
+    image.src = 'data:image/gif;base64,R0lGODlhAQABAAAAACwAAAAAAQABAAA='
+    document.body.append(image)
+  })
+  await until(() => page.faults.filter((text) => /Content Security Policy/.test(text)).length >= 2, 'the browser refuses both')
+  assert.equal(await page.evaluate(() => window.foreign), undefined)
+  page.faults.splice(0)
+}))
 
 // The last one: its cards stay.
 test('a tab that stood still is told of the gap and lists again', () => withPage({}, async (page) => {
