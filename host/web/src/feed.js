@@ -28,6 +28,9 @@ export class Feed {
     this.listener()
   }
 
+  // Between two attempts, in ms.
+  pause = (ms) => new Promise((resume) => setTimeout(resume, ms))
+
   async run() {
     let wait = SHORTEST_WAIT
     this.onState('connecting')
@@ -45,7 +48,7 @@ export class Feed {
       this.listAbort?.abort()
       if (isDenied) return
       this.onState('waiting')
-      await new Promise((resume) => setTimeout(resume, wait))
+      await this.pause(wait)
       wait = Math.min(2 * wait, LONGEST_WAIT)
     }
   }
