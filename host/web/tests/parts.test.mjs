@@ -69,9 +69,15 @@ class Daemon {
     for (const stream of this.streams) stream.end()
   }
 
-  lines(write) {
+  // A body whose lines come one by one, until whoever asked gives up.
+  lines(signal, write) {
     const encoder = new TextEncoder()
-    return new Response(new ReadableStream({ start: (to) => write((line) => to.enqueue(encoder.encode(`${line}\n`)), () => to.close()) }))
+    return new Response(new ReadableStream({
+      start: (to) => {
+        signal.addEventListener('abort', () => to.error(signal.reason))
+        write((line) => signal.aborted || to.enqueue(encoder.encode(`${line}\n`)), () => signal.aborted || to.close())
+      },
+    }))
   }
 
   answer(path, signal) {
@@ -89,13 +95,16 @@ class Daemon {
   // The cards one by one, as they are at that moment; changes come between.
   list(signal) {
     const position = `${this.boot}.${this.seq}`
-    const answer = this.lines(async (put, end) => {
+    const answer = this.lines(signal, async (put, end) => {
       put(JSON.stringify({ schema: 'fxm/1', fields: FIELDS }))
       for (let number = 0; number < 6; ++number) {
         await turn()
         if (signal.aborted) return
         const card = this.cards.get(formatId(0x020000000000 + 2 * number))
-        if (card) put(JSON.stringify(FIELDS.map((name) => (name.startsWith('channels.') ? card.channels[name.slice(9)] : card[name]))))
+        const line = card && JSON.stringify(FIELDS.map((name) => (name.startsWith('channels.') ? card.channels[name.slice(9)] : card[name])))
+        // What is on its way is older than what has been made since.
+        for (let n = this.roll(4); n > 0; --n) await turn()
+        if (line) put(line)
       }
       end()
     })
@@ -107,7 +116,7 @@ class Daemon {
     const [boot, seq] = after ? after.split('.') : [this.boot, this.seq]
     const resumed = boot === this.boot
     let cursor = resumed ? Number(seq) : this.start
-    return this.lines((put, close) => {
+    return this.lines(signal, (put, close) => {
       let isOpen = true
       const stream = {
         wake: () => {
