@@ -14,49 +14,43 @@ local fxm = Proto("fxm", "Fenxar Management")
 -- The registers that have a name. host/common/registers.cpp is their one source. A test compares the two, and writes
 -- these lines with FXM_WRITE_GOLDEN=1.
 -- {{{ registers
-local registers = {
-    { address = 0x0000, cards = "all", name = "probe", fields = {} },
-    { address = 0x0040, cards = "40G", name = "eeprom.control", fields = {
+local fields = {
+    {},
+    {
         { name = "occupied", first = 0, bits = 1, words = { [0] = "no", [1] = "yes" } },
         { name = "command", first = 0, bits = 2, words = { [0] = "clear", [1] = "read", [3] = "write" } },
         { name = "finished", first = 28, bits = 1, words = { [0] = "no", [1] = "yes" } },
         { name = "refused", first = 29, bits = 1, words = { [0] = "no", [1] = "yes" } },
         { name = "ready", first = 30, bits = 1, words = { [0] = "no", [1] = "yes" } },
         { name = "start", first = 31, bits = 1, words = { [0] = "no", [1] = "yes" } },
-    } },
-    { address = 0x0044, cards = "40G", name = "eeprom.address", fields = {} },
-    { address = 0x0048, cards = "40G", name = "eeprom.read", fields = {} },
-    { address = 0x004c, cards = "40G", name = "eeprom.write", fields = {} },
-    { address = 0x5010, cards = "1/10G", name = "eeprom.control", fields = {
-        { name = "occupied", first = 0, bits = 1, words = { [0] = "no", [1] = "yes" } },
-        { name = "command", first = 0, bits = 2, words = { [0] = "clear", [1] = "read", [3] = "write" } },
-        { name = "finished", first = 28, bits = 1, words = { [0] = "no", [1] = "yes" } },
-        { name = "refused", first = 29, bits = 1, words = { [0] = "no", [1] = "yes" } },
-        { name = "ready", first = 30, bits = 1, words = { [0] = "no", [1] = "yes" } },
-        { name = "start", first = 31, bits = 1, words = { [0] = "no", [1] = "yes" } },
-    } },
-    { address = 0x5014, cards = "1/10G", name = "eeprom.address", fields = {} },
-    { address = 0x5018, cards = "1/10G", name = "eeprom.read", fields = {} },
-    { address = 0x501c, cards = "1/10G", name = "eeprom.write", fields = {} },
-    { address = 0x50f0, cards = "all", name = "eeprom.lock", fields = {
+    },
+    {
         { name = "own", first = 2, bits = 1, words = { [0] = "no", [1] = "yes" } },
         { name = "other", first = 3, bits = 1, words = { [0] = "no", [1] = "yes" } },
-    } },
-    { address = 0x5200, cards = "all", name = "eeprom.owner", fields = {
+    },
+    {
         { name = "own", first = 2, bits = 1, words = { [0] = "no", [1] = "yes" } },
         { name = "others", first = 3, bits = 13, words = {} },
-    } },
-    { address = 0x5204, cards = "all", name = "eeprom.release", fields = {
-        { name = "own", first = 2, bits = 1, words = { [0] = "no", [1] = "yes" } },
-        { name = "others", first = 3, bits = 13, words = {} },
-    } },
-    { address = 0x5208, cards = "all", name = "eeprom.pending", fields = {
-        { name = "own", first = 2, bits = 1, words = { [0] = "no", [1] = "yes" } },
-        { name = "others", first = 3, bits = 13, words = {} },
-    } },
-    { address = 0x520c, cards = "all", name = "eeprom.locktype", fields = {
+    },
+    {
         { name = "type", first = 0, bits = 1, words = { [0] = "bit lock", [1] = "ID lock" } },
-    } },
+    },
+}
+local registers = {
+    { address = 0x0000, cards = "all", name = "probe", fields = fields[1] },
+    { address = 0x0040, cards = "40G", name = "eeprom.control", fields = fields[2] },
+    { address = 0x0044, cards = "40G", name = "eeprom.address", fields = fields[1] },
+    { address = 0x0048, cards = "40G", name = "eeprom.read", fields = fields[1] },
+    { address = 0x004c, cards = "40G", name = "eeprom.write", fields = fields[1] },
+    { address = 0x5010, cards = "1/10G", name = "eeprom.control", fields = fields[2] },
+    { address = 0x5014, cards = "1/10G", name = "eeprom.address", fields = fields[1] },
+    { address = 0x5018, cards = "1/10G", name = "eeprom.read", fields = fields[1] },
+    { address = 0x501c, cards = "1/10G", name = "eeprom.write", fields = fields[1] },
+    { address = 0x50f0, cards = "all", name = "eeprom.lock", fields = fields[3] },
+    { address = 0x5200, cards = "all", name = "eeprom.owner", fields = fields[4] },
+    { address = 0x5204, cards = "all", name = "eeprom.release", fields = fields[4] },
+    { address = 0x5208, cards = "all", name = "eeprom.pending", fields = fields[4] },
+    { address = 0x520c, cards = "all", name = "eeprom.locktype", fields = fields[5] },
 }
 -- }}} registers
 

@@ -140,18 +140,25 @@ def whole(*frames):
 
 
 def lua_registers():
-    """The registers as fxm.lua has them, from those that fxmctl knows."""
+    """The registers as fxm.lua has them, from those that fxmctl knows. Fields that several registers have stand once."""
     done = subprocess.run([FXMCTL, "-j", "reg", "--names"], capture_output=True, text=True, check=True)
-    lines = ["local registers = {"]
-    for register in json.loads(done.stdout)["registers"]:
-        head = f'    {{ address = 0x{register["address"]:04x}, cards = "{register["generation"] or "all"}", name = "{register["name"]}"'
-        lines.append(head + ", fields = {" + ("" if register["fields"] else "} },"))
-        for field in register["fields"]:
+    registers = json.loads(done.stdout)["registers"]
+    shared = []
+    for register in registers:
+        if register["fields"] not in shared:
+            shared.append(register["fields"])
+    lines = ["local fields = {"]
+    for fields in shared:
+        lines.append("    {" + ("" if fields else "},"))
+        for field in fields:
             words = ", ".join(f'[{word["value"]}] = "{word["text"]}"' for word in field["words"])
             lines.append(f'        {{ name = "{field["name"]}", first = {field["first_bit"]}, bits = {field["bits"]}, '
                          f'words = {{ {words} }} }},'.replace("{  }", "{}"))
-        if register["fields"]:
-            lines.append("    } },")
+        lines += ["    },"] if fields else []
+    lines += ["}", "local registers = {"]
+    for register in registers:
+        lines.append(f'    {{ address = 0x{register["address"]:04x}, cards = "{register["generation"] or "all"}", '
+                     f'name = "{register["name"]}", fields = fields[{shared.index(register["fields"]) + 1}] }},')
     return "\n".join(lines + ["}"]) + "\n"
 
 
