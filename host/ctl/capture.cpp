@@ -40,14 +40,14 @@ class capture_file
   public:
     enum class direction : uint32_t { inbound = 1, outbound = 2 };
 
-    // "-" is the standard output. A file that exists is EXIT_FAILED without `force`.
+    // "-" is the standard output. A file that exists is EXIT_USAGE without `force`, as for an EEPROM.
     capture_file(const std::string &path, bool force) : path_(path)
     {
         const int fd = path == "-"
                            ? dup(STDOUT_FILENO)
                            : open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (force ? O_TRUNC : O_EXCL), 0644);
         if (fd < 0 && errno == EEXIST)
-            throw ctl_error(EXIT_FAILED, fmt::format("{} exists", path), "--force overwrites it");
+            throw ctl_error(EXIT_USAGE, fmt::format("{} exists already", path), "give another name, or --force");
         if (fd < 0)
             throw ctl_error(errno == EACCES ? EXIT_DENIED : EXIT_FAILED,
                             fmt::format("cannot write {}: {}", path, strerror(errno)));

@@ -441,7 +441,7 @@ class Captures(unittest.TestCase):
             subprocess.run([FXMCTL, "--socket", f.socket, "capture", "-w", "-", "--count", "3"], stdout=file, check=True)
         self.assertEqual(len(dissect(f"{f.dir}/pipe")), 3)
         for code, words, said in (
-                (1, ["-w", "five"], "five exists; --force"), (1, ["-w", "/nowhere/file"], "/nowhere/file: No such"),
+                (2, ["-w", "five"], "five exists already; give another"), (1, ["-w", "/nowhere/file"], "/nowhere/file: No such"),
                 (2, [], "--write is required"), (2, ["-w", "x", "--seconds", "0"], "--seconds"),
                 (3, [SERVER, "-w", "x"], SERVER), (7, ["--socket", "/nowhere", "-w", "x"], "not running")):
             self.assertIn(said, f.ctl("capture", *words, code=code))
