@@ -70,7 +70,7 @@ async function scenes(browser) {
 
   await page.emulateMedia({ colorScheme: 'light' })
   await until(() => page.evaluate(() => fxm.fabric.counts[0] === 234), 'all cards are well')
-  await page.click(`.rows >> text=${serverId(1)}`)
+  await page.click(`.rows code >> text=${serverId(1)}`)
   await page.getByText('Read all that have a name').click()
   await page.waitForSelector('.registers tbody tr:nth-child(5)')
   await page.getByText('Dump to a file').click()

@@ -153,6 +153,37 @@ test('an EEPROM is dumped and restored with a bar, and a reset wants its VLAN ty
   await outcome(page, 'Actions', /has been sent/)
 }))
 
+test('a job is cancelled, monitoring stops and begins, the table is sorted and the list of events held', () => withPage({ role: 'admin' }, async (page) => {
+  await hasRows(page, 5)
+  const first = async () => (await rows(page))[0]
+  await page.locator('.row.head').getByText('VLAN').click()
+  await page.locator('.row.head').getByText('VLAN').click()
+  await until(async () => /vlan|200/.test(await first()) && (await page.locator('[aria-sort=descending]').textContent()).startsWith('VLAN'), 'the highest VLAN first')
+  await page.getByText('Hold', { exact: true }).click()
+  const shown = await page.locator('.events .event').count()
+  await page.click(`.rows code >> text=${SERVER}`)
+  await page.getByText('Dump to a file').click()
+  await page.locator('.job').getByText('Cancel').first().click()
+  await outcome(page, 'EEPROM', /job \d+ was cancelled/)
+  // The lock of the EEPROM was released although its dump was cancelled, and an admin may take it from anybody.
+  assert.equal((await stage.get({ path: `/v1/cards/${SERVER}/registers/eeprom.lock` })).value, 0)
+  await page.getByText('Unlock EEPROM').click()
+  await page.click('dialog button.danger')
+  await outcome(page, 'Actions', /The lock is free/)
+  await page.getByText('Stop monitoring', { exact: true }).click()
+  assert.match(await page.locator('dialog .target').textContent(), /^02:00:00:00:10:00 \(FXSV 40G, vlan 100\)$/)
+  await page.click('dialog button.danger')
+  await row(page, SERVER, 'unmonitored')
+  await page.click('aside >> [aria-label=Close]')
+  await until(async () => /newer/.test(await page.locator('.events .bar').textContent()), 'newer events are counted')
+  assert.equal(await page.locator('.events .event').count(), shown)
+  await page.getByText('Go on', { exact: true }).click()
+  await until(async () => /well\u2192unmonitored/.test(await page.locator('.events .scroller').textContent()), 'the held events are there')
+  await page.click(`.rows code >> text=${SERVER}`)
+  await page.getByText('Monitor again').click()
+  await row(page, SERVER, 'well')
+}))
+
 test('who may only view is shown no button that writes, and without a token the page asks for one', async () => {
   await withPage({ role: null }, async (page) => {
     await page.getByLabel('Token').fill('not the right one')
@@ -161,7 +192,7 @@ test('who may only view is shown no button that writes, and without a token the 
     await page.getByLabel('Token').fill(made.tokens.view)
     await page.getByText('Open').click()
     await hasRows(page, 5)
-    await page.click(`.rows >> text=${SERVER}`)
+    await page.click(`.rows code >> text=${SERVER}`)
     await page.waitForSelector('section[aria-label="Registers"]')
     await page.getByText('Read all that have a name').click()
     await page.waitForSelector('.registers tbody tr:nth-child(5)')
