@@ -91,6 +91,7 @@ class Documents(HostTest):
         self.assertEqual(ids("vlan=150-250"), [SMALL, LOOSE])
         self.assertEqual(ids("filter=class!%3Dfxio%20gen%3D40g"), [SERVER])
         self.assertEqual(ids(f"partner={SERVER}&id=02:00:00:00:20:*"), [DEVICE])
+        until(lambda: f.get(f"/v1/cards/{MULTI}")["channels"]["p1m1"] == "up", "the fourth channel has announced itself")
         first = f.get("/v1/cards?limit=2&fields=id,vlan")
         self.assertEqual(first["cards"], [{"id": SERVER, "vlan": 100}, {"id": SMALL, "vlan": 200}])
         self.assertEqual(ids(f"after={first['next']}"), [DEVICE, MULTI, LOOSE])

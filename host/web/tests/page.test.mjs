@@ -264,6 +264,7 @@ test('the page is for everybody: dark and light, the keyboard alone, 400 px', as
     const { keyboard } = page
     const focused = (selector) => page.evaluate((wanted) => document.activeElement?.matches(wanted), selector)
     const tabTo = async (selector) => {
+      await page.waitForSelector(selector)
       for (let n = 0; n < 60 && !(await focused(selector)); ++n) await keyboard.press('Tab')
       assert.ok(await focused(selector), `Tab reaches ${selector}`)
     }
