@@ -95,6 +95,30 @@ void demand(const char *what, double value, double limit, const char *unit)
     printf("Demand: %s at most %g%s: %.3g%s, %s\n", what, limit, unit, value, unit, holds ? "holds" : "MISSED");
 }
 
+void row(const char *name, double figure, double limit, const char *unit, goal_t goal)
+{
+    static const char *const kinds[] = {"told", "ratio_at_most", "ratio_at_least", "figure_at_most"};
+    const double ratio = limit != NO_LIMIT ? figure / limit : 0;
+    const double value = goal.kind == goal_t::FIGURE_AT_MOST ? figure : ratio;
+    const bool holds =
+        goal.kind == goal_t::TOLD || (goal.kind == goal_t::RATIO_AT_LEAST ? value >= goal.value : value <= goal.value);
+    program.missed = program.missed || !holds;
+    printf("Row: %-22s %10.4g %s", name, figure, unit);
+    if (limit != NO_LIMIT)
+        printf(", limit %.4g, ratio %.3f", limit, ratio);
+    if (goal.kind != goal_t::TOLD)
+        printf(", goal %s %g: %s", kinds[goal.kind], goal.value, holds ? "holds" : "MISSED");
+    printf("\n");
+    const char *path = getenv("FXM_BENCH_ROWS");
+    FILE *file = path != nullptr ? fopen(path, "a") : nullptr;
+    if (path != nullptr && file == nullptr)
+        fail("cannot write to %s: %s", path, strerror(errno));
+    if (file == nullptr)
+        return;
+    fprintf(file, "%s\t%.6g\t%.6g\t%s\t%s\t%g\n", name, figure, limit, unit, kinds[goal.kind], goal.value);
+    fclose(file);
+}
+
 // ------------------------------------------------------------------------------------------------------------ figures
 
 int64_t read_clock(clockid_t clock)
@@ -117,6 +141,8 @@ summary_t summarise(std::vector<double> samples)
     return {samples[number / 2], samples[number * 99 / 100], samples.back(),
             std::accumulate(samples.begin(), samples.end(), 0.0) / static_cast<double>(number)};
 }
+
+double median(std::vector<double> samples) { return summarise(std::move(samples)).median; }
 
 void time_each(size_t threads, size_t times, const std::function<void(size_t)> &op, std::vector<double> *us)
 {
