@@ -51,16 +51,14 @@ void _fxm_stats_fini()
 int _fxm_stats_api(fxm_api_row_t row, int result)
 {
     fxm_assert(row < FXM_API_ROWS && result >= 0 && result < static_cast<int>(FXM_API_CODES));
-    _fxm_stats_add(&g_stats.api_total[result]);
-    _fxm_stats_add(&g_stats.api_detail[row][result]);
+    _fxm_stats_add(&g_stats.api_total[result], &g_stats.api_detail[row][result]);
     return result;
 }
 
 void _fxm_stats_frame(uint32_t port, fxm_stats_frame_t kind, fxm_stats_frame_t total)
 {
     fxm_assert(port < FXM_PORT_NUM && kind < FXM_STATS_FRAMES && total < FXM_STATS_FRAMES);
-    _fxm_stats_add(&g_stats.port_frames[port][kind]);
-    _fxm_stats_add(&g_stats.port_frames[port][total]);
+    _fxm_stats_add(&g_stats.port_frames[port][kind], &g_stats.port_frames[port][total]);
 }
 
 void *_fxm_mem_alloc(fxm_mem_t account, size_t size)

@@ -120,10 +120,11 @@ extern fxm_event_t g_stats_event;
 [[nodiscard]] int _fxm_stats_init(); // 0 or EPROTO
 void _fxm_stats_fini();
 
-template <typename Counter> void _fxm_stats_add(Counter *counter) FXM_EXCLUDES(g_stats_lock)
+// Adds 1 to each counter, in the order given, under one holding of the lock.
+template <typename... Counter> void _fxm_stats_add(Counter *...counter) FXM_EXCLUDES(g_stats_lock)
 {
     fxm_mutex_guard_t guard(&g_stats_lock);
-    *counter += 1;
+    ((*counter += 1), ...);
 }
 
 // The two counts that end every exported function. Returns `result`.
