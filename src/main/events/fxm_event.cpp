@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <iterator>
 
 #include "core/fxm_locks.h"
@@ -14,16 +15,25 @@
 #include "diag/fxm_stats.h"
 #include "fxm_log4cxxif.h"
 
-// The links of a circular, doubly linked list, first in what they link. A head or a new node links to itself.
+// The links of a circular, doubly linked list, first in what they link. A head or a new element links to itself.
 struct fxm_list_t {
     fxm_list_t *next;
     fxm_list_t *prev;
 };
 
 struct fxm_evt_node_t {
-    fxm_list_t evt_link; // evt_next, evt_prev
-    int32_t evt_type;
     uint64_t evt_id;
+    int32_t evt_type;
+};
+
+// Events are kept in chunks of 4 KiB, oldest first: one allocation for 255 of them, and memory that goes back when they
+// have been delivered.
+constexpr uint32_t FXM_EVT_CHUNK = 255;
+struct fxm_evt_chunk_t {
+    fxm_evt_chunk_t *evt_next;
+    uint32_t first; // of the events that are still to be taken
+    uint32_t end;
+    fxm_evt_node_t events[FXM_EVT_CHUNK];
 };
 
 // One registration. cbi_func becomes null when a callback of the same list ends the registration, because the walk that
@@ -38,9 +48,12 @@ struct fxm_cbinfo_t {
 };
 
 static struct {
-    fxm_list_t head FXM_GUARDED_BY(lock);
-    // Guards the list. A thread holds it to link or unlink one node; producers take it under fx_lock. Under it only the
-    // stats lock is taken.
+    fxm_evt_chunk_t *first FXM_GUARDED_BY(lock); // null: the queue is empty
+    fxm_evt_chunk_t *last FXM_GUARDED_BY(lock);
+    // One that is empty, for the next event: while the event task keeps up, no event allocates.
+    fxm_evt_chunk_t *spare FXM_GUARDED_BY(lock);
+    // Guards the chunks. A thread holds it to add or take one event, or to add a batch; producers take it under fx_lock.
+    // Under it only the stats lock is taken.
     fxm_mutex_t lock{FXM_LOCK_QUEUE};
 } fxm_event_queue;
 
@@ -114,28 +127,33 @@ static void _list_unlink(fxm_list_t *link)
     _list_init(link);
 }
 
-static fxm_evt_node_t *_evt_of(fxm_list_t *link) { return reinterpret_cast<fxm_evt_node_t *>(link); }
-
 static fxm_cbinfo_t *_cbi_of(fxm_list_t *link) { return reinterpret_cast<fxm_cbinfo_t *>(link); }
 
-static_assert(offsetof(fxm_evt_node_t, evt_link) == 0 && offsetof(fxm_cbinfo_t, cbi_link) == 0);
+static_assert(offsetof(fxm_cbinfo_t, cbi_link) == 0);
 
 using live_link_t = fxm_rbtree_of<&fxm_cbinfo_t::cbi_live, &fxm_cbinfo_t::cbi_handle>;
 
 // ----------------------------------------------------------------------------------------------- creation and release
 
-static fxm_evt_node_t *_evt_node_create(int32_t type, uint64_t id)
+// A place for one more event behind `*last`, or null when memory is out. `*spare` is used before the heap.
+static fxm_evt_node_t *_evt_node_create(fxm_evt_chunk_t **first, fxm_evt_chunk_t **last, fxm_evt_chunk_t **spare)
 {
-    auto *node = static_cast<fxm_evt_node_t *>(_fxm_mem_alloc(FXM_MEM_EVT_NODE, sizeof(fxm_evt_node_t)));
-    if (node == nullptr)
-        return nullptr;
-    _list_init(&node->evt_link);
-    node->evt_type = type;
-    node->evt_id = id;
-    return node;
+    if (*last == nullptr || (*last)->end == FXM_EVT_CHUNK) {
+        fxm_evt_chunk_t *chunk = *spare;
+        if (chunk == nullptr)
+            chunk = static_cast<fxm_evt_chunk_t *>(_fxm_allocate(sizeof(fxm_evt_chunk_t)));
+        if (chunk == nullptr) {
+            _fxm_stats_add(&g_stats.alloc_fail);
+            return nullptr;
+        }
+        *spare = nullptr;
+        chunk->evt_next = nullptr;
+        chunk->first = chunk->end = 0;
+        (*last != nullptr ? (*last)->evt_next : *first) = chunk;
+        *last = chunk;
+    }
+    return &(*last)->events[(*last)->end++];
 }
-
-static void _evt_node_destroy(fxm_evt_node_t *node) { _fxm_mem_free(FXM_MEM_EVT_NODE, node); }
 
 static fxm_cbinfo_t *_cbinfo_create(int32_t type, fxm_callback_t func, uint64_t arg)
 {
@@ -184,7 +202,7 @@ static int _make_entries(const char *func)
 // No other thread is there yet.
 FXM_NO_ANALYSIS static int _event_cb_init(const char *func)
 {
-    _list_init(&fxm_event_queue.head);
+    fxm_event_queue.first = fxm_event_queue.last = fxm_event_queue.spare = nullptr;
     _fxm_rbtree_init(&live_handles, _fxm_rbtree_compare_u64, live_link_t::get_key);
     int err = _fxm_mutex_init_st(&fxm_event_queue.lock);
     if (err != 0) {
@@ -214,22 +232,43 @@ int _fxm_event_cb_init()
     return err;
 }
 
-// The oldest event, or null.
-static fxm_evt_node_t *_take_event()
+// Takes the oldest event; false when there is none.
+static bool _take_event(fxm_evt_node_t *node)
 {
     fxm_mutex_guard_t guard(&fxm_event_queue.lock);
-    fxm_list_t *link = fxm_event_queue.head.next;
-    if (link == &fxm_event_queue.head)
-        return nullptr;
-    _list_unlink(link);
-    return _evt_of(link);
+    fxm_evt_chunk_t *chunk = fxm_event_queue.first;
+    if (chunk == nullptr)
+        return false;
+    *node = chunk->events[chunk->first++];
+    if (chunk->first < chunk->end)
+        return true;
+    // A chunk that is not full takes no more events once it is empty.
+    fxm_event_queue.first = chunk->evt_next;
+    if (fxm_event_queue.first == nullptr)
+        fxm_event_queue.last = nullptr;
+    if (fxm_event_queue.spare == nullptr)
+        fxm_event_queue.spare = chunk;
+    else
+        free(chunk);
+    return true;
+}
+
+// What _evt_node_create has begun: an event is counted as freed when it has been delivered or discarded.
+static void _evt_node_destroy() { _fxm_stats_add(&g_stats.mem[FXM_MEM_EVT_NODE].free); }
+
+static void _discard_events()
+{
+    for (fxm_evt_node_t node{}; _take_event(&node);)
+        _evt_node_destroy();
+    fxm_mutex_guard_t guard(&fxm_event_queue.lock);
+    free(fxm_event_queue.spare);
+    fxm_event_queue.spare = nullptr;
 }
 
 int _fxm_event_cb_fini()
 {
     fxm_log_info("%s: start.", __func__);
-    while (fxm_evt_node_t *node = _take_event())
-        _evt_node_destroy(node);
+    _discard_events();
     _fxm_mutex_destroy(&fxm_event_queue.lock);
     for (auto &entry : cb_evt_tbl) {
         {
@@ -252,25 +291,65 @@ int _fxm_event_cb_fini()
 int _fxm_add_event(int32_t type, uint64_t id)
 {
     fxm_assert(type >= 0 && type < static_cast<int32_t>(FXM_EVT_KINDS));
-    fxm_evt_node_t *node = _evt_node_create(type, id);
-    if (node == nullptr) {
-        fxm_log_error("%s: can't alloc memory for fxm_evt_node_t", __func__);
-        return ENOMEM;
-    }
     {
         fxm_mutex_guard_t guard(&fxm_event_queue.lock);
-        _list_append(&fxm_event_queue.head, &node->evt_link);
-        // From here on the node belongs to the event task.
-        _fxm_stats_add(&g_stats.evt_count[type]);
+        fxm_evt_node_t *node = _evt_node_create(&fxm_event_queue.first, &fxm_event_queue.last, &fxm_event_queue.spare);
+        if (node == nullptr) {
+            fxm_log_error("%s: can't alloc memory for fxm_evt_node_t", __func__);
+            return ENOMEM;
+        }
+        *node = {id, type};
+        _fxm_stats_add(&g_stats.mem[FXM_MEM_EVT_NODE].alloc, &g_stats.evt_count[type]);
     }
     _fxm_event_set(&event_sig);
     return 0;
 }
 
+static void _log_lost_event(const char *func, int32_t type, uint64_t id)
+{
+    fxm_log_warn("%s: Failed to _fxm_add_event(%s) id=0x%.12llx", func, fxm_event_names[type], _ull(id));
+}
+
 void _fxm_raise_event(const char *func, int32_t type, uint64_t id)
 {
     if (_fxm_add_event(type, id) != 0)
-        fxm_log_warn("%s: Failed to _fxm_add_event(%s) id=0x%.12llx", func, fxm_event_names[type], _ull(id));
+        _log_lost_event(func, type, id);
+}
+
+void _fxm_raise_batched(fxm_event_batch_t *batch, const char *func, int32_t type, uint64_t id)
+{
+    fxm_assert(type >= 0 && type < static_cast<int32_t>(FXM_EVT_KINDS));
+    fxm_evt_chunk_t *spare = nullptr;
+    fxm_evt_node_t *node = _evt_node_create(&batch->first, &batch->last, &spare);
+    if (node != nullptr) {
+        *node = {id, type};
+        return;
+    }
+    fxm_log_error("%s: can't alloc memory for fxm_evt_node_t", "_fxm_add_event");
+    _log_lost_event(func, type, id);
+}
+
+static void _count_batch(const fxm_evt_chunk_t *first)
+{
+    fxm_mutex_guard_t guard(&g_stats_lock);
+    for (const fxm_evt_chunk_t *chunk = first; chunk != nullptr; chunk = chunk->evt_next) {
+        g_stats.mem[FXM_MEM_EVT_NODE].alloc += chunk->end;
+        for (uint32_t i = 0; i < chunk->end; ++i)
+            g_stats.evt_count[chunk->events[i].evt_type] += 1;
+    }
+}
+
+fxm_event_batch_t::~fxm_event_batch_t()
+{
+    if (first == nullptr)
+        return;
+    {
+        fxm_mutex_guard_t guard(&fxm_event_queue.lock);
+        (fxm_event_queue.last != nullptr ? fxm_event_queue.last->evt_next : fxm_event_queue.first) = first;
+        fxm_event_queue.last = last;
+        _count_batch(first);
+    }
+    _fxm_event_set(&event_sig);
 }
 
 // ---------------------------------------------------------------------------------------------------------- delivery
@@ -288,15 +367,15 @@ static void _fxm_do_callback(fxm_callback_t func, uint64_t arg, uint64_t id, int
 
 // Calls every registration of the event's kind, including those that a callback adds. A registration that a callback ends
 // stays linked until the walk is over and is no longer called.
-static void _deliver(const fxm_evt_node_t *node)
+static void _deliver(const fxm_evt_node_t &node)
 {
-    auto &entry = cb_evt_tbl[node->evt_type];
+    auto &entry = cb_evt_tbl[node.evt_type];
     fxm_entry_guard_t guard(&entry);
     delivering = &entry;
     for (fxm_list_t *link = entry.head.next; link != &entry.head; link = link->next) {
         const fxm_cbinfo_t *info = _cbi_of(link);
         if (info->cbi_func != nullptr)
-            _fxm_do_callback(info->cbi_func, info->cbi_arg, node->evt_id, node->evt_type);
+            _fxm_do_callback(info->cbi_func, info->cbi_arg, node.evt_id, node.evt_type);
     }
     delivering = nullptr;
     for (fxm_list_t *link = entry.head.next, *next = nullptr; link != &entry.head; link = next) {
@@ -310,9 +389,9 @@ static void _deliver(const fxm_evt_node_t *node)
 
 static void _fxm_event_dispatch()
 {
-    while (fxm_evt_node_t *node = _take_event()) {
+    for (fxm_evt_node_t node{}; _take_event(&node);) {
         _deliver(node);
-        _evt_node_destroy(node);
+        _evt_node_destroy();
     }
 }
 
