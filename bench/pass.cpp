@@ -68,10 +68,12 @@ struct registry_t {
 
 template <typename Class> static void connect_cards(uint64_t recvtime) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    _fxm_each_node<Class>([=](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
+    const auto all = [](const fxm_seat_t &) { return true; };
+    _fxm_each_card<Class>(all, [=](typename Class::node_t *node, fxm_seat_t *seat) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
         std::fill_n(&card.fcd_state[0][0], 4, 1u);
         std::fill_n(&card.fcd_recvtime[0][0], 4, recvtime);
+        _fxm_update_seat<Class>(seat);
         return true;
     });
 }

@@ -1,4 +1,4 @@
-// Single modules: the ordered map against std::map, the order of the locks, the events.
+// Single modules: the ordered map and the roster against std::map, the order of the locks, the events.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -10,6 +10,7 @@
 #include "core/fxm_locks.h"
 #include "core/fxm_rbtree.h"
 #include "platform/fxm_platform.h"
+#include "registry/fxm_roster.h"
 
 struct entry_t {
     fxm_rbnode_t link;
@@ -90,6 +91,66 @@ TEST(ordered_map, any_mix_of_puts_and_deletes_keeps_order_balance_and_addresses)
     _fxm_rbtree_clear(&tree, [](fxm_rbnode_t *) { ++destroyed; });
     EXPECT_EQ(destroyed, model.size());
     EXPECT_EQ(_fxm_rbtree_first(&tree), nullptr);
+}
+
+// The ids of the seats for which `wanted` holds, in the order of the walk.
+template <typename Wanted> static std::vector<uint64_t> walked(fxm_roster_t *roster, Wanted wanted)
+{
+    std::vector<uint64_t> ids;
+    _fxm_roster_walk(roster, sizeof(uint64_t), wanted, [&](fxm_seat_t *seat) {
+        ids.push_back(_fxm_node_id(seat->node));
+        return true;
+    });
+    return ids;
+}
+
+TEST(roster, any_mix_of_arrivals_and_departures_keeps_look_ups_order_and_times)
+{
+    std::mt19937_64 random(20261125);
+    fxm_roster_t roster;
+    _fxm_roster_init(&roster);
+    std::map<uint64_t, uint64_t> model; // the time of each id; its key serves as the node
+    for (int step = 0; step < 60000; ++step) {
+        // The first ids ascend and fill each stretch; later ones split stretches, and phases of shrinking empty them.
+        const uint64_t id = step < 3000 ? uint64_t{1000000} + static_cast<uint64_t>(step) : random() % 100000;
+        const uint64_t time = random() % 1000;
+        if (step < 3000 || random() % 100 < (step / 10000 % 2 == 0 ? 60u : 30u)) {
+            const auto [entry, is_new] = model.try_emplace(id, time);
+            if (is_new) {
+                ASSERT_NE(_fxm_roster_add(&roster, const_cast<uint64_t *>(&entry->first), time), nullptr);
+            } else {
+                _fxm_roster_find(&roster, id)->oldest = entry->second = time;
+            }
+        } else if (const auto victim = model.lower_bound(id); victim != model.end()) {
+            _fxm_roster_remove(&roster, _fxm_roster_find(&roster, victim->first));
+            model.erase(victim);
+        }
+        ASSERT_EQ(roster.count, model.size());
+        const auto known = model.find(id);
+        const fxm_seat_t *seat = _fxm_roster_find(&roster, id);
+        ASSERT_EQ(seat != nullptr, known != model.end()) << "id " << id << " at step " << step;
+        if (seat != nullptr) {
+            ASSERT_EQ(seat->oldest, known->second);
+        }
+        if (step % 500 != 0)
+            continue;
+        std::vector<uint64_t> all;
+        std::vector<uint64_t> old;
+        for (const auto &[key, heard] : model) {
+            all.push_back(key);
+            if (heard <= 10)
+                old.push_back(key);
+        }
+        ASSERT_EQ(walked(&roster, [](const fxm_seat_t &) { return true; }), all) << "step " << step;
+        ASSERT_EQ(walked(&roster, [](const fxm_seat_t &seat) { return seat.oldest <= 10; }), old);
+        ASSERT_EQ(_fxm_roster_any_heard_by(&roster, 10), !old.empty());
+        std::vector<uint64_t> listed(model.size());
+        _fxm_roster_ids(&roster, listed.data());
+        ASSERT_EQ(listed, all);
+    }
+    _fxm_roster_clear(&roster);
+    EXPECT_EQ(_fxm_roster_find(&roster, 1000000), nullptr);
+    EXPECT_FALSE(_fxm_roster_any_heard_by(&roster, FXM_NEVER)) << "an empty roster has nothing to expire";
 }
 
 #ifdef FXM_CHECKED

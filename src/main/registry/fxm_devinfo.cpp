@@ -189,6 +189,19 @@ template <typename Record> static bool _bytes_differ(const Record &record1, cons
     return memcmp(&record1, &record2, sizeof(Record)) != 0; // NOLINT(bugprone-suspicious-memory-comparison)
 }
 
+// The id, the times and the channel states stand first in a record. What follows comes from the last frame alone.
+constexpr size_t FROM_FRAME = offsetof(fxm_card_data_t, fcd_uidsw);
+static_assert(offsetof(fxm_card_data_t, fcd_id) < FROM_FRAME && offsetof(fxm_card_data_t, fcd_recvtime) < FROM_FRAME &&
+              offsetof(fxm_card_data_t, fcd_updatetime) < FROM_FRAME &&
+              offsetof(fxm_card_data_t, fcd_state) < FROM_FRAME);
+
+template <typename Record> static bool _contents_differ(const Record &stored, const Record &candidate)
+{
+    const auto *old_bytes = reinterpret_cast<const uint8_t *>(&stored);
+    const auto *new_bytes = reinterpret_cast<const uint8_t *>(&candidate);
+    return memcmp(old_bytes + FROM_FRAME, new_bytes + FROM_FRAME, sizeof(Record) - FROM_FRAME) != 0;
+}
+
 template <typename Class>
 static bool _records_differ(const typename Class::record_t &stored, const typename Class::record_t &candidate)
 {
@@ -255,6 +268,12 @@ static void _compare_events(const typename Class::record_t &stored, const typena
         _fxm_raise_event(func, FXM_EVT_CHANNELSTATECHANGE, card.fcd_id);
 }
 
+template <typename Class> static void _log_updated(uint64_t id, const char *ignore_state_name)
+{
+    fxm_log_trace("%s: %s information is updated. id=0x%.12llx, ignore_state=%s", Class::update_devinfo_name,
+                  Class::word, _ull(id), ignore_state_name);
+}
+
 // Stores the candidate and returns the card to normal monitoring. False when it could not be stored.
 template <typename Class>
 static bool _store_candidate(const typename Class::record_t &candidate, const char *ignore_state_name)
@@ -268,8 +287,7 @@ static bool _store_candidate(const typename Class::record_t &candidate, const ch
                       ignore_state_name);
         return false;
     }
-    fxm_log_trace("%s: %s information is updated. id=0x%.12llx, ignore_state=%s", func, Class::word, _ull(id),
-                  ignore_state_name);
+    _log_updated<Class>(id, ignore_state_name);
     return true;
 }
 
@@ -314,21 +332,44 @@ static void _update_devinfo(const arrival_t &arrival, const typename Class::reco
 
 // ----------------------------------------------------------------------------------------------------- add or update
 
+// The road of nearly all frames: a card in WATCH says what it said before, on a channel that is up. Such a frame writes
+// its time and nothing else. False when the frame is none of these.
+template <typename Class>
+static bool _refresh(const arrival_t &arrival, fxm_seat_t *seat, const typename Class::record_t &candidate)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+{
+    typename Class::node_t *node = _fxm_node_of<Class>(seat);
+    fxm_card_data_t &card = Class::card(Class::record(node));
+    const bool masks = g_config.update_evt_mask == 1 || g_config.update_evt_mask == 2; // any other value has a line
+    if (Class::ignore_state(node) != FXM_WATCH || card.fcd_state[arrival.port][arrival.mac_index] != 1 || !masks ||
+        _contents_differ(Class::record(node), candidate))
+        return false;
+    if (Class::check_count(node) != 0) // of a restart that has ended
+        Class::check_count(node) = 0;
+    uint64_t &time = card.fcd_recvtime[arrival.port][arrival.mac_index];
+    const uint64_t before = time;
+    time = arrival.now;
+    // Only the oldest time can hold the seat back; a clock that was set back makes any time the oldest.
+    if (before <= seat->oldest || arrival.now < seat->oldest)
+        _fxm_update_seat<Class>(seat);
+    _log_updated<Class>(card.fcd_id, "WATCH");
+    return true;
+}
+
 // The whole step runs under fx_lock, from the look-up to the last event.
 template <typename Class>
 static void _set_devinfo(const arrival_t &arrival, typename Class::record_t *candidate) FXM_EXCLUDES(fxm_fx_tbl.fx_lock)
 {
     fxm_fx_guard_t guard;
-    typename Class::record_t stored;
-    uint32_t ignore_state = FXM_WATCH;
-    const int err = _fxm_tbl_get<Class>(Class::card(*candidate).fcd_id, &stored, &ignore_state,
-                                        FXM_TBL_RECORD | FXM_TBL_IGNORE_STATE);
-    if (err == ENOENT)
+    fxm_seat_t *seat = _fxm_tbl_seat<Class>(Class::card(*candidate).fcd_id);
+    if (seat == nullptr) {
         _add_devinfo<Class>(*candidate);
-    else if (err == 0)
-        _update_devinfo<Class>(arrival, stored, candidate, ignore_state);
-    else
-        fxm_log_warn("%s: Failed to %s(). err=%d", Class::set_devinfo_name, Class::get_name, err);
+    } else if (!_refresh<Class>(arrival, seat, *candidate)) {
+        typename Class::node_t *node = _fxm_node_of<Class>(seat);
+        typename Class::record_t stored;
+        memcpy(&stored, &Class::record(node), sizeof(stored));
+        _update_devinfo<Class>(arrival, stored, candidate, Class::ignore_state(node));
+    }
 }
 
 int _fxm_recv_devinfo(uint32_t port, const uint8_t *frame, uint8_t mode)

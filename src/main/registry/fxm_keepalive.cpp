@@ -3,6 +3,7 @@
 // Events are only queued here.
 #include "registry/fxm_keepalive.h"
 
+#include <algorithm>
 #include <cstdint>
 
 #include "core/fxm_config.h"
@@ -11,10 +12,11 @@
 #include "registry/fxm_tables.h"
 
 // A card raises one pair of events, however many of its channels went down.
-template <typename Class> static void _report_disconnect(const char *func, const fxm_card_data_t &card)
+template <typename Class>
+static void _report_disconnect(const char *func, const fxm_card_data_t &card, fxm_event_batch_t *events)
 {
-    _fxm_raise_event(func, FXM_EVT_UPDATEDEVINFO, card.fcd_id);
-    _fxm_raise_event(func, FXM_EVT_CHANNELSTATECHANGE, card.fcd_id);
+    _fxm_raise_batched(events, func, FXM_EVT_UPDATEDEVINFO, card.fcd_id);
+    _fxm_raise_batched(events, func, FXM_EVT_CHANNELSTATECHANGE, card.fcd_id);
     fxm_log_info("%s: %s id=0x%.12llx state change to disconnect. %s", func, Class::word, _ull(card.fcd_id),
                  fxm_channels_text_t(card).text);
 }
@@ -63,12 +65,19 @@ static bool _update_keepalive_state(fxm_card_data_t *card, uint32_t *ignore_stat
     return true;
 }
 
-template <typename Class> static void _check_class(const char *func, uint64_t now) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+template <typename Class>
+static void _check_class(const char *func, uint64_t now, fxm_event_batch_t *events) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    _fxm_each_node<Class>([=](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
+    // Most passes find nothing: then they have read the seats, and no node.
+    const uint64_t limit = now - std::min(now, uint64_t{g_config.devinfo_expire_time});
+    if (!_fxm_roster_any_heard_by(&Class::roster(), limit))
+        return;
+    const auto wanted = [=](const fxm_seat_t &seat) { return seat.oldest <= limit; };
+    _fxm_each_card<Class>(wanted, [=](typename Class::node_t *node, fxm_seat_t *seat) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
         if (_update_keepalive_state(&card, &Class::ignore_state(node), &Class::check_count(node), now))
-            _report_disconnect<Class>(func, card);
+            _report_disconnect<Class>(func, card, events);
+        _fxm_update_seat<Class>(seat);
         return true;
     });
 }
@@ -76,21 +85,26 @@ template <typename Class> static void _check_class(const char *func, uint64_t no
 void _devinfo_keepalive_check()
 {
     const uint64_t now = _fxm_get_time_ms();
-    _check_class<fxsv_class>(__func__, now);
-    _check_class<fxio_class>(__func__, now);
+    fxm_event_batch_t events;
+    _check_class<fxsv_class>(__func__, now, &events);
+    _check_class<fxio_class>(__func__, now, &events);
 }
 
 template <typename Class>
-static void _disconnect_class(const char *func, uint32_t port, uint64_t now) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+static void _disconnect_class(const char *func, uint32_t port, uint64_t now, fxm_event_batch_t *events)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    _fxm_each_node<Class>([=](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
+    // Of other cards no channel is up, or nobody watches them.
+    const auto wanted = [](const fxm_seat_t &seat) { return seat.oldest != FXM_NEVER; };
+    _fxm_each_card<Class>(wanted, [=](typename Class::node_t *node, fxm_seat_t *seat) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
         uint32_t *states = card.fcd_state[port];
         if (Class::ignore_state(node) == FXM_IGNORE || (states[0] == 0 && states[1] == 0))
             return true;
         states[0] = states[1] = 0;
         card.fcd_updatetime = now;
-        _report_disconnect<Class>(func, card);
+        _report_disconnect<Class>(func, card, events);
+        _fxm_update_seat<Class>(seat);
         return true;
     });
 }
@@ -99,6 +113,7 @@ void _fxm_all_disconnect(uint32_t port)
 {
     fxm_assert(port < FXM_PORT_NUM);
     const uint64_t now = _fxm_get_time_ms();
-    _disconnect_class<fxsv_class>(__func__, port, now);
-    _disconnect_class<fxio_class>(__func__, port, now);
+    fxm_event_batch_t events;
+    _disconnect_class<fxsv_class>(__func__, port, now, &events);
+    _disconnect_class<fxio_class>(__func__, port, now, &events);
 }

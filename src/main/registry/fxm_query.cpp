@@ -58,7 +58,6 @@ int fxm_delete_fxio(uint64_t id) { return _delete_api<fxio_class>(__func__, FXM_
 
 // The three selections of cards. `expected` counts the matching cards before the walk that lists them.
 struct all_cards_t {
-    bool matches(const fxm_card_data_t &) const { return true; }
     template <typename Class> uint32_t expected() const FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return Class::total(); }
 };
 
@@ -89,6 +88,36 @@ static uint64_t *_idlist_create(uint32_t entries)
 
 static void _idlist_destroy(uint64_t *list) { _fxm_mem_free(FXM_MEM_IDLIST, list); }
 
+// Writes the ids of the selected cards, `entries` of them at most, and returns their number.
+template <typename Class, typename Selection>
+static uint32_t _write_ids(const char *func, const Selection &selection, uint64_t *ids, uint32_t entries)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+{
+    uint32_t written = 0;
+    _fxm_each_node<Class>([&](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
+        const fxm_card_data_t &card = Class::card(Class::record(node));
+        if (!selection.matches(card))
+            return true;
+        if (written == entries) {
+            fxm_log_warn("%s: Get ID more than allocate size. num_tmp=%d", func, static_cast<int>(entries));
+            return false;
+        }
+        ids[written++] = card.fcd_id;
+        return true;
+    });
+    return written;
+}
+
+// All of them stand in the roster; no node is read.
+template <typename Class>
+static uint32_t _write_ids(const char *, const all_cards_t &, uint64_t *ids, uint32_t entries)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+{
+    fxm_assert(Class::roster().count == entries);
+    _fxm_roster_ids(&Class::roster(), ids);
+    return entries;
+}
+
 // Count and walk run under one holding of fx_lock, so that they agree.
 template <typename Class, typename Selection>
 static int _list_ids(const char *func, const Selection &selection, uint64_t **list, uint32_t *count)
@@ -109,20 +138,8 @@ static int _list_ids(const char *func, const Selection &selection, uint64_t **li
     uint64_t *ids = _idlist_create(entries);
     if (ids == nullptr)
         return ENOMEM;
-    uint32_t written = 0;
-    _fxm_each_node<Class>([&](typename Class::node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
-        const fxm_card_data_t &card = Class::card(Class::record(node));
-        if (!selection.matches(card))
-            return true;
-        if (written == entries) {
-            fxm_log_warn("%s: Get ID more than allocate size. num_tmp=%d", func, static_cast<int>(entries));
-            return false;
-        }
-        ids[written++] = card.fcd_id;
-        return true;
-    });
+    *count = _write_ids<Class>(func, selection, ids, entries);
     *list = ids;
-    *count = written;
     return 0;
 }
 

@@ -15,6 +15,11 @@ static_assert(sizeof(fxm_down_port_t) == 28);
 static_assert(sizeof(fxm_fxsv_t) == 576);
 static_assert(sizeof(fxm_fxio_t) == 128);
 
+// A roster reads the id at the head of a node.
+static_assert(offsetof(fxm_fxsv_node_t, fsn_data) == 0 && offsetof(fxm_fxsv_t, fsv_card) == 0);
+static_assert(offsetof(fxm_fxio_node_t, fin_data) == 0 && offsetof(fxm_fxio_t, fio_card) == 0);
+static_assert(offsetof(fxm_card_data_t, fcd_id) == 0);
+
 fxm_fx_tbl_t fxm_fx_tbl;
 std::atomic<uint32_t> fxm_card_limit{UINT32_MAX};
 std::atomic<uint64_t> fxm_cards_refused{0};
@@ -51,11 +56,20 @@ template <typename Class> static void _node_destroy(typename Class::node_t *node
     _fxm_mem_free(Class::account, node);
 }
 
-template <typename Class> static typename Class::node_t *_find(uint64_t id) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+uint64_t _fxm_oldest(const fxm_card_data_t &card, uint32_t ignore_state)
 {
-    fxm_assert(_fxm_check_holds(&fxm_fx_tbl.fx_lock));
-    fxm_rbnode_t *link = _fxm_rbtree_find(&Class::map(), &id);
-    return link != nullptr ? Class::link_t::record(link) : nullptr;
+    if (ignore_state == FXM_IGNORE)
+        return FXM_NEVER;
+    if (ignore_state != FXM_WATCH)
+        return 0; // every pass counts
+    uint64_t oldest = FXM_NEVER;
+    for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
+        for (uint32_t mac = 0; mac < 2; ++mac) {
+            if (card.fcd_state[port][mac] != 0)
+                oldest = std::min(oldest, card.fcd_recvtime[port][mac]);
+        }
+    }
+    return oldest;
 }
 
 // --------------------------------------------------------------------------------------------------------- lifecycle
@@ -64,6 +78,7 @@ template <typename Class> static typename Class::node_t *_find(uint64_t id) FXM_
 template <typename Class> FXM_NO_ANALYSIS static void _init_table()
 {
     _fxm_rbtree_init(&Class::map(), _fxm_rbtree_compare_u64, Class::link_t::get_key);
+    _fxm_roster_init(&Class::roster());
     Class::total() = 0;
     std::fill_n(Class::groups(), FXM_GROUPS, 0u);
 }
@@ -71,6 +86,7 @@ template <typename Class> FXM_NO_ANALYSIS static void _init_table()
 template <typename Class> static void _clear_table() FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     _fxm_rbtree_clear(&Class::map(), [](fxm_rbnode_t *link) { _node_destroy<Class>(Class::link_t::record(link)); });
+    _fxm_roster_clear(&Class::roster());
     Class::total() = 0;
     std::fill_n(Class::groups(), FXM_GROUPS, 0u);
 }
@@ -120,9 +136,10 @@ int _fxm_tbl_get(uint64_t id, typename Class::record_t *record, uint32_t *ignore
     if (((flags & FXM_TBL_RECORD) != 0 && record == nullptr) ||
         ((flags & FXM_TBL_IGNORE_STATE) != 0 && ignore_state == nullptr) || (flags & FXM_TBL_CHECK_COUNT) != 0)
         return EINVAL;
-    typename Class::node_t *node = _find<Class>(id);
-    if (node == nullptr)
+    const fxm_seat_t *seat = _fxm_tbl_seat<Class>(id);
+    if (seat == nullptr)
         return ENOENT;
+    typename Class::node_t *node = _fxm_node_of<Class>(seat);
     if ((flags & FXM_TBL_RECORD) != 0)
         memcpy(record, &Class::record(node), sizeof(*record));
     if ((flags & FXM_TBL_IGNORE_STATE) != 0)
@@ -150,15 +167,22 @@ static int _add(uint64_t id, const typename Class::record_t *record, uint32_t ig
         _node_destroy<Class>(node);
         return EPROTO;
     }
+    if (_fxm_roster_add(&Class::roster(), node, _fxm_oldest(Class::card(*record), ignore_state)) == nullptr) {
+        _fxm_rbtree_delete(&Class::map(), &Class::link(node));
+        _node_destroy<Class>(node);
+        _fxm_stats_add(&g_stats.alloc_fail);
+        return ENOMEM;
+    }
     Class::total() += 1;
     _group<Class>(Class::card(*record).fcd_vlan_id) += 1;
     return 0;
 }
 
 template <typename Class>
-static void _update(typename Class::node_t *node, const typename Class::record_t *record, uint32_t ignore_state,
-                    uint32_t flags) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+static void _update(fxm_seat_t *seat, const typename Class::record_t *record, uint32_t ignore_state, uint32_t flags)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
+    typename Class::node_t *node = _fxm_node_of<Class>(seat);
     if ((flags & FXM_TBL_RECORD) != 0) {
         // The id is the key of the map, so it must stay.
         fxm_assert(Class::card(*record).fcd_id == Class::card(Class::record(node)).fcd_id);
@@ -175,6 +199,7 @@ static void _update(typename Class::node_t *node, const typename Class::record_t
         Class::ignore_state(node) = ignore_state;
     if ((flags & FXM_TBL_CHECK_COUNT) != 0)
         Class::check_count(node) = 0;
+    _fxm_update_seat<Class>(seat);
 }
 
 template <typename Class>
@@ -182,9 +207,9 @@ int _fxm_tbl_set(uint64_t id, const typename Class::record_t *record, uint32_t i
 {
     if ((flags & FXM_TBL_RECORD) != 0 && record == nullptr)
         return EINVAL;
-    typename Class::node_t *node = _find<Class>(id);
-    if (node != nullptr) {
-        _update<Class>(node, record, ignore_state, flags);
+    fxm_seat_t *seat = _fxm_tbl_seat<Class>(id);
+    if (seat != nullptr) {
+        _update<Class>(seat, record, ignore_state, flags);
         return 0;
     }
     const int err = _add<Class>(id, record, ignore_state, flags);
@@ -199,9 +224,11 @@ template int _fxm_tbl_set<fxio_class>(uint64_t, const fxm_fxio_t *, uint32_t, ui
 
 template <typename Class> int _fxm_tbl_remove(uint64_t id)
 {
-    typename Class::node_t *node = _find<Class>(id);
-    if (node == nullptr)
+    fxm_seat_t *seat = _fxm_tbl_seat<Class>(id);
+    if (seat == nullptr)
         return ENOENT;
+    typename Class::node_t *node = _fxm_node_of<Class>(seat);
+    _fxm_roster_remove(&Class::roster(), seat);
     _fxm_rbtree_delete(&Class::map(), &Class::link(node));
     const uint16_t vlan_id = Class::card(Class::record(node)).fcd_vlan_id;
     _node_destroy<Class>(node);
@@ -215,31 +242,32 @@ template int _fxm_tbl_remove<fxio_class>(uint64_t);
 
 // --------------------------------------------------------------------------------------------------- of either class
 
+template <typename Class>
+static void _copy_card(const fxm_seat_t *seat, fxm_card_data_t *card, uint32_t *ignore_state)
+    FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+{
+    typename Class::node_t *node = _fxm_node_of<Class>(seat);
+    *ignore_state = Class::ignore_state(node);
+    if (card != nullptr)
+        memcpy(card, &Class::card(Class::record(node)), sizeof(*card));
+}
+
 int _fxm_get_fxdev_rid(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state, uint16_t *resource_num)
 {
-    constexpr uint32_t flags = FXM_TBL_RECORD | FXM_TBL_IGNORE_STATE;
-    fxm_fxsv_t fxsv;
-    fxm_fxio_t fxio;
-    const fxm_card_data_t *found = &fxsv.fsv_card;
-    uint16_t number = 0;
-    int err = _fxm_get_fxsv(id, &fxsv, ignore_state, flags);
-    if (err == ENOENT) {
-        err = _fxm_get_fxio(id, &fxio, ignore_state, flags);
-        if (err == ENOENT)
-            return ENOENT;
-        if (err != 0) {
-            fxm_log_warn("%s: Failed to _fxm_get_fxio(). err=%d", __func__, err);
-            return EPROTO;
-        }
-        found = &fxio.fio_card;
-        number = fxio.fio_mr_resource_num;
-    } else if (err != 0) {
-        fxm_log_warn("%s: Failed to _fxm_get_fxsv(). err=%d", __func__, err);
+    if (ignore_state == nullptr) {
+        fxm_log_warn("%s: Failed to _fxm_get_fxsv(). err=%d", __func__, EINVAL);
         return EPROTO;
+    }
+    uint16_t number = 0;
+    if (const fxm_seat_t *fxsv = _fxm_tbl_seat<fxsv_class>(id); fxsv != nullptr) {
+        _copy_card<fxsv_class>(fxsv, card, ignore_state);
+    } else if (const fxm_seat_t *fxio = _fxm_tbl_seat<fxio_class>(id); fxio != nullptr) {
+        _copy_card<fxio_class>(fxio, card, ignore_state);
+        number = _fxm_node_of<fxio_class>(fxio)->fin_data.fio_mr_resource_num;
+    } else {
+        return ENOENT;
     }
     if (resource_num != nullptr)
         *resource_num = number;
-    if (card != nullptr)
-        memcpy(card, found, sizeof(*card));
     return 0;
 }

@@ -15,6 +15,7 @@
 #include "diag/fxm_stats.h"
 #include "fxm.h"
 #include "platform/fxm_platform.h"
+#include "registry/fxm_roster.h"
 
 // Ignore state of a node.
 constexpr uint32_t FXM_WATCH = 0;         // normal monitoring
@@ -56,6 +57,9 @@ struct fxm_fx_tbl_t {
     uint32_t fxio_total FXM_GUARDED_BY(fx_lock);
     uint32_t fxsv_group_num[FXM_GROUPS] FXM_GUARDED_BY(fx_lock);
     uint32_t fxio_group_num[FXM_GROUPS] FXM_GUARDED_BY(fx_lock);
+    // Beside the maps, for whatever is done often; each has a seat for every node of its map.
+    fxm_roster_t fxsv_roster FXM_GUARDED_BY(fx_lock);
+    fxm_roster_t fxio_roster FXM_GUARDED_BY(fx_lock);
 };
 extern fxm_fx_tbl_t fxm_fx_tbl;
 
@@ -73,10 +77,8 @@ struct fxsv_class {
     using link_t = fxm_rbtree_of<&node_t::fsn_link, &node_t::fsn_data, &record_t::fsv_card, &fxm_card_data_t::fcd_id>;
 
     static constexpr const char *word = "FXSV";
-    static constexpr const char *get_name = "_fxm_get_fxsv";
     static constexpr const char *set_name = "_fxm_set_fxsv";
     static constexpr const char *add_name = "_fxm_add_fxsv";
-    static constexpr const char *set_devinfo_name = "_set_fxsv_devinfo";
     static constexpr const char *add_devinfo_name = "_add_fxsv_devinfo";
     static constexpr const char *update_devinfo_name = "_update_fxsv_devinfo";
     static constexpr const char *update_state_name = "_update_fxsv_state";
@@ -85,6 +87,7 @@ struct fxsv_class {
     static fxm_rbtree_t &map() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxsv_map; }
     static uint32_t &total() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxsv_total; }
     static uint32_t *groups() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxsv_group_num; }
+    static fxm_roster_t &roster() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxsv_roster; }
 
     static record_t &record(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fsn_data; }
     static fxm_rbnode_t &link(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fsn_link; }
@@ -100,10 +103,8 @@ struct fxio_class {
     using link_t = fxm_rbtree_of<&node_t::fin_link, &node_t::fin_data, &record_t::fio_card, &fxm_card_data_t::fcd_id>;
 
     static constexpr const char *word = "FXIO";
-    static constexpr const char *get_name = "_fxm_get_fxio";
     static constexpr const char *set_name = "_fxm_set_fxio";
     static constexpr const char *add_name = "_fxm_add_fxio";
-    static constexpr const char *set_devinfo_name = "_set_fxio_devinfo";
     static constexpr const char *add_devinfo_name = "_add_fxio_devinfo";
     static constexpr const char *update_devinfo_name = "_update_fxio_devinfo";
     static constexpr const char *update_state_name = "_update_fxio_state";
@@ -112,6 +113,7 @@ struct fxio_class {
     static fxm_rbtree_t &map() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxio_map; }
     static uint32_t &total() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxio_total; }
     static uint32_t *groups() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxio_group_num; }
+    static fxm_roster_t &roster() FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return fxm_fx_tbl.fxio_roster; }
 
     static record_t &record(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fin_data; }
     static fxm_rbnode_t &link(node_t *node) FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return node->fin_link; }
@@ -134,6 +136,28 @@ struct FXM_SCOPED_CAPABILITY fxm_fx_guard_t {
 };
 
 // Each of the templates has two instances, one for each class.
+
+// The seat of `id` in the roster of its class, or null.
+template <typename Class> fxm_seat_t *_fxm_tbl_seat(uint64_t id) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+{
+    fxm_assert(_fxm_check_holds(&fxm_fx_tbl.fx_lock));
+    return _fxm_roster_find(&Class::roster(), id);
+}
+
+template <typename Class> typename Class::node_t *_fxm_node_of(const fxm_seat_t *seat)
+{
+    return static_cast<typename Class::node_t *>(seat->node);
+}
+
+// The `oldest` of a card's seat: when the keepalive pass must look at the card.
+uint64_t _fxm_oldest(const fxm_card_data_t &card, uint32_t ignore_state);
+
+// Follows a change of the card's channels or of its ignore state.
+template <typename Class> void _fxm_update_seat(fxm_seat_t *seat) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+{
+    typename Class::node_t *node = _fxm_node_of<Class>(seat);
+    seat->oldest = _fxm_oldest(Class::card(Class::record(node)), Class::ignore_state(node));
+}
 
 // Copies out of the node of `id` what the flags select: 0, ENOENT, or EINVAL for a null output that a flag asks for or a
 // flag that is not allowed.
@@ -178,17 +202,21 @@ template <typename Class> [[nodiscard]] int _fxm_tbl_remove(uint64_t id) FXM_REQ
 [[nodiscard]] int _fxm_get_fxdev_rid(uint64_t id, fxm_card_data_t *card, uint32_t *ignore_state, uint16_t *resource_num)
     FXM_REQUIRES(fxm_fx_tbl.fx_lock);
 
-// Visits every node of the class in ascending id order. `visit` returns false to end the walk.
+// Visits in ascending id order every card of the class for whose seat `wanted` holds. `visit(node, seat)` returns false
+// to end the walk.
+template <typename Class, typename Wanted, typename Visit>
+void _fxm_each_card(Wanted wanted, Visit visit) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
+{
+    fxm_assert(_fxm_check_holds(&fxm_fx_tbl.fx_lock) && Class::roster().count == Class::total());
+    _fxm_roster_walk(&Class::roster(), sizeof(typename Class::node_t), wanted,
+                     [&](fxm_seat_t *seat) { return visit(_fxm_node_of<Class>(seat), seat); });
+}
+
+// The same for every card, without its seat.
 template <typename Class, typename Visit> void _fxm_each_node(Visit visit) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    fxm_assert(_fxm_check_holds(&fxm_fx_tbl.fx_lock));
-    uint32_t nodes = 0;
-    for (fxm_rbnode_t *link = _fxm_rbtree_first(&Class::map()); link != nullptr; link = _fxm_rbtree_next(link)) {
-        nodes += 1;
-        if (!visit(Class::link_t::record(link)))
-            return;
-    }
-    fxm_assert(nodes == Class::total());
+    _fxm_each_card<Class>([](const fxm_seat_t &) { return true; },
+                          [&](typename Class::node_t *node, fxm_seat_t *) { return visit(node); });
 }
 
 // The states of a card's four channels, as messages print them.
