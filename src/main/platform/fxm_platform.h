@@ -173,12 +173,12 @@ void _fxm_capture_close_on_exec(pcap *handle);
 // Waits at most `ms` until a frame may be sent again. Gives the time that is left, 0 when it has run out.
 [[nodiscard]] uint32_t _fxm_capture_wait_room(pcap *handle, uint32_t ms);
 
-// Prepares the next wait after a read. While reads give frames, the capture counts as signalled without a system call;
-// with a full ring the kernel's poll could even sleep while frames wait. After the interface went down, its deletion no
-// longer makes the descriptor readable, and only a read finds out. The capture then counts as signalled every
+// Prepares the next wait after a read. A read that has not emptied the capture (`more`) counts as a signal, without a
+// system call; with a full ring the kernel's poll could even sleep while frames wait. After the interface went down, its
+// deletion no longer makes the descriptor readable, and only a read finds out. The capture then counts as signalled every
 // FXM_CAPTURE_DOWN_LOOK ms.
 constexpr uint32_t FXM_CAPTURE_DOWN_LOOK = 100;
-void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool got_frame);
+void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool more);
 
 // ---------------------------------------------------------------------------------------------------------- stand-ins
 

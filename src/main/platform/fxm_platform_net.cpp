@@ -215,9 +215,9 @@ int _fxm_capture_event(pcap *handle) { return pcap_get_selectable_fd(handle); }
 
 void _fxm_capture_close_on_exec(pcap *handle) { fcntl(pcap_fileno(handle), F_SETFD, FD_CLOEXEC); }
 
-void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool got_frame)
+void _fxm_capture_read_done(pcap *handle, fxm_wait_source_t *source, bool more)
 {
-    source->ready = got_frame;
+    source->ready = more;
     // Once libpcap has seen the interface go down, it asks for reads without a signal.
     source->look_again = pcap_get_required_select_timeout(handle) != nullptr ? FXM_CAPTURE_DOWN_LOOK : 0;
 }

@@ -32,26 +32,6 @@ const fxm_frame_kind_t *_fxm_frame_kind(uint8_t subtype)
     return nullptr;
 }
 
-// One read. `length` is the length on the wire. The captured part of a frame is as long as any check or handler needs.
-static int _fxm_recv_pcap(uint32_t port, const uint8_t **frame, uint32_t *length)
-{
-    pcap_pkthdr *header = nullptr;
-    pcap_t *handle = fxm_ports[port].pt_pcap;
-    const int rc = pcap_next_ex(handle, &header, frame);
-    _fxm_capture_read_done(handle, &fxm_recv_source[port], rc == 1);
-    if (rc == 1) {
-        *length = header->len;
-        return 0;
-    }
-    if (rc == 0)
-        return ETIMEDOUT;
-    if (rc == -1)
-        fxm_log_fatal("%s: Failed to pcap_next_ex().", __func__);
-    else
-        fxm_log_error("%s: Failed to pcap_next_ex(). err = %d", __func__, rc);
-    return EPROTO;
-}
-
 // The least length of a frame by kind, host and low nibble of the second status byte. Every frame has these bytes: they
 // lie within the first 28.
 static uint32_t _min_length(const fxm_frame_kind_t &kind, const uint8_t *frame)
@@ -175,15 +155,54 @@ static void _carry_frame(const char *func, uint32_t port, const uint8_t *frame, 
     fxm_log_trace("%s: end. port_num=%u, ret=%d", func, port, 0);
 }
 
-int _fxm_recv_frame(uint32_t port)
+// One call of _fxm_recv_frame.
+struct reading_t {
+    const char *func;
+    const char *waiter;
+    uint32_t port;
+    bool woken; // the lines of the wake for the next frame have been written
+};
+
+static void _log_wake(const reading_t &reading)
+{
+    fxm_log_trace("%s: WaitForMultipleObjects() catch recv-event. port_num=%u", reading.waiter, reading.port);
+    fxm_log_trace("%s: start. port_num=%u, ret=%d", reading.func, reading.port, 0);
+}
+
+// The length is that on the wire. The captured part of a frame is as long as any check or handler needs.
+static void _take_frame(u_char *arg, const pcap_pkthdr *header, const u_char *frame)
+{
+    auto *reading = reinterpret_cast<reading_t *>(arg);
+    if (!reading->woken)
+        _log_wake(*reading);
+    reading->woken = false;
+    _carry_frame(reading->func, reading->port, frame, header->len);
+}
+
+// 0, ETIMEDOUT when the capture held no frame, or EPROTO.
+static int _fxm_recv_pcap(reading_t *reading)
+{
+    pcap_t *handle = fxm_ports[reading->port].pt_pcap;
+    const int rc = pcap_dispatch(handle, FXM_RECV_MOST, _take_frame, reinterpret_cast<u_char *>(reading));
+    _fxm_capture_read_done(handle, &fxm_recv_source[reading->port], rc == FXM_RECV_MOST);
+    if (rc > 0)
+        return 0;
+    if (rc == 0)
+        return ETIMEDOUT;
+    if (rc == -1)
+        fxm_log_fatal("%s: Failed to pcap_next_ex().", __func__);
+    else
+        fxm_log_error("%s: Failed to pcap_next_ex(). err = %d", __func__, rc);
+    return EPROTO;
+}
+
+int _fxm_recv_frame(uint32_t port, const char *waiter)
 {
     fxm_assert(port < FXM_PORT_NUM);
-    fxm_log_trace("%s: start. port_num=%u, ret=%d", __func__, port, 0);
-    const uint8_t *frame = nullptr;
-    uint32_t length = 0;
-    switch (_fxm_recv_pcap(port, &frame, &length)) {
+    reading_t reading = {__func__, waiter, port, true};
+    _log_wake(reading);
+    switch (_fxm_recv_pcap(&reading)) {
     case 0:
-        _carry_frame(__func__, port, frame, length);
         return 0;
     case ETIMEDOUT:
         fxm_log_debug("%s: _fxm_recv_pcap() returned ETIMEDOUT. port_num=%u", __func__, port);
