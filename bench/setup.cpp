@@ -196,10 +196,15 @@ void release_cpus() { sched_setaffinity(0, sizeof(program.cpus), &program.cpus);
 
 // -------------------------------------------------------------------------------------------------------- the library
 
-void start_library(const std::string &lines)
+std::filesystem::path configure(const std::string &lines)
 {
     program.installation->configure("ether_port = fxm0\n" + lines);
-    if (!program.library.start(program.installation->dir, FXM_LOG_FATAL))
+    return program.installation->dir;
+}
+
+void start_library(const std::string &lines)
+{
+    if (!program.library.start(configure(lines), FXM_LOG_WARN))
         fail("fxm_init_manager has returned %d", program.library.result());
     fxm_start_manager();
 }
@@ -228,9 +233,9 @@ bool connected(uint64_t id)
 
 // ------------------------------------------------------------------------------------------------------------- fxmsim
 
-void start_cards(unsigned count)
+void start_cards(unsigned count, const char *options)
 {
-    program.cards.start("--port0 card0");
+    program.cards.start(options);
     tell_cards("fxsv %012llx count=%u", static_cast<unsigned long long>(FIRST_FXSV), count);
 }
 
