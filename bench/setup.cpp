@@ -196,15 +196,10 @@ void release_cpus() { sched_setaffinity(0, sizeof(program.cpus), &program.cpus);
 
 // -------------------------------------------------------------------------------------------------------- the library
 
-std::filesystem::path configure(const std::string &lines)
-{
-    program.installation->configure("ether_port = fxm0\n" + lines);
-    return program.installation->dir;
-}
-
 void start_library(const std::string &lines)
 {
-    if (!program.library.start(configure(lines), FXM_LOG_WARN))
+    program.installation->configure("ether_port = fxm0\n" + lines);
+    if (!program.library.start(program.installation->dir, FXM_LOG_WARN))
         fail("fxm_init_manager has returned %d", program.library.result());
     fxm_start_manager();
 }
@@ -229,6 +224,12 @@ bool connected(uint64_t id)
     if (fxm_get_fxsv(id, &fxsv) == FXM_API_SUCCESS)
         return fxsv.fsv_card.fcd_state[0][0] == 1;
     return fxm_get_fxio(id, &fxio) == FXM_API_SUCCESS && fxio.fio_card.fcd_state[0][0] == 1;
+}
+
+std::filesystem::path configure(const std::string &lines)
+{
+    program.installation->configure("ether_port = fxm0\n" + lines);
+    return program.installation->dir;
 }
 
 // ------------------------------------------------------------------------------------------------------------- fxmsim

@@ -23,15 +23,13 @@ constexpr size_t AT_LINK_STATUS = 24;
 constexpr uint64_t FIRST_FXIO = 0x020000200000;
 frame_t fxio_frame(uint64_t id); // 60 bytes
 
-// One announcement of each of so many cards, FXSV and FXIO in turn or FXSV alone, to be sent over and over. The id of
-// FXSV card i is FIRST_FXSV + i.
+// One announcement of each of so many cards, FXSV and FXIO in turn, to be sent over and over.
 struct announcements_t {
-    enum classes_t { BOTH, FXSV_ALONE };
-    explicit announcements_t(size_t cards, classes_t classes = BOTH);
+    explicit announcements_t(size_t cards);
     announcements_t(const announcements_t &) = delete;
     announcements_t &operator=(const announcements_t &) = delete;
     void send(const wire_t &wire); // all of them; the kernel may lose some
-    uint64_t last_id;              // the card of the last frame
+    uint64_t last_id;              // the card of the last frame, an FXIO card
     std::vector<frame_t> frame;
     std::vector<iovec> part;
     std::vector<mmsghdr> message;
