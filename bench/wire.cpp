@@ -22,8 +22,7 @@ announcements_t::announcements_t(size_t cards)
     : last_id(FIRST_FXIO + cards - 1), frame(cards), part(cards), message(cards)
 {
     for (size_t i = 0; i < cards; ++i) {
-        frame[i] =
-            i % 2 == 0 ? from(FIRST_FXSV + i, fxsv_1g_frame()) : fxio_frame(FIRST_FXIO + i);
+        frame[i] = i % 2 == 0 ? from(FIRST_FXSV + i, fxsv_1g_frame()) : fxio_frame(FIRST_FXIO + i);
         part[i] = {frame[i].data(), frame[i].size()};
         message[i].msg_hdr.msg_iov = &part[i];
         message[i].msg_hdr.msg_iovlen = 1;

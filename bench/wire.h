@@ -66,7 +66,7 @@ struct bare_reader_t {
 
   private:
     struct alignas(64) slot_t {
-        std::mutex lock; // guards the next three
+        std::mutex lock; // guards waiting and value
         std::condition_variable answered;
         bool waiting = false;
         uint32_t value = 0;
