@@ -199,7 +199,7 @@ void release_cpus() { sched_setaffinity(0, sizeof(program.cpus), &program.cpus);
 void start_library(const std::string &lines)
 {
     program.installation->configure("ether_port = fxm0\n" + lines);
-    if (!program.library.start(program.installation->dir, FXM_LOG_FATAL))
+    if (!program.library.start(program.installation->dir, FXM_LOG_WARN))
         fail("fxm_init_manager has returned %d", program.library.result());
     fxm_start_manager();
 }
@@ -226,11 +226,17 @@ bool connected(uint64_t id)
     return fxm_get_fxio(id, &fxio) == FXM_API_SUCCESS && fxio.fio_card.fcd_state[0][0] == 1;
 }
 
+std::filesystem::path configure(const std::string &lines)
+{
+    program.installation->configure("ether_port = fxm0\n" + lines);
+    return program.installation->dir;
+}
+
 // ------------------------------------------------------------------------------------------------------------- fxmsim
 
-void start_cards(unsigned count)
+void start_cards(unsigned count, const char *options)
 {
-    program.cards.start("--port0 card0");
+    program.cards.start(options);
     tell_cards("fxsv %012llx count=%u", static_cast<unsigned long long>(FIRST_FXSV), count);
 }
 

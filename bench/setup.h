@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -56,15 +57,18 @@ void release_cpus();
 
 // -------------------------------------------------------------------------------------------------------- the library
 
-// Starts it at fxm0 with these lines of configuration, at log level FATAL, and lets the frames in.
+// Starts it at fxm0 with these lines of configuration, at log level WARN, and lets the frames in.
 void start_library(const std::string &lines);
 void stop_library();
 uint64_t counter(const char *name); // of port 0 in a status dump, such as "FXM_STATS_R_TOTAL"
 bool connected(uint64_t id);        // the card is in its table, with channel P0M0 up
 
-// fxmsim at card0, with so many FXSV cards from FIRST_FXSV up, in steps of 2.
+// For a program that starts the library itself: writes the same configuration and returns the installation directory.
+std::filesystem::path configure(const std::string &lines);
+
+// fxmsim, at card0 alone unless its options say otherwise, with so many FXSV cards from FIRST_FXSV up, in steps of 2.
 constexpr uint64_t FIRST_FXSV = 0x020000100000;
-void start_cards(unsigned count);
+void start_cards(unsigned count, const char *options = "--port0 card0");
 void tell_cards(const char *command, ...) __attribute__((format(printf, 1, 2))); // one of fxmsim's commands
 void stop_cards();
 

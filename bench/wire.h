@@ -1,13 +1,17 @@
-// What the benchmarks put on the wire: announcements of many cards, and the bare round trip that the library's is
-// compared with.
+// What the benchmarks put on the wire: announcements of many cards, and the bare programs that the library is compared
+// with.
 #ifndef BENCH_WIRE_H
 #define BENCH_WIRE_H
 
+#include <pcap/pcap.h>
 #include <sys/socket.h>
 
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "frames.h"
@@ -42,6 +46,37 @@ struct bare_t {
     void one_way() const;               // a frame that is taken in and not sent back
     std::unique_ptr<wire_t> wire[LANES];
     int far_id;
+};
+
+// A capture opened like the library's: every frame at once, a ring with room for 60,000 frames.
+pcap_t *open_port(const char *interface);
+
+// The least that a program has to do to read a register of a card: it sends a Register Read, and a thread takes the
+// Completion out of the capture and hands the value to the reader with its tag, through a mutex and a condition variable.
+// A request that gets no answer in 100 ms is sent again. The program knows the cards in advance, builds each request
+// once, and keeps nothing but a slot for each reader, whose number is its tag.
+struct bare_reader_t {
+    static constexpr size_t LANES = 64; // lane i reads from card i
+    explicit bare_reader_t(const char *interface);
+    ~bare_reader_t();
+    bare_reader_t(const bare_reader_t &) = delete;
+    bare_reader_t &operator=(const bare_reader_t &) = delete;
+
+    uint32_t read(size_t lane); // register 0x1000; one thread for each lane
+
+  private:
+    struct alignas(64) slot_t {
+        std::mutex lock; // guards waiting and value
+        std::condition_variable answered;
+        bool waiting = false;
+        uint32_t value = 0;
+        frame_t request;
+    };
+    void receive();
+
+    pcap_t *handle;
+    slot_t slots[LANES];
+    std::thread receiver;
 };
 
 #endif
