@@ -117,9 +117,9 @@ TEST(roster, any_mix_of_arrivals_and_departures_keeps_look_ups_order_and_times)
         if (step < 3000 || random() % 100 < (step / 10000 % 2 == 0 ? 60u : 30u)) {
             const auto [entry, is_new] = model.try_emplace(id, time);
             if (is_new) {
-                ASSERT_NE(_fxm_roster_add(&roster, const_cast<uint64_t *>(&entry->first), time), nullptr);
+                ASSERT_NE(_fxm_roster_add(&roster, const_cast<uint64_t *>(&entry->first), {0, time}), nullptr);
             } else {
-                _fxm_roster_find(&roster, id)->oldest = entry->second = time;
+                _fxm_roster_find(&roster, id)->watch.oldest = entry->second = time;
             }
         } else if (const auto victim = model.lower_bound(id); victim != model.end()) {
             _fxm_roster_remove(&roster, _fxm_roster_find(&roster, victim->first));
@@ -130,7 +130,7 @@ TEST(roster, any_mix_of_arrivals_and_departures_keeps_look_ups_order_and_times)
         const fxm_seat_t *seat = _fxm_roster_find(&roster, id);
         ASSERT_EQ(seat != nullptr, known != model.end()) << "id " << id << " at step " << step;
         if (seat != nullptr) {
-            ASSERT_EQ(seat->oldest, known->second);
+            ASSERT_EQ(seat->watch.oldest, known->second);
         }
         if (step % 500 != 0)
             continue;
@@ -142,7 +142,7 @@ TEST(roster, any_mix_of_arrivals_and_departures_keeps_look_ups_order_and_times)
                 old.push_back(key);
         }
         ASSERT_EQ(walked(&roster, [](const fxm_seat_t &) { return true; }), all) << "step " << step;
-        ASSERT_EQ(walked(&roster, [](const fxm_seat_t &seat) { return seat.oldest <= 10; }), old);
+        ASSERT_EQ(walked(&roster, [](const fxm_seat_t &seat) { return seat.watch.oldest <= 10; }), old);
         ASSERT_EQ(_fxm_roster_any_heard_by(&roster, 10), !old.empty());
         std::vector<uint64_t> listed(model.size());
         _fxm_roster_ids(&roster, listed.data());

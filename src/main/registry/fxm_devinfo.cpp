@@ -350,7 +350,7 @@ static bool _refresh(const arrival_t &arrival, fxm_seat_t *seat, const typename 
     const uint64_t before = time;
     time = arrival.now;
     // Only the oldest time can hold the seat back; a clock that was set back makes any time the oldest.
-    if (before <= seat->oldest || arrival.now < seat->oldest)
+    if (before <= seat->watch.oldest || arrival.now < seat->watch.oldest)
         _fxm_update_seat<Class>(seat);
     _log_updated<Class>(card.fcd_id, "WATCH");
     return true;

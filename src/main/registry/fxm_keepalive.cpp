@@ -72,7 +72,7 @@ static void _check_class(const char *func, uint64_t now, fxm_event_batch_t *even
     const uint64_t limit = now - std::min(now, uint64_t{g_config.devinfo_expire_time});
     if (!_fxm_roster_any_heard_by(&Class::roster(), limit))
         return;
-    const auto wanted = [=](const fxm_seat_t &seat) { return seat.oldest <= limit; };
+    const auto wanted = [=](const fxm_seat_t &seat) { return seat.watch.oldest <= limit; };
     _fxm_each_card<Class>(wanted, [=](typename Class::node_t *node, fxm_seat_t *seat) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
         if (_update_keepalive_state(&card, &Class::ignore_state(node), &Class::check_count(node), now))
@@ -94,13 +94,11 @@ template <typename Class>
 static void _disconnect_class(const char *func, uint32_t port, uint64_t now, fxm_event_batch_t *events)
     FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
-    // Of other cards no channel is up, or nobody watches them.
-    const auto wanted = [](const fxm_seat_t &seat) { return seat.oldest != FXM_NEVER; };
+    const auto wanted = [=](const fxm_seat_t &seat) { return (seat.watch.ports >> port & 1) != 0; };
     _fxm_each_card<Class>(wanted, [=](typename Class::node_t *node, fxm_seat_t *seat) FXM_REQUIRES(fxm_fx_tbl.fx_lock) {
         fxm_card_data_t &card = Class::card(Class::record(node));
         uint32_t *states = card.fcd_state[port];
-        if (Class::ignore_state(node) == FXM_IGNORE || (states[0] == 0 && states[1] == 0))
-            return true;
+        fxm_assert(Class::ignore_state(node) != FXM_IGNORE && (states[0] != 0 || states[1] != 0));
         states[0] = states[1] = 0;
         card.fcd_updatetime = now;
         _report_disconnect<Class>(func, card, events);

@@ -172,7 +172,7 @@ void _fxm_roster_clear(fxm_roster_t *roster)
     _fxm_roster_init(roster);
 }
 
-fxm_seat_t *_fxm_roster_add(fxm_roster_t *roster, void *node, uint64_t oldest)
+fxm_seat_t *_fxm_roster_add(fxm_roster_t *roster, void *node, fxm_watch_t watch)
 {
     const uint64_t id = _fxm_node_id(node);
     if (roster->count == roster->seat_room) {
@@ -188,7 +188,7 @@ fxm_seat_t *_fxm_roster_add(fxm_roster_t *roster, void *node, uint64_t oldest)
         return nullptr;
 
     const uint32_t number = roster->count++;
-    roster->seats[number] = {oldest, node};
+    roster->seats[number] = {watch, node};
     _put_bucket(roster, {_fxm_roster_hash(roster, id), number + 1});
     const uint32_t place = _place_in(stretch, id);
     _move_ids(stretch, place + 1, stretch, place, stretch->count - place);
@@ -221,7 +221,7 @@ bool _fxm_roster_any_heard_by(const fxm_roster_t *roster, uint64_t limit)
     // Without an end in between, so that it runs as fast as memory is read.
     uint64_t oldest = FXM_NEVER;
     for (uint32_t i = 0; i < roster->count; ++i)
-        oldest = std::min(oldest, roster->seats[i].oldest);
+        oldest = std::min<uint64_t>(oldest, roster->seats[i].watch.oldest);
     return roster->count > 0 && oldest <= limit;
 }
 

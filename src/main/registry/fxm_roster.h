@@ -14,12 +14,19 @@
 #include <cstdint>
 
 // The time of a card of which no channel can expire.
-constexpr uint64_t FXM_NEVER = UINT64_MAX;
+constexpr uint64_t FXM_NEVER = (uint64_t{1} << 62) - 1;
+
+// What a pass must know of a card before it reads the node.
+struct fxm_watch_t {
+    uint64_t ports : 2;   // bit p: a channel of port p is up
+    uint64_t oldest : 62; // ms; no channel that is up was last heard before this time
+};
 
 struct fxm_seat_t {
-    uint64_t oldest; // no channel that is up was last heard before this time
+    fxm_watch_t watch;
     void *node;
 };
+static_assert(sizeof(fxm_seat_t) == 16);
 
 // The hash of an id, and the number of its seat plus 1; 0 marks a free bucket.
 struct fxm_bucket_t {
@@ -51,7 +58,7 @@ void _fxm_roster_init(fxm_roster_t *roster);
 void _fxm_roster_clear(fxm_roster_t *roster); // frees everything but the nodes
 
 // Gives the node a seat; its id must not have one. The seat, or null when memory is out; then nothing has changed.
-[[nodiscard]] fxm_seat_t *_fxm_roster_add(fxm_roster_t *roster, void *node, uint64_t oldest);
+[[nodiscard]] fxm_seat_t *_fxm_roster_add(fxm_roster_t *roster, void *node, fxm_watch_t watch);
 
 // Takes a card out. Another card may move to its seat.
 void _fxm_roster_remove(fxm_roster_t *roster, fxm_seat_t *seat);

@@ -56,20 +56,22 @@ template <typename Class> static void _node_destroy(typename Class::node_t *node
     _fxm_mem_free(Class::account, node);
 }
 
-uint64_t _fxm_oldest(const fxm_card_data_t &card, uint32_t ignore_state)
+fxm_watch_t _fxm_watch_of(const fxm_card_data_t &card, uint32_t ignore_state)
 {
+    fxm_watch_t watch = {0, FXM_NEVER};
     if (ignore_state == FXM_IGNORE)
-        return FXM_NEVER;
-    if (ignore_state != FXM_WATCH)
-        return 0; // every pass counts
-    uint64_t oldest = FXM_NEVER;
+        return watch;
     for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
         for (uint32_t mac = 0; mac < 2; ++mac) {
-            if (card.fcd_state[port][mac] != 0)
-                oldest = std::min(oldest, card.fcd_recvtime[port][mac]);
+            if (card.fcd_state[port][mac] == 0)
+                continue;
+            watch.ports |= 1u << port;
+            watch.oldest = std::min<uint64_t>(watch.oldest, card.fcd_recvtime[port][mac]);
         }
     }
-    return oldest;
+    if (ignore_state != FXM_WATCH)
+        watch.oldest = 0; // every pass counts
+    return watch;
 }
 
 // --------------------------------------------------------------------------------------------------------- lifecycle
@@ -167,7 +169,7 @@ static int _add(uint64_t id, const typename Class::record_t *record, uint32_t ig
         _node_destroy<Class>(node);
         return EPROTO;
     }
-    if (_fxm_roster_add(&Class::roster(), node, _fxm_oldest(Class::card(*record), ignore_state)) == nullptr) {
+    if (_fxm_roster_add(&Class::roster(), node, _fxm_watch_of(Class::card(*record), ignore_state)) == nullptr) {
         _fxm_rbtree_delete(&Class::map(), &Class::link(node));
         _node_destroy<Class>(node);
         _fxm_stats_add(&g_stats.alloc_fail);

@@ -149,14 +149,14 @@ template <typename Class> typename Class::node_t *_fxm_node_of(const fxm_seat_t 
     return static_cast<typename Class::node_t *>(seat->node);
 }
 
-// The `oldest` of a card's seat: when the keepalive pass must look at the card.
-uint64_t _fxm_oldest(const fxm_card_data_t &card, uint32_t ignore_state);
+// Which passes must look at a card.
+fxm_watch_t _fxm_watch_of(const fxm_card_data_t &card, uint32_t ignore_state);
 
 // Follows a change of the card's channels or of its ignore state.
 template <typename Class> void _fxm_update_seat(fxm_seat_t *seat) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     typename Class::node_t *node = _fxm_node_of<Class>(seat);
-    seat->oldest = _fxm_oldest(Class::card(Class::record(node)), Class::ignore_state(node));
+    seat->watch = _fxm_watch_of(Class::card(Class::record(node)), Class::ignore_state(node));
 }
 
 // Copies out of the node of `id` what the flags select: 0, ENOENT, or EINVAL for a null output that a flag asks for or a
