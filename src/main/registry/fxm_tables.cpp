@@ -58,20 +58,21 @@ template <typename Class> static void _node_destroy(typename Class::node_t *node
 
 fxm_watch_t _fxm_watch_of(const fxm_card_data_t &card, uint32_t ignore_state)
 {
-    fxm_watch_t watch = {0, FXM_NEVER};
     if (ignore_state == FXM_IGNORE)
-        return watch;
+        return {0, FXM_NEVER};
+    uint64_t ports = 0;
+    uint64_t oldest = FXM_NEVER;
     for (uint32_t port = 0; port < FXM_PORT_NUM; ++port) {
         for (uint32_t mac = 0; mac < 2; ++mac) {
             if (card.fcd_state[port][mac] == 0)
                 continue;
-            watch.ports |= 1u << port;
-            watch.oldest = std::min<uint64_t>(watch.oldest, card.fcd_recvtime[port][mac]);
+            ports |= uint64_t{1} << port;
+            oldest = std::min(oldest, card.fcd_recvtime[port][mac]);
         }
     }
     if (ignore_state != FXM_WATCH)
-        watch.oldest = 0; // every pass counts
-    return watch;
+        oldest = 0; // every pass counts
+    return {ports & 3, oldest & FXM_NEVER};
 }
 
 // --------------------------------------------------------------------------------------------------------- lifecycle
