@@ -146,8 +146,8 @@ static double reads_per_second(size_t threads, size_t times, const read_t &read)
 
 static void measure_many(bare_reader_t *program, size_t threads, const char *row_name)
 {
-    constexpr size_t turns = 10;
-    const size_t times = full_or_quick(20000, 4000) / threads;
+    const size_t turns = full_or_quick(40, 16);
+    const size_t times = full_or_quick(8000, 4000) / threads;
     const uint64_t sent = counter("FXM_STATS_T_REGR");
     std::vector<double> bare;
     std::vector<double> library;
