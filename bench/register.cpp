@@ -1,5 +1,5 @@
-// fxm_read_register from a simulated card, beside the bare program that reads the same register of the same card. The two
-// take turns, each on a cable of its own to the same fxmsim, so that what disturbs one disturbs the other.
+// fxm_read_register from a simulated card, beside the bare program that reads the same register of the same card. The
+// two take turns, each on a cable of its own to the same fxmsim, so that what disturbs one disturbs the other.
 #include <algorithm>
 #include <barrier>
 #include <cstdio>
