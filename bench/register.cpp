@@ -171,7 +171,7 @@ static void with_cards(const std::function<void(bare_reader_t *)> &measure)
 {
     start_cards(CARDS, "--port0 card0 --port1 card1");
     start_library("");
-    for (unsigned card = 0; card < CARDS; ++card)
+    for (uint64_t card = 0; card < CARDS; ++card)
         wait_until([=] { return connected(FIRST_FXSV + 2 * card); }, "the cards to be connected");
     {
         bare_reader_t program("fxm1");
@@ -192,7 +192,7 @@ int main(int argc, char **argv)
         measure_one_thread(program);
         measure_with_log(program, dir);
         printf("Many threads, each with a card of its own, one CPU, for information\n");
-        for (const size_t threads : {8, 16, 64})
+        for (const size_t threads : {8u, 16u, 64u})
             measure_many(program, threads, nullptr);
     });
     release_cpus();
