@@ -1,5 +1,5 @@
-// fxm_read_register from a simulated card, beside the bare program that reads the same register of the same card. The two
-// take turns, each on a cable of its own to the same fxmsim, so that what disturbs one disturbs the other.
+// fxm_read_register from a simulated card, beside the bare program that reads the same register of the same card. The
+// two take turns, each on a cable of its own to the same fxmsim, so that what disturbs one disturbs the other.
 #include <algorithm>
 #include <barrier>
 #include <cstdio>
@@ -146,8 +146,8 @@ static double reads_per_second(size_t threads, size_t times, const read_t &read)
 
 static void measure_many(bare_reader_t *program, size_t threads, const char *row_name)
 {
-    constexpr size_t turns = 10;
-    const size_t times = full_or_quick(20000, 4000) / threads;
+    const size_t turns = full_or_quick(40, 16);
+    const size_t times = full_or_quick(8000, 4000) / threads;
     const uint64_t sent = counter("FXM_STATS_T_REGR");
     std::vector<double> bare;
     std::vector<double> library;
@@ -171,7 +171,7 @@ static void with_cards(const std::function<void(bare_reader_t *)> &measure)
 {
     start_cards(CARDS, "--port0 card0 --port1 card1");
     start_library("");
-    for (unsigned card = 0; card < CARDS; ++card)
+    for (uint64_t card = 0; card < CARDS; ++card)
         wait_until([=] { return connected(FIRST_FXSV + 2 * card); }, "the cards to be connected");
     {
         bare_reader_t program("fxm1");
@@ -192,7 +192,7 @@ int main(int argc, char **argv)
         measure_one_thread(program);
         measure_with_log(program, dir);
         printf("Many threads, each with a card of its own, one CPU, for information\n");
-        for (const size_t threads : {8, 16, 64})
+        for (const size_t threads : {8u, 16u, 64u})
             measure_many(program, threads, nullptr);
     });
     release_cpus();

@@ -52,9 +52,9 @@ struct bare_t {
 pcap_t *open_port(const char *interface);
 
 // The least that a program has to do to read a register of a card: it sends a Register Read, and a thread takes the
-// Completion out of the capture and hands the value to the reader with its tag, through a mutex and a condition variable.
-// A request that gets no answer in 100 ms is sent again. The program knows the cards in advance, builds each request
-// once, and keeps nothing but a slot for each reader, whose number is its tag.
+// Completion out of the capture and hands the value to the reader with its tag, through a mutex and a condition
+// variable. A request that gets no answer in 100 ms is sent again. The program knows the cards in advance, builds each
+// request once, and keeps nothing but a slot for each reader, whose number is its tag.
 struct bare_reader_t {
     static constexpr size_t LANES = 64; // lane i reads from card i
     explicit bare_reader_t(const char *interface);
