@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-FXM_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev liblog4cxx-dev libgtest-dev libbenchmark-dev)
+FXM_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev liblog4cxx-dev libgtest-dev)
 # Of fxmd and fxmctl.
 FXM_BUILD_PACKAGES+=(libmicrohttpd-dev libboost-json1.81-dev libtomlplusplus-dev libcli11-dev
     libfmt-dev libsqlite3-dev libsystemd-dev prometheus-cpp-dev)
