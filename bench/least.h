@@ -25,6 +25,10 @@ struct least_registry_t {
     uint64_t by_subtype[256] = {};
 };
 
+// A capture holds fewer frames than this. The first touch of its memory costs far more than a frame, so all of it is used
+// once before anything is measured.
+constexpr uint64_t CAPTURE_FRAMES = 65536;
+
 // The last frame of a flood comes from a card of its own, one for each port. Its flow id says which flood has ended.
 constexpr uint64_t FENCE = 0x02000000ff00;
 
