@@ -2,6 +2,7 @@
 
 #include <pcap/pcap.h>
 #include <poll.h>
+#include <pthread.h>
 
 #include <cstddef>
 #include <cstring>
@@ -88,6 +89,14 @@ capture_loop_t::~capture_loop_t()
     stop = true;
     reader.join();
     pcap_close(handle);
+}
+
+int64_t capture_loop_t::cpu_ns()
+{
+    clockid_t clock{};
+    if (pthread_getcpuclockid(reader.native_handle(), &clock) != 0)
+        fail("the thread of the capture loop has no clock");
+    return read_clock(clock);
 }
 
 void capture_loop_t::read_frames()

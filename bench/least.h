@@ -40,6 +40,7 @@ struct capture_loop_t {
     capture_loop_t(const capture_loop_t &) = delete;
     capture_loop_t &operator=(const capture_loop_t &) = delete;
 
+    int64_t cpu_ns();              // of the thread
     std::atomic<uint8_t> fence{0}; // flow id of the last fence
     std::atomic<uint64_t> received{0};
 
