@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <numeric>
 #include <optional>
@@ -200,6 +201,7 @@ void start_library(const std::string &lines) { start_library_at("fxm0", lines); 
 
 void start_library_at(const std::string &ports, const std::string &lines)
 {
+    std::filesystem::remove(program.installation->dir / "statslogfile"); // of an earlier run
     program.installation->configure("ether_port = " + ports + "\n" + lines);
     if (!program.library.start(program.installation->dir, FXM_LOG_WARN))
         fail("fxm_init_manager has returned %d", program.library.result());
@@ -215,8 +217,15 @@ void stop_library()
 
 uint64_t counter(const char *name, int port)
 {
-    log_t dumps(program.installation->dir / "statslogfile");
-    return frames_counted(read_dump(&dumps), port, name);
+    // Only what is new: a dump has a line for each card, and all dumps of a flood together are a hundred megabytes.
+    std::ifstream dumps(program.installation->dir / "statslogfile");
+    dumps.seekg(0, std::ios::end);
+    if (fxm_stdump(0) != FXM_API_SUCCESS)
+        fail("no status dump");
+    dump_t dump;
+    for (std::string line; std::getline(dumps, line);)
+        dump.push_back(line);
+    return frames_counted(dump, port, name);
 }
 
 bool connected(uint64_t id)
