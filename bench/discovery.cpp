@@ -1,17 +1,24 @@
-// How soon a card's announcement is in its record, and what a flood of announcements costs in comparison with a loop
-// that does nothing but take the frames out of the same capture.
-#include <pcap/pcap.h>
-#include <poll.h>
+// How soon a card's announcement is in its record, and what a flood of announcements costs: in comparison with a loop
+// that does nothing but take the frames out of the same capture, and with the least registry. Two ports at once in
+// comparison with one.
 #include <sched.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <functional>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "least.h"
 #include "setup.h"
 #include "wire.h"
 
@@ -78,16 +85,59 @@ static void measure_latency()
 
 // -------------------------------------------------------------------------------------------------------------- flood
 
-constexpr size_t CARDS = 10000;
-constexpr uint64_t FENCE = 0x020000ffff00; // a card whose frame comes behind all others
-
 // At full speed: the receiver has a CPU of its own where there are two. In bursts: it runs when the sender, on the same
 // CPU, has sent a frame of every card and rests, so that it finds all of them at once.
 enum flood_kind_t { FULL_SPEED, BURSTS };
 
-struct flood_t {
-    double seconds = 0, cpu_ns = 0, sent = 0, received = 0;
+constexpr size_t TURNS = 5;
+constexpr int64_t MS = 1000000;
+// A round that is longer than half of the capture is sent in slices. Each begins when the one before is taken out.
+constexpr size_t SLICE = 20000;
+constexpr size_t LONGEST_ROUND = 30000;
+
+// One who takes the frames of a flood.
+struct side_t {
+    const char *name;
+    std::function<void()> start;
+    std::function<bool(uint8_t)> fence_seen; // the one with this flow id
+    std::function<uint64_t()> received;
+    std::function<void()> stop;
+    std::vector<double> cost_ns{}, frames_per_second{}; // of each turn
+    double sent = 0, lost = 0;
 };
+
+static bool library_has_fence(int port, uint8_t number)
+{
+    fxm_fxio_t record;
+    return fxm_get_fxio(FENCE + static_cast<uint64_t>(port), &record) == FXM_API_SUCCESS &&
+           record.fio_card.fcd_flowid == number;
+}
+
+static side_t bare_side(std::optional<capture_loop_t> *loop)
+{
+    return {"bare capture loop", [=] { loop->emplace("fxm0", nullptr, 10); },
+            [=](uint8_t number) { return (*loop)->fence == number; }, [=] { return (*loop)->received.load(); },
+            [=] { loop->reset(); }};
+}
+
+static side_t least_side(std::optional<capture_loop_t> *loop, std::unique_ptr<least_registry_t> *registry)
+{
+    const auto start = [=] {
+        *registry = std::make_unique<least_registry_t>();
+        loop->emplace("fxm0", registry->get(), 10);
+    };
+    side_t side = bare_side(loop);
+    side.name = "least registry";
+    side.start = start;
+    return side;
+}
+
+static side_t library_side()
+{
+    return {"fxm", [] { start_library("devinfo_expire_time = 100000\n"); },
+            [](uint8_t number) { return library_has_fence(0, number); }, [] { return counter("FXM_STATS_R_TOTAL"); },
+            stop_library};
+}
 
 // Starts a receiver's threads so that they run as the kind of flood asks for: they inherit it from a thread that ends,
 // since an ordinary user's thread does not get back out of SCHED_IDLE.
@@ -104,136 +154,333 @@ static void start_receiver(flood_kind_t kind, const std::function<void()> &start
     hold_to_cpu(0);
 }
 
-// Sends every card's frame over and over and adds what came of it. The CPU time is that of all threads but this one.
-static void flood(flood_kind_t kind, announcements_t *cards, const wire_t &wire,
-                  const std::function<bool()> &fence_seen, const std::function<uint64_t()> &received, flood_t *total)
+// The sender's end of a cable. It counts what it sends, and it learns from a fence that all of it has been taken out.
+struct sender_t {
+    void send(announcements_t *cards, size_t begin, size_t end)
+    {
+        cards->send(wire, begin, end);
+        sent += end - begin;
+    }
+    void await_all(const std::function<bool(uint8_t)> &fence_seen, int64_t look_ns = 2 * MS);
+    const int port;
+    const wire_t wire{"card" + std::to_string(port), 0};
+    uint64_t sent = 0;
+    uint8_t number = 0; // of the last fence
+};
+
+void sender_t::await_all(const std::function<bool(uint8_t)> &fence_seen, int64_t look_ns)
+{
+    frame_t fence = fxio_frame(FENCE + static_cast<uint64_t>(port));
+    fence[AT_FLOW_ID] = ++number;
+    const int64_t begun = now_ns();
+    // The fence may be lost with others.
+    for (int64_t next = begun; !fence_seen(number); sleep_until(now_ns() + look_ns)) {
+        if (now_ns() >= next) {
+            wire.send(fence);
+            ++sent;
+            next = now_ns() + 500 * MS;
+        }
+        if (now_ns() > begun + 30000 * MS)
+            fail("nobody gets through the flood");
+    }
+}
+
+// A frame of every card.
+static void send_round(flood_kind_t kind, announcements_t *cards, sender_t *sender, const side_t &side)
+{
+    const size_t all = cards->frame.size();
+    const size_t slice = all > LONGEST_ROUND ? SLICE : all;
+    for (size_t begin = 0; begin < all; begin += slice) {
+        sender->send(cards, begin, std::min(begin + slice, all));
+        if (kind == BURSTS || slice < all)
+            sender->await_all(side.fence_seen);
+    }
+}
+
+// How many were received when so many were sent. A frame is counted a moment after it is in its record.
+static uint64_t received_of(const side_t &side, uint64_t sent)
+{
+    uint64_t received = side.received();
+    for (int i = 0; i < 5 && received != sent; ++i) {
+        sleep_until(now_ns() + 20 * MS);
+        received = side.received();
+    }
+    return received;
+}
+
+// The tables are full and the memory of the capture is in use when the flood begins. The CPU time is that of all threads
+// but this one.
+static void flood(flood_kind_t kind, size_t frames, announcements_t *cards, sender_t *sender, side_t *side)
 {
     const auto cpu_ns = [] { return read_clock(CLOCK_PROCESS_CPUTIME_ID) - read_clock(CLOCK_THREAD_CPUTIME_ID); };
-    const size_t rounds = full_or_quick(100, 20);
-    const uint64_t received_before = received();
+    start_receiver(kind, side->start);
+    sender->sent = 0;
+    while (sender->sent < CAPTURE_FRAMES) {
+        send_round(kind, cards, sender, *side);
+        sender->await_all(side->fence_seen);
+    }
+    const uint64_t received_before = received_of(*side, sender->sent);
+    const uint64_t sent_before = sender->sent;
     const int64_t cpu_before = cpu_ns();
     const int64_t begun = now_ns();
-    for (size_t i = 0; i < rounds; ++i) {
-        cards->send(wire);
-        if (kind == BURSTS)
-            sleep_until(now_ns() + 3000 * static_cast<int64_t>(CARDS));
-    }
-    size_t fences = 0;
-    // The fence may be lost with others.
-    for (int ms = 0; !fence_seen(); ++ms) {
-        if (ms % 200 == 0) {
-            wire.send(fxio_frame(FENCE));
-            ++fences;
+    for (size_t done = 0; done < frames; done += cards->frame.size())
+        send_round(kind, cards, sender, *side);
+    sender->await_all(side->fence_seen);
+    const auto seconds = static_cast<double>(now_ns() - begun) / 1e9;
+    const auto cost = static_cast<double>(cpu_ns() - cpu_before);
+    const auto sent = static_cast<double>(sender->sent - sent_before);
+    const auto lost = static_cast<double>(sender->sent - received_of(*side, sender->sent));
+    const auto lost_before = static_cast<double>(sent_before - received_before);
+    side->stop();
+    const double received = sent - (lost - lost_before);
+    side->cost_ns.push_back(cost / received);
+    side->frames_per_second.push_back(received / seconds);
+    side->sent += static_cast<double>(sender->sent);
+    side->lost += lost;
+}
+
+static void print_sides(const side_t *sides, size_t number)
+{
+    printf("                       CPU ns/frame   frames/s       lost\n");
+    for (size_t i = 0; i < number; ++i)
+        printf("  %-18s %14.0f %10.0f %10.0f of %.0f\n", sides[i].name, median(sides[i].cost_ns),
+               median(sides[i].frames_per_second), sides[i].lost, sides[i].sent);
+    const double cost = median(sides[number - 1].cost_ns);
+    for (size_t i = 0; i + 1 < number; ++i)
+        printf("  %s / %s %.2f\n", sides[number - 1].name, sides[i].name, cost / median(sides[i].cost_ns));
+}
+
+// Returns the frames that the library has lost.
+static double measure_flood(flood_kind_t kind, size_t number, const char *name, goal_t goal)
+{
+    const size_t frames = full_or_quick(600000, 100000);
+    announcements_t cards(number);
+    sender_t sender{0};
+    std::optional<capture_loop_t> loop;
+    std::unique_ptr<least_registry_t> registry;
+    side_t sides[] = {bare_side(&loop), least_side(&loop, &registry), library_side()};
+    const size_t number_of_sides = std::size(sides);
+    for (size_t turn = 0; turn < TURNS; ++turn) {
+        for (size_t i = 0; i < number_of_sides; ++i) {
+            progress(name, turn * number_of_sides + i, TURNS * number_of_sides);
+            flood(kind, frames, &cards, &sender, &sides[(turn + i) % number_of_sides]); // each is first in turn
         }
-        if (ms == 30000)
-            fail("nobody gets through the flood");
-        sleep_until(now_ns() + 1000000);
     }
-    total->seconds += static_cast<double>(now_ns() - begun) / 1e9;
-    total->cpu_ns += static_cast<double>(cpu_ns() - cpu_before);
-    total->sent += static_cast<double>(rounds * CARDS + fences);
-    total->received += static_cast<double>(received() - received_before);
-}
-
-// The library's way of opening a port: every frame at once, read without blocking, room for 60,000 frames.
-static pcap_t *open_capture()
-{
-    char errbuf[PCAP_ERRBUF_SIZE] = "";
-    pcap_t *handle = pcap_create("fxm0", errbuf);
-    pcap_set_snaplen(handle, 1024);
-    pcap_set_promisc(handle, 1);
-    pcap_set_timeout(handle, 1000);
-    pcap_set_immediate_mode(handle, 1);
-    pcap_set_buffer_size(handle, 64 * 1024 * 1024);
-    if (pcap_activate(handle) < 0 || pcap_setnonblock(handle, 1, errbuf) != 0)
-        fail("no capture: %s%s", pcap_geterr(handle), errbuf);
-    return handle;
-}
-
-static void flood_bare_loop(flood_kind_t kind, announcements_t *cards, const wire_t &wire, flood_t *total)
-{
-    std::atomic<bool> stop{false};
-    std::atomic<bool> fence_seen{false};
-    std::atomic<uint64_t> received{0};
-    pcap_t *handle = open_capture();
-    const auto read_frames = [&] {
-        pollfd ready = {pcap_get_selectable_fd(handle), POLLIN, 0};
-        pcap_pkthdr *header = nullptr;
-        const uint8_t *frame = nullptr;
-        uint64_t number = 0;
-        while (!stop) {
-            while (pcap_next_ex(handle, &header, &frame) == 1) {
-                ++number;
-                if (frame[10] == (FENCE >> 8 & 0xff)) {
-                    received = number;
-                    fence_seen = true;
-                }
-            }
-            poll(&ready, 1, 10);
-        }
-    };
-    std::thread reader;
-    start_receiver(kind, [&] { reader = std::thread(read_frames); });
-    flood(
-        kind, cards, wire, [&] { return fence_seen.load(); }, [&] { return received.load(); }, total);
-    stop = true;
-    reader.join();
-    pcap_close(handle);
-}
-
-static void flood_library(flood_kind_t kind, announcements_t *cards, const wire_t &wire, flood_t *total)
-{
-    start_receiver(kind, [] { start_library("devinfo_expire_time = 100000\n"); });
-    cards->send(wire); // the tables are full from here on
-    const auto all_there = [=] {
-        sleep_until(now_ns() + 1000000); // the library may be on this CPU
-        return connected(cards->last_id);
-    };
-    wait_until(all_there, "the cards to be connected");
-    flood(
-        kind, cards, wire, [] { return connected(FENCE); }, [] { return counter("FXM_STATS_R_TOTAL"); }, total);
-    stop_library();
-}
-
-static double print_flood(const char *who, const flood_t &flood)
-{
-    const double cost = flood.cpu_ns / flood.received;
-    printf("  %-18s %14.0f %10.0f of %.0f\n", who, cost, flood.sent - flood.received, flood.sent);
-    return cost;
-}
-
-static void measure_flood(flood_kind_t kind, const char *name)
-{
-    const size_t turns = full_or_quick(5, 2);
-    announcements_t cards(CARDS);
-    const wire_t wire("card0", 0);
-    flood_t bare;
-    flood_t library;
-    for (size_t i = 0; i < turns; ++i) {
-        progress("flood, turn", i, turns);
-        flood_bare_loop(kind, &cards, wire, &bare);
-        flood_library(kind, &cards, wire, &library);
-    }
-    progress("", turns, turns);
+    progress("", TURNS, TURNS);
     release_cpus();
+    printf("\nAnnouncements of %zu cards %s, medians of %zu turns\n", number,
+           kind == FULL_SPEED ? "as fast as one CPU sends them" : "in bursts, each taken out when all of it is there",
+           TURNS);
+    print_sides(sides, number_of_sides);
+    row(name, median(sides[2].cost_ns), median(sides[1].cost_ns), "ns", goal);
+    return sides[2].lost;
+}
 
-    printf("\nAnnouncements of %zu cards %s\n"
-           "                       CPU ns/frame       lost\n",
-           CARDS, name);
-    const double bare_cost = print_flood("bare capture loop", bare);
-    const double library_cost = print_flood("fxm", library);
-    printf("  %-18s %14.2f\n", "fxm / bare", library_cost / bare_cost);
-    if (kind == FULL_SPEED)
-        printf("  %.0f frames/s through the bare loop, %.0f through fxm, which is %.2f of it\n",
-               bare.received / bare.seconds, library.received / library.seconds,
-               library.received / library.seconds / (bare.received / bare.seconds));
+static void measure_floods()
+{
+    measure_flood(BURSTS, 10000, "frame_known", {goal_t::RATIO_AT_MOST, 1.1});
+    const goal_t goal = {goal_t::RATIO_AT_MOST, 1.15};
+    double lost = measure_flood(FULL_SPEED, 1000, "flood_1000", goal);
+    lost += measure_flood(FULL_SPEED, 10000, "flood_10000", goal);
+    lost += measure_flood(FULL_SPEED, 65536, "flood_65536", goal);
+    row("flood_lost", lost, NO_LIMIT, "frames", {goal_t::FIGURE_AT_MOST, 0});
+}
+
+// ---------------------------------------------------------------------------------------------------------- two ports
+
+constexpr size_t PORTS = 2;
+constexpr size_t CARDS_OF_PORT = 5000;
+
+// The CPU time of another thread of this process, by its clock as pthread_getcpuclockid makes it.
+static int64_t thread_cpu_ns(int tid)
+{
+    return read_clock(static_cast<clockid_t>(~static_cast<unsigned>(tid) << 3 | 6));
+}
+
+static std::vector<int> all_threads()
+{
+    std::vector<int> tids;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/task"))
+        tids.push_back(std::stoi(entry.path().filename().string()));
+    return tids;
+}
+
+// A port with its cards, its sender and the library's thread that receives its frames.
+struct lane_t {
+    explicit lane_t(int number) : port(number), cards(CARDS_OF_PORT, CARDS_OF_PORT * static_cast<size_t>(number)) {}
+    bool fence_seen(uint8_t number) const { return library_has_fence(port, number); }
+    void send_round() { sender.send(&cards, 0, CARDS_OF_PORT); }
+    void await_all(int64_t look_ns)
+    {
+        sender.await_all([this](uint8_t number) { return fence_seen(number); }, look_ns);
+    }
+    uint64_t received() const { return counter("FXM_STATS_R_TOTAL", port); }
+    int port;
+    announcements_t cards;
+    sender_t sender{port};
+    int tid = 0;
+    int64_t sender_cpu_ns = 0, receiver_cpu_ns = 0; // of the last flood
+};
+
+// Leaving SCHED_IDLE is refused to an ordinary user. A thread that stays there runs all the same when nobody else does.
+static void set_policy(const lane_t &lane, int policy)
+{
+    const sched_param none{};
+    (void)sched_setscheduler(lane.tid, policy, &none);
+}
+
+// Fills the tables, touches the memory of the capture, and finds the receive thread: no other thread is as busy while known frames arrive.
+static void find_receiver(lane_t *lane)
+{
+    while (lane->sender.sent < CAPTURE_FRAMES) {
+        lane->send_round();
+        lane->await_all(2 * MS);
+    }
+    sleep_until(now_ns() + 200 * MS); // the events of the new cards
+    const std::vector<int> tids = all_threads();
+    std::vector<int64_t> before;
+    std::transform(tids.begin(), tids.end(), std::back_inserter(before), thread_cpu_ns);
+    for (int i = 0; i < 5; ++i) {
+        lane->send_round();
+        lane->await_all(2 * MS);
+    }
+    int64_t most = 0;
+    for (size_t i = 0; i < tids.size(); ++i) {
+        const int64_t used = thread_cpu_ns(tids[i]) - before[i];
+        if (tids[i] != gettid() && used > most) {
+            most = used;
+            lane->tid = tids[i];
+        }
+    }
+}
+
+// Floods the port for so long, from the CPU on which its receive thread is held too. When a slice is out, the sender
+// rests until it is taken out. Under SCHED_BATCH, the receive thread does not preempt the sender for each frame. It finds
+// many frames at once then, and the switches between the two threads do not count on either side of the comparison.
+static void flood_lane(lane_t *lane, int64_t until)
+{
+    hold_to_cpu(lane->port);
+    hold_to_cpu(lane->port, lane->tid);
+    set_policy(*lane, SCHED_BATCH);
+    const int64_t cpu_before = read_clock(CLOCK_THREAD_CPUTIME_ID);
+    const int64_t receiver_before = thread_cpu_ns(lane->tid);
+    while (now_ns() < until) {
+        lane->send_round();
+        lane->await_all(MS / 5);
+    }
+    lane->sender_cpu_ns = read_clock(CLOCK_THREAD_CPUTIME_ID) - cpu_before;
+    lane->receiver_cpu_ns = thread_cpu_ns(lane->tid) - receiver_before;
+}
+
+struct speed_t {
+    double frames_per_second, sender_share, receiver_share; // of the time of a CPU
+};
+
+static speed_t flood_lanes(const std::vector<lane_t *> &lanes)
+{
+    std::vector<std::thread> senders;
+    uint64_t before = 0;
+    uint64_t after = 0;
+    for (lane_t *lane : lanes)
+        before += lane->received();
+    const int64_t begun = now_ns();
+    const int64_t until = begun + static_cast<int64_t>(full_or_quick(2000, 500)) * MS;
+    for (lane_t *lane : lanes)
+        senders.emplace_back(flood_lane, lane, until);
+    for (std::thread &sender : senders)
+        sender.join();
+    const auto ns = static_cast<double>(now_ns() - begun);
+    double sender = 0;
+    double receiver = 0;
+    for (lane_t *lane : lanes) {
+        after += lane->received();
+        sender += static_cast<double>(lane->sender_cpu_ns);
+        receiver += static_cast<double>(lane->receiver_cpu_ns);
+    }
+    const double cpus_ns = ns * static_cast<double>(lanes.size());
+    return {static_cast<double>(after - before) / ns * 1e9, sender / cpus_ns, receiver / cpus_ns};
+}
+
+// Frames a second out of rings that have been filled before. Meanwhile the receive threads are held: idle ones on the CPU
+// of the busy sender.
+static double drain_lanes(const std::vector<lane_t *> &lanes)
+{
+    uint64_t before = 0;
+    uint64_t after = 0;
+    hold_to_cpu(0);
+    for (lane_t *lane : lanes) {
+        before += lane->received();
+        hold_to_cpu(0, lane->tid);
+        set_policy(*lane, SCHED_IDLE);
+    }
+    for (int i = 0; i < 10; ++i) {
+        for (lane_t *lane : lanes)
+            lane->send_round();
+    }
+    const int64_t begun = now_ns();
+    for (lane_t *lane : lanes) {
+        hold_to_cpu(lane->port, lane->tid);
+        set_policy(*lane, SCHED_OTHER);
+    }
+    for (lane_t *lane : lanes)
+        lane->await_all(MS / 5);
+    const auto ns = static_cast<double>(now_ns() - begun);
+    release_cpus();
+    for (lane_t *lane : lanes)
+        after += lane->received();
+    return static_cast<double>(after - before) / ns * 1e9;
+}
+
+static double mean_of(double one, double other) { return (one + other) / 2; }
+
+static void measure_two_ports()
+{
+    lay_cable("fxm1", "card1");
+    start_library_at("fxm0 fxm1", "devinfo_expire_time = 100000\n");
+    lane_t first(0);
+    lane_t second(1);
+    std::vector<double> both, alone, both_sender, alone_sender, both_receiver, alone_receiver, both_drain, alone_drain;
+    for (lane_t *lane : {&first, &second})
+        find_receiver(lane);
+    if (first.tid == second.tid)
+        fail("the receive threads of the two ports are not found");
+    for (size_t turn = 0; turn < TURNS; ++turn) {
+        progress("two ports, turn", turn, TURNS);
+        const speed_t together = flood_lanes({&first, &second});
+        const speed_t one = flood_lanes({&first});
+        const speed_t other = flood_lanes({&second});
+        both.push_back(together.frames_per_second);
+        both_sender.push_back(together.sender_share);
+        both_receiver.push_back(together.receiver_share);
+        alone.push_back(mean_of(one.frames_per_second, other.frames_per_second));
+        alone_sender.push_back(mean_of(one.sender_share, other.sender_share));
+        alone_receiver.push_back(mean_of(one.receiver_share, other.receiver_share));
+        both_drain.push_back(drain_lanes({&first, &second}));
+        alone_drain.push_back(mean_of(drain_lanes({&first}), drain_lanes({&second})));
+    }
+    progress("", TURNS, TURNS);
+    const uint64_t lost = first.sender.sent + second.sender.sent - first.received() - second.received();
+    stop_library();
+    printf("\nTwo ports with %zu cards each, sender and receive thread of a port on one CPU, medians of %zu turns\n"
+           "                         both at once    one alone   both / one\n",
+           CARDS_OF_PORT, TURNS);
+    printf("  frames/s, sent meanwhile   %10.0f   %10.0f   %10.2f\n", median(both), median(alone),
+           median(both) / median(alone));
+    printf("  of a CPU, the sender has   %9.0f%%   %9.0f%%\n", 100 * median(both_sender), 100 * median(alone_sender));
+    printf("  and the receive thread     %9.0f%%   %9.0f%%\n", 100 * median(both_receiver),
+           100 * median(alone_receiver));
+    printf("  frames/s, out of full rings%10.0f   %10.0f   %10.2f\n", median(both_drain), median(alone_drain),
+           median(both_drain) / median(alone_drain));
+    printf("  %llu of %llu frames lost\n", static_cast<unsigned long long>(lost),
+           static_cast<unsigned long long>(first.sender.sent + second.sender.sent));
+    row("two_ports", median(both), median(alone), "frames/s", {goal_t::RATIO_AT_LEAST, 1.7});
 }
 
 int main(int argc, char **argv)
 {
     bench_begin(argc, argv);
     measure_latency();
-    measure_flood(FULL_SPEED, "as fast as one CPU sends them");
-    measure_flood(BURSTS, "in bursts, each taken out when all of it is there");
+    measure_floods();
+    measure_two_ports();
     return bench_end();
 }

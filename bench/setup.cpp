@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <numeric>
 #include <optional>
@@ -73,7 +74,7 @@ void wait_until(const std::function<bool()> &done, const char *what)
     }
 }
 
-void hold_to_cpu(int number)
+void hold_to_cpu(int number, int tid)
 {
     cpu_set_t one;
     CPU_ZERO(&one);
@@ -84,7 +85,7 @@ void hold_to_cpu(int number)
         CPU_SET(cpu, &one);
         --number;
     }
-    if (sched_setaffinity(0, sizeof(one), &one) != 0)
+    if (sched_setaffinity(tid, sizeof(one), &one) != 0)
         fail("cannot keep to one CPU: %s", strerror(errno));
 }
 
@@ -92,9 +93,12 @@ void release_cpus() { sched_setaffinity(0, sizeof(program.cpus), &program.cpus);
 
 // -------------------------------------------------------------------------------------------------------- the library
 
-void start_library(const std::string &lines)
+void start_library(const std::string &lines) { start_library_at("fxm0", lines); }
+
+void start_library_at(const std::string &ports, const std::string &lines)
 {
-    program.installation->configure("ether_port = fxm0\n" + lines);
+    std::filesystem::remove(program.installation->dir / "statslogfile"); // of an earlier run
+    program.installation->configure("ether_port = " + ports + "\n" + lines);
     if (!program.library.start(program.installation->dir, FXM_LOG_WARN))
         fail("fxm_init_manager has returned %d", program.library.result());
     fxm_start_manager();
@@ -107,10 +111,17 @@ void stop_library()
         fail("the library has stopped with %d", result);
 }
 
-uint64_t counter(const char *name)
+uint64_t counter(const char *name, int port)
 {
-    log_t dumps(program.installation->dir / "statslogfile");
-    return frames_counted(read_dump(&dumps), 0, name);
+    // Only what is new: a dump has a line for each card, and all dumps of a flood together are a hundred megabytes.
+    std::ifstream dumps(program.installation->dir / "statslogfile");
+    dumps.seekg(0, std::ios::end);
+    if (fxm_stdump(0) != FXM_API_SUCCESS)
+        fail("no status dump");
+    dump_t dump;
+    for (std::string line; std::getline(dumps, line);)
+        dump.push_back(line);
+    return frames_counted(dump, port, name);
 }
 
 bool connected(uint64_t id)

@@ -21,17 +21,18 @@ int bench_end(); // the exit status: 1 for a demand that was missed, under --str
 void wait_until(const std::function<bool()> &done, const char *what);
 
 // Holds the calling thread, and the threads and children that it makes from then on, to the first or second of the CPUs
-// that the program was given (to the only one if there is one), or gives it back all.
-void hold_to_cpu(int number);
+// that the program was given (to the only one if there is one), or gives it back all. `tid` names another thread.
+void hold_to_cpu(int number, int tid = 0);
 void release_cpus();
 
 // -------------------------------------------------------------------------------------------------------- the library
 
 // Starts it at fxm0 with these lines of configuration, at log level WARN, and lets the frames in.
 void start_library(const std::string &lines);
+void start_library_at(const std::string &ports, const std::string &lines); // "fxm0 fxm1"
 void stop_library();
-uint64_t counter(const char *name); // of port 0 in a status dump, such as "FXM_STATS_R_TOTAL"
-bool connected(uint64_t id);        // the card is in its table, with channel P0M0 up
+uint64_t counter(const char *name, int port = 0); // of a status dump, such as "FXM_STATS_R_TOTAL"
+bool connected(uint64_t id);                      // the card is in its table, with channel P0M0 up
 
 // For a program that starts the library itself: writes the same configuration and returns the installation directory.
 std::filesystem::path configure(const std::string &lines);

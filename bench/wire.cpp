@@ -18,21 +18,21 @@
 
 frame_t fxio_frame(uint64_t id) { return changed(from(id, fxio_frame()), {}, 60); }
 
-announcements_t::announcements_t(size_t cards)
-    : last_id(FIRST_FXIO + cards - 1), frame(cards), part(cards), message(cards)
+announcements_t::announcements_t(size_t cards, size_t first)
+    : last_id(FIRST_FXIO + first + cards - 1), frame(cards), part(cards), message(cards)
 {
     for (size_t i = 0; i < cards; ++i) {
-        frame[i] = i % 2 == 0 ? from(FIRST_FXSV + i, fxsv_1g_frame()) : fxio_frame(FIRST_FXIO + i);
+        frame[i] = i % 2 == 0 ? from(FIRST_FXSV + first + i, fxsv_1g_frame()) : fxio_frame(FIRST_FXIO + first + i);
         part[i] = {frame[i].data(), frame[i].size()};
         message[i].msg_hdr.msg_iov = &part[i];
         message[i].msg_hdr.msg_iovlen = 1;
     }
 }
 
-void announcements_t::send(const wire_t &wire)
+void announcements_t::send(const wire_t &wire, size_t begin, size_t end)
 {
-    for (size_t done = 0; done < message.size();) {
-        const int sent = sendmmsg(wire.fd, &message[done], static_cast<unsigned>(message.size() - done), 0);
+    for (size_t done = begin; done < end;) {
+        const int sent = sendmmsg(wire.fd, &message[done], static_cast<unsigned>(end - done), 0);
         if (sent < 0)
             fail("cannot send: %s", strerror(errno));
         done += static_cast<size_t>(sent);

@@ -23,13 +23,15 @@ constexpr size_t AT_LINK_STATUS = 24;
 constexpr uint64_t FIRST_FXIO = 0x020000200000;
 frame_t fxio_frame(uint64_t id); // 60 bytes
 
-// One announcement of each of so many cards, FXSV and FXIO in turn, to be sent over and over.
+// One announcement of each of so many cards, FXSV and FXIO in turn, to be sent over and over. The cards behind another
+// port begin at another, even `first`.
 struct announcements_t {
-    explicit announcements_t(size_t cards);
+    explicit announcements_t(size_t cards, size_t first = 0);
     announcements_t(const announcements_t &) = delete;
     announcements_t &operator=(const announcements_t &) = delete;
-    void send(const wire_t &wire); // all of them; the kernel may lose some
-    uint64_t last_id;              // the card of the last frame, an FXIO card
+    void send(const wire_t &wire) { send(wire, 0, message.size()); } // all of them; the kernel may lose some
+    void send(const wire_t &wire, size_t begin, size_t end);
+    uint64_t last_id; // the card of the last frame, an FXIO card
     std::vector<frame_t> frame;
     std::vector<iovec> part;
     std::vector<mmsghdr> message;
