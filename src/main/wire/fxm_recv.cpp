@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <iterator>
 
 #include "access/fxm_tags.h"
 #include "core/fxm_config.h"
@@ -125,8 +126,17 @@ static void _fxm_recv_completion(uint32_t port, const uint8_t *frame)
     _fxm_recv_comp(u8(frame, COMP_TAG), port, mac48(frame, ETH_SRC), le32(frame, COMP_DATA));
 }
 
-// A frame that has passed _check_frame. It is counted after its handler, whatever the handler did with it.
-static void _dispatch_frame(uint32_t port, const uint8_t *frame, uint8_t mode)
+// One call of _fxm_recv_frame.
+struct reading_t {
+    const char *func;
+    const char *waiter;
+    uint32_t port;
+    bool woken;                               // the lines of the wake for the next frame have been written
+    uint32_t handled[std::size(frame_kinds)]; // frames by kind, not yet counted
+};
+
+// A frame that has passed _check_frame. It counts when its handler is done, whatever that did with it.
+static void _dispatch_frame(reading_t *reading, const uint8_t *frame, uint8_t mode)
 {
     const uint8_t subtype = u8(frame, FRAME_SUBTYPE);
     const fxm_frame_kind_t *kind = _fxm_frame_kind(subtype);
@@ -136,32 +146,35 @@ static void _dispatch_frame(uint32_t port, const uint8_t *frame, uint8_t mode)
     }
     fxm_log_trace("%s: %s is received.", __func__, kind->name);
     if (subtype == FXM_SUBTYPE_COMP)
-        _fxm_recv_completion(port, frame);
+        _fxm_recv_completion(reading->port, frame);
     else
-        _fxm_recv_devinfo(port, frame, mode);
-    _fxm_stats_frame(port, kind->counter, FXM_STATS_R_TOTAL);
+        _fxm_recv_devinfo(reading->port, frame, mode);
+    reading->handled[kind - frame_kinds] += 1;
+}
+
+// Adds what has been handled to the counters: one lock for all frames of a wake.
+static void _count_handled(const reading_t &reading)
+{
+    fxm_mutex_guard_t guard(&g_stats_lock);
+    uint64_t(&counters)[FXM_STATS_FRAMES] = g_stats.port_frames[reading.port];
+    for (size_t i = 0; i < std::size(frame_kinds); ++i) {
+        counters[frame_kinds[i].counter] += reading.handled[i];
+        counters[FXM_STATS_R_TOTAL] += reading.handled[i];
+    }
 }
 
 // A frame that has been read: drops it or handles it to the end.
-static void _carry_frame(const char *func, uint32_t port, const uint8_t *frame, uint32_t length)
+static void _carry_frame(reading_t *reading, const uint8_t *frame, uint32_t length)
 {
     if (g_start_flag.load() != FXM_ON) {
-        fxm_log_trace("%s: Drop packet because start flag is not set. port_num=%u", func, port);
+        fxm_log_trace("%s: Drop packet because start flag is not set. port_num=%u", reading->func, reading->port);
         return;
     }
     uint8_t mode = FXM_VLAN_MODE_NORMAL;
     if (_check_frame(frame, length, &mode) == 0)
-        _dispatch_frame(port, frame, mode);
-    fxm_log_trace("%s: end. port_num=%u, ret=%d", func, port, 0);
+        _dispatch_frame(reading, frame, mode);
+    fxm_log_trace("%s: end. port_num=%u, ret=%d", reading->func, reading->port, 0);
 }
-
-// One call of _fxm_recv_frame.
-struct reading_t {
-    const char *func;
-    const char *waiter;
-    uint32_t port;
-    bool woken; // the lines of the wake for the next frame have been written
-};
 
 static void _log_wake(const reading_t &reading)
 {
@@ -176,7 +189,7 @@ static void _take_frame(u_char *arg, const pcap_pkthdr *header, const u_char *fr
     if (!reading->woken)
         _log_wake(*reading);
     reading->woken = false;
-    _carry_frame(reading->func, reading->port, frame, header->len);
+    _carry_frame(reading, frame, header->len);
 }
 
 // 0, ETIMEDOUT when the capture held no frame, or EPROTO.
@@ -184,6 +197,8 @@ static int _fxm_recv_pcap(reading_t *reading)
 {
     pcap_t *handle = fxm_ports[reading->port].pt_pcap;
     const int rc = pcap_dispatch(handle, FXM_RECV_MOST, _take_frame, reinterpret_cast<u_char *>(reading));
+    if (rc != 0)
+        _count_handled(*reading);
     _fxm_capture_read_done(handle, &fxm_recv_source[reading->port], rc == FXM_RECV_MOST);
     if (rc > 0)
         return 0;
@@ -199,7 +214,7 @@ static int _fxm_recv_pcap(reading_t *reading)
 int _fxm_recv_frame(uint32_t port, const char *waiter)
 {
     fxm_assert(port < FXM_PORT_NUM);
-    reading_t reading = {__func__, waiter, port, true};
+    reading_t reading = {__func__, waiter, port, true, {}};
     _log_wake(reading);
     switch (_fxm_recv_pcap(&reading)) {
     case 0:
