@@ -13,8 +13,8 @@ struct fxm_wreg_node_t {
     fxm_rbnode_t wn_link;
     uint64_t wn_id;
     // The card's write lock. It is held across live check, frames, retries and sleeps. It is taken with neither fx_lock
-    // nor wreg_lock held. Under it a thread takes cmp_lock, a port's send lock and the stats lock, briefly and one at a
-    // time, and never fx_lock.
+    // nor wreg_lock held. Under it a thread takes cmp_lock and the stats lock, briefly and one at a time, and never
+    // fx_lock.
     fxm_mutex_t wn_lock{FXM_LOCK_WN};
 };
 

@@ -21,7 +21,6 @@ const fxm_lock_rule_t fxm_lock_rules[] = {
     {"the event queue's lock", _set(FXM_LOCK_ENTRY, FXM_LOCK_FX), false, false, false},
     {"handle_lock", _set(FXM_LOCK_ENTRY), false, false, false},
     {"cmp_lock", _set(FXM_LOCK_ENTRY, FXM_LOCK_WN), false, false, false},
-    {"send_lock", _set(FXM_LOCK_ENTRY, FXM_LOCK_WN), false, false, false},
     {"g_stats_lock", ANY & ~_set(FXM_LOCK_STATS), false, false, false},
 };
 static_assert(std::size(fxm_lock_rules) == FXM_LOCK_KINDS);

@@ -14,7 +14,6 @@ enum fxm_lock_kind_t : uint8_t {
     FXM_LOCK_QUEUE,     // lock of fxm_event_queue, events/fxm_event.cpp
     FXM_LOCK_HANDLE,    // handle_lock, events/fxm_event.cpp
     FXM_LOCK_CMP,       // cmp_lock, access/fxm_tags.cpp
-    FXM_LOCK_SEND,      // send_lock of a port, wire/fxm_port.cpp
     FXM_LOCK_STATS,     // g_stats_lock, diag/fxm_stats.h
     FXM_LOCK_KINDS
 };

@@ -5,7 +5,6 @@
 #include <cerrno>
 
 #include "core/fxm_config.h"
-#include "core/fxm_locks.h"
 #include "core/fxm_state.h"
 #include "fxm_log4cxxif.h"
 
@@ -13,13 +12,11 @@ fxm_port_t fxm_ports[FXM_PORT_NUM];
 
 constexpr uint32_t FXM_SEND_WAIT = 50; // ms at most that a frame waits for room
 
-// One lock for each port. A sender holds it across one pcap_sendpacket and takes nothing under it.
-//
-// Senders and the receive thread share one capture handle. On Linux libpcap sends with one send(2) on the descriptor and
-// reads only the mapped ring, so the two do not touch the same data, and the receive thread needs no lock. Two senders
-// share the handle's error text, which a failing send writes; this lock keeps them apart. Nobody reads that text. A
-// second handle for sending would need no lock, but then the first one would capture every frame that the library sends.
-static fxm_mutex_t send_lock[FXM_PORT_NUM] = {fxm_mutex_t{FXM_LOCK_SEND}, fxm_mutex_t{FXM_LOCK_SEND}};
+// Senders and the receive thread share one capture handle, without a lock. On Linux libpcap sends with one send(2) on the
+// descriptor and reads only the mapped ring, so they do not touch the same data. Only a send that fails writes to the
+// handle: its error text, which nobody reads. Two that fail at once may mix their words there and do no other harm. A lock
+// around the system call would be held whenever the card preempts the sender of the frame that has woken it, and would
+// keep all other senders from sending. A second handle for sending would capture every frame that the library sends.
 
 void _fxm_ports_clear()
 {
@@ -50,7 +47,6 @@ void _fxm_socket_close(uint32_t number)
 // One attempt: 0, or the system's error.
 static int _try_send(uint32_t port, const uint8_t *frame, uint32_t length)
 {
-    fxm_mutex_guard_t guard(&send_lock[port]);
     errno = 0;
     const int rc = pcap_sendpacket(fxm_ports[port].pt_pcap, frame, static_cast<int>(length));
     return rc == 0 ? 0 : (errno != 0 ? errno : EPROTO);
@@ -61,7 +57,7 @@ int _fxm_send(uint32_t port, const uint8_t *frame, uint32_t length)
     fxm_assert(port < FXM_PORT_NUM && fxm_ports[port].pt_pcap != nullptr);
     _fxm_check_wait("a frame to a card");
     // EAGAIN means that the socket's own buffer is full for a moment, which is no reason to refuse a frame. Senders wait
-    // outside the lock, side by side, and not past a stop. A full queue of the interface gives ENOBUFS instead. The
+    // side by side, and not past a stop. A full queue of the interface gives ENOBUFS instead. The
     // kernel offers no wait for that, so the frame is refused.
     uint32_t left = FXM_SEND_WAIT;
     int err = _try_send(port, frame, length);
