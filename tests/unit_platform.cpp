@@ -216,7 +216,7 @@ TEST_F(platform, port_opens_on_the_first_usable_adapter_of_its_index)
 
     // Nothing has come, so the next read waits for a signal.
     ASSERT_EQ(_fxm_capture_mintocopy(fxm_ports[0].pt_pcap), 0);
-    EXPECT_EQ(_fxm_recv_frame(0, "waiter"), 0);
+    EXPECT_EQ(_fxm_recv_frame(0), 0);
     EXPECT_FALSE(fxm_recv_source[0].ready);
 
     // A congested port is tried again, for a while; any other failure is one at once.

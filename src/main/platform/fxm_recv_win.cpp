@@ -21,7 +21,7 @@ void _fxm_recv_win(uint32_t port)
             fxm_log_info("%s: WaitForMultipleObjects() catch terminate-event. port_num=%u", __func__, port);
             return;
         case FXM_WAIT_SECOND:
-            if (_fxm_recv_frame(port, __func__) != 0) {
+            if (_fxm_recv_frame(port) != 0) {
                 fxm_log_fatal("%s: Failed to _fxm_recv_frame(). port_num=%u", __func__, port);
                 _fxm_fini_manager();
                 return;

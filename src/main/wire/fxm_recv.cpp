@@ -129,7 +129,6 @@ static void _fxm_recv_completion(uint32_t port, const uint8_t *frame)
 // One call of _fxm_recv_frame.
 struct reading_t {
     const char *func;
-    const char *waiter;
     uint32_t port;
     bool woken;                               // the lines of the wake for the next frame have been written
     uint32_t handled[std::size(frame_kinds)]; // frames by kind, not yet counted
@@ -176,9 +175,10 @@ static void _carry_frame(reading_t *reading, const uint8_t *frame, uint32_t leng
     fxm_log_trace("%s: end. port_num=%u, ret=%d", reading->func, reading->port, 0);
 }
 
+// The first line belongs to the wait, and has its name.
 static void _log_wake(const reading_t &reading)
 {
-    fxm_log_trace("%s: WaitForMultipleObjects() catch recv-event. port_num=%u", reading.waiter, reading.port);
+    fxm_log_trace("%s: WaitForMultipleObjects() catch recv-event. port_num=%u", "_fxm_recv_win", reading.port);
     fxm_log_trace("%s: start. port_num=%u, ret=%d", reading.func, reading.port, 0);
 }
 
@@ -211,10 +211,10 @@ static int _fxm_recv_pcap(reading_t *reading)
     return EPROTO;
 }
 
-int _fxm_recv_frame(uint32_t port, const char *waiter)
+int _fxm_recv_frame(uint32_t port)
 {
     fxm_assert(port < FXM_PORT_NUM);
-    reading_t reading = {__func__, waiter, port, true, {}};
+    reading_t reading = {__func__, port, true, {}};
     _log_wake(reading);
     switch (_fxm_recv_pcap(&reading)) {
     case 0:

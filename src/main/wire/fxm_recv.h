@@ -25,9 +25,9 @@ void *_fxm_recv_task(void *port);  // thread entry; the port number as pointer
 void _fxm_recv_win(uint32_t port); // the wait loop, in platform/fxm_recv_win.cpp
 
 // Handles the frames that the capture holds, FXM_RECV_MOST of them at most: one system call wakes the thread for all of
-// them. Each has the lines of a wake of its own, under the name `waiter` for the wait. 0, or -1 if the capture failed.
+// them. Each of them has the log lines of a wake of its own. 0, or -1 if the capture failed.
 constexpr int FXM_RECV_MOST = 64; // between two looks at the stop
-[[nodiscard]] int _fxm_recv_frame(uint32_t port, const char *waiter);
+[[nodiscard]] int _fxm_recv_frame(uint32_t port);
 
 // 0: the frame is to be handled, and *mode is its layout; -1: it is to be dropped.
 [[nodiscard]] int _check_frame(const uint8_t *frame, uint32_t length, uint8_t *mode);
