@@ -288,7 +288,6 @@ static void measure_floods()
 
 // ---------------------------------------------------------------------------------------------------------- two ports
 
-constexpr size_t PORTS = 2;
 constexpr size_t CARDS_OF_PORT = 5000;
 
 // The CPU time of another thread of this process, by its clock as pthread_getcpuclockid makes it.

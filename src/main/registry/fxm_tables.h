@@ -208,15 +208,17 @@ template <typename Class, typename Wanted, typename Visit>
 void _fxm_each_card(Wanted wanted, Visit visit) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     fxm_assert(_fxm_check_holds(&fxm_fx_tbl.fx_lock) && Class::roster().count == Class::total());
+    // The analysis does not follow the lock through the roster, which knows of none.
     _fxm_roster_walk(&Class::roster(), sizeof(typename Class::node_t), wanted,
-                     [&](fxm_seat_t *seat) { return visit(_fxm_node_of<Class>(seat), seat); });
+                     [&](fxm_seat_t *seat) FXM_NO_ANALYSIS { return visit(_fxm_node_of<Class>(seat), seat); });
 }
 
 // The same for every card, without its seat.
 template <typename Class, typename Visit> void _fxm_each_node(Visit visit) FXM_REQUIRES(fxm_fx_tbl.fx_lock)
 {
     _fxm_each_card<Class>([](const fxm_seat_t &) { return true; },
-                          [&](typename Class::node_t *node, fxm_seat_t *) { return visit(node); });
+                          [&](typename Class::node_t *node, fxm_seat_t *)
+                              FXM_REQUIRES(fxm_fx_tbl.fx_lock) { return visit(node); });
 }
 
 // The states of a card's four channels, as messages print them.
