@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdio>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "least.h"
@@ -25,7 +26,10 @@ static void on_update(uint64_t, int32_t, uint64_t) { updates.fetch_add(1); }
 // A receiver behind its own cable. What it uses while the other one gets the frames is not counted as the cost of its
 // own: the interval check of the library.
 struct side_t {
-    side_t(const char *whose, const char *far, std::function<int64_t()> cpu) : name(whose), wire(far, 0), cpu_ns(cpu) {}
+    side_t(const char *whose, const char *far, std::function<int64_t()> cpu)
+        : name(whose), wire(far, 0), cpu_ns(std::move(cpu))
+    {
+    }
     const char *name;
     const wire_t wire;
     const std::function<int64_t()> cpu_ns;

@@ -384,6 +384,7 @@ static speed_t flood_lanes(const std::vector<lane_t *> &lanes)
         before += lane->received();
     const int64_t begun = now_ns();
     const int64_t until = begun + static_cast<int64_t>(full_or_quick(2000, 500)) * MS;
+    senders.reserve(lanes.size());
     for (lane_t *lane : lanes)
         senders.emplace_back(flood_lane, lane, until);
     for (std::thread &sender : senders)
@@ -470,8 +471,8 @@ static void measure_two_ports()
            100 * median(alone_receiver));
     printf("  frames/s, out of full rings%10.0f   %10.0f   %10.2f\n", median(both_drain), median(alone_drain),
            median(both_drain) / median(alone_drain));
-    printf("  %llu of %llu frames lost\n", static_cast<unsigned long long>(lost),
-           static_cast<unsigned long long>(first.sender.sent + second.sender.sent));
+    printf("  %llu of %zu frames lost\n", static_cast<unsigned long long>(lost),
+           first.sender.sent + second.sender.sent);
     row("two_ports", median(both), median(alone), "frames/s", {goal_t::RATIO_AT_LEAST, 1.7});
 }
 
