@@ -11,11 +11,11 @@
 // out; then `*array` stays.
 template <typename Element> static bool _move_to(Element **array, size_t used, size_t room)
 {
-    auto *larger = static_cast<Element *>(_fxm_allocate(room * sizeof(Element)));
+    // An array of pointers is meant, where the elements are pointers.
+    auto *larger = static_cast<Element *>(_fxm_allocate(room * sizeof(Element))); // NOLINT(bugprone-sizeof-expression)
     if (larger == nullptr)
         return false;
-    if (used > 0)
-        memcpy(larger, *array, used * sizeof(Element));
+    std::copy_n(*array, used, larger);
     free(*array);
     *array = larger;
     return true;
@@ -112,8 +112,8 @@ static fxm_stretch_t *_insert_stretch(fxm_roster_t *roster, uint32_t at)
     if (stretch == nullptr)
         return nullptr;
     stretch->count = 0;
-    memmove(&roster->stretches[at + 1], &roster->stretches[at],
-            (roster->stretch_count - at) * sizeof(roster->stretches[0]));
+    fxm_stretch_t **end = roster->stretches + roster->stretch_count;
+    std::copy_backward(roster->stretches + at, end, end + 1);
     roster->stretches[at] = stretch;
     roster->stretch_count += 1;
     return stretch;
@@ -149,9 +149,8 @@ static void _remove_from_order(fxm_roster_t *roster, uint64_t id)
     if (stretch->count > 0)
         return;
     free(stretch);
+    std::copy(roster->stretches + at + 1, roster->stretches + roster->stretch_count, roster->stretches + at);
     roster->stretch_count -= 1;
-    memmove(&roster->stretches[at], &roster->stretches[at + 1],
-            (roster->stretch_count - at) * sizeof(roster->stretches[0]));
 }
 
 // ---------------------------------------------------------------------------------------------------------- the roster
