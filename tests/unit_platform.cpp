@@ -398,15 +398,15 @@ class tables : public platform
         platform::TearDown();
     }
 
-    // Of channel P1M0 of card 0x10, after a pass at that time.
-    static uint32_t state_at(uint64_t now)
+    // Of the port's first channel of card 0x10, after a pass at that time.
+    static uint32_t state_at(uint64_t now, uint32_t port = 1)
     {
         clock_now = now;
         fxm_fx_guard_t guard;
         _devinfo_keepalive_check();
         fxm_fxsv_t seen{};
         EXPECT_EQ(_fxm_get_fxsv(0x10, &seen, nullptr, FXM_TBL_RECORD), 0);
-        return seen.fsv_card.fcd_state[1][0];
+        return seen.fsv_card.fcd_state[port][0];
     }
 };
 
@@ -456,13 +456,20 @@ TEST_F(tables, clock_steps_expire_channels_early_or_late_and_break_nothing)
             EXPECT_EQ(state_at(900000), 1u) << "restarted, pass " << pass;
     }
     EXPECT_EQ(state_at(900000), 0u) << "restarted and silent, sixth pass";
+    EXPECT_EQ(fxm_restart_monitor(0x10), FXM_API_SUCCESS);
+    for (int pass = 1; pass <= 6; ++pass)
+        EXPECT_EQ(state_at(900000), 0u);
+    uint32_t ignore_state = FXM_IGNORE;
+    fxm_fx_guard_t guard;
+    EXPECT_EQ(_fxm_get_fxsv(0x10, nullptr, &ignore_state, FXM_TBL_IGNORE_STATE), 0);
+    EXPECT_EQ(ignore_state, FXM_WATCH) << "passes count for a card without a channel too";
 }
 
 TEST_F(tables, channels_heard_since_a_jump_of_the_clock_go_by_the_new_time)
 {
-    const auto hear = [](uint64_t now) {
+    const auto hear = [](uint64_t now, uint32_t port = 1) {
         clock_now = now;
-        EXPECT_EQ(_fxm_recv_devinfo(1, from(0x10, fxsv_40g_frame()).data(), 0), 0);
+        EXPECT_EQ(_fxm_recv_devinfo(port, from(0x10, fxsv_40g_frame()).data(), 0), 0);
     };
     {
         fxm_fx_guard_t guard;
@@ -478,6 +485,11 @@ TEST_F(tables, channels_heard_since_a_jump_of_the_clock_go_by_the_new_time)
     hear(1010000);
     EXPECT_EQ(state_at(1014999), 1u) << "back, and heard since";
     EXPECT_EQ(state_at(1015000), 0u) << "back, heard since, and silent then";
+    hear(4600000);
+    hear(4602000, 0);
+    hear(1500000, 0);
+    EXPECT_EQ(state_at(1504999, 0), 1u) << "the channel heard last, back, and heard since";
+    EXPECT_EQ(state_at(1505000, 0), 0u) << "though the other channel has been heard ahead";
 }
 
 // ------------------------------------------------------------------------------------------------ failing resources
