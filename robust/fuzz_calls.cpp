@@ -362,11 +362,8 @@ static void dump(uint64_t id, uint8_t how, input_t *input)
     const uint64_t room = size;
     uint64_t *size_arg = (how & 2) != 0 ? nullptr : &size;
     uint32_t *buffer_arg = buffer.empty() || (how & 4) != 0 ? nullptr : buffer.data();
-    // The last word of a range that ends inside a word is read whole, unless there is no room for it.
-    if (!eeprom && end > begin && end - begin <= room && (end - begin) % 4 != 0)
-        return;
-    const bool refused = size_arg == nullptr || buffer_arg == nullptr || begin % 4 != 0 || end <= begin ||
-                         end - begin > room || (eeprom && (end % 4 != 0 || end > FXM_EEPROM_SIZE));
+    const bool refused = size_arg == nullptr || buffer_arg == nullptr || begin % 4 != 0 || end % 4 != 0 ||
+                         end <= begin || end - begin > room || no_interval(param) || (eeprom && end > FXM_EEPROM_SIZE);
     const int result = judge_card(id, eeprom ? OF_EEPROM : OF_REGISTER, refused, [&] {
         return eeprom ? fxm_dump_eeprom(id, begin, end, buffer_arg, size_arg, param, how >> 3)
                       : fxm_dump_register(id, begin, end, buffer_arg, size_arg, param, how >> 3);

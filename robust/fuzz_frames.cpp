@@ -113,7 +113,7 @@ static void put_many(input_t *input, uint32_t port)
     const frame_t frame = announcement(input);
     const auto first = input->number<uint16_t>();
     const auto stride = input->number<uint16_t>();
-    const uint32_t number = frame.size() < 12 ? 0 : input->byte() + 1u;
+    const uint32_t number = frame.size() < 12 ? 0 : 1u << input->below(9);
     for (uint32_t i = 0; i < number; ++i)
         put(port, from(static_cast<uint16_t>(first + i * stride), frame));
 }
@@ -416,8 +416,8 @@ static void bring_up(input_t *input)
     g_log_level = (shape & 4) != 0 ? FXM_LOG_TRACE : FXM_LOG_FATAL;
     DEMAND(_fxm_stats_init() == 0 && _fxm_fx_init() == 0 && _fxm_blacklist_init() == 0 && _fxm_event_cb_init() == 0 &&
            _fxm_cmp_init() == 0 && _fxm_reg_init() == 0);
-    // The same in every run. With a small one many ids share a bucket.
-    const uint64_t multiplier = (shape & 8) != 0 ? 1 : 0x9E3779B97F4A7C15;
+    // The same in every run. With the first one, sixteen ids share a hash.
+    const uint64_t multiplier = (shape & 8) != 0 ? 0x10000000 : 0x9E3779B97F4A7C15;
     fxm_fx_guard_t guard;
     fxm_fx_tbl.fxsv_roster.multiplier = fxm_fx_tbl.fxio_roster.multiplier = multiplier;
     g_fini_flag = FXM_OFF;
@@ -463,7 +463,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint32_t puts = 0; // of many frames, which cost most of the time
     while (input.left > 0) {
         const uint8_t step = input.byte();
-        if (step % 16 != 3 || ++puts <= 8)
+        if (step % 16 != 3 || ++puts <= 4)
             run(&input, step);
     }
     allocations_left = 0;
@@ -472,8 +472,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             receive(port);
     }
     check_tables();
-    if ((end & 1) != 0)
-        fxm_stdump(end & 2);
+    if (end % 16 == 1)
+        fxm_stdump(end & 16);
     if ((end & 4) == 0)
         deliver(); // else the tear-down discards what is queued
     tear_down();
