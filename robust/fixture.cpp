@@ -46,8 +46,8 @@ struct captured_t {
 struct pcap { // the wire of one port
     std::mutex lock;
     std::deque<captured_t> frames;
+    size_t in_hand = 0; // frames that the library is taking now
     int fd = -1;
-    bool failed = false;
 };
 
 static pcap wires[FXM_PORT_NUM];
@@ -68,7 +68,7 @@ void wire_put(uint32_t port, const frame_t &frame, uint32_t wire_length)
 size_t wire_waiting(uint32_t port)
 {
     const std::lock_guard guard(wires[port].lock);
-    return wires[port].frames.size();
+    return wires[port].frames.size() + wires[port].in_hand;
 }
 
 void wire_clear()
@@ -104,6 +104,7 @@ int pcap_dispatch(pcap_t *wire, int most, pcap_handler handler, u_char *arg)
             frames.push_back(std::move(wire->frames.front()));
             wire->frames.pop_front();
         }
+        wire->in_hand = frames.size();
     }
     for (captured_t &frame : frames) {
         pcap_pkthdr header{};
@@ -112,6 +113,8 @@ int pcap_dispatch(pcap_t *wire, int most, pcap_handler handler, u_char *arg)
         handler(arg, &header, frame.bytes.get());
         frame.bytes.reset(); // the library keeps no pointer into a frame
     }
+    const std::lock_guard guard(wire->lock);
+    wire->in_hand = 0;
     return static_cast<int>(frames.size());
 }
 

@@ -38,7 +38,7 @@ void fuzz_begin();
 
 // The functions of libpcap that the library calls are here in the program. Any thread may put frames on a wire.
 void wire_put(uint32_t port, const frame_t &frame, uint32_t wire_length = 0); // 0: all of it was captured
-size_t wire_waiting(uint32_t port);
+size_t wire_waiting(uint32_t port); // frames that the library has not yet handled
 void wire_clear();
 void wire_attach(uint32_t port); // gives the library's port its handle
 void wire_wake(bool on);         // whether a frame makes the descriptor of its port readable
