@@ -80,8 +80,6 @@ static struct {
     uint32_t stop_in; // frames until the library is stopped; 0: it is not
 } cards;
 
-static uint64_t card_of(uint64_t mac) { return mac & 0xFF00 ? mac & ~uint64_t{1} : mac; }
-
 static frame_t announcement_of(uint64_t id, uint16_t vlan)
 {
     const auto kind = static_cast<uint32_t>(std::find(std::begin(CARDS), std::end(CARDS), id) - CARDS);
@@ -121,7 +119,7 @@ static int hear(uint32_t port, const frame_t &frame)
     if (manner == 2)
         return 0;
     const uint8_t *bytes = frame.data();
-    const uint64_t id = card_of(mac48(bytes, ETH_DST));
+    const uint64_t id = mac48(bytes, ETH_DST) & ~uint64_t{1};
     switch (u8(bytes, FRAME_SUBTYPE)) {
     case FXM_SUBTYPE_REGR:
         answer(port, frame, manner);
@@ -198,7 +196,7 @@ static void announce_burst(uint64_t id, uint8_t how)
         wire_put(i & 1, announcement_of(id, static_cast<uint16_t>(how / 8 & i)));
 }
 
-// ------------------------------------------------------------------------------------------------- what a call may give
+// ------------------------------------------------------------------------------------------------ what a call may give
 
 constexpr uint32_t bits() { return 0; }
 template <typename... Codes> constexpr uint32_t bits(int code, Codes... codes) { return 1u << code | bits(codes...); }

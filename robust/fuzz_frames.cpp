@@ -1,5 +1,6 @@
-// The input is a program: frames on two ports, and between them reads in flight, passes on a clock that steps both ways,
-// lost links, deletions, stops and restarts of monitoring, queries, and allocations that fail. All of it runs on one thread.
+// The input is a program: frames on two ports, and between them reads in flight, passes on a clock that steps both
+// ways, lost links, deletions, stops and restarts of monitoring, queries, and allocations that fail. All of it runs on
+// one thread.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
