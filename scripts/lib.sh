@@ -100,6 +100,15 @@ need_clang() {
     fi
 }
 
+# need_fuzzer: installs clang with its sanitizers and its fuzzer, which some systems have in a package of their own.
+need_fuzzer() {
+    local version package
+    need_packages clang
+    version=$(clang -dumpversion)
+    package=libclang-rt-${version%%.*}-dev
+    if ! compgen -G "$(clang -print-resource-dir)/lib/*/libclang_rt.fuzzer*.a" >/dev/null; then need_packages "$package"; fi
+}
+
 # need_page_tools: installs what builds and tests the page: Node, a browser, and the packages of host/web/package-lock.json.
 need_page_tools() {
     # Node that does not come from Debian brings its own npm.
