@@ -117,7 +117,8 @@ TEST(roster, any_mix_of_arrivals_and_departures_keeps_look_ups_order_and_times)
         if (step < 3000 || random() % 100 < (step / 10000 % 2 == 0 ? 60u : 30u)) {
             const auto [entry, is_new] = model.try_emplace(id, time);
             if (is_new) {
-                ASSERT_NE(_fxm_roster_add(&roster, const_cast<uint64_t *>(&entry->first), {0, time & FXM_NEVER}), nullptr);
+                ASSERT_NE(_fxm_roster_add(&roster, const_cast<uint64_t *>(&entry->first), {0, time & FXM_NEVER}),
+                          nullptr);
             } else {
                 _fxm_roster_find(&roster, id)->watch.oldest = (entry->second = time) & FXM_NEVER;
             }
