@@ -108,7 +108,7 @@ size_t entries_of(const char *directory); // "/proc/self/task", "/proc/self/fd"
 // than 0: it is not known how many.
 void expect_even(int lists);
 
-// The options of both programs: a positive number, --seed N and --quick. Ends the program on wrong usage. Prints the seed.
+// The options of both programs: a positive number and --seed N. Ends the program on wrong usage. Prints the seed.
 struct options_t {
     int64_t amount = 0;
     uint32_t seed = 0;
