@@ -81,6 +81,8 @@ void print_book()
         printf("%9s", name);
     printf("  longest ms\n");
     for (uint32_t row = 0; row < FXM_API_ROWS; ++row) {
+        if (rows[row].longest.load(RELAXED) == 0)
+            continue; // never called
         printf("%-26s", fxm_row_names[row]);
         for (const auto &result : rows[row].results)
             printf("%9llu", static_cast<unsigned long long>(result.load(RELAXED)));

@@ -42,6 +42,7 @@ static std::atomic<int> inside{0}; // threads in a call that may start the libra
 static std::atomic<int> callbacks_inside{0};
 static std::atomic<uint64_t> stops{0}, callbacks{0};
 static std::atomic<int64_t> stop_at{0};
+static std::atomic<uint64_t> clock_offset{0};
 
 static void sleep_ms(int64_t ms) { std::this_thread::sleep_for(milliseconds(ms)); }
 
@@ -128,7 +129,7 @@ class fabric_t
         static const std::vector<void (fabric_t::*)()> changes = {
             &fabric_t::set_fields, &fabric_t::come_or_go, &fabric_t::misbehave, &fabric_t::hold_lock,
             &fabric_t::lie,        &fabric_t::lie,        &fabric_t::flap,      &fabric_t::set_fields,
-            &fabric_t::answer,     &fabric_t::answer};
+            &fabric_t::answer,     &fabric_t::step_clock};
         while (!quit.load(RELAXED)) {
             const doing_t doing("a change of the fabric");
             (this->*changes[dice.below(static_cast<uint32_t>(changes.size()))])();
@@ -206,12 +207,16 @@ class fabric_t
             wire[port].send(frame);
     }
 
+    // Forward, all channels go down in one pass, unless a step back comes before it.
+    void step_clock() { clock_offset.store(600000 * dice.below(2), RELAXED); }
+
     // More than one wake takes: announcements of both classes with the same ids, whose content changes or is cut off.
     void lie()
     {
         for (uint32_t i = dice.below(300); i > 0; --i) {
             frame_t frame = dice.one_in(2) ? fxio_mr_frame() : dice.one_in(2) ? fxsv_40g_frame() : fxsv_1g_frame();
-            frame = on_vlan(static_cast<uint16_t>(100 + dice.below(3)), from(LIARS + dice.below(16), frame));
+            frame = on_vlan(static_cast<uint16_t>(100 + dice.below(3)),
+                            from(LIARS + dice.below(dice.one_in(4) ? 256 : 16), frame));
             for (uint32_t changes = dice.below(6); changes > 0; --changes)
                 frame[20 + dice.below(static_cast<uint32_t>(frame.size()) - 20)] =
                     static_cast<uint8_t>(dice.below(256));
@@ -345,6 +350,7 @@ int main(int argc, char **argv)
     storm_t storm;
     const std::string dir = storm.installation.dir;
     storm.installation.configure(configuration);
+    fxm_platform.wall_clock_ms = [] { return now_ms() + clock_offset.load(RELAXED); };
     targets = {{},     {}, dir.c_str(), on_event, start_allowed, [] { return steady_ms() >= stop_at.load(RELAXED); },
                started};
     for (uint32_t i = 0; i < EACH; ++i) {
