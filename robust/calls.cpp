@@ -257,10 +257,13 @@ static uint64_t unlucky_card(dice_t *dice)
     return dice->one_in(40) ? any_card(dice) : targets.prey[dice->below(static_cast<uint32_t>(targets.prey.size()))];
 }
 
-// The last argument of most operations: an answer is waited for as long as the configuration says, or for a short time.
+// The last argument of most operations: an answer is waited for as long as the configuration says, for a short time, or
+// until a stop.
 struct retry_t {
     explicit retry_t(dice_t *dice, bool refused = false)
-        : param{dice->below(3), refused ? 0 : 1 + dice->below(30)},
+        : param{dice->below(3), refused           ? 0
+                                : dice->one_in(8) ? 1000
+                                                  : 1 + dice->below(30)},
           given(refused || !dice->one_in(4) ? &param : nullptr)
     {
     }
