@@ -20,6 +20,7 @@
 constexpr auto RELAXED = std::memory_order_relaxed;
 
 targets_t targets;
+std::atomic<bool> memory_short{false};
 
 constexpr int NOT_CALLED = -1; // there was nothing to call for
 
@@ -94,7 +95,7 @@ void print_book()
 
 struct thread_record_t {
     std::atomic<bool> taken;
-    char name[16];
+    std::atomic<const char *> name;
     std::atomic<const char *> doing; // null: nothing that is watched
     std::atomic<int64_t> since;
 };
@@ -108,7 +109,7 @@ struct own_record_t {
             bool is_free = false;
             if (candidate.taken.compare_exchange_strong(is_free, true)) {
                 record = &candidate;
-                snprintf(record->name, sizeof(record->name), "callbacks");
+                record->name.store("callbacks", RELAXED);
                 return;
             }
         }
@@ -133,8 +134,8 @@ static thread_record_t *own_record()
 
 void name_thread(const std::string &name)
 {
-    snprintf(own_record()->name, sizeof(own_record()->name), "%s", name.c_str());
-    pthread_setname_np(pthread_self(), own_record()->name);
+    own_record()->name.store(strdup(name.c_str()), std::memory_order_release); // the watchdog may read it at any time
+    pthread_setname_np(pthread_self(), name.c_str());
 }
 
 doing_t::doing_t(const char *what)
@@ -156,15 +157,17 @@ doing_t::~doing_t()
     for (const thread_record_t &record : thread_records) {
         const char *doing = record.doing.load(RELAXED);
         if (record.taken.load(RELAXED))
-            fprintf(stderr, "  %-16s %s for %lld ms\n", record.name, doing != nullptr ? doing : "-",
+            fprintf(stderr, "  %-16s %s for %lld ms\n", record.name.load(std::memory_order_acquire),
+                    doing != nullptr ? doing : "-",
                     doing != nullptr ? static_cast<long long>(steady_ms() - record.since.load(RELAXED)) : 0);
     }
     // The stacks of all threads, those of the library included, where a debugger is installed.
     const std::string command = "timeout 60 gdb -p " + std::to_string(getpid()) +
-                                " -batch -ex 'thread apply all backtrace 24' 2>/dev/null 1>&2 || "
-                                "echo 'no stacks: gdb is missing or may not attach' >&2";
-    fflush(stderr);
-    (void)!system(("exec 1>&2; " + command).c_str());
+                                " -batch -ex 'thread apply all backtrace 24' 1>&2 2>/dev/null || "
+                                "echo 'no stacks: gdb is missing or may not attach' 1>&2";
+    fflush(stdout);
+    if (system(command.c_str()) != 0)
+        fprintf(stderr, "no shell for gdb\n");
     _exit(1);
 }
 
@@ -215,7 +218,7 @@ void expect_even(int lists)
     }
     if (stats.cb_called != stats.cb_returned)
         finding("%u callbacks called, %u returned", stats.cb_called, stats.cb_returned);
-    if (stats.alloc_fail != 0)
+    if (stats.alloc_fail != 0 && !memory_short.load(RELAXED))
         finding("%u allocations failed", stats.alloc_fail);
 }
 
@@ -528,7 +531,9 @@ int call_row(fxm_api_row_t row, dice_t *dice, bool wrong)
     const int result = timed(row, [&] { return function.call(dice, wrong); });
     if (result == NOT_CALLED)
         return result;
-    const uint32_t promised = (wrong ? function.wrong : function.right) | any_of(FXM_API_ENOSYS);
+    uint32_t promised = (wrong ? function.wrong : function.right) | any_of(FXM_API_ENOSYS);
+    if (memory_short.load(RELAXED))
+        promised |= any_of(FXM_API_ENOMEM, FXM_API_EPROTO);
     if ((any_of(result) & promised) == 0)
         finding("%s has returned %d%s", fxm_row_names[row], result, wrong ? ", called with wrong arguments" : "");
     return result;

@@ -44,6 +44,8 @@ struct targets_t {
 };
 extern targets_t targets;
 
+extern std::atomic<bool> memory_short; // some allocations of the library fail, and so may calls
+
 // Calls the function of this row. The result is booked; one that the header does not promise is a finding.
 int call_row(fxm_api_row_t row, dice_t *dice, bool wrong);
 

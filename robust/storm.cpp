@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 #include "calls.h"
@@ -43,6 +44,13 @@ static std::atomic<int> callbacks_inside{0};
 static std::atomic<uint64_t> stops{0}, callbacks{0};
 static std::atomic<int64_t> stop_at{0};
 static std::atomic<uint64_t> clock_offset{0};
+
+// One allocation in 200 fails while memory is short.
+static void *allocate(size_t size)
+{
+    static std::atomic<uint32_t> count{0};
+    return memory_short.load(RELAXED) && count.fetch_add(1, RELAXED) % 200 == 0 ? nullptr : malloc(size);
+}
 
 static void sleep_ms(int64_t ms) { std::this_thread::sleep_for(milliseconds(ms)); }
 
@@ -277,6 +285,7 @@ class storm_t
         wait_parked();
         while (steady_ms() < end) {
             const uint32_t number = dice.one_in(2) ? 1 : 2 + dice.below(5);
+            memory_short = dice.one_in(4);
             runs(number, std::min<int64_t>(end, steady_ms() + 5000 * number));
             check();
         }
@@ -373,6 +382,7 @@ int main(int argc, char **argv)
         targets.prey.push_back(FLEETING + uint64_t{2} * i);
         targets.prey.push_back(LIARS + uint64_t{2} * i);
     }
+    fxm_platform.allocate = allocate;
     name_thread("main");
     fflush(stdout);
     watch(LONGEST_CALL, 1000 * options.amount + 2 * LONGEST_CALL);
