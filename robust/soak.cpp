@@ -494,6 +494,7 @@ int main(int argc, char **argv)
     };
     if (!enter_namespace())
         return 1;
+    mallopt(M_ARENA_MAX, 1); // others keep the most that they ever held, which would hide or feign growth
     name_thread("main");
     fflush(stdout);
     watch(LONGEST_CALL, 60000 * options.amount + 2 * LONGEST_CALL);
