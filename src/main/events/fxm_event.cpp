@@ -407,6 +407,9 @@ static void _fxm_event_task_com()
         }
         _fxm_event_dispatch();
     }
+    // What was queued before the stop, but after the last look at the queue.
+    if (internal_err.load() == 0)
+        _fxm_event_dispatch();
     fxm_log_info("%s: end.", __func__);
 }
 
