@@ -343,7 +343,8 @@ FXM_EXPORT int fxm_set_loglevel(fxm_log_level_t log_level);
 /* Writes the status report to the logger "statslogfile", at any log level: state, ports, cards, memory, callbacks,
  * events, frames, results and configuration. If `verbose` is 0, the report is a summary. Any other value adds every
  * field of every card and the results of every function. Blocks until all lines are written; while the cards are
- * written, received frames and other calls wait.
+ * written, received frames and other calls wait. The answers of cards wait too: with a thousand cards, a verbose report
+ * may take a second, and a card operation beside it may time out.
  * FXM_API_SUCCESS. */
 FXM_EXPORT int fxm_stdump(uint32_t verbose);
 
