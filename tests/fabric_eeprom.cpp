@@ -492,8 +492,9 @@ TEST_F(eeprom, dump_is_the_eeprom_even_with_a_visitor_between_words)
 {
     begin_simulated("eeprom_verify_count = 1\n"
                     "eeprom_check_interval = 0\n"
-                    "eeprom_retry_interval = 1\n"
-                    "eeprom_retry_count = 1000\n",
+                    "eeprom_retry_interval = 2\n"
+                    "eeprom_retry_count = 1000\n"
+                    "frame_retry_count = 100\n",
                     {"fxsv 020000001000 forms=split looks=2", "fxio 020000001100 forms=plain locktype=id",
                      "fxio 020000004000 gen=40g", "fxsv 020000004100 gen=40g looks=1 locktype=id"});
     const std::string names[] = {"020000001000", "020000001100", "020000004000", "020000004100"};
