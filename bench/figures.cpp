@@ -108,6 +108,16 @@ summary_t summarise(std::vector<double> samples)
 
 double median(std::vector<double> samples) { return summarise(std::move(samples)).median; }
 
+void run_at_once(size_t threads, const std::function<void(size_t)> &op)
+{
+    std::vector<std::thread> others;
+    for (size_t i = 1; i < threads; ++i)
+        others.emplace_back(op, i);
+    op(0);
+    for (std::thread &thread : others)
+        thread.join();
+}
+
 void time_each(size_t threads, size_t times, const std::function<void(size_t)> &op, std::vector<double> *us)
 {
     std::barrier start(static_cast<std::ptrdiff_t>(threads));
@@ -123,10 +133,5 @@ void time_each(size_t threads, size_t times, const std::function<void(size_t)> &
         const std::lock_guard guard(lock);
         us->insert(us->end(), own.begin(), own.end());
     };
-    std::vector<std::thread> others;
-    for (size_t i = 1; i < threads; ++i)
-        others.emplace_back(run, i);
-    run(0);
-    for (std::thread &thread : others)
-        thread.join();
+    run_at_once(threads, run);
 }

@@ -39,6 +39,9 @@ struct summary_t {
 summary_t summarise(std::vector<double> samples);
 double median(std::vector<double> samples);
 
+// Runs `op(i)` on each of `threads` threads i at once, of which the calling one is 0, until all have returned.
+void run_at_once(size_t threads, const std::function<void(size_t)> &op);
+
 // Runs `op(i)` so many times on each of `threads` threads i at once, and adds the time of each in microseconds.
 void time_each(size_t threads, size_t times, const std::function<void(size_t)> &op, std::vector<double> *us);
 

@@ -61,20 +61,13 @@ void least_registry_t::take(const uint8_t *frame, uint32_t length)
 
 // -------------------------------------------------------------------------------------------------------- capture loop
 
-// The library's way of opening a port: every frame at once, read without blocking, room for 60,000 frames.
+// The library's way of opening a port: every frame at once, read without blocking.
 static pcap_t *open_capture(const char *interface)
 {
     char errbuf[PCAP_ERRBUF_SIZE] = "";
-    pcap_t *handle = pcap_create(interface, errbuf);
-    if (handle == nullptr)
+    pcap_t *handle = open_port(interface);
+    if (pcap_setnonblock(handle, 1, errbuf) != 0)
         fail("no capture: %s", errbuf);
-    pcap_set_snaplen(handle, 1024);
-    pcap_set_promisc(handle, 1);
-    pcap_set_timeout(handle, 1000);
-    pcap_set_immediate_mode(handle, 1);
-    pcap_set_buffer_size(handle, 64 * 1024 * 1024);
-    if (pcap_activate(handle) < 0 || pcap_setnonblock(handle, 1, errbuf) != 0)
-        fail("no capture: %s%s", pcap_geterr(handle), errbuf);
     return handle;
 }
 

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "bare_log.h"
@@ -134,12 +133,7 @@ static double reads_per_second(size_t threads, size_t times, const read_t &read)
             read(i);
         ended[i] = now_ns();
     };
-    std::vector<std::thread> others;
-    for (size_t i = 1; i < threads; ++i)
-        others.emplace_back(run, i);
-    run(0);
-    for (std::thread &thread : others)
-        thread.join();
+    run_at_once(threads, run);
     const int64_t last = *std::max_element(ended.begin(), ended.end());
     return static_cast<double>(threads * times) * 1e9 / static_cast<double>(last - begun);
 }

@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "net.h"
 
 #include <dirent.h>
 #include <unistd.h>
@@ -222,7 +223,7 @@ void expect_even(int lists)
         finding("%u allocations failed", stats.alloc_fail);
 }
 
-options_t robust_options(int argc, char **argv, const char *usage)
+options_t robust_begin(int argc, char **argv, const char *usage)
 {
     options_t options;
     options.seed = std::random_device{}();
@@ -245,6 +246,14 @@ options_t robust_options(int argc, char **argv, const char *usage)
         exit(2);
     }
     printf("seed %u\n", options.seed);
+    fflush(stdout);
+    on_failure = [](const std::string &what) {
+        fprintf(stderr, "the run has failed: %s\n", what.c_str());
+        fflush(stdout);
+        _exit(1);
+    };
+    if (!enter_namespace())
+        exit(1);
     return options;
 }
 

@@ -110,11 +110,12 @@ size_t entries_of(const char *directory); // "/proc/self/task", "/proc/self/fd"
 // than 0: it is not known how many.
 void expect_even(int lists);
 
-// The options of both programs: a positive number and --seed N. Ends the program on wrong usage. Prints the seed.
+// The options of both programs: a positive number and --seed N. Ends the program on wrong usage. Prints the seed, and moves
+// the process into a network namespace of its own. Before any thread.
 struct options_t {
     int64_t amount = 0;
     uint32_t seed = 0;
 };
-options_t robust_options(int argc, char **argv, const char *usage);
+options_t robust_begin(int argc, char **argv, const char *usage);
 
 #endif

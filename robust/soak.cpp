@@ -485,15 +485,8 @@ class soak_t
 
 int main(int argc, char **argv)
 {
-    const options_t options = robust_options(argc, argv, "Usage: soak MINUTES [--seed N]");
+    const options_t options = robust_begin(argc, argv, "Usage: soak MINUTES [--seed N]");
     seed = options.seed;
-    on_failure = [](const std::string &what) {
-        fprintf(stderr, "the soak has failed: %s\n", what.c_str());
-        fflush(stdout);
-        _exit(1);
-    };
-    if (!enter_namespace())
-        return 1;
     mallopt(M_ARENA_MAX, 1); // others keep the most that they ever held, which would hide or feign growth
     name_thread("main");
     fflush(stdout);

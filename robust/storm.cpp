@@ -359,15 +359,8 @@ class storm_t
 
 int main(int argc, char **argv)
 {
-    const options_t options = robust_options(argc, argv, "Usage: storm SECONDS [--seed N]");
+    const options_t options = robust_begin(argc, argv, "Usage: storm SECONDS [--seed N]");
     seed = options.seed;
-    on_failure = [](const std::string &what) {
-        fprintf(stderr, "the storm has failed: %s\n", what.c_str());
-        fflush(stdout);
-        _exit(1);
-    };
-    if (!enter_namespace())
-        return 1;
     for (const std::string p : {"0", "1"})
         lay_cable("fxm" + p, "card" + p);
     storm_t storm;
