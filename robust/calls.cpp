@@ -1,5 +1,4 @@
 #include "calls.h"
-#include "net.h"
 
 #include <dirent.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <thread>
 
 #include "diag/fxm_snapshot.h"
+#include "net.h"
 #include "wait.h"
 
 // The book must not order the threads, or it would hide from the sanitizer what the library itself does not order. So
