@@ -53,6 +53,8 @@ struct pcap { // the wire of one port
 static pcap wires[FXM_PORT_NUM];
 static bool wakes;
 int (*wire_sent)(uint32_t, const frame_t &);
+std::atomic<uint64_t> fuzz_count;
+static const char *counted; // what they are
 
 void wire_put(uint32_t port, const frame_t &frame, uint32_t wire_length)
 {
@@ -113,6 +115,7 @@ int pcap_dispatch(pcap_t *wire, int most, pcap_handler handler, u_char *arg)
         handler(arg, &header, frame.bytes.get());
         frame.bytes.reset(); // the library keeps no pointer into a frame
     }
+    fuzz_count += frames.size();
     const std::lock_guard guard(wire->lock);
     wire->in_hand = 0;
     return static_cast<int>(frames.size());
@@ -148,8 +151,10 @@ int pcap_get_selectable_fd(pcap_t *wire) { return wire->fd; }
 const struct timeval *pcap_get_required_select_timeout(pcap_t *) { return nullptr; }
 }
 
-void fuzz_begin()
+void fuzz_begin(const char *what)
 {
+    counted = what;
+    atexit([] { fprintf(stderr, "count: %llu %s\n", _ull(fuzz_count.load()), counted); });
     g_log_level = FXM_LOG_FATAL;
     for (pcap &wire : wires)
         wire.fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);

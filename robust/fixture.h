@@ -2,6 +2,7 @@
 #ifndef FUZZ_FIXTURE_H
 #define FUZZ_FIXTURE_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -31,8 +32,9 @@ struct input_t {
     frame_t bytes(size_t number);
 };
 
-// Prints nothing and sends nothing: called once, before anything else.
-void fuzz_begin();
+// Prints nothing and sends nothing: called once, before anything else. The end of the process tells how many there were.
+void fuzz_begin(const char *what = "frames");
+extern std::atomic<uint64_t> fuzz_count; // frames that the library has taken from a wire, unless it is something else
 
 // ----------------------------------------------------------------------------------------------------------- the wire
 
