@@ -12,6 +12,8 @@ FXM_RUN_PACKAGES=(iproute2 util-linux python3 python3-jsonschema)
 # Of the tests alone.
 FXM_TEST_PACKAGES=(prometheus tshark)
 FXM_CLANG_VERSION=14
+# Of the library's branches, in percent.
+FXM_BRANCHES=95
 
 say() { printf '\n== %s\n' "$*"; }
 
