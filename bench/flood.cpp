@@ -260,9 +260,9 @@ static uint64_t handled_at_rest(sender_t *sender)
     sender->silent = true;
     wait_until([=] { return sender->is_silent.load(); }, "the sender to rest");
     uint64_t handled = counter("FXM_STATS_R_TOTAL");
-    for (uint64_t before = handled - 1; before != handled;) {
+    for (uint64_t before = handled + 1; before != handled;) {
         before = handled;
-        sleep_until(now_ns() + 50 * MS);
+        sleep_until(now_ns() + 1000 * MS); // on a crowded machine a receive thread waits long for a CPU
         handled = counter("FXM_STATS_R_TOTAL");
     }
     return handled;
