@@ -24,6 +24,8 @@ BARE_READS = "the bare program with as many threads"
 LEAST_REGISTRY = "the least registry on the same frames"
 TWO_EVENTS = "two allocations in a list"
 STOP_ALLOWED = "what a stop may take: one interval of the flag check and 1000 ms"
+BARE_IN_FLOOD = "the bare program beside a bare capture loop in the same flood"
+HEADER = "what `fxm.h` says"
 
 # Changes that serve several rows.
 DISPATCH = "a wake takes all frames that the capture holds, without a system call for each look at an empty capture"
@@ -60,6 +62,23 @@ WORDS = {
     "stop_65536": Words("From `fxm_fini_manager` to the end, with 65,536 cards", STOP_ALLOWED),
     "memory": Words("Resident memory of an FXSV card", "what the heap takes for its two nodes", "the roster has cost 44 bytes"),
     "announcement": Words("CPU time of an announcement without news, 1,000 a second", LEAST_REGISTRY, DISPATCH),
+    "flood_foreign_p99": Words("A register read beside a flood of foreign frames on the other port: 99th percentile", BARE_IN_FLOOD),
+    "flood_foreign_median": Words("The same: median", BARE_IN_FLOOD),
+    "flood_announce_p99": Words("A register read beside a flood of announcements on the other port: 99th percentile", BARE_IN_FLOOD),
+    "flood_announce_median": Words("The same: median", BARE_IN_FLOOD),
+    "flood_comp_p99": Words("A register read beside a flood of Completions on the other port: 99th percentile", BARE_IN_FLOOD),
+    "flood_comp_median": Words("The same: median", BARE_IN_FLOOD),
+    "channels_lost": Words("Changes of channels in the floods on the other port", "none"),
+    "flood_memory": Words("Growth of resident memory over a flood of foreign frames", "none"),
+    "new_cards_time": Words("100,000 new cards at full speed, until all are known", "the sending"),
+    "new_cards_wait": Words("Longest wait of a query meanwhile", "none"),
+    "new_card_heap": Words("Heap of a card, half of them FXSV and half FXIO", HEADER),
+    "card_heap_kept": Words("Heap of a card that stays after a stop", HEADER),
+    "event_heap": Words("Heap of an event that waits", HEADER),
+    "backlog_read": Words("A register read beside 10,000 changes a second and a callback of 20 ms: median", "a read without them"),
+    "backlog_register": Words("The longest registration for that kind of event, or its end", "two callbacks"),
+    "backlog_register_other": Words("The same for another kind of event", "none"),
+    "stop_backlog": Words("A stop with 200 events of 20 ms in the queue", "their callbacks and 1100 ms"),
 }
 
 GOALS = {

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "calls.h"
+#include "core/fxm_locks.h"
 #include "diag/fxm_snapshot.h"
 #include "host.h"
 #include "net.h"
@@ -38,6 +39,7 @@ static std::atomic<bool> quit{false}, park{true};
 static std::atomic<uint32_t> parked{0};
 static std::atomic<uint64_t> delivered[FXM_EVT_KINDS];
 static std::atomic<int64_t> clock_offset{0};
+static uint64_t dump_hold; // of fx_lock, the longest of a status dump with all fields
 
 static void sleep_ms(int64_t ms) { std::this_thread::sleep_for(milliseconds(ms)); }
 static unsigned long long ull(uint64_t value) { return value; }
@@ -273,10 +275,14 @@ class fabric_t
         steps += 1;
     }
 
-    // Received frames wait while all cards are written, and so do answers of cards.
+    // Received frames wait while all cards are written, and so do answers of cards. So long a hold of fx_lock would hide
+    // every other one, so it is kept apart.
     void dump()
     {
+        std::atomic<uint64_t> &longest = fxm_holds[FXM_LOCK_FX].hold;
+        const uint64_t others = longest.exchange(0);
         timed(FXM_ROW_STDUMP, [] { return fxm_stdump(1); });
+        dump_hold = std::max(dump_hold, longest.exchange(others));
         disturb();
     }
 
@@ -307,6 +313,18 @@ static sample_t sample()
     const struct mallinfo2 info = mallinfo2();
     return {static_cast<int64_t>(info.uordblks + info.hblkhd), resident_bytes(), entries_of("/proc/self/task"),
             entries_of("/proc/self/fd")};
+}
+
+static double in_ms(uint64_t ns) { return static_cast<double>(ns) / 1e6; }
+
+static void print_holds()
+{
+    static_assert(FXM_LOCK_KINDS <= FXM_HOLD_KINDS);
+    printf("locks, ms:                     longest wait   longest hold\n");
+    for (size_t kind = 0; kind < FXM_LOCK_KINDS; ++kind)
+        printf("  %-28s%13.3f%15.3f\n", fxm_lock_rules[kind].name, in_ms(fxm_holds[kind].wait),
+               in_ms(fxm_holds[kind].hold));
+    printf("  %-28s%28.3f\n", "fx_lock, by a long dump", in_ms(dump_hold));
 }
 
 class soak_t
@@ -453,6 +471,7 @@ class soak_t
             finding("the kernel has dropped %llu frames", ull(dropped));
         printf("\r%-70s\n", "");
         print_book();
+        print_holds();
         printf("events queued; %llu, queued after a stop had been asked for, were discarded:\n", ull(discarded));
         for (uint32_t kind = 0; kind < FXM_EVT_KINDS; ++kind) {
             printf("  %-28s%10llu\n", fxm_event_names[kind], ull(queued[kind]));

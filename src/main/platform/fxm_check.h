@@ -1,8 +1,11 @@
 // Checks at run time, in builds with FXM_CHECKED (debug and sanitizers): assertions, and the order of the locks. A check
-// that fails names what is wrong and where, with the stacks of both locks, and ends the process.
+// that fails names what is wrong and where, with the stacks of both locks, and ends the process. Besides, with FXM_HOLDS,
+// the longest wait and hold of each kind of lock, for the soak; libfxm.so has none of it.
 #ifndef FXM_CHECK_H
 #define FXM_CHECK_H
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 struct fxm_mutex_t;
@@ -42,5 +45,13 @@ inline void _fxm_check_wait(const char *) {}
 inline void _fxm_check_callback(const char *) {}
 
 #endif
+
+// Times of a kind of lock, in ns: the longest wait of a thread for one, and the longest time that a thread has held one,
+// from the outermost taking to the last giving back. The table is in the form of the platform layer that measures.
+struct fxm_hold_t {
+    std::atomic<uint64_t> wait, hold;
+};
+constexpr size_t FXM_HOLD_KINDS = 16; // at least as many as there are kinds
+extern fxm_hold_t fxm_holds[FXM_HOLD_KINDS];
 
 #endif

@@ -81,18 +81,64 @@ static bool _lock_soon(pthread_mutex_t *handle)
     return false;
 }
 
-// The analysis knows nothing of the system's locks, so it cannot see that these two do what they say.
-FXM_NO_ANALYSIS int _fxm_mutex_lock(fxm_mutex_t *mutex)
+static int _take(fxm_mutex_t *mutex)
 {
-    _fxm_check_lock(mutex, mutex->kind);
     if (pthread_mutex_trylock(&mutex->handle) == 0 || _lock_soon(&mutex->handle))
         return 0;
     return pthread_mutex_lock(&mutex->handle) == 0 ? 0 : EPROTO;
 }
 
+#ifdef FXM_HOLDS
+fxm_hold_t fxm_holds[FXM_HOLD_KINDS];
+
+// The locks of a kind that the thread holds, and since when it has held one.
+static thread_local struct {
+    uint32_t depth;
+    uint64_t since;
+} held[FXM_HOLD_KINDS];
+
+// Relaxed: a maximum orders nothing.
+static void _raise(std::atomic<uint64_t> *longest, uint64_t ns)
+{
+    uint64_t known = longest->load(std::memory_order_relaxed);
+    while (known < ns && !longest->compare_exchange_weak(known, ns, std::memory_order_relaxed)) {
+    }
+}
+
+static int _take_measured(fxm_mutex_t *mutex)
+{
+    const uint64_t begun = _fxm_monotonic_ns();
+    const int err = _take(mutex);
+    auto &own = held[mutex->kind];
+    if (err == 0 && own.depth++ == 0) {
+        own.since = _fxm_monotonic_ns();
+        _raise(&fxm_holds[mutex->kind].wait, own.since - begun);
+    }
+    return err;
+}
+
+static void _end_hold(const fxm_mutex_t *mutex)
+{
+    auto &own = held[mutex->kind];
+    if (--own.depth == 0)
+        _raise(&fxm_holds[mutex->kind].hold, _fxm_monotonic_ns() - own.since);
+}
+#else
+static int _take_measured(fxm_mutex_t *mutex) { return _take(mutex); }
+static void _end_hold(const fxm_mutex_t *) {}
+#endif
+
+// The analysis knows nothing of the system's locks, so it cannot see that these two do what they say.
+FXM_NO_ANALYSIS int _fxm_mutex_lock(fxm_mutex_t *mutex)
+{
+    _fxm_check_lock(mutex, mutex->kind);
+    return _take_measured(mutex);
+}
+
 FXM_NO_ANALYSIS void _fxm_mutex_unlock(fxm_mutex_t *mutex)
 {
     _fxm_check_unlock(mutex);
+    _end_hold(mutex);
     pthread_mutex_unlock(&mutex->handle);
 }
 
