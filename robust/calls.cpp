@@ -1,15 +1,15 @@
 #include "calls.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <thread>
 
 #include "diag/fxm_snapshot.h"
@@ -190,14 +190,8 @@ void watch(int64_t most, int64_t all)
 
 size_t entries_of(const char *directory)
 {
-    DIR *opened = opendir(directory);
-    if (opened == nullptr)
-        return 0;
-    size_t count = 0;
-    while (readdir(opened) != nullptr)
-        ++count;
-    closedir(opened);
-    return count;
+    std::error_code none; // no such directory: no entries
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory, none), {}));
 }
 
 void expect_even(int lists)

@@ -2,15 +2,14 @@
 // cards answer, stay silent or answer wrongly as the input says. The library is stopped and started in between, also in
 // the middle of a call.
 #include <sched.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -108,9 +107,12 @@ static void answer(uint32_t port, const frame_t &request, uint8_t manner)
         wire_put(port, frame);
 }
 
+static thread_local uint32_t sent; // frames, by this thread
+
 // Runs on the thread that sends.
 static int hear(uint32_t port, const frame_t &frame)
 {
+    sent += 1;
     const std::lock_guard guard(cards.lock);
     if (cards.stop_in > 0 && --cards.stop_in == 0)
         fxm_fini_manager();
@@ -147,12 +149,6 @@ static std::thread manager;
 static int manager_result;
 static std::optional<fxm_call_t> keeper; // one call that lasts as long as the library, so that a stop waits for it
 
-static void write_file(const std::string &name, const char *text)
-{
-    FILE *file = fopen((directory + "/conf/" + name).c_str(), "w");
-    DEMAND(file != nullptr && fputs(text, file) >= 0 && fclose(file) == 0);
-}
-
 static void start()
 {
     manager = std::thread([] { manager_result = fxm_init_manager(directory.c_str(), FXM_LOG_FATAL); });
@@ -173,20 +169,10 @@ static void stop()
     check_accounts_empty();
 }
 
-static uint64_t announcements_handled()
-{
-    fxm_mutex_guard_t guard(&g_stats_lock);
-    uint64_t handled = 0;
-    for (const auto &frames : g_stats.port_frames)
-        handled += frames[FXM_STATS_R_DEV] + frames[FXM_STATS_R_DEV40];
-    return handled;
-}
-
 static void announce_card(uint64_t id, uint32_t port, uint16_t vlan)
 {
-    const uint64_t before = announcements_handled();
     wire_put(port, announcement_of(id, vlan));
-    while (!_fxm_stopping() && announcements_handled() == before)
+    while (!_fxm_stopping() && wire_waiting(port) > 0)
         sched_yield();
 }
 
@@ -222,13 +208,13 @@ static const fxm_retry_param_t *retries(const choice_t &choose)
     return param;
 }
 
-static bool stop_due() { return !in_callback && std::exchange(endless, 0) > 0; }
-
-// Each call says whether the library runs. While `keeper` lasts, nobody can start another one.
+// Each call says whether the library runs; while `keeper` lasts, nobody can start another one. A refused call sends nothing.
 static void call(fxm_api_row_t row, const choice_t &choose)
 {
     const bool stopped = _fxm_stopping();
+    const uint32_t before = sent;
     const int result = call_row(row, choose);
+    DEMAND(result != FXM_API_EINVAL || sent == before);
     DEMAND(result == NOT_CALLED || in_every_state(row) || (result == FXM_API_ENOSYS ? _fxm_stopping() : !stopped));
 }
 
@@ -249,7 +235,7 @@ static void on_event(uint64_t id, int32_t type, uint64_t arg)
 
 static void run(input_t *input)
 {
-    const uint32_t step = input->below(FXM_API_ROWS + 13);
+    const uint32_t step = input->below(FXM_API_ROWS + 12);
     if (step < FXM_API_ROWS)
         return call(static_cast<fxm_api_row_t>(step), {[=](uint32_t limit) {
                         return (limit <= 256 ? input->byte() : input->number<uint32_t>()) % limit;
@@ -269,8 +255,7 @@ static void run(input_t *input)
         endless = 0;
         return;
     }
-    case 3:
-    case 4: {
+    case 3: {
         const frame_t manners = input->bytes(how % 16);
         const auto fill = input->number<uint32_t>();
         const std::lock_guard guard(cards.lock);
@@ -320,30 +305,28 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     fxm_platform.notice_arm = [](fxm_notice_t *) { return true; };
     const char *parent = getenv("TMPDIR");
     directory = std::string(parent != nullptr ? parent : "/tmp") + "/fxm-fuzz.XXXXXX";
-    DEMAND(mkdtemp(directory.data()) != nullptr && mkdir((directory + "/conf").c_str(), 0700) == 0);
-    write_file("fxm_log4c_win.properties", "log4j.rootLogger=OFF\n");
-    write_file("fxm.conf",
-               "ether_port_ifindex = 1 2\ndevinfo_flag_check_interval = 1\nframe_retry_interval = 1\n"
-               "frame_retry_count = 1\nframe_retry_interval_livecheck = 1\nframe_retry_count_livecheck = 1\n"
-               "vlan_check_interval = 1\neeprom_retry_interval = 1\neeprom_retry_count = 1\n"
-               "eeprom_check_interval = 0\neeprom_check_retry_count = 1\neeprom_rw_interval = 0\n"
-               "eeprom_verify_count = 1\nforce_lock_try_count = 1\n");
-    targets = {{std::begin(CARDS), std::end(CARDS)},
-               {},
-               directory.c_str(),
-               on_event,
-               retries,
-               [] { return true; },
-               stop_due,
-               [](int result) { DEMAND(result == FXM_API_EBUSY); },
-               [](const std::string &what) { finding(what.c_str(), __FILE__, __LINE__); }};
+    DEMAND(mkdtemp(directory.data()) != nullptr && std::filesystem::create_directory(directory + "/conf"));
+    std::ofstream(directory + "/conf/fxm_log4c_win.properties") << "log4j.rootLogger=OFF\n";
+    std::ofstream(directory + "/conf/fxm.conf")
+        << "ether_port_ifindex = 1 2\ndevinfo_flag_check_interval = 1\nframe_retry_interval = 1\n"
+           "frame_retry_count = 1\nframe_retry_interval_livecheck = 1\nframe_retry_count_livecheck = 1\n"
+           "vlan_check_interval = 1\neeprom_retry_interval = 1\neeprom_retry_count = 1\n"
+           "eeprom_check_interval = 0\neeprom_check_retry_count = 1\neeprom_rw_interval = 0\n"
+           "eeprom_verify_count = 1\nforce_lock_try_count = 1\n";
+    targets.cards.assign(std::begin(CARDS), std::end(CARDS));
     targets.prey = targets.cards;
     targets.prey.insert(targets.prey.end(), std::begin(STRANGERS), std::end(STRANGERS));
+    targets.dir = directory.c_str();
+    targets.callback = on_event;
+    targets.retries = retries;
+    targets.start_allowed = [] { return true; };
+    targets.stop_due = [] { return !in_callback && std::exchange(endless, 0) > 0; };
+    targets.started = [](int result) { DEMAND(result == FXM_API_EBUSY); };
+    targets.failed = [](const std::string &what) { finding(what.c_str(), __FILE__, __LINE__); };
     start();
     atexit([] {
         stop();
-        for (const char *name : {"/conf/fxm.conf", "/conf/fxm_log4c_win.properties", "/conf", ""})
-            (void)remove((directory + name).c_str());
+        std::filesystem::remove_all(directory);
     });
     return 0;
 }
@@ -352,19 +335,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     hurries = true;
     endless = 1;
-    {
-        const std::lock_guard guard(cards.lock);
-        cards.manners.clear();
-        cards.registers.clear();
-        cards.fill = cards.stop_in = 0;
-    }
     input_t input{data, size};
     for (uint32_t steps = 0; input.left > 0 && steps < 64; ++steps)
         run(&input);
     {
         const std::lock_guard guard(cards.lock);
-        cards.stop_in = 0;
         cards.manners.clear();
+        cards.registers.clear();
+        cards.fill = cards.stop_in = 0;
     }
     clean_up();
     return 0;

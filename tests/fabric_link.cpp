@@ -455,15 +455,6 @@ TEST_F(links, dump_shows_known_cards_word_for_word)
         EXPECT_TRUE(plain[i] == verbose[i] || verbose[i].ends_with("#")) << plain[i];
 }
 
-// What the headings of a dump are; all dumps of one verbosity have the same.
-static std::string headings(const dump_t &dump)
-{
-    std::string text;
-    for (const std::string &line : dump)
-        text += line.starts_with("  - ") ? line : "";
-    return text;
-}
-
 TEST_F(links, each_dump_is_whole_and_of_one_moment_while_everything_goes_on_until_the_stop)
 {
     constexpr uint64_t FIRST = 0x020000010000, FLEETING = 0x020000020000;
@@ -471,35 +462,30 @@ TEST_F(links, each_dump_is_whole_and_of_one_moment_while_everything_goes_on_unti
     for (const char *line : {"fxsv 020000010000 count=16", "fxio 020000020000 count=16", "fault all drop every=300"})
         cards(line);
     run(FXM_LOG_ERROR); // a log of each call would be most of the work
-    const std::string all_headings = headings(dump(1));
+    const auto headings = [](dump_t dump) {
+        std::erase_if(dump, [](const std::string &line) { return !line.starts_with("  - "); });
+        return dump;
+    };
+    const dump_t all_headings = headings(dump(1));
     const auto first = static_cast<std::ptrdiff_t>(stats_log.lines().size());
     static std::atomic<uint64_t> rounds;
     rounds = 0;
     static const auto id = [](uint64_t from) { return from + 2 * (rounds % 16); };
     using function_t = int (*)();
-    const function_t write = [] { return fxm_write_register(id(FIRST), 0x1000, 7, nullptr, FXM_FLAG_VERIFY); };
-    const function_t modify = [] { return fxm_modify_register(id(FIRST), 0x1000, 1, 3, nullptr, FXM_FLAG_VERIFY); };
-    const function_t write_dump = [] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5)); // so that they do not fill the disk
-        return fxm_stdump(1);
-    };
-    const function_t list_cards = [] {
-        uint64_t *ids = nullptr;
-        uint32_t count = 0;
-        const int result = fxm_get_fxsvids(&ids, &count);
-        return fxm_free_idlist(ids), result;
-    };
-    const function_t listen = [] {
-        void *handle = nullptr;
-        fxm_register_callback(
-            FXM_EVT_NEWDEVINFO, [](uint64_t, int32_t, uint64_t) {}, 0, &handle);
-        return fxm_unregister_callback(handle);
-    };
+    const function_t functions[] = {
+        [] { return fxm_write_register(id(FIRST), 0x1000, 7, nullptr, FXM_FLAG_VERIFY); },
+        [] { return fxm_modify_register(id(FIRST), 0x1000, 1, 3, nullptr, FXM_FLAG_VERIFY); },
+        [] { return fxm_delete_fxio(id(FLEETING)); },
+        [] { return fxm_stop_monitor(FLEETING), fxm_restart_monitor(FLEETING); },
+        [] { return std::this_thread::sleep_for(std::chrono::milliseconds(5)), fxm_stdump(1); },
+        [] {
+            void *handle = nullptr;
+            fxm_register_callback(
+                FXM_EVT_NEWDEVINFO, [](uint64_t, int32_t, uint64_t) {}, 0, &handle);
+            return fxm_unregister_callback(handle);
+        }};
     std::vector<call_t> calls;
-    for (const function_t function : {write, write, modify, modify, write_dump, list_cards, listen,
-                                      function_t([] { return fxm_delete_fxio(id(FLEETING)); }), function_t([] {
-                                          return fxm_stop_monitor(FLEETING), fxm_restart_monitor(FLEETING);
-                                      })})
+    for (const function_t function : functions)
         calls.push_back(call([function] {
             while (function() != FXM_API_ENOSYS)
                 rounds += 1;
