@@ -1,15 +1,15 @@
 #include "calls.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <thread>
 
 #include "diag/fxm_snapshot.h"
@@ -19,11 +19,6 @@
 // The book must not order the threads, or it would hide from the sanitizer what the library itself does not order. So
 // all its words are relaxed.
 constexpr auto RELAXED = std::memory_order_relaxed;
-
-targets_t targets;
-std::atomic<bool> memory_short{false};
-
-constexpr int NOT_CALLED = -1; // there was nothing to call for
 
 // ------------------------------------------------------------------------------------------------------------ findings
 
@@ -195,14 +190,8 @@ void watch(int64_t most, int64_t all)
 
 size_t entries_of(const char *directory)
 {
-    DIR *opened = opendir(directory);
-    if (opened == nullptr)
-        return 0;
-    size_t count = 0;
-    while (readdir(opened) != nullptr)
-        ++count;
-    closedir(opened);
-    return count;
+    std::error_code none; // no such directory: no entries
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory, none), {}));
 }
 
 void expect_even(int lists)
@@ -255,307 +244,4 @@ options_t robust_begin(int argc, char **argv, const char *usage)
     if (!enter_namespace())
         exit(1);
     return options;
-}
-
-// ------------------------------------------------------------------------------------------------------- the arguments
-
-static uint64_t any_card(dice_t *dice)
-{
-    return dice->one_in(50) ? 0x02eeeeee0000 : targets.cards[dice->below(static_cast<uint32_t>(targets.cards.size()))];
-}
-
-static uint64_t unlucky_card(dice_t *dice)
-{
-    return dice->one_in(40) ? any_card(dice) : targets.prey[dice->below(static_cast<uint32_t>(targets.prey.size()))];
-}
-
-// The last argument of most operations: an answer is waited for as long as the configuration says, for a short time, or
-// until a stop.
-struct retry_t {
-    explicit retry_t(dice_t *dice, bool refused = false)
-        : param{dice->below(3), refused           ? 0
-                                : dice->one_in(8) ? 1000
-                                                  : 1 + dice->below(30)},
-          given(refused || !dice->one_in(4) ? &param : nullptr)
-    {
-    }
-    fxm_retry_param_t param;
-    const fxm_retry_param_t *given;
-};
-
-// A register, or an address of the EEPROM.
-static uint32_t address(dice_t *dice, bool wrong, uint32_t limit)
-{
-    return wrong ? 4 * dice->below(limit / 4) + 1 + dice->below(3) : 4 * dice->below(limit / 4);
-}
-
-constexpr uint32_t REGISTERS = 0x100; // few, so that the threads meet
-
-static std::atomic<uint64_t *> lists[16];
-
-int held_lists()
-{
-    return static_cast<int>(
-        std::count_if(std::begin(lists), std::end(lists), [](auto &list) { return list.load() != nullptr; }));
-}
-
-void free_lists()
-{
-    for (auto &list : lists)
-        fxm_free_idlist(list.exchange(nullptr));
-}
-
-template <typename Call> static int call_list(dice_t *dice, bool wrong, Call call)
-{
-    uint64_t *list = nullptr;
-    uint32_t count = dice->one_in(4) ? 3 : 0;
-    const uint32_t most = count;
-    const bool no_count = wrong && dice->one_in(2);
-    const int result = call(wrong && !no_count ? nullptr : &list, no_count ? nullptr : &count);
-    if (result != FXM_API_SUCCESS) {
-        if (list != nullptr)
-            finding("a refused list was written");
-        return result;
-    }
-    if ((list == nullptr) != (count == 0) || (most != 0 && count > most) || !std::is_sorted(list, list + count))
-        finding("a list of %u ids, at most %u asked for", count, most);
-    if (list != nullptr && dice->one_in(16))
-        list = lists[dice->below(16)].exchange(list); // held for a while, perhaps over a stop
-    fxm_free_idlist(list);
-    return result;
-}
-
-registration_t registrations[REGISTRATIONS];
-static std::atomic<uint32_t> next_registration{0};
-static std::atomic<uint32_t> live[24]; // numbers of registrations, and 1; 0 none
-thread_local bool in_callback = false;
-
-static int register_callback(dice_t *dice, bool wrong)
-{
-    void *handle = nullptr;
-    const auto type = static_cast<int32_t>(dice->below(6));
-    if (wrong) {
-        const uint32_t what = dice->below(3);
-        return fxm_register_callback(what == 0 ? 6 : type, what == 1 ? nullptr : targets.callback, 0,
-                                     what == 2 ? nullptr : &handle);
-    }
-    // The number comes round after so long that its last registration has ended, with a stop if not before.
-    const uint32_t number = next_registration.fetch_add(1, RELAXED) % REGISTRATIONS;
-    registration_t &made = registrations[number];
-    made.ended.store(false, RELAXED);
-    made.closed.store(false, RELAXED);
-    const int result = fxm_register_callback(type, targets.callback, number, &handle);
-    if (result != FXM_API_SUCCESS)
-        return result;
-    made.handle.store(handle, RELAXED);
-    const uint32_t old = live[dice->below(24)].exchange(number + 1);
-    if (old != 0) {
-        registration_t &over = registrations[old - 1];
-        if (fxm_unregister_callback(over.handle.load(RELAXED)) == FXM_API_SUCCESS) {
-            over.ended.store(true, RELAXED);
-            over.closed.store(!in_callback, RELAXED);
-        }
-    }
-    return result;
-}
-
-static int unregister_callback(dice_t *dice, bool wrong)
-{
-    if (wrong)
-        return fxm_unregister_callback(dice->one_in(2) ? nullptr
-                                                       : reinterpret_cast<void *>(uintptr_t{dice->below(9999)}));
-    const uint32_t number = live[dice->below(24)].exchange(0);
-    if (number == 0)
-        return NOT_CALLED;
-    registration_t &over = registrations[number - 1];
-    const int result = fxm_unregister_callback(over.handle.load(RELAXED));
-    if (result == FXM_API_SUCCESS) {
-        over.ended.store(true, RELAXED);
-        over.closed.store(!in_callback, RELAXED);
-    }
-    return result;
-}
-
-static int init_manager(dice_t *dice, bool wrong)
-{
-    if (wrong)
-        return dice->one_in(2) ? fxm_init_manager(targets.dir, 6) : fxm_init_manager("/nonexistent/fxm", FXM_LOG_ERROR);
-    if (!targets.start_allowed())
-        return NOT_CALLED;
-    const int result = fxm_init_manager(targets.dir, FXM_LOG_ERROR);
-    targets.started(result);
-    return result;
-}
-
-template <typename Call> static int dump(dice_t *dice, bool wrong, uint32_t limit, Call call)
-{
-    uint32_t buffer[512];
-    const uint32_t begin = address(dice, false, limit);
-    const uint32_t end = begin + 4 * (1 + dice->below(dice->one_in(50) ? 512 : 4));
-    uint64_t size = wrong ? 0 : sizeof(buffer);
-    const int result = call(begin, std::min(end, limit), buffer, &size);
-    if (size > sizeof(buffer) || (result == FXM_API_SUCCESS && size != std::min(end, limit) - begin))
-        finding("a dump of 0x%x to 0x%x has given %llu bytes", begin, end, static_cast<unsigned long long>(size));
-    return result;
-}
-
-// ------------------------------------------------------------------------------------------------------- the functions
-
-template <typename... Codes> static constexpr uint32_t any_of(Codes... codes) { return (0u | ... | (1u << codes)); }
-
-constexpr uint32_t OK = any_of(FXM_API_SUCCESS);
-constexpr uint32_t INVALID = any_of(FXM_API_EINVAL);
-constexpr uint32_t RECORD = any_of(FXM_API_SUCCESS, FXM_API_ENOENT);
-constexpr uint32_t LIST = any_of(FXM_API_SUCCESS, FXM_API_ERANGE);
-constexpr uint32_t SEND = any_of(FXM_API_SUCCESS, FXM_API_ENOENT, FXM_API_ENOLINK, FXM_API_EPROTO);
-constexpr uint32_t ANSWER = SEND | any_of(FXM_API_ETIMEDOUT);
-constexpr uint32_t LOCKED = ANSWER | any_of(FXM_API_EBUSY);
-constexpr uint32_t STARTED = any_of(FXM_API_SUCCESS, FXM_API_EBUSY);
-
-// `wrong` 0: it has no wrong arguments.
-struct function_t {
-    int (*call)(dice_t *dice, bool wrong);
-    uint32_t right, wrong;
-};
-
-// In the order of the rows.
-static const function_t functions[] = {
-    {[](dice_t *dice, bool wrong) { return call_list(dice, wrong, fxm_get_fxsvids); }, LIST, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         const uint64_t time = now_ms() - dice->below(1000);
-         return call_list(dice, wrong,
-                          [=](auto list, auto count) { return fxm_get_update_fxsvids(time, list, count); });
-     },
-     LIST, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         const auto group = static_cast<uint16_t>(100 + dice->below(3));
-         return call_list(dice, wrong,
-                          [=](auto list, auto count) { return fxm_get_group_fxsvids(group, list, count); });
-     },
-     LIST, INVALID},
-    {[](dice_t *dice, bool wrong) { return call_list(dice, wrong, fxm_get_fxioids); }, LIST, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         const uint64_t time = now_ms() - dice->below(1000);
-         return call_list(dice, wrong,
-                          [=](auto list, auto count) { return fxm_get_update_fxioids(time, list, count); });
-     },
-     LIST, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         const auto group = static_cast<uint16_t>(wrong ? 4095 : 100 + dice->below(3));
-         return call_list(dice, false,
-                          [=](auto list, auto count) { return fxm_get_group_fxioids(group, list, count); });
-     },
-     LIST, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         fxm_fxsv_t record;
-         return fxm_get_fxsv(any_card(dice), wrong ? nullptr : &record);
-     },
-     RECORD, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         fxm_fxio_t record;
-         return fxm_get_fxio(any_card(dice), wrong ? nullptr : &record);
-     },
-     RECORD, INVALID},
-    {[](dice_t *dice, bool) { return fxm_delete_fxsv(unlucky_card(dice)); }, RECORD, 0},
-    {[](dice_t *dice, bool) { return fxm_delete_fxio(unlucky_card(dice)); }, RECORD, 0},
-    {[](dice_t *dice, bool wrong) {
-         const auto vlan = static_cast<uint16_t>(wrong ? 15 : 100 + dice->below(3));
-         return fxm_set_vlanid(any_card(dice), vlan, retry_t(dice).given, dice->below(4));
-     },
-     ANSWER, INVALID},
-    {[](dice_t *dice, bool) {
-         return fxm_send_resetframe(any_card(dice), static_cast<uint8_t>(dice->below(256)), nullptr, 0);
-     },
-     SEND, 0},
-    {[](dice_t *dice, bool wrong) {
-         const char page[FXM_MMS_PAGE_SIZE] = {};
-         return fxm_write_mmspage(any_card(dice), wrong ? FXM_MMS_PAGES : dice->below(FXM_MMS_PAGES), page,
-                                  dice->below(2));
-     },
-     ANSWER, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         uint32_t value;
-         const bool no_wait = wrong && dice->one_in(2);
-         return fxm_read_register(any_card(dice), address(dice, wrong && !no_wait, REGISTERS), &value,
-                                  retry_t(dice, no_wait).given, dice->below(2));
-     },
-     ANSWER, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         return fxm_write_register(any_card(dice), address(dice, wrong, REGISTERS), dice->below(0xffff),
-                                   retry_t(dice).given, dice->below(4));
-     },
-     ANSWER, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         return fxm_modify_register(any_card(dice), address(dice, wrong, REGISTERS), dice->below(0xffff), 0xff0,
-                                    retry_t(dice).given, dice->below(4));
-     },
-     ANSWER, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         return dump(dice, wrong, REGISTERS, [&](uint32_t begin, uint32_t end, uint32_t *buffer, uint64_t *size) {
-             return fxm_dump_register(any_card(dice), begin, end, buffer, size, retry_t(dice).given, dice->below(2));
-         });
-     },
-     ANSWER, any_of(FXM_API_EINVAL, FXM_API_ERANGE)},
-    {[](dice_t *dice, bool wrong) {
-         uint32_t value;
-         return fxm_read_eeprom(any_card(dice), address(dice, wrong, FXM_EEPROM_SIZE), wrong ? nullptr : &value,
-                                retry_t(dice).given, dice->below(8));
-     },
-     LOCKED, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         return fxm_write_eeprom(any_card(dice), address(dice, wrong, FXM_EEPROM_SIZE), dice->below(0xffff),
-                                 retry_t(dice).given, dice->below(8));
-     },
-     LOCKED, INVALID},
-    {[](dice_t *dice, bool wrong) {
-         return dump(dice, wrong, FXM_EEPROM_SIZE, [&](uint32_t begin, uint32_t end, uint32_t *buffer, uint64_t *size) {
-             return fxm_dump_eeprom(any_card(dice), begin, end, buffer, size, retry_t(dice).given, dice->below(8));
-         });
-     },
-     LOCKED, any_of(FXM_API_EINVAL, FXM_API_ERANGE)},
-    {[](dice_t *dice, bool) { return fxm_unlock_eeprom(any_card(dice)); }, ANSWER, 0},
-    {[](dice_t *dice, bool) { return fxm_stop_monitor(unlucky_card(dice)); }, OK, 0},
-    {[](dice_t *dice, bool) { return fxm_restart_monitor(dice->one_in(2) ? unlucky_card(dice) : any_card(dice)); }, OK,
-     0},
-    {register_callback, OK, INVALID},
-    {unregister_callback, OK | INVALID, INVALID},
-    {[](dice_t *dice, bool) { return fxm_free_idlist(lists[dice->below(16)].exchange(nullptr)); }, OK, 0},
-    {[](dice_t *dice, bool wrong) {
-         const int32_t levels[] = {FXM_LOG_CONFIGURED, FXM_LOG_FATAL, FXM_LOG_ERROR, FXM_LOG_ERROR,
-                                   FXM_LOG_WARN,       FXM_LOG_INFO,  FXM_LOG_DEBUG, FXM_LOG_TRACE};
-         return fxm_set_loglevel(wrong ? FXM_LOG_TRACE + 1 : levels[dice->below(8)]);
-     },
-     OK, INVALID},
-    {init_manager, STARTED, any_of(FXM_API_EINVAL, FXM_API_EBUSY)},
-    {[](dice_t *, bool) { return fxm_start_manager(); }, OK, 0},
-    {[](dice_t *, bool) { return targets.stop_due() ? fxm_fini_manager() : NOT_CALLED; }, OK, 0},
-    {[](dice_t *dice, bool) { return dice->one_in(4) ? fxm_stdump(dice->one_in(8) ? 1 : 0) : NOT_CALLED; }, OK, 0},
-};
-static_assert(std::size(functions) == FXM_API_ROWS);
-
-int call_row(fxm_api_row_t row, dice_t *dice, bool wrong)
-{
-    const function_t &function = functions[row];
-    wrong = wrong && function.wrong != 0;
-    const int result = timed(row, [&] { return function.call(dice, wrong); });
-    if (result == NOT_CALLED)
-        return result;
-    uint32_t promised = (wrong ? function.wrong : function.right) | any_of(FXM_API_ENOSYS);
-    if (memory_short.load(RELAXED))
-        promised |= any_of(FXM_API_ENOMEM, FXM_API_EPROTO);
-    if ((any_of(result) & promised) == 0)
-        finding("%s has returned %d%s", fxm_row_names[row], result, wrong ? ", called with wrong arguments" : "");
-    return result;
-}
-
-void expect_stopped(dice_t *dice)
-{
-    for (uint32_t row = 0; row < FXM_API_ROWS; ++row) {
-        const bool answers = row == FXM_ROW_FREE_IDLIST || row == FXM_ROW_FINI_MANAGER;
-        const int result = call_row(static_cast<fxm_api_row_t>(row), dice, false);
-        if (!answers && result != FXM_API_ENOSYS && result != NOT_CALLED)
-            finding("%s has returned %d after a stop", fxm_row_names[row], result);
-    }
-    if (fxm_stdump(0) != FXM_API_ENOSYS || fxm_unregister_callback(nullptr) != FXM_API_ENOSYS)
-        finding("a dump or an unregistration has not returned FXM_API_ENOSYS after a stop");
 }

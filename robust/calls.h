@@ -1,68 +1,17 @@
-// Every exported function with right and wrong arguments, and the book of all calls: their results, how long they took,
-// and what each thread is in now.
+// The book of all calls: their results, how long they took, and what each thread is in now; and the checks of the process.
 #ifndef ROBUST_CALLS_H
 #define ROBUST_CALLS_H
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
-#include <random>
 #include <string>
-#include <vector>
 
-#include "diag/fxm_stats.h"
-#include "fxm.h"
-
-// The choices of one thread. They depend on the seed and on the number of the thread alone.
-class dice_t
-{
-  public:
-    explicit dice_t(uint32_t seed) : engine(seed) {}
-    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(engine()) % limit; }
-    bool one_in(uint32_t number) { return below(number) == 0; }
-
-  private:
-    std::mt19937 engine;
-};
+#include "functions.h"
 
 // A failed check. It is printed, and the program ends with 1 when it has run to its end.
 void finding(const char *format, ...) __attribute__((format(printf, 1, 2)));
 uint64_t findings();
 
 int64_t steady_ms();
-
-// ------------------------------------------------------------------------------------------------------- the functions
-
-// The ids that the calls choose from. Deletes and the end of monitoring nearly always hit one of `prey`.
-struct targets_t {
-    std::vector<uint64_t> cards, prey;
-    const char *dir;                     // the installation directory of a start
-    fxm_callback_t callback;             // gets an index below REGISTRATIONS as its argument
-    std::function<bool()> start_allowed; // asked before a call that may start the library,
-    std::function<bool()> stop_due;      // and before one that stops it
-    std::function<void(int)> started;    // told what such a start has returned
-};
-extern targets_t targets;
-
-extern std::atomic<bool> memory_short; // some allocations of the library fail, and so may calls
-
-// Calls the function of this row. The result is booked; one that the header does not promise is a finding.
-int call_row(fxm_api_row_t row, dice_t *dice, bool wrong);
-
-// Without a running library, each function says so. Only for the time when nobody starts it.
-void expect_stopped(dice_t *dice);
-
-// A registration that call_row has made. `ended`: no call through it may begin. `closed`: none may be under way.
-constexpr uint32_t REGISTRATIONS = 1 << 16;
-struct registration_t {
-    std::atomic<void *> handle;
-    std::atomic<bool> ended, closed;
-};
-extern registration_t registrations[REGISTRATIONS];
-extern thread_local bool in_callback;
-
-int held_lists();  // id lists that a call has got and not released
-void free_lists(); // releases them
 
 // ------------------------------------------------------------------------------------------------------------ the book
 

@@ -58,7 +58,16 @@ static void sleep_ms(int64_t ms) { std::this_thread::sleep_for(milliseconds(ms))
 
 static int call_anything(dice_t *dice)
 {
-    return call_row(static_cast<fxm_api_row_t>(dice->below(FXM_API_ROWS)), dice, dice->one_in(6));
+    const auto row = static_cast<fxm_api_row_t>(dice->below(FXM_API_ROWS));
+    return timed(row, [=] { return call_row(row, *dice); });
+}
+
+// An answer is waited for as long as the configuration says, for a short time, or until a stop.
+static const fxm_retry_param_t *retries(const choice_t &choose)
+{
+    static thread_local fxm_retry_param_t param;
+    param = {choose.below(3), choose.one_in(16) ? 0 : choose.one_in(8) ? 1000 : 1 + choose.below(30)};
+    return choose.one_in(4) ? nullptr : &param;
 }
 
 static void on_event(uint64_t, int32_t, uint64_t arg)
@@ -329,7 +338,7 @@ class storm_t
         if (callbacks_inside.load() != 0)
             finding("a callback goes on after the stop");
         free_lists();
-        expect_stopped(&dice);
+        expect_stopped(dice);
         same("threads", "/proc/self/task", &threads_before);
         same("descriptors", "/proc/self/fd", &descriptors_before);
         if (findings() != shown)
@@ -367,8 +376,13 @@ int main(int argc, char **argv)
     const std::string dir = storm.installation.dir;
     storm.installation.configure(configuration);
     fxm_platform.wall_clock_ms = [] { return now_ms() + clock_offset.load(RELAXED); };
-    targets = {{},     {}, dir.c_str(), on_event, start_allowed, [] { return steady_ms() >= stop_at.load(RELAXED); },
-               started};
+    targets.dir = dir.c_str();
+    targets.callback = on_event;
+    targets.retries = retries;
+    targets.start_allowed = start_allowed;
+    targets.stop_due = [] { return steady_ms() >= stop_at.load(RELAXED); };
+    targets.started = started;
+    targets.failed = [](const std::string &what) { finding("%s", what.c_str()); };
     for (uint32_t i = 0; i < EACH; ++i) {
         for (const uint64_t first : {FXSV, FXSV40, FXIO_CARDS, FLEETING, LIARS})
             targets.cards.push_back(first + uint64_t{2} * i);

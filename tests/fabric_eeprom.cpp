@@ -249,13 +249,11 @@ class eeprom : public fabric_t
         EXPECT_EQ(size, dumps ? dumped * 4 : sizeof(words));
     }
 
-    std::string reg(const std::string &name, const std::string &addr) { return cards("reg " + name + " " + addr); }
-
     // Nobody has the lock or waits for it, and no access was begun while it was not the library's.
     void expect_released(const std::string &name)
     {
-        EXPECT_EQ(reg(name, "0x50f0"), "0x00000000");
-        EXPECT_EQ(reg(name, "0x5208"), "0x00000000");
+        EXPECT_EQ(cards("reg " + name + " 0x50f0"), "0x00000000");
+        EXPECT_EQ(cards("reg " + name + " 0x5208"), "0x00000000");
         EXPECT_EQ(count_of(cards("counts " + name), " foul=0"), 1u) << cards("counts " + name);
     }
 
@@ -421,40 +419,6 @@ TEST_F(eeprom, card_that_is_not_heard_is_reached_through_the_live_check_alone)
     play("probe answered, and the card's write lock is free again", read_checked, "r0=12345678 " + locked(READ));
 }
 
-TEST_F(eeprom, arguments_that_make_no_sense_reach_no_card)
-{
-    uint32_t words[512] = {UNTOUCHED};
-    begin_by_hand(QUICK);
-    wire[0]->received();
-    const fxm_retry_param_t no_wait = {5, 0};
-    for (const uint32_t addr : {0x800u, 0x7feu, 0xfffffffcu, 0x1u}) {
-        EXPECT_EQ(fxm_read_eeprom(FXSV_1G, addr, words, nullptr, 0), FXM_API_EINVAL) << addr;
-        EXPECT_EQ(fxm_write_eeprom(FXSV_1G, addr, 0, nullptr, 0), FXM_API_EINVAL) << addr;
-    }
-    EXPECT_EQ(fxm_read_eeprom(FXSV_1G, 0, nullptr, nullptr, 0), FXM_API_EINVAL);
-    EXPECT_EQ(fxm_read_eeprom(FXSV_1G, 0, words, &no_wait, 0), FXM_API_EINVAL);
-    EXPECT_EQ(fxm_write_eeprom(FXSV_1G, 0, 0, &no_wait, 0), FXM_API_EINVAL);
-    EXPECT_EQ(fxm_dump_eeprom(FXSV_1G, 0, 0x800, words, nullptr, nullptr, 0), FXM_API_EINVAL);
-    const struct {
-        uint32_t start, end;
-        uint32_t *buffer;
-        uint64_t room;
-        const fxm_retry_param_t *retry;
-    } dumps[] = {
-        {0x800, 0x804, words, 0x800, nullptr},  {0x7fc, 0x804, words, 0x800, nullptr},
-        {0x100, 0x100, words, 0x800, nullptr},  {0x104, 0x100, words, 0x800, nullptr},
-        {0x102, 0x200, words, 0x800, nullptr},  {0x100, 0x1fe, words, 0x800, nullptr},
-        {0x000, 0x800, words, 0x7fc, nullptr},  {0x000, 0x800, nullptr, 0x800, nullptr},
-        {0x000, 0x800, words, 0x800, &no_wait},
-    };
-    for (auto [start, end, buffer, room, retry] : dumps) {
-        EXPECT_EQ(fxm_dump_eeprom(FXSV_1G, start, end, buffer, &room, retry, 0), FXM_API_EINVAL) << start << " " << end;
-        EXPECT_EQ(room, 0u);
-    }
-    EXPECT_EQ(words[0], UNTOUCHED);
-    EXPECT_TRUE(wire[0]->received().empty() && wire[1]->received().empty());
-}
-
 TEST_F(eeprom, stop_ends_a_call_wherever_it_is)
 {
     const auto stopped = [&](const char *what, const op_t &op, const talk_t &talk, const std::string &step,
@@ -528,66 +492,4 @@ TEST_F(eeprom, dump_is_the_eeprom_even_with_a_visitor_between_words)
             expect_released(name);
         }
     }
-}
-
-TEST_F(eeprom, lock_of_another_is_cleared_by_force_alone)
-{
-    begin_simulated("eeprom_retry_interval = 30\n"
-                    "eeprom_retry_count = 4\n"
-                    "force_lock_try_count = 3\n",
-                    {"fxsv 020000001000", "fxsv 020000001100 locktype=id"});
-    cards("eeprom-fill all 6");
-    cards("watch all");
-
-    uint32_t word = UNTOUCHED;
-    struct {
-        std::string name, lock, held, clear; // where the lock shows, as his; how he is cleared
-    } const kinds[] = {{"020000001000", "0x50f0", " r50f0=00000008", " w50f0=00000000"},
-                       {"020000001100", "0x5208", " r5200=00000008", " w5204=00000008"}};
-    for (const auto &[name, lock, held, clear] : kinds) {
-        SCOPED_TRACE(name);
-        const uint64_t id = id_of(name);
-        cards("holder " + name + " gone");
-        expect_released(name);
-        cards("watched " + name);
-
-        // He stays, until he is made to go.
-        cards("holder " + name + " take");
-        EXPECT_EQ(fxm_read_eeprom(id, 0x7c0, &word, nullptr, 0), FXM_API_EBUSY);
-        EXPECT_EQ(fxm_write_eeprom(id, 0x7c0, 1, nullptr, FXM_FLAG_VERIFY), FXM_API_EBUSY);
-        EXPECT_EQ(count_of(cards("watched " + name), clear), 0u);
-        EXPECT_EQ(reg(name, lock), "0x00000008") << "his, and nobody waits for it";
-        EXPECT_EQ(fxm_read_eeprom(id, 0x7c0, &word, nullptr, FXM_FLAG_FORCELOCK), OK);
-        EXPECT_EQ(word, pattern(6, 0x7c0));
-        const std::string watched = cards("watched " + name);
-        EXPECT_GE(count_of(watched.substr(0, watched.find(clear)), held), 5u) << watched;
-        expect_released(name);
-
-        // He comes back each time.
-        cards("holder " + name + " keep 0");
-        EXPECT_EQ(fxm_read_eeprom(id, 0x7c0, &word, nullptr, FXM_FLAG_FORCELOCK), FXM_API_ETIMEDOUT);
-        EXPECT_EQ(count_of(cards("watched " + name), "5010="), 0u);
-        EXPECT_EQ(reg(name, lock), "0x00000008");
-        cards("holder " + name + " gone");
-    }
-}
-
-TEST_F(eeprom, register_write_waits_for_a_transfer_and_unlock_does_not)
-{
-    begin_simulated("eeprom_retry_interval = 5\neeprom_retry_count = 1000\n", {"fxsv 020000001000"});
-    cards("holder 020000001000 take");
-    cards("watch 020000001000");
-    uint32_t word = UNTOUCHED;
-    uint32_t value = UNTOUCHED;
-    call_t read = call([&] { return fxm_read_eeprom(FXSV_1G, 0, &word, nullptr, 0); });
-    wait_for([&] { return log.count_with("addr=0x000050F0, data=0x00000008") > 0; }, "the wait for the lock");
-    call_t write = call([] { return fxm_write_register(FXSV_1G, 0x100, 1, nullptr, 0); });
-    wait_for([&] { return log.count_with("fxm_write_register: (IN)") > 0; }, "the register write to begin");
-    EXPECT_EQ(fxm_read_register(FXSV_1G, 0x100, &value, nullptr, 0), OK);
-    EXPECT_EQ(fxm_unlock_eeprom(FXSV_1G), OK);
-    EXPECT_EQ(result_of(read), OK);
-    EXPECT_EQ(result_of(write), OK);
-    wait_for([&] { return reg("020000001000", "0x100") == "0x00000001"; }, "the register write to arrive");
-    EXPECT_TRUE(cards("watched 020000001000").ends_with(" w100=00000001")) << "behind the release";
-    expect_released("020000001000");
 }

@@ -60,7 +60,7 @@ static std::string put_in(const std::string &text, const std::string &word)
     return text.substr(0, at) + word + text.substr(at + 1);
 }
 
-// A function that needs a running library, with a call of it.
+// A function that needs a running library, with a call of it; some arguments are just beyond their bounds.
 struct function_t {
     std::string name;
     int (*call)();
@@ -80,6 +80,7 @@ static const std::vector<function_t> &functions()
     static uint64_t size;
     static uint8_t page[128];
     static void *cbid;
+    static const fxm_callback_t ignore = [](uint64_t, int32_t, uint64_t) {};
     static const fxm_retry_param_t retry = {5, 70};
     static const std::string id = "id=0x020000001000";
     static const std::string ret_id = " ret=#, " + id;
@@ -101,19 +102,19 @@ static const std::vector<function_t> &functions()
         {CALL(fxm_delete_fxio, FXSV_1G), 3, ". " + id, ". ret=# " + id},
         {CALL(fxm_stop_monitor, FXSV_1G), 0, " " + id, ret_id},
         {CALL(fxm_restart_monitor, FXSV_1G), 0, " " + id, ret_id},
-        {CALL(fxm_register_callback, 6, nullptr, 0, &cbid), 1, " type=6", " ret=#, type=6"},
+        {CALL(fxm_register_callback, 6, ignore, 0, &cbid), 1, " type=6", " ret=#, type=6"},
         {CALL(fxm_unregister_callback, reinterpret_cast<void *>(-16)), 1, " cbid=0xfffffffffffffff0", " ret=#"},
         {CALL(fxm_read_register, FXSV_1G, 4, word, nullptr, 0), 3, ". " + id + ", addr=0x00000004" + null, ret_id},
         {CALL(fxm_write_register, FXSV_1G, 4, 10, &retry, 0x80000005), 3,
          ". " + id + ", addr=0x00000004, data=0x0000000A" + given, ret_id},
         {CALL(fxm_modify_register, FXSV_1G, 4, 10, 15, nullptr, 0), 3,
          ". " + id + ", addr=0x00000004, data=0x0000000A, mask=0x0000000F" + null, ret_id},
-        {CALL(fxm_dump_register, FXSV_1G, 4, 16, word, &(size = sizeof(word)), &retry, 0x80000005), 3,
+        {CALL(fxm_dump_register, FXSV_1G, 4, 16, word, &(size = 11), &retry, 0x80000005), 1,
          ". " + id + ", startaddr=0x00000004, endaddr=0x00000010" + given, ret_id},
-        {CALL(fxm_set_vlanid, FXSV_1G, 100, nullptr, 0), 3, ". " + id + ", vlanid=100" + null, ret_id + ", vlanid=100"},
+        {CALL(fxm_set_vlanid, FXSV_1G, 15, nullptr, 0), 1, ". " + id + ", vlanid=15" + null, ret_id + ", vlanid=15"},
         {CALL(fxm_send_resetframe, FXSV_1G, 0x5a, &retry, 0x80000005), 3, ". " + id + ", status=0x5A" + given, ret_id},
-        {CALL(fxm_write_mmspage, FXSV_1G, 9, page, 7), 3, ". " + id + ", page=9, flags=0x00000007", ret_id},
-        {CALL(fxm_read_eeprom, FXSV_1G, 0x7fc, word, nullptr, 0), 3, ". " + id + ", addr=0x000007FC" + null, ret_id},
+        {CALL(fxm_write_mmspage, FXSV_1G, 1024, page, 7), 1, ". " + id + ", page=1024, flags=0x00000007", ret_id},
+        {CALL(fxm_read_eeprom, FXSV_1G, 0x800, word, nullptr, 0), 1, ". " + id + ", addr=0x00000800" + null, ret_id},
         {CALL(fxm_write_eeprom, FXSV_1G, 0x7fc, 10, &retry, 0x80000005), 3,
          ". " + id + ", addr=0x000007FC, data=0x0000000A" + given, ret_id},
         {CALL(fxm_dump_eeprom, FXSV_1G, 4, 16, word, &(size = sizeof(word)), nullptr, 0), 3,
@@ -307,38 +308,6 @@ TEST_F(lifecycle, a_stop_asked_for_during_the_start_is_not_lost)
     ASSERT_TRUE(wait_for_line("INFO _fxm_stats_init: start."));
     EXPECT_EQ(fxm_fini_manager(), FXM_API_SUCCESS);
     EXPECT_EQ(manager.result(), FXM_API_SUCCESS);
-}
-
-TEST_F(lifecycle, starts_and_stops_by_several_threads_at_once_make_one_run_at_a_time)
-{
-    std::atomic<int> stops = 0;
-    std::vector<call_t> starters;
-    for (int i = 0; i < 3; ++i) {
-        starters.push_back(call([&] {
-            while (stops < 15) {
-                const int result = fxm_init_manager(dir.c_str(), FXM_LOG_INFO);
-                stops += result == FXM_API_EBUSY ? 0 : 1;
-                EXPECT_TRUE(result == FXM_API_SUCCESS || result == FXM_API_EBUSY) << result;
-            }
-            return 0;
-        }));
-    }
-    // One that is inside needs a stop to get out.
-    wait_for([&] { return fxm_fini_manager(), std::all_of(starters.begin(), starters.end(), has_ended); },
-             "the starts");
-    for (call_t &starter : starters)
-        result_of(starter);
-    int running = 0;
-    for (const std::string &line : log.lines()) {
-        running += line == "INFO _fxm_stats_init: start." ? 1 : line == "INFO _fxm_config_fini: end." ? -1 : 0;
-        ASSERT_TRUE(running == 0 || running == 1) << running << " runs at once";
-    }
-    EXPECT_EQ(log.count("INFO _fxm_config_fini: end."), static_cast<size_t>(stops));
-
-    run();
-    wire[0]->send(fxsv_1g_frame());
-    expect_events(events_of(FXSV_1G, {FXM_EVT_NEWDEVINFO}));
-    EXPECT_EQ(stop(), FXM_API_SUCCESS);
 }
 
 // -------------------------------------------------------------------------------------------------------- the process

@@ -5,10 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <thread>
 #include <tuple>
 #include <utility>
 
@@ -450,6 +453,64 @@ TEST_F(links, dump_shows_known_cards_word_for_word)
     ASSERT_EQ(plain.size(), verbose.size());
     for (size_t i = 0; i < plain.size(); ++i)
         EXPECT_TRUE(plain[i] == verbose[i] || verbose[i].ends_with("#")) << plain[i];
+}
+
+TEST_F(links, each_dump_is_whole_and_of_one_moment_while_everything_goes_on_until_the_stop)
+{
+    constexpr uint64_t FIRST = 0x020000010000, FLEETING = 0x020000020000;
+    start_cards("--period 20");
+    for (const char *line : {"fxsv 020000010000 count=16", "fxio 020000020000 count=16", "fault all drop every=300"})
+        cards(line);
+    run(FXM_LOG_ERROR); // a log of each call would be most of the work
+    const auto headings = [](dump_t dump) {
+        std::erase_if(dump, [](const std::string &line) { return !line.starts_with("  - "); });
+        return dump;
+    };
+    const dump_t all_headings = headings(dump(1));
+    const auto first = static_cast<std::ptrdiff_t>(stats_log.lines().size());
+    static std::atomic<uint64_t> rounds;
+    rounds = 0;
+    static const auto id = [](uint64_t from) { return from + 2 * (rounds % 16); };
+    using function_t = int (*)();
+    const function_t functions[] = {
+        [] { return fxm_write_register(id(FIRST), 0x1000, 7, nullptr, FXM_FLAG_VERIFY); },
+        [] { return fxm_modify_register(id(FIRST), 0x1000, 1, 3, nullptr, FXM_FLAG_VERIFY); },
+        [] { return fxm_delete_fxio(id(FLEETING)); },
+        [] { return fxm_stop_monitor(FLEETING), fxm_restart_monitor(FLEETING); },
+        [] { return std::this_thread::sleep_for(std::chrono::milliseconds(5)), fxm_stdump(1); },
+        [] {
+            void *handle = nullptr;
+            fxm_register_callback(
+                FXM_EVT_NEWDEVINFO, [](uint64_t, int32_t, uint64_t) {}, 0, &handle);
+            return fxm_unregister_callback(handle);
+        }};
+    std::vector<call_t> calls;
+    for (const function_t function : functions)
+        calls.push_back(call([function] {
+            while (function() != FXM_API_ENOSYS)
+                rounds += 1;
+            return FXM_API_ENOSYS;
+        }));
+    for (const bool up : {false, true, false, true}) {
+        set_up("card0", up);
+        const uint64_t done = rounds, told = whole_dumps(&stats_log);
+        wait_for([&] { return rounds > done + 500 && whole_dumps(&stats_log) > told + 1; }, "calls and dumps");
+    }
+    // All but the last one, which is under way.
+    const dump_t all(stats_log.lines().begin() + first, stats_log.lines().end());
+    const auto is_header = [](const std::string &line) { return line.starts_with("*** "); };
+    const auto next = [&](auto from) { return std::find_if(from + 1, all.end(), is_header); };
+    for (auto begin = all.begin(), end = next(begin); end != all.end(); begin = end, end = next(begin)) {
+        const dump_t told(begin, end);
+        EXPECT_EQ(headings(told), all_headings);
+        EXPECT_EQ(number_after(told, "    fxsv total: "), section(told, "    [FXSV]").size() - 2);
+        const dump_t listed = section(told, "    [FXIO]");
+        EXPECT_EQ(number_after(told, "    fxio total: "), has_line(listed, "    no entry.") ? 0 : listed.size() - 2);
+    }
+    renew_wire(0);
+    EXPECT_EQ(stop(), FXM_API_SUCCESS);
+    for (call_t &ended : calls)
+        EXPECT_EQ(result_of(ended), FXM_API_ENOSYS);
 }
 
 TEST_F(links, stats_task_dumps_at_the_start_at_each_interval_and_at_the_stop)

@@ -11,6 +11,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <tuple>
 
 #include "fabric.h"
 
@@ -673,64 +674,20 @@ TEST_F(registers, vlan_is_set_again_until_the_card_announces_it)
     EXPECT_EQ(result_of(setting), FXM_API_EPROTO);
 }
 
-TEST_F(registers, misuse_is_refused_and_nothing_leaves)
+TEST_F(registers, page_goes_to_a_multi_root_card_alone)
 {
-    constexpr uint64_t NOBODY = 0x0200000000fe;
     constexpr uint64_t AWAY = 0x020000002200; // out of monitoring, and not multi-root
-    uint32_t word = 0;
-    uint32_t words[4];
-    const auto dumped = [](uint32_t begin, uint32_t end, uint32_t *to, uint64_t size) {
-        return [=] {
-            uint64_t done = size;
-            const int result = fxm_dump_register(CARD, begin, end, to, &done, nullptr, 0);
-            EXPECT_EQ(done, 0u) << "size";
-            return result;
-        };
-    };
-    const struct {
-        const char *what;
-        std::function<int()> function;
-        int result;
-    } rows[] = {
-        {"read odd", [&] { return fxm_read_register(CARD, 0x101, &word, nullptr, 0); }, FXM_API_EINVAL},
-        {"read even", [&] { return fxm_read_register(CARD, 0x102, &word, nullptr, 0); }, FXM_API_EINVAL},
-        {"read to nowhere", [] { return fxm_read_register(CARD, 0x100, nullptr, nullptr, 0); }, FXM_API_EINVAL},
-        {"write even", [] { return fxm_write_register(CARD, 0x102, 0, nullptr, 0); }, FXM_API_EINVAL},
-        {"modify even", [] { return fxm_modify_register(CARD, 0x102, 0, 1, nullptr, 0); }, FXM_API_EINVAL},
-        {"dump no size", [&] { return fxm_dump_register(CARD, 0, 4, words, nullptr, nullptr, 0); }, FXM_API_EINVAL},
-        {"dump from even", dumped(0x102, 0x110, words, 16), FXM_API_EINVAL},
-        {"dump to even", dumped(0x100, 0x10e, words, 16), FXM_API_EINVAL},
-        {"dump nothing", dumped(0x100, 0x100, words, 16), FXM_API_EINVAL},
-        {"dump backwards", dumped(0x104, 0x100, words, 16), FXM_API_EINVAL},
-        {"dump too much", dumped(0x100, 0x110, words, 15), FXM_API_EINVAL},
-        {"dump to nowhere", dumped(0x100, 0x110, nullptr, 16), FXM_API_EINVAL},
-        {"vlan 15", [] { return fxm_set_vlanid(CARD, 15, nullptr, 0); }, FXM_API_EINVAL},
-        {"vlan 4095", [] { return fxm_set_vlanid(CARD, 4095, nullptr, 0); }, FXM_API_EINVAL},
-        {"page 1024", [] { return write_page(CARD, 1024, 0); }, FXM_API_EINVAL},
-        {"page of nothing", [] { return fxm_write_mmspage(CARD, 0, nullptr, 0); }, FXM_API_EINVAL},
-        {"page of a server card", [] { return write_page(FXSV_1G, 0, 0); }, FXM_API_ENOENT},
-        {"page away", [] { return write_page(AWAY, 0, 0); }, NO_LINK},
-        {"plain page", [] { return write_page(FXIO, 0, 0); }, FXM_API_ENOENT},
-        {"plain page away", [] { return write_page(AWAY, 0, LIVE); }, FXM_API_ENOENT},
-    };
     begin("", {0});
     for (const frame_t &frame : {fxio_frame(), fxsv_1g_frame(), from(AWAY, fxio_frame())})
         wire[0]->send(frame);
     settle(0);
     EXPECT_EQ(fxm_stop_monitor(AWAY), OK);
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        expect(row.function, row.result, {});
-    }
-    EXPECT_EQ(log.count("ERROR fxm_write_mmspage: The ID is not MR-FX. id=0x020000002000"), 1u);
-    EXPECT_EQ(log.count("ERROR fxm_write_mmspage: The ID is not MR-FX. id=0x020000002200"), 1u);
-    const fxm_retry_param_t no_wait = {5, 0};
-    for (const operation_t &row : OPERATIONS) {
-        SCOPED_TRACE(row.name);
-        if (row.name != "fxm_write_mmspage" && row.name != "fxm_send_resetframe")
-            expect([&] { return row.call({CARD, &no_wait, 0}); }, FXM_API_EINVAL, {});
-        expect([&] { return row.call({NOBODY, nullptr, 0}); }, FXM_API_ENOENT, {});
-    }
+    const std::tuple<uint64_t, uint32_t, int> rows[] = {
+        {FXSV_1G, 0, FXM_API_ENOENT}, {FXIO, 0, FXM_API_ENOENT}, {AWAY, 0, NO_LINK}, {AWAY, LIVE, FXM_API_ENOENT}};
+    for (const auto &[id, flags, result] : rows)
+        expect([id = id, flags = flags] { return write_page(id, 0, flags); }, result, {});
+    for (const char *id : {"0x020000002000", "0x020000002200"})
+        EXPECT_EQ(log.count(std::string("ERROR fxm_write_mmspage: The ID is not MR-FX. id=") + id), 1u);
     EXPECT_EQ(log.count_with("ERROR"), 2u) << log.tail();
 }
 
@@ -743,6 +700,7 @@ TEST_F(registers, second_writer_of_a_card_waits_and_others_do_not_and_a_stop_end
         [] { return fxm_set_vlanid(CARD, 4094, &FOR_EVER, VERIFY); },
         [] { return read_reg(MARK[0], &FOR_EVER, LIVE); },
         [] { return fxm_modify_register(MARK[1], REG, 1, 1, &FOR_EVER, 0); },
+        [] { return fxm_unlock_eeprom(MARK[1]); }, // waits for no writer
     };
     static uint32_t word;
     const std::pair<const char *, std::function<int()>> waiting[] = {
@@ -757,12 +715,14 @@ TEST_F(registers, second_writer_of_a_card_waits_and_others_do_not_and_a_stop_end
          }},
     };
     for (size_t round = 0; round < 2; ++round) {
-        begin("frame_retry_interval_livecheck = 1000\nframe_retry_count_livecheck = 100\n", {0});
+        begin("frame_retry_interval_livecheck = 1000\nframe_retry_count_livecheck = 100\n"
+              "frame_retry_interval = 1000\nframe_retry_count = 100\n",
+              {0});
         EXPECT_EQ(fxm_stop_monitor(MARK[0]), OK);
         std::vector<call_t> calls;
         for (const auto &function : functions) {
             calls.push_back(call(function));
-            wire[calls.size() == 6 ? 1 : 0]->receive();
+            EXPECT_FALSE(wire[calls.size() >= 6 ? 1 : 0]->receive().empty()) << "call " << calls.size();
         }
         EXPECT_FALSE(wire[0]->receive().empty()) << "one of the frames is missing";
         for (const auto &[name, function] : waiting) {

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "core/fxm_config.h"
@@ -159,26 +160,20 @@ TEST_F(platform, adapter_list_that_grows_once_is_fetched_and_twice_is_a_failure)
     fxm_ports[0].pt_if_index = 7;
     fxm_platform.get_adapters = give_adapters;
     uint32_t state = 9;
-
     calls = {0, FXM_ADAPTER_OVERFLOW, 0};
     EXPECT_EQ(_fxm_get_linkstate_win(0, &state), 0);
     EXPECT_EQ(state, 1u);
-
     state = 9;
-    calls = {0, FXM_ADAPTER_OVERFLOW, FXM_ADAPTER_OVERFLOW};
-    EXPECT_EQ(_fxm_get_linkstate_win(0, &state), EPROTO);
-    EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: Failed to GetAdaptersAddresses() err=111"));
+    for (const auto &[answers, line] :
+         {std::pair(std::vector<uint32_t>{0, FXM_ADAPTER_OVERFLOW, FXM_ADAPTER_OVERFLOW},
+                    "Failed to GetAdaptersAddresses() err=111"),
+          {{0, 8}, "Failed to GetAdaptersAddresses() err=8"},
+          {{5}, "ERROR_BUFFER_OVERFLOW was not returned to GetAdaptersAddresses(). err=5"}}) {
+        calls = answers;
+        EXPECT_EQ(_fxm_get_linkstate_win(0, &state), EPROTO);
+        EXPECT_TRUE(logged(std::string("ERROR _fxm_get_linkstate_win: ") + line)) << line;
+    }
     EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: end. ret=71"));
-
-    calls = {0, 8};
-    EXPECT_EQ(_fxm_get_linkstate_win(0, &state), EPROTO);
-    EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: Failed to GetAdaptersAddresses() err=8"));
-
-    calls = {5};
-    EXPECT_EQ(_fxm_get_linkstate_win(0, &state), EPROTO);
-    EXPECT_TRUE(logged("ERROR _fxm_get_linkstate_win: ERROR_BUFFER_OVERFLOW was not returned to "
-                       "GetAdaptersAddresses(). err=5"));
-
     fxm_ports[0].pt_if_index = 8;
     EXPECT_EQ(_fxm_get_linkstate_win(0, &state), ENOENT);
     no_memory = true;
@@ -295,60 +290,38 @@ static uint32_t give_wait(fxm_event_t *, fxm_wait_source_t *, uint32_t ms)
     return answer;
 }
 
-TEST_F(platform, link_watcher_stops_the_library_when_it_cannot_watch)
-{
-    fxm_platform.get_adapters = give_adapters;
-    fxm_platform.last_error = [] { return 5u; };
-    fxm_platform.notice_create = [](fxm_notice_t *) { return false; };
-    _fxm_watch_linkstate_win();
-    EXPECT_TRUE(logged("FATAL _fxm_watch_linkstate_win: Failed to WSACreateEvent()."));
-    EXPECT_TRUE(logged("FATAL _fxm_fini_manager: LFI will terminate by reason of internal error."));
-    EXPECT_EQ(internal_err.load(), EPROTO);
-    EXPECT_EQ(g_fini_flag.load(), FXM_ON);
-
-    g_fini_flag = FXM_OFF;
-    internal_err = 0;
-    fxm_platform.notice_create = [](fxm_notice_t *) { return true; };
-    fxm_platform.notice_arm = [](fxm_notice_t *) { return false; };
-    _fxm_watch_linkstate_win();
-    EXPECT_TRUE(logged("FATAL _fxm_watch_linkstate_win: Failed to NotifyAddrChange(). err = 5"));
-    EXPECT_EQ(internal_err.load(), EPROTO);
-
-    g_fini_flag = FXM_OFF;
-    internal_err = 0;
-    fxm_platform.notice_arm = [](fxm_notice_t *) { return true; };
-    fxm_platform.wait_two = give_wait;
-    waits = {FXM_WAIT_TIMEOUT, 77, FXM_WAIT_FAILED, FXM_WAIT_TIMEOUT};
-    _fxm_watch_linkstate_win();
-    EXPECT_TRUE(logged("TRACE _fxm_watch_linkstate_win: WaitForMultipleObjects() returned WAIT_TIMEOUT."));
-    EXPECT_TRUE(logged("TRACE _fxm_watch_linkstate_win: WaitForMultipleObjects() returned 77."));
-    EXPECT_TRUE(logged("FATAL _fxm_watch_linkstate_win: WaitForMultipleObjects() returned WAIT_FAILED. lasterr=5"));
-    EXPECT_EQ(internal_err.load(), EPROTO);
-}
-
-TEST_F(platform, link_watcher_reads_on_a_notice_and_on_nothing_else)
+TEST_F(platform, link_watcher_reads_on_a_notice_alone_and_stops_the_library_when_it_cannot_watch)
 {
     static int readings;
-    readings = 0;
     fxm_platform.get_adapters = [](fxm_adapter_t *list, uint32_t *size) {
         readings += list != nullptr ? 1 : 0;
         return give_adapters(list, size);
     };
     add_adapter(0, 6, 6, FXM_IF_OPER_DOWN, "port");
     g_config.use_port_num_linux = 1;
-    static int armed;
-    armed = 0;
-    fxm_platform.notice_create = [](fxm_notice_t *) { return true; };
-    fxm_platform.notice_arm = [](fxm_notice_t *) {
-        ++armed;
-        return true;
-    };
+    fxm_platform.last_error = [] { return 5u; };
+    static bool created, armed;
+    fxm_platform.notice_create = [](fxm_notice_t *) { return created; };
+    fxm_platform.notice_arm = [](fxm_notice_t *) { return armed; };
     fxm_platform.wait_two = give_wait;
-    waits = {FXM_WAIT_TIMEOUT, FXM_WAIT_SECOND, FXM_WAIT_TIMEOUT, FXM_WAIT_SECOND, FXM_WAIT_TIMEOUT};
-    _fxm_watch_linkstate_win();
+    waits = {FXM_WAIT_TIMEOUT, FXM_WAIT_SECOND, 77, FXM_WAIT_SECOND, FXM_WAIT_FAILED, FXM_WAIT_TIMEOUT};
+    const std::string watcher = " _fxm_watch_linkstate_win: ";
+    for (const auto &[create, arm, line] : {std::tuple(false, false, "Failed to WSACreateEvent()."),
+                                            {true, false, "Failed to NotifyAddrChange(). err = 5"},
+                                            {true, true, "WaitForMultipleObjects() returned WAIT_FAILED. lasterr=5"}}) {
+        created = create, armed = arm;
+        readings = 0;
+        g_fini_flag = FXM_OFF;
+        internal_err = 0;
+        _fxm_watch_linkstate_win();
+        EXPECT_TRUE(logged("FATAL" + watcher + line)) << line;
+        EXPECT_EQ(internal_err.load(), EPROTO);
+        EXPECT_EQ(g_fini_flag.load(), FXM_ON);
+    }
     EXPECT_EQ(readings, 3) << "one at the start and one for each notice, of the one port in use";
-    EXPECT_EQ(armed, 3);
-    EXPECT_EQ(internal_err.load(), 0);
+    EXPECT_TRUE(logged("FATAL _fxm_fini_manager: LFI will terminate by reason of internal error."));
+    EXPECT_TRUE(logged("TRACE" + watcher + "WaitForMultipleObjects() returned WAIT_TIMEOUT."));
+    EXPECT_TRUE(logged("TRACE" + watcher + "WaitForMultipleObjects() returned 77."));
 }
 
 TEST_F(platform, change_that_falls_into_a_reading_brings_another_reading)
