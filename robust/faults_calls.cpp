@@ -88,8 +88,12 @@ origin_t whose(const void *code)
 }
 
 // Counts a call, and says whether it is to fail.
+static thread_local bool no_socket; // libpcap gets none
+
 static bool fails(uint32_t kind)
 {
+    if (no_socket && kind == kind_of(CALL_socket, PCAP))
+        return true;
     if (!armed.load(std::memory_order_relaxed) || !inside)
         return false;
     const uint32_t n = reached[kind].fetch_add(1) + 1;
@@ -301,6 +305,16 @@ STAND_IN long in_syscall(long number, long a, long b, long c, long d, long e, lo
                      ns_of(*until) - ns_of(soon) > 500000000 && ns_of(*until) - ns_of(soon) < 2000000000;
     return next(number, a, b, c, cut ? reinterpret_cast<long>(&soon) : d, e, f);
 }
+// An activation that fails takes back what it has made, so it must begin.
+int in_pcap_activate(void *handle) __asm__("pcap_activate");
+STAND_IN int in_pcap_activate(void *handle)
+{
+    static const auto next = real<int(void *)>("pcap_activate");
+    no_socket = fails(CALLED_BY(pcap_activate));
+    const int result = next(handle);
+    no_socket = false;
+    return result;
+}
 // A small ring is quickly made.
 int in_pcap_set_buffer_size(void *handle, int size) __asm__("pcap_set_buffer_size");
 STAND_IN int in_pcap_set_buffer_size(void *handle, int)
@@ -333,7 +347,10 @@ void faults_begin()
         return !fails_in_platform(CALL_event_make) && given.event_make(fd, waitable);
     };
     fxm_platform.wait_two = [](fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms) {
-        return fails_in_platform(CALL_wait_two) ? FXM_WAIT_FAILED : given.wait_two(first, second, std::min(ms, 20u));
+        if (fails_in_platform(CALL_wait_two))
+            return FXM_WAIT_FAILED;
+        second->look_again = std::min(second->look_again, 10u);
+        return given.wait_two(first, second, std::min(ms, 20u));
     };
     fxm_platform.get_adapters = [](fxm_adapter_t *list, uint32_t *size) {
         return fails_in_platform(CALL_get_adapters) ? uint32_t{EIO} : given.get_adapters(list, size);

@@ -57,7 +57,6 @@ enum : uint32_t {
     X(int, pcap_set_promisc, (void *a, int b), (a, b), -4, 0, 0, "") \
     X(int, pcap_set_timeout, (void *a, int b), (a, b), -4, 0, 0, "") \
     X(int, pcap_set_immediate_mode, (void *a, int b), (a, b), -4, 0, 0, "") \
-    X(int, pcap_activate, (void *a), (a), -8, EPERM, REFUSES_EVER, "Failed to pcap_open_live()") \
     X(int, pcap_setnonblock, (void *a, int b, char *c), (a, b, c), -1, EIO, 0, "") \
     X(int, pcap_fileno, (void *a), (a), -1, EBADF, 0, "") \
     X(int, pcap_get_selectable_fd, (void *a), (a), -1, EBADF, 0, "") \
@@ -67,7 +66,7 @@ enum : uint32_t {
 // Those that need more than a wrong answer, and the stand-ins of the platform layer.
 #define FAULT_OTHERS(X) \
     X(malloc, REFUSES_ONCE | REFUSES_EVER | STOPS, "") \
-    X(new, REFUSES_ONCE | REFUSES_EVER | STOPS, "") \
+    X(new, 0, "") \
     X(allocate, REFUSES_EVER | NO_MEMORY, "Failed to malloc()") \
     X(close, 0, "") \
     X(fgets, REFUSES_ONCE | REFUSES_EVER, "file open error: ") \
@@ -75,6 +74,7 @@ enum : uint32_t {
     X(clock_nanosleep, 0, "") \
     X(futex, STOPS, "Failed to _fxm_event_timedwait()") \
     X(pcap_set_buffer_size, 0, "") \
+    X(pcap_activate, REFUSES_EVER, "Failed to pcap_open_live()") \
     X(mutex_make, REFUSES_ONCE | REFUSES_EVER, "Failed to _fxm_mutex_init") \
     X(event_make, REFUSES_ONCE | REFUSES_EVER, "event") \
     X(wait_two, STOPS, "returned WAIT_FAILED. lasterr=") \
