@@ -18,7 +18,7 @@ enum : uint32_t {
     SILENT = 64,       // a refused start may leave no message: there is no log yet
 };
 
-// Functions of the system and of libpcap: type, name, parameters, arguments, the answer of a failure, its errno value,
+// Functions of the system and of libpcap, the long waits cut short so that a run takes some milliseconds: type, name, parameters, arguments, the answer of a failure, its errno value,
 // what may follow, and what the log then says.
 // clang-format off
 #define FAULT_CALLS(X) \
@@ -61,20 +61,20 @@ enum : uint32_t {
     X(int, pcap_fileno, (void *a), (a), -1, EBADF, 0, "") \
     X(int, pcap_get_selectable_fd, (void *a), (a), -1, EBADF, 0, "") \
     X(int, pcap_dispatch, (void *a, int b, void *c, void *d), (a, b, c, d), -1, ENETDOWN, STOPS, "Failed to pcap_next_ex()") \
-    X(int, pcap_sendpacket, (void *a, const void *b, int c), (a, b, c), -1, EIO, 0, "")
+    X(int, pcap_sendpacket, (void *a, const void *b, int c), (a, b, c), -1, EIO, 0, "") \
+    X(int, pcap_activate, (void *a), (a), without_socket(next, a), 0, REFUSES_EVER, "Failed to pcap_open_live()") \
+    X(int, pcap_set_buffer_size, (void *a, int), (a, 1 << 20), -4, 0, 0, "") \
+    X(int, close, (int a), (a), (next(a), errno = EIO, -1), 0, 0, "") \
+    X(char *, fgets, (char *a, int b, FILE *c), (a, b, c), (c->_flags |= 0x20, nullptr), EIO, REFUSES_ONCE | REFUSES_EVER, "file open error: ") \
+    X(int, pthread_create, (pthread_t *a, const pthread_attr_t *b, thread_t c, void *d), (a, b, inside ? begin_inside : c, inside ? hand_over(c, d) : d), EAGAIN, 0, REFUSES_ONCE | REFUSES_EVER, "Failed to _fxm_thread_create(") \
+    X(int, clock_nanosleep, (int a, int b, const timespec *c, timespec *d), (a, b, earlier(c, 5, 5, 1 << 30), d), EINVAL, 0, 0, "") \
+    X(long, syscall, (long a, long b, long c, long d, const timespec *e, long f, long g), (a, b, c, d, futex_end(a, c, e), f, g), -1, ENOSYS, STOPS, "Failed to _fxm_event_timedwait()")
 
-// Those that need more than a wrong answer, and the stand-ins of the platform layer.
+// The heap, and the stand-ins of the platform layer.
 #define FAULT_OTHERS(X) \
     X(malloc, REFUSES_ONCE | REFUSES_EVER | STOPS, "") \
     X(new, 0, "") \
     X(allocate, REFUSES_EVER | NO_MEMORY, "Failed to malloc()") \
-    X(close, 0, "") \
-    X(fgets, REFUSES_ONCE | REFUSES_EVER, "file open error: ") \
-    X(pthread_create, REFUSES_ONCE | REFUSES_EVER, "Failed to _fxm_thread_create(") \
-    X(clock_nanosleep, 0, "") \
-    X(futex, STOPS, "Failed to _fxm_event_timedwait()") \
-    X(pcap_set_buffer_size, 0, "") \
-    X(pcap_activate, REFUSES_EVER, "Failed to pcap_open_live()") \
     X(mutex_make, REFUSES_ONCE | REFUSES_EVER, "Failed to _fxm_mutex_init") \
     X(event_make, REFUSES_ONCE | REFUSES_EVER, "event") \
     X(wait_two, STOPS, "returned WAIT_FAILED. lasterr=") \
@@ -113,7 +113,7 @@ struct fault_t {
 extern fault_t fault;
 extern std::atomic<bool> armed;
 extern std::atomic<uint32_t> reached[KINDS];
-extern std::atomic<int32_t> live[KINDS]; // blocks of the heap by who has taken them; those from outside do not count
+extern std::atomic<int32_t> live[KINDS + 1]; // blocks of the heap by who has taken them; the last are from outside
 extern thread_local bool inside;
 extern std::atomic<uint64_t> clock_ahead; // ms, of the wall clock of those threads that have
 extern thread_local bool has_clock_ahead;
