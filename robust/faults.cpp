@@ -36,7 +36,7 @@ namespace fs = std::filesystem;
 
 constexpr uint64_t FXSV = 0x020000001000, FXSV40 = 0x020000004000, FXIO_CARD = 0x020000002100;
 constexpr uint32_t CARDS = 3, HANG = 30; // s
-constexpr uint32_t MOST_CASES = 400000, WORKERS = 8;
+constexpr uint32_t MOST_CASES = 400000, WORKERS = 6;
 
 // ---------------------------------------------------------------------------------------------------------------- cases
 
@@ -74,7 +74,7 @@ static bool until(const std::function<bool()> &done, int64_t ms)
     while (!done()) {
         if (std::chrono::steady_clock::now() > limit)
             return false;
-        std::this_thread::sleep_for(milliseconds(1));
+        std::this_thread::sleep_for(milliseconds(2));
     }
     return true;
 }
@@ -83,11 +83,18 @@ static bool until(const std::function<bool()> &done, int64_t ms)
 // belongs to the library, libpcap or log4cxx.
 static void on_death(int number, siginfo_t *, void *context)
 {
+    static std::atomic_flag dead;
+    while (dead.test_and_set()) // threads that die at the same time
+        pause();
+    inside = false;
+    signal(SIGALRM, SIG_DFL);
+    alarm(3); // a thread that has died in the heap gets no further
+    snprintf(current->text, sizeof(current->text), "%s in %s", number == SIGALRM ? "hangs" : strsignal(number), phase);
     void *frames[48];
     const int count = backtrace(frames, 48);
     const auto *at = static_cast<const ucontext_t *>(context);
     void **frame = std::find(frames, frames + count, reinterpret_cast<void *>(at->uc_mcontext.gregs[REG_RIP]));
-    std::string text = std::string(number == SIGALRM ? "hangs" : strsignal(number)) + " in " + phase + ":";
+    std::string text = current->text + std::string(":");
     for (; frame != frames + count && text.size() < sizeof(current->text); ++frame) {
         Dl_info info{};
         dladdr(*frame, &info);
@@ -371,11 +378,11 @@ class worker_t
         lay_cable("fxm1", "card1");
         installation.configure("ether_port = fxm0 fxm1\neeprom_verify_count = 2\neeprom_retry_interval = 1\n"
                                "eeprom_rw_interval = 1\nframe_retry_interval_livecheck = 20\n");
-        sim.start("--port0 card0 --port1 card1 --period 30");
+        sim.start("--port0 card0 --port1 card1 --period 50");
         sim.command("fxsv 020000001000");
         sim.command("fxsv 020000004000 gen=40g locktype=id");
         sim.command("fxio 020000002100 ver=1 gen=40g");
-        for (int i = 0; i < 3 && !shared->cold; ++i)
+        for (int i = 0; i < 2 && !shared->cold; ++i)
             run_t(installation.dir).life(true);
     }
 
@@ -421,7 +428,7 @@ class worker_t
         struct sigaction action {
         };
         action.sa_sigaction = on_death;
-        action.sa_flags = SA_SIGINFO | SA_RESETHAND | SA_ONSTACK;
+        action.sa_flags = SA_SIGINFO | SA_ONSTACK;
         for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM})
             sigaction(number, &action, nullptr);
         alarm(HANG);
@@ -478,7 +485,7 @@ static bool ended_well(pid_t id)
 
 struct wish_t {
     std::string kind;
-    uint32_t n = 0, seed = 0;
+    uint32_t n = 0, every = 1, seed = 0;
     bool sample = false, cold = false;
 };
 
@@ -491,16 +498,15 @@ static void choose_cases(const wish_t &wish)
         if (count == 0 || (!wish.kind.empty() && name != wish.kind && name.substr(0, name.find('.')) != wish.kind))
             continue;
         std::set<uint32_t> chosen;
+        for (uint32_t n = 1; n <= count; n += wish.every)
+            chosen.insert(chosen.end(), n);
+        if (wish.sample)
+            chosen = {1, std::min(2u, count), std::min(3u, count), count, 1 + static_cast<uint32_t>(dice()) % count};
         if (wish.n != 0)
             chosen = {wish.n};
-        else if (wish.sample)
-            chosen = {1, std::min(2u, count), std::min(3u, count), count, 1 + static_cast<uint32_t>(dice()) % count};
-        else
-            for (uint32_t n = 1; n <= count; ++n)
-                chosen.insert(chosen.end(), n);
         for (const uint32_t n : chosen)
             for (const bool ever : {false, true})
-                if (shared->number < MOST_CASES)
+                if (shared->number < MOST_CASES && (!ever || !wish.sample || n == 1 || n == *chosen.rbegin() || n == 3))
                     shared->cases[shared->number++] = {kind, n, ever, false, false, false, "", ""};
     }
     std::shuffle(shared->cases, shared->cases + shared->number, dice); // so that the slow ones are spread
@@ -570,7 +576,8 @@ int main(int argc, char **argv)
 {
     wish_t wish;
     wish.seed = std::random_device{}();
-    const auto usage = "Usage: faults [--kind NAME [--n N]] [--cold] [--sample] [--seed N] [-h] [--version]\n";
+    const auto usage =
+        "Usage: faults [--kind NAME [--n N | --every N]] [--cold] [--sample] [--seed N] [-h] [--version]\n";
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
         char *end = nullptr;
@@ -582,8 +589,11 @@ int main(int argc, char **argv)
             wish.cold = true;
         else if (option == "--kind" && i + 1 < argc)
             wish.kind = argv[++i];
-        else if ((option == "--seed" || option == "--n") && i + 1 < argc && *argv[i + 1] != '\0')
-            (option == "--n" ? wish.n : wish.seed) = static_cast<uint32_t>(strtoul(argv[++i], &end, 10));
+        else if ((option == "--seed" || option == "--n" || option == "--every") && i + 1 < argc &&
+                 atoi(argv[i + 1]) > 0)
+            (option == "--n"      ? wish.n
+             : option == "--seed" ? wish.seed
+                                  : wish.every) = static_cast<uint32_t>(strtoul(argv[++i], &end, 10));
         if (end != nullptr ? *end != '\0' : option != "--sample" && option != "--kind" && option != "--cold")
             return fprintf(stderr, "faults: unknown argument: %s\n%s", argv[i], usage), 2;
     }
