@@ -34,8 +34,7 @@ using std::chrono::milliseconds;
 namespace fs = std::filesystem;
 
 constexpr uint64_t FXSV = 0x020000001000, FXSV40 = 0x020000004000, FXIO_CARD = 0x020000002100;
-constexpr uint32_t CARDS = 3, HANG = 30; // s
-constexpr uint32_t MOST_CASES = 400000, WORKERS = 6;
+constexpr uint32_t CARDS = 3, HANG = 30 /* s */, MOST_CASES = 400000, WORKERS = 6;
 
 // ---------------------------------------------------------------------------------------------------------------- cases
 
@@ -314,7 +313,7 @@ static void judge(const run_t &run)
 {
     const uint32_t kind = current->kind;
     const uint32_t may =
-        origin_of(kind) == LOG ? 0 : follows(kind); // a log that cannot be written is no reason to stop
+        origin_of(kind) == LOG ? 0 : row_of(kind).follows; // a log that cannot be written is no reason to stop
     const bool itself = run.stopped_itself(), refused = !run.up && !itself;
     // The log says nothing without log4cxx, or without the memory that it needs.
     const bool mute =
@@ -330,8 +329,8 @@ static void judge(const run_t &run)
     if (!allowed)
         failed("fxm_init_manager has returned %d%s%s%s", run.result, run.up ? "" : " at once",
                itself ? " after an internal stop" : "", run.not_running ? ", calls FXM_API_ENOSYS" : "");
-    if ((itself || refused) && !mute && (may & SILENT) == 0 && !run.logged(message(kind)))
-        failed("the log does not say: %s", message(kind));
+    if ((itself || refused) && !mute && (may & SILENT) == 0 && !run.logged(row_of(kind).message))
+        failed("the log does not say: %s", row_of(kind).message);
 }
 
 struct sample_t {
@@ -572,27 +571,26 @@ static void run_all()
 int main(int argc, char **argv)
 {
     wish_t wish;
-    wish.seed = std::random_device{}();
+    wish.seed = std::random_device{}() % 1000000 + 1;
     const auto usage =
         "Usage: faults [--kind NAME [--n N | --every N]] [--cold] [--sample] [--seed N] [-h] [--version]\n";
     for (int i = 1; i < argc; ++i) {
-        const std::string option = argv[i];
-        char *end = nullptr;
+        const std::string option = argv[i], value = i + 1 < argc ? argv[i + 1] : "";
+        const std::map<std::string, bool *> flags = {{"--sample", &wish.sample}, {"--cold", &wish.cold}};
+        const std::map<std::string, uint32_t *> numbers = {
+            {"--n", &wish.n}, {"--every", &wish.every}, {"--seed", &wish.seed}};
         if (option == "-h" || option == "--help" || option == "--version")
             return printf("%s", option == "--version" ? "faults (fxm) " FXM_VERSION "\n" : usage) < 0 ? 1 : 0;
-        if (option == "--sample")
-            wish.sample = true;
-        else if (option == "--cold")
-            wish.cold = true;
-        else if (option == "--kind" && i + 1 < argc)
+        if (flags.contains(option)) {
+            *flags.at(option) = true;
+        } else if (option == "--kind" && !value.empty()) {
             wish.kind = argv[++i];
-        else if ((option == "--seed" || option == "--n" || option == "--every") && i + 1 < argc &&
-                 atoi(argv[i + 1]) > 0)
-            (option == "--n"      ? wish.n
-             : option == "--seed" ? wish.seed
-                                  : wish.every) = static_cast<uint32_t>(strtoul(argv[++i], &end, 10));
-        if (end != nullptr ? *end != '\0' : option != "--sample" && option != "--kind" && option != "--cold")
-            return fprintf(stderr, "faults: unknown argument: %s\n%s", argv[i], usage), 2;
+        } else if (numbers.contains(option) && atoi(value.c_str()) > 0) {
+            *numbers.at(option) = static_cast<uint32_t>(atoi(argv[++i]));
+        } else {
+            fprintf(stderr, "faults: unknown argument: %s\n%s", argv[i], usage);
+            return 2;
+        }
     }
     on_failure = [](const std::string &what) {
         fprintf(stderr, "the run has failed: %s\n", what.c_str());

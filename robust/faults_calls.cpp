@@ -15,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <utility>
 
 #include "platform/fxm_platform.h"
 
@@ -26,12 +27,7 @@ thread_local bool inside = false;
 std::atomic<uint64_t> clock_ahead{0};
 thread_local bool has_clock_ahead = false;
 
-struct call_row_t {
-    const char *name;
-    uint32_t follows;
-    const char *message;
-};
-static constexpr call_row_t rows[CALLS] = {
+static constexpr fault_row_t rows[CALLS] = {
 #define FAULT_ROW(type, name, params, args, bad, error, follows, message) {#name, follows, message},
 #define FAULT_ROW_OTHER(name, follows, message)                           {#name, follows, message},
     FAULT_CALLS(FAULT_ROW) FAULT_OTHERS(FAULT_ROW_OTHER)};
@@ -39,11 +35,10 @@ static constexpr call_row_t rows[CALLS] = {
 std::string kind_name(uint32_t kind)
 {
     static const char *const origins[] = {".fxm", ".pcap", ".log", ".system"};
-    return std::string(rows[call_of(kind)].name) + origins[origin_of(kind)];
+    return std::string(row_of(kind).name) + origins[origin_of(kind)];
 }
 
-uint32_t follows(uint32_t kind) { return rows[call_of(kind)].follows; }
-const char *message(uint32_t kind) { return rows[call_of(kind)].message; }
+const fault_row_t &row_of(uint32_t kind) { return rows[call_of(kind)]; }
 
 // ------------------------------------------------------------------------------------------------------------ who calls
 
@@ -218,13 +213,8 @@ FAULT_CALLS(FAULT_STAND_IN)
 // ------------------------------------------------------------------------------------------------------ the platform layer
 
 static fxm_platform_calls_t given;
-static thread_local uint32_t reason; // of this thread's last failure of the platform layer, 0: that of the layer
-static bool fails_in_platform(fault_call_t call)
-{
-    const bool bad = fails(kind_of(call, FXM));
-    reason = bad ? EIO : 0;
-    return bad;
-}
+static thread_local uint32_t arm_error;
+static bool fails_in_platform(fault_call_t call) { return fails(kind_of(call, FXM)); }
 
 void faults_begin()
 {
@@ -236,24 +226,15 @@ void faults_begin()
     fxm_platform.event_make = [](int *fd, bool waitable) {
         return !fails_in_platform(CALL_event_make) && given.event_make(fd, waitable);
     };
+    fxm_platform.notice_arm = [](fxm_notice_t *notice) {
+        const bool armed_well = !fails_in_platform(CALL_notice_arm);
+        arm_error = armed_well ? 0 : EIO;
+        return armed_well && given.notice_arm(notice);
+    };
+    fxm_platform.last_error = [] { return arm_error != 0 ? std::exchange(arm_error, 0) : given.last_error(); };
     fxm_platform.wait_two = [](fxm_event_t *first, fxm_wait_source_t *second, uint32_t ms) {
-        if (fails_in_platform(CALL_wait_two))
-            return FXM_WAIT_FAILED;
         second->look_again = std::min(second->look_again, 10u);
         return given.wait_two(first, second, std::min(ms, 20u));
     };
-    fxm_platform.get_adapters = [](fxm_adapter_t *list, uint32_t *size) {
-        return fails_in_platform(CALL_get_adapters) ? uint32_t{EIO} : given.get_adapters(list, size);
-    };
-    fxm_platform.notice_create = [](fxm_notice_t *notice) {
-        return !fails_in_platform(CALL_notice_create) && given.notice_create(notice);
-    };
-    fxm_platform.notice_arm = [](fxm_notice_t *notice) {
-        return !fails_in_platform(CALL_notice_arm) && given.notice_arm(notice);
-    };
-    fxm_platform.last_error = [] { return reason != 0 ? reason : given.last_error(); };
-    fxm_platform.wall_clock_ms = [] {
-        return fails_in_platform(CALL_wall_clock) ? 0
-                                                  : given.wall_clock_ms() + (has_clock_ahead ? clock_ahead.load() : 0);
-    };
+    fxm_platform.wall_clock_ms = [] { return given.wall_clock_ms() + (has_clock_ahead ? clock_ahead.load() : 0); };
 }

@@ -26,11 +26,8 @@ enum : uint32_t {
     X(int, bind, (int a, const void *b, unsigned c), (a, b, c), -1, EACCES, REFUSES_EVER | STOPS, "") \
     X(int, setsockopt, (int a, int b, int c, const void *d, unsigned e), (a, b, c, d, e), -1, ENOMEM, REFUSES_EVER | STOPS, "") \
     X(int, getsockopt, (int a, int b, int c, void *d, void *e), (a, b, c, d, e), -1, ENOBUFS, REFUSES_EVER | STOPS, "") \
-    X(int, getsockname, (int a, void *b, void *c), (a, b, c), -1, ENOBUFS, REFUSES_EVER, "") \
     X(ssize_t, send, (int a, const void *b, size_t c, int d), (a, b, c, d), -1, ENOBUFS, REFUSES_EVER, "") \
     X(ssize_t, recv, (int a, void *b, size_t c, int d), (a, b, c, d), -1, ENOMEM, REFUSES_EVER | STOPS, "") \
-    X(ssize_t, recvfrom, (int a, void *b, size_t c, int d, void *e, void *f), (a, b, c, d, e, f), -1, ENOMEM, REFUSES_EVER | STOPS, "") \
-    X(ssize_t, recvmsg, (int a, void *b, int c), (a, b, c), -1, ENOMEM, REFUSES_EVER | STOPS, "") \
     X(int, ioctl, (int a, unsigned long b, void *c), (a, b, c), -1, EPERM, REFUSES_EVER | STOPS, "") \
     X(void *, mmap, (void *a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f), MAP_FAILED, ENOMEM, REFUSES_EVER, "") \
     X(int, eventfd, (unsigned a, int b), (a, b), -1, EMFILE, REFUSES_ONCE | REFUSES_EVER, "") \
@@ -39,10 +36,8 @@ enum : uint32_t {
     X(FILE *, fopen, (const char *a, const char *b), (a, b), nullptr, EMFILE, REFUSES_ONCE | REFUSES_EVER, "file open error: ") \
     X(DIR *, opendir, (const char *a), (a), nullptr, EMFILE, REFUSES_EVER, "") \
     X(int, stat, (const char *a, void *b), (a, b), -1, EIO, REFUSES_ONCE | REFUSES_EVER | NO_ENTRY | BAD_ARGUMENT | SILENT, "") \
-    X(int, fstat, (int a, void *b), (a, b), -1, EIO, 0, "") \
     X(ssize_t, read, (int a, void *b, size_t c), (a, b, c), -1, EIO, 0, "") \
     X(ssize_t, write, (int a, const void *b, size_t c), (a, b, c), -1, ENOSPC, 0, "") \
-    X(off_t, lseek, (int a, off_t b, int c), (a, b, c), -1, EIO, 0, "") \
     X(int, fcntl, (int a, int b, long c), (a, b, c), -1, EINVAL, 0, "") \
     X(int, getifaddrs, (void *a), (a), -1, ENOMEM, REFUSES_EVER, "Failed to pcap_findalldevs()") \
     X(unsigned, if_nametoindex, (const char *a), (a), 0, ENODEV, REFUSES_EVER | NO_ENTRY, "Failed to _fxm_socket_open()") \
@@ -77,11 +72,7 @@ enum : uint32_t {
     X(allocate, REFUSES_EVER | NO_MEMORY, "Failed to malloc()") \
     X(mutex_make, REFUSES_ONCE | REFUSES_EVER, "Failed to _fxm_mutex_init") \
     X(event_make, REFUSES_ONCE | REFUSES_EVER, "event") \
-    X(wait_two, STOPS, "returned WAIT_FAILED. lasterr=") \
-    X(get_adapters, REFUSES_EVER, "GetAdaptersAddresses()") \
-    X(notice_create, STOPS, "Failed to WSACreateEvent()") \
-    X(notice_arm, STOPS, "Failed to NotifyAddrChange(). err = ") \
-    X(wall_clock, 0, "")
+    X(notice_arm, STOPS, "Failed to NotifyAddrChange(). err = ")
 // clang-format on
 
 enum fault_call_t : uint32_t {
@@ -98,8 +89,12 @@ inline uint32_t kind_of(fault_call_t call, origin_t origin) { return uint32_t{ca
 inline fault_call_t call_of(uint32_t kind) { return static_cast<fault_call_t>(kind / ORIGINS); }
 inline origin_t origin_of(uint32_t kind) { return static_cast<origin_t>(kind % ORIGINS); }
 std::string kind_name(uint32_t kind);
-uint32_t follows(uint32_t kind);    // REFUSES_ONCE and so on
-const char *message(uint32_t kind); // what the log says of a stop or a refused start
+struct fault_row_t {
+    const char *name;
+    uint32_t follows;
+    const char *message;
+};
+const fault_row_t &row_of(uint32_t kind);
 
 origin_t whose(const void *code);
 
