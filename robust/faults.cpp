@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -13,10 +14,9 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <map>
-#include <memory>
-#include <new>
 #include <random>
 #include <set>
 
@@ -78,7 +78,8 @@ static bool until(const std::function<bool()> &done, int64_t ms)
 }
 
 // Tells where a case has died, or what it hangs in: the frames from there on. The death is that of the first frame that
-// belongs to the library, libpcap or log4cxx.
+// belongs to the library, libpcap or log4cxx. An exception that nobody has caught is the library's death in any case.
+static bool uncaught = false;
 static void on_death(int number, siginfo_t *, void *context)
 {
     static std::atomic_flag dead;
@@ -101,7 +102,7 @@ static void on_death(int number, siginfo_t *, void *context)
         const std::string name = info.dli_sname != nullptr ? info.dli_sname : offset;
         if (current->owner[0] == '\0' && whose(*frame) != SYSTEM && number != SIGALRM) {
             snprintf(current->owner, sizeof(current->owner), "%s", name.c_str());
-            current->third = whose(*frame) != FXM;
+            current->third = whose(*frame) != FXM && !uncaught;
         }
         text += " " + name.substr(0, 44);
     }
@@ -417,6 +418,7 @@ class worker_t
   private:
     [[noreturn]] void one(case_t *next, const sample_t &before)
     {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         static char stack[1 << 16];
         const stack_t other = {stack, 0, sizeof(stack)};
         sigaltstack(&other, nullptr);
@@ -426,6 +428,10 @@ class worker_t
         action.sa_flags = SA_SIGINFO | SA_ONSTACK;
         for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM})
             sigaction(number, &action, nullptr);
+        std::set_terminate([] {
+            uncaught = true;
+            abort();
+        });
         alarm(HANG);
         if (freopen("/dev/null", "w", stderr) == nullptr) // log4cxx complains there
             _exit(1);
@@ -464,6 +470,7 @@ template <typename Task> static pid_t start_worker(Task task)
     if (id != 0)
         return id;
     {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         worker_t worker;
         task(&worker);
     }

@@ -63,9 +63,9 @@ origin_t whose(const void *code)
     return *name == '\0' ? FXM : SYSTEM;
 }
 
-// Counts a call, and says whether it is to fail.
 static thread_local bool no_socket; // libpcap gets none
 
+// Counts a call, and says whether it is to fail.
 static bool fails(uint32_t kind)
 {
     if (no_socket && kind == kind_of(CALL_socket, PCAP))
@@ -76,11 +76,6 @@ static bool fails(uint32_t kind)
     return kind == fault.kind && (n == fault.n || (fault.ever && n > fault.n));
 }
 #define CALLED_BY(call) kind_of(CALL_##call, whose(__builtin_return_address(0)))
-
-template <typename Function> static Function *real(const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
 
 // ------------------------------------------------------------------------------------------------------------- the heap
 
