@@ -2,6 +2,7 @@
 // are not one snapshot, and no thread waits for longer than one section takes.
 #include "diag/fxm_stdump.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -338,6 +339,19 @@ int fxm_stdump(uint32_t verbose)
 
 // -------------------------------------------------------------------------------------------------------- stats task
 
+// Waits for the signal of a stop. In slices: each looks for the signal first, so a wake that the system has lost keeps
+// nobody waiting.
+static int _wait_for_stop(uint32_t ms)
+{
+    int err = ETIMEDOUT;
+    for (uint32_t left = ms; err == ETIMEDOUT && left > 0;) {
+        const uint32_t slice = std::min(left, FXM_WORKER_WAIT);
+        err = _fxm_event_timedwait(&g_stats_event, slice);
+        left -= slice;
+    }
+    return err;
+}
+
 static void _fxm_stats_task_com()
 {
     const uint32_t wait = g_config.stats_interval * 1000; // at most 2592000 s, which fits
@@ -345,7 +359,7 @@ static void _fxm_stats_task_com()
     fxm_log_info("%s: start.", __func__);
     _fxm_status_dump(verbose);
     while (!_fxm_stopping()) {
-        const int err = _fxm_event_timedwait(&g_stats_event, wait);
+        const int err = _wait_for_stop(wait);
         if (err != 0 && err != ETIMEDOUT) {
             fxm_log_warn("%s: Failed to _fxm_event_timedwait() err=%d", __func__, EPROTO);
             break;

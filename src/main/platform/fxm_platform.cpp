@@ -339,7 +339,8 @@ static uint32_t _wait_two(fxm_event_t *first, fxm_wait_source_t *second, uint32_
         // An error on the descriptor also ends the wait; the owner's read reports it.
         if (rc > 0 && fds[1].revents != 0 && (second->take == nullptr || second->take(second)))
             return FXM_WAIT_SECOND;
-        if (left == 0)
+        // A poll that found nothing has waited for all of the time, whatever the clock says.
+        if (rc == 0 || left == 0)
             return looks_again ? FXM_WAIT_SECOND : FXM_WAIT_TIMEOUT;
     }
 }
