@@ -407,13 +407,16 @@ static void check_channel(model_t &model, const fxm_card_data_t &now, uint32_t p
         MUST(holds, "card 0x%.12" PRIx64 " P%uM%u: %s (it is %s, heard %" PRIu64 " ms ago)", model.id, port, mac, what,
              up ? "up" : "down", wall_ms() - time);
     };
+    const uint64_t before = model.present ? model.record.fcd_recvtime[port][mac] : 0;
+    if (heard != 0 && was && wall_ms() >= before + expire)
+        model.unsure = true; // it may have gone down just before
     if (heard != 0 && fell[port]) {
         model.unsure = true;
     } else if (heard != 0) {
         must(up, "it has announced itself and is not up");
         must(wall_ms() - time <= (world_now() - heard) / MS + 1, "its time is not that of its last announcement");
     } else {
-        must(time == (model.present ? model.record.fcd_recvtime[port][mac] : 0), "its time has changed in silence");
+        must(time == before, "its time has changed in silence");
         must(was || !up, "it came up in silence");
         if (fell[port] && !rose[port])
             must(!up, "its link has fallen");
@@ -582,7 +585,7 @@ static int judge(const call_t &call, int code, uint32_t allowed, uint64_t bound)
     must(code != FXM_API_EBUSY || (model.contested && (call.flags & FXM_FLAG_FORCELOCK) == 0),
          "nobody else has the lock");
     must(code != FXM_API_EPROTO || call.refused || tags_are_short() || (eeprom && engine == ENGINE_REFUSE) ||
-             model.absent >= call.moment || model.touched,
+             model.absent >= call.moment || model.touched || (eeprom && was_hurt(call)),
          "no frame was refused");
     return code;
 }
@@ -629,6 +632,8 @@ static void use_register(model_t &model, bool in_callback)
         if (send_call(call, ANSWERED, check + once + sends,
                       [&] { return fxm_read_register(model.id, address, &data, retry, live); }) != FXM_API_SUCCESS)
             return;
+        MUST(was_hurt(call) || live != 0 || world_now() - call.begun < 4 * MS,
+             "fxm_read_register(0x%.12" PRIx64 "): it took longer than its answer", model.id);
         MUST(call.answers > 0, "fxm_read_register(0x%.12" PRIx64 "): a value without an answer", model.id);
         return must_have_held(call, history_of(model, address), address, data, UINT32_MAX);
     }
@@ -922,12 +927,11 @@ static void act()
         return command(model);
     if (choice < 96)
         return listen_or_not();
+    const call_t call = begin("fxm_stdump", nullptr);
     if (choice < 97)
-        (void)judge(begin("fxm_stdump", nullptr), fxm_stdump(world_below(2)), DONE, 20);
-    else if (choice < 98 && asked_at == 0)
+        (void)judge(call, fxm_stdump(world_below(2)), DONE, 20);
+    else if (choice < 99 && asked_at == 0)
         MUST(fxm_init_manager(directory, FXM_LOG_FATAL) == FXM_API_EBUSY, "a second start was let in");
-    else if (choice < 99)
-        (void)judge(begin("fxm_set_loglevel", nullptr), fxm_set_loglevel(FXM_LOG_FATAL), DONE, 1);
     else
         stop_library();
 }
