@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,6 +35,7 @@
 #include "../sim/timers.h"
 #include "../sim/wire.h"
 #include "core/fxm_config.h"
+#include "core/fxm_state.h"
 #include "diag/fxm_stats.h"
 #include "fxm.h"
 #include "platform/fxm_platform_net.h"
@@ -551,13 +553,13 @@ static call_t begin(const char *name, model_t *model, uint32_t flags = 0)
 // What has gone wrong for the card during the call, or shortly before it.
 static bool was_hurt(const call_t &call)
 {
-    return call.model->hurt + 2000 * MS > call.begun || world_stalled() != call.stalled || call.refused;
+    return call.model->hurt + 2000 * MS > call.begun || world_stalled_until() >= call.begun || call.refused;
 }
 
 // Judges the result and the time that the call took; `bound` in ms, 0: not bounded.
 static int judge(const call_t &call, int code, uint32_t allowed, uint64_t bound)
 {
-    const uint64_t slack = (world_stalled() - call.stalled) + 50 * MS;
+    const uint64_t slack = (world_stalled() - call.stalled) + (world_stalled_until() >= call.begun ? 80 : 50) * MS;
     const uint64_t took = world_now() - call.begun;
     const auto must = [&](bool holds, const char *what) {
         MUST(holds, "%s(0x%.12" PRIx64 ") gave %d after %" PRIu64 " us: %s", call.name,
@@ -888,7 +890,7 @@ static void command(model_t &model)
     }
 }
 
-static const char *directory;
+static std::string directory;
 
 static uint64_t queued[KINDS]; // events before the stop
 
@@ -931,12 +933,15 @@ static void act()
     if (choice < 97)
         (void)judge(call, fxm_stdump(world_below(2)), DONE, 20);
     else if (choice < 99 && asked_at == 0)
-        MUST(fxm_init_manager(directory, FXM_LOG_FATAL) == FXM_API_EBUSY, "a second start was let in");
+        MUST(fxm_init_manager(directory.c_str(), FXM_LOG_FATAL) == FXM_API_EBUSY, "a second start was let in");
     else
         stop_library();
 }
 
 // --------------------------------------------------------------------------------------------------------------- one run
+
+static uint64_t seeds = 1000, seconds, first_seed = 1, only_seed; // as the command line says
+static bool trace;
 
 static uint64_t some_ms(uint64_t from, uint64_t to)
 {
@@ -945,7 +950,7 @@ static uint64_t some_ms(uint64_t from, uint64_t to)
 
 static void write_file(const char *name, const std::string &text)
 {
-    const std::string path = std::string(directory) + "/conf/" + name;
+    const std::string path = directory + "/conf/" + name;
     FILE *file = fopen(path.c_str(), "w");
     DEMAND(file != nullptr && fputs(text.c_str(), file) >= 0 && fclose(file) == 0);
 }
@@ -1101,7 +1106,7 @@ static void live_once()
     uint64_t returned_at = 0;
     configure();
     const uint32_t manager = world_spawn("manager", [&] {
-        returned = fxm_init_manager(directory, FXM_LOG_FATAL);
+        returned = fxm_init_manager(directory.c_str(), FXM_LOG_FATAL);
         returned_at = world_now();
     });
     std::fill_n(delivered, KINDS, 0);
@@ -1153,7 +1158,7 @@ static void live_once()
              "a callback has missed an event before the stop");
 }
 
-static void run_seed(uint64_t seed, bool trace)
+static void run_seed(uint64_t seed)
 {
     fuzz_begin();
     wire_wake(true);
@@ -1190,58 +1195,39 @@ static void run_seed(uint64_t seed, bool trace)
 
 // ------------------------------------------------------------------------------------------------------------- many runs
 
-static const char usage[] = "Usage: runs [SEEDS | --seconds N] [--from SEED] [--jobs N]\n"
+static const char usage[] = "Usage: runs [SEEDS | --seconds N] [--from SEED]\n"
                             "       runs --seed N [--trace]\n"
                             "Runs the library in simulated time, each run as its seed says. See robust/README.md.\n"
                             "  SEEDS        how many runs (1000)\n"
                             "  --seconds N  as many as fit into N seconds\n"
                             "  --from SEED  the first seed (1)\n"
-                            "  --jobs N     runs at a time (1)\n"
                             "  --seed N     this run alone; --trace prints each of its steps\n"
                             "  --version    print the version\n"
                             "  -h, --help   print this text\n"
                             "Exit code: 0 no finding, 1 a finding, 2 wrong usage.\n";
 
-struct options_t {
-    uint64_t seeds = 1000, seconds = 0, from = 1, jobs = 1, seed = 0;
-    bool trace = false;
-};
-
 // Gives the exit code that ends the program, or -1.
-static int read_options(int argc, char **argv, options_t *options)
+static int read_options(int argc, char **argv)
 {
-    const std::map<std::string, uint64_t *> numbers = {{"--seconds", &options->seconds},
-                                                       {"--from", &options->from},
-                                                       {"--jobs", &options->jobs},
-                                                       {"--seed", &options->seed}};
+    const std::map<std::string, uint64_t *> numbers = {
+        {"--seconds", &seconds}, {"--from", &first_seed}, {"--seed", &only_seed}};
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
         if (word == "-h" || word == "--help" || word == "--version")
             return word == "--version" ? puts("runs (fxm) " FXM_VERSION) < 0 : fputs(usage, stdout) < 0;
         const auto number = numbers.find(word);
-        const char *text = number == numbers.end() ? argv[i] : i + 1 < argc ? argv[++i] : "";
-        char *end = nullptr;
-        const uint64_t value = strtoull(text, &end, 10);
-        if (word == "--trace") {
-            options->trace = true;
-        } else if (*text >= '0' && *text <= '9' && *end == '\0') {
-            *(number == numbers.end() ? &options->seeds : number->second) = value;
-        } else {
+        const std::string text = number == numbers.end() ? word : i + 1 < argc ? argv[++i] : "";
+        trace = trace || word == "--trace";
+        if (word == "--trace")
+            continue;
+        if (text.empty() || text.size() > 18 || text.find_first_not_of("0123456789") != std::string::npos) {
             fprintf(stderr, "runs: %s: a number is expected; see runs --help\n", word.c_str());
             return 2;
         }
+        *(number == numbers.end() ? &seeds : number->second) = std::stoull(text);
     }
-    return options->jobs >= 1 && options->jobs <= 64 ? -1 : (fputs("runs: --jobs is 1 to 64\n", stderr), 2);
+    return -1;
 }
-
-// A run that has begun, in a process of its own.
-struct job_t {
-    pid_t pid = 0;
-    uint64_t seed = 0;
-    bool again = false; // it must give the same hash as the first time
-    result_t *shared;
-    std::string directory;
-};
 
 static void crashed(int number)
 {
@@ -1250,141 +1236,96 @@ static void crashed(int number)
     raise(number);
 }
 
-static void start_job(job_t *job, uint64_t seed, bool again, int cpu, bool trace)
+// Runs a seed in a process of its own. Null, or what is wrong.
+static const char *try_seed(uint64_t seed)
 {
-    job->seed = seed;
-    job->again = again;
-    *job->shared = {};
+    *result = {};
     fflush(nullptr);
-    job->pid = fork();
-    if (job->pid != 0)
-        return;
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    (void)sched_setaffinity(0, sizeof(set), &set); // a change of threads is then a change on one CPU
-    for (const int number : {SIGABRT, SIGSEGV, SIGALRM, SIGBUS})
-        signal(number, crashed);
-    alarm(60);
-    result = job->shared;
-    directory = job->directory.c_str();
-    run_seed(seed, trace);
-    fflush(nullptr);
-    _exit(0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        for (const int number : {SIGABRT, SIGSEGV, SIGALRM, SIGBUS})
+            signal(number, crashed);
+        alarm(120);
+        run_seed(seed);
+        fflush(nullptr);
+        _exit(0);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid)
+        return "no process could be made";
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM)
+        return "it did not end within two minutes";
+    return status == 0 && result->done ? nullptr : "it failed";
 }
 
-static uint64_t real_ms()
+// The same, every hundredth seed twice. Adds to `sum`.
+static bool run_and_judge(uint64_t seed, result_t *sum, const char *program)
+{
+    const char *what = try_seed(seed);
+    const uint64_t hash = result->hash;
+    if (what == nullptr && seed % 100 == 0 && (try_seed(seed) != nullptr || result->hash != hash))
+        what = "not deterministic: it is not the same when it runs again";
+    if (what != nullptr)
+        printf("seed %" PRIu64 ": %s. Repeat it: %s --seed %" PRIu64 " --trace\n", seed, what, program, seed);
+    sum->time += result->time;
+    sum->steps += result->steps;
+    sum->frames += result->frames;
+    for (size_t code = 0; code < std::size(sum->calls); ++code)
+        sum->calls[code] += result->calls[code];
+    return what == nullptr;
+}
+
+static double seconds_of(clockid_t clock)
 {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
-}
-
-static struct {
-    uint64_t runs, findings;
-    result_t sum;
-    std::map<uint64_t, uint64_t> hashes; // of the runs that are repeated
-} total;
-
-static void end_job(job_t *job, int status, const char *program)
-{
-    job->pid = 0;
-    const result_t &got = *job->shared;
-    const char *what = nullptr;
-    if (status != 0 || !got.done)
-        what = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM ? "it did not end within a minute" : "it failed";
-    else if (job->again && total.hashes[job->seed] != got.hash)
-        what = "it is not the same when it runs again";
-    if (what != nullptr) {
-        total.findings += 1;
-        printf("seed %" PRIu64 ": %s. Repeat it: %s --seed %" PRIu64 " --trace\n", job->seed, what, program, job->seed);
-    }
-    total.hashes[job->seed] = got.hash;
-    total.runs += 1;
-    total.sum.time += got.time;
-    total.sum.steps += got.steps;
-    total.sum.frames += got.frames;
-    for (size_t code = 0; code < std::size(got.calls); ++code)
-        total.sum.calls[code] += got.calls[code];
-}
-
-static bool make_jobs(std::vector<job_t> *jobs)
-{
-    const char *parent = getenv("TMPDIR");
-    for (job_t &job : *jobs) {
-        job.directory = std::string(parent != nullptr ? parent : "/tmp") + "/fxm-runs.XXXXXX";
-        void *memory = mmap(nullptr, sizeof(result_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        if (memory == MAP_FAILED || mkdtemp(job.directory.data()) == nullptr ||
-            mkdir((job.directory + "/conf").c_str(), 0700) != 0) {
-            fprintf(stderr, "runs: %s: %s; set TMPDIR to a directory that can be written\n", job.directory.c_str(),
-                    strerror(errno));
-            return false;
-        }
-        job.shared = static_cast<result_t *>(memory);
-        directory = job.directory.c_str();
-        write_file("fxm_log4c_win.properties", "log4j.rootLogger=OFF\n");
-    }
-    return true;
-}
-
-static void report(uint64_t ms)
-{
-    printf("%" PRIu64 " runs in %.1f s, %.0f a minute; %.1f simulated hours, %" PRIu64 " steps, %" PRIu64
-           " frames\ncalls:",
-           total.runs, static_cast<double>(ms) / 1e3,
-           static_cast<double>(total.runs) * 6e4 / static_cast<double>(ms + 1),
-           static_cast<double>(total.sum.time) / 3.6e12, total.sum.steps, total.sum.frames);
-    static const char *const names[] = {"SUCCESS", "EINVAL", "ERANGE",    "ENOENT", "ENOLINK",
-                                        "ENOMEM",  "EPROTO", "ETIMEDOUT", "EBUSY",  "ENOSYS"};
-    for (size_t code = 0; code < std::size(names); ++code)
-        printf(" %s %" PRIu64, names[code], total.sum.calls[code]);
-    printf("\n%" PRIu64 " findings\n", total.findings);
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 int main(int argc, char **argv)
 {
-    options_t options;
-    const int code = read_options(argc, argv, &options);
+    const int code = read_options(argc, argv);
     if (code >= 0)
         return code;
-    if (options.seed != 0) {
-        options.from = options.seed;
-        options.seeds = options.jobs = 1;
-    }
-    std::vector<job_t> jobs(options.jobs);
-    if (!make_jobs(&jobs))
+    const char *parent = getenv("TMPDIR");
+    directory = std::string(parent != nullptr ? parent : "/tmp") + "/fxm-runs.XXXXXX";
+    void *memory = mmap(nullptr, sizeof(result_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED || mkdtemp(directory.data()) == nullptr ||
+        mkdir((directory + "/conf").c_str(), 0700) != 0) {
+        fprintf(stderr, "runs: %s: %s; set TMPDIR to a directory that can be written\n", directory.c_str(),
+                strerror(errno));
         return 1;
-    const uint64_t begun = real_ms();
-    const auto cpus = static_cast<size_t>(sysconf(_SC_NPROCESSORS_ONLN));
-    uint64_t next = options.from, repeat = 0, running = 0;
-    const auto more = [&] {
-        return options.seconds != 0 && options.seed == 0 ? real_ms() < begun + options.seconds * 1000
-                                                         : next < options.from + options.seeds;
-    };
-    for (;;) {
-        for (size_t i = 0; i < jobs.size(); ++i) {
-            if (jobs[i].pid != 0 || (repeat == 0 && !more()))
-                continue;
-            const bool again = repeat != 0;
-            start_job(&jobs[i], again ? std::exchange(repeat, 0) : next++, again, static_cast<int>(i % cpus),
-                      options.trace);
-            running += 1;
-        }
-        if (running == 0)
-            break;
-        int status = 0;
-        const pid_t pid = wait(&status);
-        const auto job = std::find_if(jobs.begin(), jobs.end(), [=](const job_t &one) { return one.pid == pid; });
-        if (job == jobs.end())
-            continue;
-        if (job->seed % 100 == 0 && !job->again && options.seed == 0)
-            repeat = job->seed;
-        end_job(&*job, status, argv[0]);
-        running -= 1;
     }
-    for (const job_t &job : jobs)
-        for (const char *name : {"/conf/fxm.conf", "/conf/fxm_log4c_win.properties", "/conf", ""})
-            (void)remove((job.directory + name).c_str());
-    report(real_ms() - begun);
-    return total.findings == 0 ? 0 : 1;
+    result = static_cast<result_t *>(memory);
+    write_file("fxm_log4c_win.properties", "log4j.rootLogger=OFF\n");
+    cpu_set_t cpu;
+    CPU_ZERO(&cpu);
+    CPU_SET(sched_getcpu(), &cpu);
+    (void)sched_setaffinity(0, sizeof(cpu), &cpu); // a change of threads then stays on one CPU
+
+    const double begun = seconds_of(CLOCK_MONOTONIC);
+    result_t sum{};
+    uint64_t runs = 0, findings = 0;
+    for (uint64_t seed = only_seed != 0 ? only_seed : first_seed;; ++seed, ++runs) {
+        if (only_seed != 0 ? runs > 0
+            : seconds != 0 ? seconds_of(CLOCK_MONOTONIC) >= begun + static_cast<double>(seconds)
+                           : runs >= seeds)
+            break;
+        findings += run_and_judge(seed, &sum, argv[0]) ? 0 : 1;
+    }
+    for (const char *name : {"/conf/fxm.conf", "/conf/fxm_log4c_win.properties", "/conf", ""})
+        (void)remove((directory + name).c_str());
+    rusage used{};
+    getrusage(RUSAGE_CHILDREN, &used);
+    const double took = seconds_of(CLOCK_MONOTONIC) - begun, many = static_cast<double>(runs);
+    const double cpu_time = static_cast<double>(used.ru_utime.tv_sec + used.ru_stime.tv_sec) +
+                            static_cast<double>(used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1e6;
+    printf("%.0f runs in %.1f s: %.0f a minute, %.0f a minute of CPU time; %.1f simulated hours, %" PRIu64
+           " steps, %" PRIu64 " frames\ncalls:",
+           many, took, many * 60 / took, many * 60 / cpu_time, static_cast<double>(sum.time) / 3.6e12, sum.steps,
+           sum.frames);
+    for (size_t result_code = 0; result_code < std::size(sum.calls); ++result_code)
+        printf(" %s %" PRIu64, fxm_results[result_code].name + strlen("FXM_API_"), sum.calls[result_code]);
+    printf("\n%" PRIu64 " findings\n", findings);
+    return findings == 0 ? 0 : 1;
 }

@@ -68,7 +68,7 @@ static struct {
     std::vector<std::unique_ptr<thread_t>> threads;
     std::multimap<uint64_t, std::function<void()>> events;
     uint64_t now = 1000 * MS, due = NEVER; // due: not later than the next deadline or event
-    uint64_t random = 0, hash = 0, steps = 0, stalled = 0;
+    uint64_t random = 0, hash = 0, steps = 0, stalled = 0, stalled_until = 0;
     world_manner_t manner;
     uint32_t library_threads = 0;
     bool trace = false, inside = false, fds_changed = false; // inside: an event or the quiet hook runs
@@ -90,6 +90,7 @@ uint64_t world_now() { return world.now; }
 uint64_t world_steps() { return world.steps; }
 uint64_t world_hash() { return world.hash; }
 uint64_t world_stalled() { return world.stalled; }
+uint64_t world_stalled_until() { return world.stalled_until; }
 void world_set_manner(const world_manner_t &manner) { world.manner = manner; }
 
 static void mix(uint64_t value) { world.hash = (world.hash ^ value) * 0x100000001B3 + (world.hash >> 47); }
@@ -281,6 +282,7 @@ void world_step()
     if (world_one_in(world.manner.stalls)) {
         const uint64_t rest = world_below(world_one_in(4) ? 30000 : 300) * US;
         world.stalled += rest;
+        world.stalled_until = std::max(world.stalled_until, world.now + rest);
         block(STALLED, nullptr, world.now + rest);
     } else if (world.now >= world.due || world_one_in(world.manner.switches)) {
         switch_thread();
@@ -545,4 +547,70 @@ int WRAPPED(sched_yield)()
     switch_thread();
     return 0;
 }
+}
+
+// ---------------------------------------------------------------------------------------------------------------- atomics
+
+// An atomic is a step before its access. A relaxed one is not: nothing depends on its order.
+static void step_for(int order)
+{
+    if (me != nullptr && order != __ATOMIC_RELAXED)
+        world_step();
+}
+
+#define PLAIN(name)                                                                                                    \
+    void __tsan_##name##1(void *) {}                                                                                   \
+    void __tsan_##name##2(void *) {}                                                                                   \
+    void __tsan_##name##4(void *) {}                                                                                   \
+    void __tsan_##name##8(void *) {}                                                                                   \
+    void __tsan_##name##16(void *) {}
+
+#define CHANGE(type, bits, name)                                                                                       \
+    type __tsan_atomic##bits##_##name(volatile type *at, type value, int order)                                        \
+    {                                                                                                                  \
+        step_for(order);                                                                                               \
+        return __atomic_##name(at, value, __ATOMIC_SEQ_CST);                                                           \
+    }
+
+#define EXCHANGE(type, bits, kind)                                                                                     \
+    int __tsan_atomic##bits##_compare_exchange_##kind(volatile type *at, type *expected, type value, int order, int)   \
+    {                                                                                                                  \
+        step_for(order);                                                                                               \
+        return __atomic_compare_exchange_n(at, expected, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);            \
+    }
+
+#define ATOMIC(type, bits)                                                                                             \
+    type __tsan_atomic##bits##_load(const volatile type *at, int order)                                                \
+    {                                                                                                                  \
+        step_for(order);                                                                                               \
+        return __atomic_load_n(at, __ATOMIC_SEQ_CST);                                                                  \
+    }                                                                                                                  \
+    void __tsan_atomic##bits##_store(volatile type *at, type value, int order)                                         \
+    {                                                                                                                  \
+        step_for(order);                                                                                               \
+        __atomic_store_n(at, value, __ATOMIC_SEQ_CST);                                                                 \
+    }                                                                                                                  \
+    type __tsan_atomic##bits##_exchange(volatile type *at, type value, int order)                                      \
+    {                                                                                                                  \
+        step_for(order);                                                                                               \
+        return __atomic_exchange_n(at, value, __ATOMIC_SEQ_CST);                                                       \
+    }                                                                                                                  \
+    CHANGE(type, bits, fetch_add)                                                                                      \
+    CHANGE(type, bits, fetch_sub)                                                                                      \
+    CHANGE(type, bits, fetch_or)                                                                                       \
+    EXCHANGE(type, bits, strong)                                                                                       \
+    EXCHANGE(type, bits, weak)
+
+extern "C" {
+void __tsan_init() {}
+void __tsan_read_range(void *, unsigned long) {}
+void __tsan_write_range(void *, unsigned long) {}
+void __tsan_vptr_update(void **, void *) {}
+PLAIN(read)
+PLAIN(write)
+PLAIN(unaligned_read)
+PLAIN(unaligned_write)
+ATOMIC(uint8_t, 8)
+ATOMIC(uint32_t, 32)
+ATOMIC(uint64_t, 64)
 }

@@ -37,7 +37,8 @@ void world_fds_changed(); // a descriptor has become readable
 // Runs whenever nobody can run, before the clock goes on: whatever has arrived has then been handled. It must not lock.
 extern void (*world_quiet)();
 
-uint64_t world_stalled(); // ns that threads have been stalled, in all
+uint64_t world_stalled();       // ns that threads have been stalled, in all
+uint64_t world_stalled_until(); // when the last of them goes on
 uint64_t world_steps();
 uint64_t world_hash(); // of all steps and notes
 
