@@ -280,7 +280,9 @@ void world_step()
     world.now += STEP_COST;
     mix(world.now);
     if (world_one_in(world.manner.stalls)) {
-        const uint64_t rest = world_below(world_one_in(4) ? 30000 : 300) * US;
+        // A host may rest for longer than a stop takes. A receiver may not: an answer would be read when its tag has rested.
+        const bool is_host = me->name == "host";
+        const uint64_t rest = world_below(!world_one_in(4) ? 300 : is_host && world_one_in(8) ? 3000000 : 30000) * US;
         world.stalled += rest;
         world.stalled_until = std::max(world.stalled_until, world.now + rest);
         block(STALLED, nullptr, world.now + rest);

@@ -14,7 +14,7 @@ constexpr uint64_t US = 1000, MS = 1000 * US; // the clock counts nanoseconds
 // How the threads of a run are scheduled. Odds are one in so many steps; 0 never.
 struct world_manner_t {
     uint32_t switches = 16; // another thread may go on
-    uint32_t stalls = 0;    // the thread does not run for up to 30 ms
+    uint32_t stalls = 0;    // the thread does not run for up to 30 ms, or a host for seconds
     uint32_t wakes = 0;     // a wait for a futex ends without a cause
 };
 
