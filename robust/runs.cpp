@@ -338,7 +338,9 @@ static int send_frame(uint32_t port, const frame_t &frame)
         delay += world_below(100) * MS;
         hurt(model_of(command.to), world_now() + delay);
     }
-    world_at(world_now() + delay, [=] {
+    world_at(world_now() + delay, [=, now = life] {
+        if (now != life)
+            return;
         command_t again;
         (void)frame_command(frame.data(), frame.size(), again);
         reach_card(port, frame, again, read);
