@@ -591,8 +591,10 @@ static int judge(const call_t &call, int code, uint32_t allowed, uint64_t bound)
          "every frame has arrived");
     must(code != FXM_API_EBUSY || (model.contested && (call.flags & FXM_FLAG_FORCELOCK) == 0),
          "nobody else has the lock");
-    must(code != FXM_API_EPROTO || call.refused || tags_are_short() || (eeprom && engine == ENGINE_REFUSE) ||
-             model.absent >= call.moment || model.touched || (eeprom && was_hurt(call)),
+    // The engine keeps the status of a refused form. If the start of the other form is lost, it is taken for that one's.
+    const bool stale = eeprom && was_hurt(call) && card_find(model.id)->eeprom.forms == PLAIN_FORM;
+    must(code != FXM_API_EPROTO || call.refused || tags_are_short() || (eeprom && engine == ENGINE_REFUSE) || stale ||
+             model.absent >= call.moment || model.touched,
          "no frame was refused");
     return code;
 }
