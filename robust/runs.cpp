@@ -138,11 +138,11 @@ struct call_t {
     model_t *model; // null: of no card
     uint32_t flags;
     uint64_t begun = world_now(), moment = quiet_moments, stalled = world_stalled(), serial;
-    bool late = asked; // begun after a stop
-    bool present = false, locked = false;
-    bool refused = false;                                   // the system has refused a frame
-    uint32_t answers = 0;                                   // that arrived
-    std::vector<std::pair<uint32_t, uint32_t>> writes = {}; // register and value
+    bool late = asked;                                         // begun after a stop
+    bool present = false, locked = false, engine_used = false; // as the call began
+    bool refused = false;                                      // the system has refused a frame
+    uint32_t answers = 0;                                      // that arrived
+    std::vector<std::pair<uint32_t, uint32_t>> writes = {};    // register and value
 };
 static thread_local call_t *mine;
 static std::map<uint64_t, call_t *> calls;
@@ -549,6 +549,7 @@ static call_t begin(const char *name, model_t *model, uint32_t flags = 0)
 {
     call_t call{.name = name, .model = model, .flags = flags, .serial = ++last_serial};
     call.present = model != nullptr && model->present;
+    call.engine_used = model != nullptr && card_find(model->id)->eeprom.state != eeprom_t::IDLE;
     call.locked = model != nullptr && lock_has(*card_find(model->id), LOCK_MANAGER);
     world_note("%s(0x%.12" PRIx64 ", flags %u)", name, model != nullptr ? model->id : 0, flags);
     return call;
@@ -587,7 +588,8 @@ static int judge(const call_t &call, int code, uint32_t allowed, uint64_t bound)
          "the card is in its table");
     if (code == FXM_API_ENOLINK && model.weak < call.moment && !model.touched && !was_hurt(call))
         call.model->denied = true;
-    must(code != FXM_API_ETIMEDOUT || was_hurt(call) || (eeprom && (model.contested || engine != ENGINE_NORMAL)),
+    must(code != FXM_API_ETIMEDOUT || was_hurt(call) ||
+             (eeprom && (model.contested || engine != ENGINE_NORMAL || call.engine_used)),
          "every frame has arrived");
     must(code != FXM_API_EBUSY || (model.contested && (call.flags & FXM_FLAG_FORCELOCK) == 0),
          "nobody else has the lock");
