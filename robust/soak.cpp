@@ -51,7 +51,14 @@ static unsigned long long ull(uint64_t value) { return value; }
 constexpr int64_t DISTURBED = 5000;
 static std::atomic<int64_t> disturbed_until{INT64_MAX};
 
-static void disturb() { disturbed_until.store(steady_ms() + DISTURBED); }
+// It only adds to what is left: a start or a stop is a disturbance without a known end.
+static void disturb()
+{
+    const int64_t until = steady_ms() + DISTURBED;
+    int64_t known = disturbed_until.load();
+    while (known < until && !disturbed_until.compare_exchange_weak(known, until)) {
+    }
+}
 
 // A call that must succeed, unless the fabric is or becomes disturbed meanwhile.
 template <typename Call> static bool sure(fxm_api_row_t row, Call call)
@@ -381,7 +388,7 @@ class soak_t
         park = false;
         if (!poll_until([&] { return known(fxm_get_fxsvids) + known(fxm_get_fxioids) >= CARDS - 4 * RESTLESS; }))
             finding("not all cards have come");
-        disturb();
+        disturbed_until.store(steady_ms() + DISTURBED);
     }
 
     static uint32_t known(int (*get)(uint64_t **, uint32_t *))

@@ -14,7 +14,7 @@ namespace fxm
 namespace json = boost::json;
 
 // Cards that one step of a list looks at while it holds the model's lock.
-constexpr size_t STEP = 64;
+constexpr size_t CARDS_AT_ONCE = 64;
 constexpr size_t PIECE = 28000; // made at once
 
 // A list, made while it is sent.
@@ -69,7 +69,7 @@ class card_list : public http_source
     void step(std::string *out)
     {
         const uint64_t last = all_->cards->visit(
-            next_, std::min<uint64_t>(STEP, left_), true,
+            next_, std::min<uint64_t>(CARDS_AT_ONCE, left_), true,
             [&](const card &known) { return what_.wanted.empty() || what_.wanted.matches(facts_of(known)); },
             [&](const card &known) {
                 put(out, known);
@@ -190,7 +190,7 @@ static fabric_graph read_graph(services &all)
     uint64_t next = 0;
     do {
         next = all.cards->visit(
-            next, STEP, false, [](const card &) { return true; },
+            next, CARDS_AT_ONCE, false, [](const card &) { return true; },
             [&](const card &known) { add_to_graph(known, &graph); });
     } while (next != 0);
     for (const auto &[id, server] : graph.servers) {

@@ -11,7 +11,7 @@ namespace fxm
 {
 
 // Events that one step takes from the ring.
-constexpr size_t STEP = 12;
+constexpr size_t EVENTS_AT_ONCE = 12;
 // Shorter than the server's heartbeat, which calls read() of a quiet stream.
 constexpr auto QUIET = std::chrono::seconds(10);
 
@@ -31,7 +31,7 @@ class event_stream : public http_source
             put(out, cursor_, "boot", first_);
             first_.clear();
         }
-        const ring::batch batch = all_->events->read(cursor_, STEP);
+        const ring::batch batch = all_->events->read(cursor_, EVENTS_AT_ONCE);
         if (batch.gap_to != 0) {
             all_->gaps += 1;
             put(out, batch.gap_to, "gap",
