@@ -102,10 +102,11 @@ need_clang() {
     fi
 }
 
-# need_fuzzer: installs clang with its sanitizers and its fuzzer, which some systems have in a package of their own.
+# need_fuzzer: installs clang with its sanitizers and its fuzzer, which some systems have in a package of their own, and
+# what names the functions in their reports.
 need_fuzzer() {
     local version package
-    need_packages clang
+    need_packages clang llvm
     version=$(clang -dumpversion)
     package=libclang-rt-${version%%.*}-dev
     if ! compgen -G "$(clang -print-resource-dir)/lib/*/libclang_rt.fuzzer*.a" >/dev/null; then need_packages "$package"; fi
