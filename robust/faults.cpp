@@ -343,7 +343,7 @@ static sample_t sample()
 {
     until([] { return entries("/proc/self/task") == 1; }, 2000); // a joined thread may still be on its way out
     sample_t now{entries("/proc/self/fd"), entries("/proc/self/task"), {}};
-    std::copy(std::begin(live), std::end(live), now.blocks);
+    std::copy_n(std::begin(live), KINDS, now.blocks);
     return now;
 }
 
