@@ -363,6 +363,8 @@ static void compare(const sample_t &before, const sample_t &now)
 // -------------------------------------------------------------------------------------------------------------- workers
 
 // A fabric in a network namespace of its own, and a library that has run before, so that what is made once is made.
+extern "C" int __llvm_profile_write_file() __attribute__((weak)); // in the build that counts branches
+
 class worker_t
 {
   public:
@@ -456,6 +458,8 @@ class worker_t
             failed("a start after the fault: fxm_init_manager has returned %d", again.result);
         compare(before, sample());
         next->done = true;
+        if (__llvm_profile_write_file != nullptr)
+            __llvm_profile_write_file();
         _exit(0);
     }
 
