@@ -409,6 +409,10 @@ class soak_t
         for (const fxm_port_snapshot_t &port : last.port)
             dropped += port.dropped;
         std::copy(std::begin(last.stats.evt_count), std::end(last.stats.evt_count), due);
+        for (const uint64_t id : _fxm_blacklist_ids()) {
+            if ((id & 0xfff) >= uint64_t{2} * RESTLESS)
+                finding("%012llx is out of monitoring", ull(id));
+        }
         const int64_t before = steady_ms();
         const int result = manager.stop();
         const int64_t took = steady_ms() - before;
