@@ -516,7 +516,7 @@ TEST_F(links, each_dump_is_whole_and_of_one_moment_while_everything_goes_on_unti
 TEST_F(links, stats_task_dumps_at_the_start_at_each_interval_and_at_the_stop)
 {
     configure("stats_interval = 1\nstats_verbose_level = 3\n");
-    run(FXM_LOG_FATAL); // which is no filter of dumps
+    run(FXM_LOG_FATAL);                                         // which is no filter of dumps
     const auto dumps = [&] { return whole_dumps(&stats_log); }; // a stop in the middle of one brings no other
     ASSERT_TRUE(wait_for([&] { return dumps() >= 3; }, "two more than the first", [&] { return stats_log.tail(); }));
     EXPECT_EQ(stop(), FXM_API_SUCCESS);
