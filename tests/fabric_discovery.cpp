@@ -630,6 +630,7 @@ TEST_F(discovery, callbacks_are_called_in_the_order_of_registration_whatever_the
 {
     begin_updates();
     const auto told = [&] {
+        take_heard(); // what the listeners are to do is written before the frame
         update();
         settle(0);
         return take_heard();

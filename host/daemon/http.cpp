@@ -268,7 +268,7 @@ void http_server::post(uint64_t connection, http_reply reply)
         std::lock_guard guard(mutex_);
         answers_.emplace_back(connection, std::move(reply));
     }
-    if (std::this_thread::get_id() != thread_.get_id())
+    if (std::this_thread::get_id() != server_thread_.load())
         signal();
 }
 
@@ -477,6 +477,7 @@ void http_server::stop()
 void http_server::run()
 {
     using std::chrono::steady_clock;
+    server_thread_ = std::this_thread::get_id();
     auto last_heartbeat = steady_clock::now();
     steady_clock::time_point round_began, next_round;
     while (!stopping_) {

@@ -132,6 +132,7 @@ class http_server
     int epoll_fd_ = -1;
     std::vector<MHD_Daemon *> daemons_;
     std::thread thread_;
+    std::atomic<std::thread::id> server_thread_; // which it says itself: it may answer before thread_ is written
 
     // The HTTP thread alone:
     std::map<uint64_t, exchange *> live_;
