@@ -22,7 +22,7 @@
 fault_t fault;
 std::atomic<bool> armed{false};
 std::atomic<uint32_t> reached[KINDS];
-std::atomic<int32_t> live[KINDS + 1];
+std::atomic<int32_t> blocks[KINDS + 1];
 thread_local bool inside = false;
 std::atomic<uint64_t> clock_ahead{0};
 thread_local bool has_clock_ahead = false;
@@ -36,6 +36,14 @@ std::string kind_name(uint32_t kind)
 {
     static const char *const origins[] = {".fxm", ".pcap", ".log", ".system"};
     return std::string(row_of(kind).name) + origins[origin_of(kind)];
+}
+
+uint32_t kind_named(const char *name)
+{
+    uint32_t kind = 0;
+    while (kind < KINDS && kind_name(kind) != name)
+        ++kind;
+    return kind;
 }
 
 const fault_row_t &row_of(uint32_t kind) { return rows[call_of(kind)]; }
@@ -98,7 +106,7 @@ static void *take(size_t size, uint32_t kind)
         return nullptr;
     }
     *block = {size, inside ? kind : KINDS, IN_USE};
-    live[block->kind].fetch_add(1, std::memory_order_relaxed);
+    blocks[block->kind].fetch_add(1, std::memory_order_relaxed);
     return block + 1;
 }
 
@@ -116,7 +124,7 @@ STAND_IN void free(void *memory)
     block_t *block = static_cast<block_t *>(memory) - 1;
     if (block->mark != IN_USE)
         abort(); // released twice, or never taken
-    live[block->kind].fetch_sub(1, std::memory_order_relaxed);
+    blocks[block->kind].fetch_sub(1, std::memory_order_relaxed);
     block->mark = 0;
     __libc_free(block);
 }

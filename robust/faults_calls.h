@@ -18,8 +18,8 @@ enum : uint32_t {
     SILENT = 64,       // a refused start may leave no message: there is no log yet
 };
 
-// Functions of the system and of libpcap, the long waits cut short so that a run takes some milliseconds: type, name, parameters, arguments, the answer of a failure, its errno value,
-// what may follow, and what the log then says.
+// Functions of the system and of libpcap, the long waits cut short so that a run takes some milliseconds: type, name,
+// parameters, arguments, the answer of a failure, its errno value, what may follow, and what the log then says.
 // clang-format off
 #define FAULT_CALLS(X) \
     X(int, socket, (int a, int b, int c), (a, b, c), -1, EMFILE, REFUSES_EVER | STOPS, "") \
@@ -89,6 +89,7 @@ inline uint32_t kind_of(fault_call_t call, origin_t origin) { return uint32_t{ca
 inline fault_call_t call_of(uint32_t kind) { return static_cast<fault_call_t>(kind / ORIGINS); }
 inline origin_t origin_of(uint32_t kind) { return static_cast<origin_t>(kind % ORIGINS); }
 std::string kind_name(uint32_t kind);
+uint32_t kind_named(const char *name); // KINDS: there is none
 struct fault_row_t {
     const char *name;
     uint32_t follows;
@@ -108,7 +109,7 @@ struct fault_t {
 extern fault_t fault;
 extern std::atomic<bool> armed;
 extern std::atomic<uint32_t> reached[KINDS];
-extern std::atomic<int32_t> live[KINDS + 1]; // blocks of the heap by who has taken them; the last are from outside
+extern std::atomic<int32_t> blocks[KINDS + 1]; // of the heap by who has taken them; the last are from outside
 extern thread_local bool inside;
 extern std::atomic<uint64_t> clock_ahead; // ms, of the wall clock of those threads that have
 extern thread_local bool has_clock_ahead;
