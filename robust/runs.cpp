@@ -152,16 +152,16 @@ struct read_t {
     uint64_t at;
 };
 static std::deque<read_t> reads;
-static std::array<size_t, 256> last_use; // 1 more than the index; 0: none
-static size_t asked_read;                // that the card is answering
+static std::array<read_t *, 256> last_use;
+static read_t *asked_read; // that the card is answering
 
 // With few tags left, the library may use one again that should rest.
 static bool tags_are_short()
 {
-    uint32_t used = 0;
-    for (size_t use : last_use)
-        used += use != 0 && reads[use - 1].at + 3000 * MS > world_now() ? 1 : 0;
-    return used + 8 >= g_config.tag_max - g_config.tag_min + 1;
+    const auto used = std::count_if(last_use.begin(), last_use.end(), [](const read_t *use) {
+        return use != nullptr && use->at + 3000 * MS > world_now();
+    });
+    return used + 8 >= int64_t{g_config.tag_max} - g_config.tag_min + 1;
 }
 
 // -------------------------------------------------------------------------------------------------------------- the wire
@@ -228,13 +228,12 @@ void timer_set(const card_t &card, u32 ms, std::function<void(card_t &)> act)
 
 // An answer may arrive after its read has ended. The library promises not to take it for another one if the read was
 // sent again or had stayed unanswered; otherwise the wire holds it back.
-static bool answer_arrives(size_t read, uint8_t tag)
+static bool answer_arrives(read_t *read, uint8_t tag)
 {
-    if (last_use[tag] != read && (reads[read - 1].over || tags_are_short()))
+    if (last_use[tag] != read && (read->over || tags_are_short()))
         return false;
-    reads[read - 1].answered = true;
-    const auto call = calls.find(reads[read - 1].serial);
-    if (call != calls.end())
+    read->answered = true;
+    if (const auto call = calls.find(read->serial); call != calls.end())
         call->second->answers += 1;
     return true;
 }
@@ -254,32 +253,28 @@ static void forge(uint32_t port, frame_t frame, const model_t &model)
 // The simulator's card answers.
 void wire_send(unsigned port, const u8 *bytes, size_t size)
 {
-    const size_t read = asked_read;
-    model_t &model = model_of(reads[read - 1].id);
+    model_t &model = model_of(asked_read->id);
     const frame_t frame(bytes, bytes + size);
     if (world_one_in(mood.forged))
         forge(port, frame, model);
-    carry(port, frame, model, [=] { return answer_arrives(read, frame[23]); });
+    carry(port, frame, model, [=, read = asked_read] { return answer_arrives(read, frame[23]); });
 }
 
-// The index of the read to which a request belongs, plus 1.
-static size_t read_of(const command_t &command, uint64_t id)
+// The read to which a request belongs.
+static read_t *read_of(const command_t &command, uint64_t id)
 {
-    size_t &last = last_use[command.tag];
-    if (last != 0) {
-        read_t &old = reads[last - 1];
-        if (old.serial == mine->serial && old.address == command.address && !old.answered) {
-            old.frames += 1;
-            old.at = world_now();
-            return last;
-        }
-        old.over = old.answered && old.frames == 1;
+    read_t *&last = last_use[command.tag];
+    if (last != nullptr && last->serial == mine->serial && last->address == command.address && !last->answered) {
+        last->frames += 1;
+        last->at = world_now();
+        return last;
     }
-    reads.push_back({mine->serial, id, command.address, 1, false, false, world_now()});
-    return last = reads.size();
+    if (last != nullptr)
+        last->over = last->answered && last->frames == 1;
+    return last = &reads.emplace_back(read_t{mine->serial, id, command.address, 1, false, false, world_now()});
 }
 
-static void reach_card(uint32_t port, const frame_t &frame, const command_t &command, size_t read)
+static void reach_card(uint32_t port, const frame_t &frame, const command_t &command, read_t *read)
 {
     if (command.kind == COMMAND_RESET)
         return receive_frame(port, frame.data(), frame.size());
@@ -310,7 +305,7 @@ static int send_frame(uint32_t port, const frame_t &frame)
     frames_made += 1;
     world_note("port%u: command %u to 0x%.12" PRIx64 ", tag %u, register 0x%x, value 0x%x", port, command.kind,
                command.to, command.tag, command.address, command.value);
-    const size_t read = command.kind == COMMAND_READ ? read_of(command, command.to & ~MAC_SECOND) : 0;
+    read_t *read = command.kind == COMMAND_READ ? read_of(command, command.to & ~MAC_SECOND) : nullptr;
     mine->sent += 1;
     if (world_one_in(mood.loss) && command.kind != COMMAND_RESET) {
         world_note("port%u: lost", port);
@@ -350,14 +345,11 @@ static uint32_t get_adapters(fxm_adapter_t *list, uint32_t *size)
     *size = 2 * sizeof(fxm_adapter_t);
     if (list == nullptr)
         return FXM_ADAPTER_OVERFLOW;
-    for (uint32_t port = 0; port < 2; ++port)
-        list[port] = {port == 0 ? &list[1] : nullptr,
-                      port + 1,
-                      6,
-                      6,
-                      {2, 0, 0, 0, 0, 0xF0},
-                      link_up[port] ? FXM_IF_OPER_UP : FXM_IF_OPER_DOWN,
-                      {static_cast<char>('0' + port)}};
+    for (uint32_t port = 0; port < 2; ++port) {
+        const uint32_t up = link_up[port] ? FXM_IF_OPER_UP : FXM_IF_OPER_DOWN;
+        fxm_adapter_t *next = port == 0 ? &list[1] : nullptr;
+        list[port] = {next, port + 1, 6, 6, {2, 0, 0, 0, 0, 0xF0}, up, {static_cast<char>('0' + port)}};
+    }
     return 0;
 }
 
@@ -605,7 +597,6 @@ struct words_t {
     uint32_t eeprom, address = eeprom != 0 ? EEPROM_WORDS[world_below(5)] : 0x1000 + 4 * world_below(16), flags = 0;
     fxm_retry_param_t param{g_config.frame_retry_count, g_config.frame_retry_interval};
     const fxm_retry_param_t *retry = nullptr; // else those of the configuration
-    uint32_t allowed = eeprom != 0 ? LOCKED : ANSWERED;
 };
 
 static call_t read_words(model_t &model, uint32_t eeprom, bool dump)
@@ -618,16 +609,16 @@ static call_t read_words(model_t &model, uint32_t eeprom, bool dump)
     const uint64_t bound = live_check() + words * (all_tries(how.param.retry_cnt, how.param.retry_int) + room);
     uint32_t data[8] = {};
     uint64_t size = sizeof(data);
-    const auto read = [&](auto read_one, auto dump_all) {
+    const auto row = dump          ? eeprom != 0 ? FXM_ROW_DUMP_EEPROM : FXM_ROW_DUMP_REGISTER
+                     : eeprom != 0 ? FXM_ROW_READ_EEPROM
+                                   : FXM_ROW_READ_REGISTER;
+    const auto read = eeprom != 0 ? fxm_read_eeprom : fxm_read_register;
+    const auto dump_all = eeprom != 0 ? fxm_dump_eeprom : fxm_dump_register;
+    const call_t call = make({row, &model, eeprom != 0 ? 0 : bound, how.flags, eeprom != 0 ? LOCKED : ANSWERED}, [&] {
         const uint32_t end = how.address + 4 * words;
         return dump ? dump_all(model.id, how.address, end, data, &size, how.retry, how.flags)
-                    : read_one(model.id, how.address, data, how.retry, how.flags);
-    };
-    const call_t call =
-        eeprom != 0 ? make({dump ? FXM_ROW_DUMP_EEPROM : FXM_ROW_READ_EEPROM, &model, 0, how.flags, LOCKED},
-                           [&] { return read(fxm_read_eeprom, fxm_dump_eeprom); })
-                    : make({dump ? FXM_ROW_DUMP_REGISTER : FXM_ROW_READ_REGISTER, &model, bound, how.flags, ANSWERED},
-                           [&] { return read(fxm_read_register, fxm_dump_register); });
+                    : read(model.id, how.address, data, how.retry, how.flags);
+    });
     const bool done = call.code == FXM_API_SUCCESS, plain = done && !dump && eeprom == 0 && how.flags == 0;
     must(call, !dump || (size % 4 == 0 && (size == 4 * words) == done && size <= 4 * words), "the size is wrong");
     must(call, !done || call.answers >= words, "a value without an answer");
@@ -922,25 +913,18 @@ static void set_mood()
 
 static void configure()
 {
-    static constexpr struct {
-        const char *key;
-        uint32_t least, choices, step = 1;
-    } numbers[] = {{"devinfo_flag_check_interval", 20, 15, 20},
-                   {"devinfo_expire_time", 2000, 4, 1000},
-                   {"frame_retry_interval", 5, 96},
-                   {"frame_retry_count", 0, 11},
-                   {"frame_retry_interval_livecheck", 5, 46},
-                   {"frame_retry_count_livecheck", 0, 4},
-                   {"eeprom_retry_count", 2, 10},
-                   {"eeprom_verify_count", 6, 15},
-                   {"force_lock_try_count", 0, 4},
-                   {"eeprom_check_retry_count", 5, 20},
-                   {"stats_interval", 5, 60}};
-    const uint32_t first_tag = world_one_in(2) ? 0 : world_below(128), last = world_one_in(2) ? 255 : first_tag + 100;
-    std::ofstream file(directory + "/conf/fxm.conf");
-    file << "ether_port_ifindex = 1 2\ntag_min = " << first_tag << "\ntag_max = " << last << "\n";
-    for (const auto &[key, least, choices, step] : numbers)
-        file << key << " = " << least + world_below(choices) * step << "\n";
+    const uint32_t tag = world_one_in(2) ? 0 : world_below(128), last_tag = world_one_in(2) ? 255 : tag + 100;
+    const auto key = [](const char *name, uint32_t least, uint32_t choices, uint32_t step = 1) {
+        return std::string(name) + " = " + std::to_string(least + world_below(choices) * step) + "\n";
+    };
+    std::ofstream(directory + "/conf/fxm.conf")
+        << "ether_port_ifindex = 1 2\n"
+        << key("tag_min", tag, 1) << key("tag_max", last_tag, 1) << key("devinfo_flag_check_interval", 20, 15, 20)
+        << key("devinfo_expire_time", 2000, 4, 1000) << key("frame_retry_interval", 5, 96)
+        << key("frame_retry_count", 0, 11) << key("frame_retry_interval_livecheck", 5, 46)
+        << key("frame_retry_count_livecheck", 0, 4) << key("eeprom_retry_count", 2, 10)
+        << key("eeprom_verify_count", 6, 15) << key("force_lock_try_count", 0, 4)
+        << key("eeprom_check_retry_count", 5, 20) << key("stats_interval", 5, 60);
 }
 
 // Starts fxm_init_manager on a thread, and gives that thread. It ends with `returned`.
@@ -1063,17 +1047,13 @@ static const char usage[] = "Usage: runs SEED [COUNT | --trace] [-h] [--version]
                             "--trace prints each step. See robust/README.md; ./scripts/runs sums up many seeds.\n"
                             "Exit code: 0 no finding, 1 a finding, 2 wrong usage.\n";
 
-// A finding ends the process with 1, after what each thread waits for.
-static void end_badly(int)
-{
-    world_report();
-    _exit(1);
-}
-
 static void run_and_tell(uint64_t seed, bool trace)
 {
     for (const int number : {SIGABRT, SIGSEGV, SIGALRM, SIGBUS})
-        signal(number, end_badly);
+        signal(number, [](int) {
+            world_report(); // what each thread waits for
+            _exit(1);
+        });
     alarm(120);
     run(seed, trace);
     printf("seed %" PRIu64 " hash %.16" PRIx64 " ns %" PRIu64 " steps %" PRIu64 " frames %" PRIu64 " calls", seed,
