@@ -1,8 +1,6 @@
 // No failing call brings the library down. Each case is a process: a run of the library in which the n-th call of a kind
 // fails, once or from then on for ever, and then a run without a fault. scripts/faults chooses the cases and sums up.
-#include <dlfcn.h>
 #include <execinfo.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <ucontext.h>
@@ -16,7 +14,6 @@
 
 #include "core/fxm_state.h"
 #include "faults_calls.h"
-#include "functions.h"
 #include "host.h"
 #include "net.h"
 #include "registry/fxm_tables.h"
@@ -346,28 +343,16 @@ static void compare(const sample_t &before, const sample_t &now)
 
 // ---------------------------------------------------------------------------------------------------------------- cases
 
-static void start_anew()
-{
-    for (auto &calls : reached)
-        calls = 0;
-}
-
-// The calls of a run by kind, the greater number of two runs.
+// Prints the calls of a run by kind.
 static void count(const installation_t &installation)
 {
-    std::vector<uint32_t> most(KINDS);
-    for (int i = 0; i < (cold ? 1 : 2); ++i) {
-        start_anew();
-        run_t run(installation.dir);
-        armed = true;
-        run.life(true);
-        armed = false;
-        for (uint32_t kind = 0; kind < KINDS; ++kind)
-            most[kind] = std::max(most[kind], reached[kind].load());
-    }
+    run_t run(installation.dir);
+    armed = true;
+    run.life(true);
+    armed = false;
     for (uint32_t kind = 0; kind < KINDS; ++kind)
-        if (most[kind] > 0)
-            printf("%s %u\n", kind_name(kind).c_str(), most[kind]);
+        if (reached[kind] > 0)
+            printf("%s %u\n", kind_name(kind).c_str(), reached[kind].load());
 }
 
 static void watch_for_death()
@@ -396,7 +381,6 @@ static void watch_for_death()
     if (freopen("/dev/null", "w", stderr) == nullptr) // log4cxx complains there
         _exit(1);
     fault = {current->kind, current->n, current->ever};
-    start_anew();
     {
         run_t run(installation.dir);
         armed = true;

@@ -1,7 +1,6 @@
 // Runs of the whole library in simulated time, each decided by its seed: cards (those of the simulator), a wire that loses,
 // delays, doubles and forges frames, links that fall, and host threads that call everything. A plain model says all
 // through what must be true. A process is one run, so a seed always finds the same beginning; scripts/runs makes many.
-#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -114,15 +113,6 @@ static void remember(history_t &history, uint32_t value)
 {
     if (history.empty() || history.back().second != value)
         history.emplace_back(world_now(), value);
-}
-
-// Whether something that fits was held at some moment since `from`.
-template <typename Fits> static bool held(const history_t &history, uint64_t from, Fits fits)
-{
-    for (size_t i = 0; i < history.size(); ++i)
-        if ((i + 1 == history.size() || history[i + 1].first >= from) && fits(history[i].second))
-            return true;
-    return false;
 }
 
 // ------------------------------------------------------------------------------------------------------------- the calls
@@ -376,28 +366,28 @@ template <typename Class> FXM_NO_ANALYSIS static const fxm_card_data_t *find_rec
     return &Class::card(Class::record(Class::link_t::record(link)));
 }
 
+// From one check of all channels to the next, at most.
+static uint64_t pass_ms() { return g_config.devinfo_check_interval + g_config.devinfo_flag_check_interval + 20; }
+
 // One channel of a card that is watched, against what has happened to it since the last quiet moment.
 static void check_channel(model_t &model, const fxm_card_data_t &now, uint32_t port, uint32_t mac)
 {
     const uint64_t heard = model.heard[port][mac], time = now.fcd_recvtime[port][mac];
     const bool up = now.fcd_state[port][mac] == 1, was = model.present && model.record.fcd_state[port][mac] == 1;
     const uint64_t expire = g_config.devinfo_expire_time;
-    const uint64_t pass =
-        g_config.devinfo_check_interval + g_config.devinfo_flag_check_interval + 20 + world_stalled() / MS;
+    const uint64_t pass = pass_ms() + world_stalled() / MS;
     const auto must = [&](bool holds, const char *what) {
-        MUST(holds, "card 0x%.12" PRIx64 " P%uM%u: %s (it is %s, heard %" PRIu64 " ms ago)", model.id, port, mac, what,
-             up ? "up" : "down", _fxm_get_time_ms() - time);
+        MUST(holds, "card 0x%.12" PRIx64 " P%uM%u, %s: %s", model.id, port, mac, up ? "up" : "down", what);
     };
     const uint64_t before = model.present ? model.record.fcd_recvtime[port][mac] : 0;
-    if (heard != 0 && was && _fxm_get_time_ms() >= before + expire)
-        model.unsure = true; // it may have gone down just before
-    if (heard != 0 && fell[port]) {
-        model.unsure = true;
-    } else if (heard != 0) {
+    // It may have gone down just before.
+    const bool unsure = heard != 0 && (fell[port] || (was && _fxm_get_time_ms() >= before + expire));
+    model.unsure = model.unsure || unsure || (fell[port] && rose[port]);
+    if (heard != 0 && !fell[port]) {
         must(up, "it has announced itself and is not up");
         must(_fxm_get_time_ms() - time <= (world_now() - heard) / MS + 1,
              "its time is not that of its last announcement");
-    } else {
+    } else if (heard == 0) {
         must(time == before, "its time has changed in silence");
         must(was || !up, "it came up in silence");
         if (fell[port] && !rose[port])
@@ -406,7 +396,6 @@ static void check_channel(model_t &model, const fxm_card_data_t &now, uint32_t p
             must(up, "it went down too early");
         must(!up || _fxm_get_time_ms() <= time + expire + pass, "it is up after a long silence");
     }
-    model.unsure = model.unsure || (fell[port] && rose[port]);
     model.moved = model.moved || was != up;
 }
 
@@ -466,8 +455,7 @@ static void check_model(model_t &model)
              (now != nullptr) == model.present && (now == nullptr || memcmp(now, &model.record, sizeof(*now)) == 0),
              "it is out of monitoring, and its record has changed");
     // A card that is back keeps its channels until enough passes have found them silent.
-    const uint64_t ms = g_config.devinfo_check_interval + g_config.devinfo_flag_check_interval + 20;
-    const uint64_t longest = (g_config.devinfo_expire_time / g_config.devinfo_check_interval + 2) * ms * MS;
+    const uint64_t longest = (g_config.devinfo_expire_time / g_config.devinfo_check_interval + 2) * pass_ms() * MS;
     const bool was_silent = model.contents.empty() && world_now() > model.mode_since + longest + world_stalled();
     const uint32_t up = now != nullptr ? channels_up(*now) : 0;
     must(model, moving || model.mode != RESTARTED || !was_silent || up == 0,
@@ -537,14 +525,14 @@ static void check_result(const call_t &call)
 // Makes a call, and judges its result and the time that it took.
 template <typename Call> static call_t make(call_t call, Call function)
 {
+    const uint64_t id = call.model != nullptr ? call.model->id : 0;
     if (call.model != nullptr) {
         const card_t &card = card_of(*call.model);
         call.present = call.model->present && (call.row != FXM_ROW_WRITE_MMSPAGE || card_is_multi_root(card));
         call.engine_used = card.eeprom.state != eeprom_t::IDLE;
         call.locked = lock_has(card, LOCK_MANAGER);
     }
-    world_note("%s of 0x%.12" PRIx64 ", flags %u", fxm_row_names[call.row], call.model != nullptr ? call.model->id : 0,
-               call.flags);
+    world_note("%s of 0x%.12" PRIx64 ", flags %u", fxm_row_names[call.row], id, call.flags);
     call.serial = ++last_serial;
     call_t *outer = std::exchange(mine, &call); // that of a callback, while it calls
     calls[call.serial] = &call;
@@ -555,8 +543,8 @@ template <typename Call> static call_t make(call_t call, Call function)
         return call;
     world_note("%s gave %d", fxm_row_names[call.row], call.code);
     calls_made[call.code] += 1;
-    const uint64_t slack =
-        (world_stalled() - call.stalled) + std::max(world_stalled_until(), call.begun) - call.begun + 50 * MS;
+    const uint64_t stall = std::max(world_stalled_until(), call.begun) - call.begun;
+    const uint64_t slack = world_stalled() - call.stalled + stall + 50 * MS;
     const bool stopped = call.code == FXM_API_ENOSYS;
     must(call, stopped || !call.late, "the library has been stopped");
     must(call, !stopped || asked_at != 0, "the library runs");
@@ -577,12 +565,16 @@ static uint64_t live_check()
     return 4 * all_tries(g_config.frame_retry_count_livecheck, g_config.frame_retry_interval_livecheck);
 }
 
+// Whether the word was such at some moment of the call.
 static void must_have_held(const call_t &call, uint32_t address, uint32_t value, uint32_t mask)
 {
-    if (!held(call.model->words.at(address), call.begun, [=](uint32_t had) { return ((had ^ value) & mask) == 0; })) {
-        world_note("0x%x was never in 0x%x", value, address);
-        must(call, false, "a value that was not there during the call");
-    }
+    const history_t &history = call.model->words.at(address);
+    for (size_t i = 0; i < history.size(); ++i)
+        if ((i + 1 == history.size() || history[i + 1].first >= call.begun) &&
+            ((history[i].second ^ value) & mask) == 0)
+            return;
+    world_note("0x%x was not in 0x%x", value, address);
+    must(call, false, "a value that was not there during the call");
 }
 
 // The arguments of a call for words: those of registers, or with `eeprom` EEPROM those of the EEPROM.
@@ -1079,10 +1071,6 @@ int main(int argc, char **argv)
     directory = std::filesystem::temp_directory_path() / "fxm-runs.XXXXXX";
     DEMAND(mkdtemp(directory.data()) != nullptr && std::filesystem::create_directory(directory + "/conf"));
     std::ofstream(directory + "/conf/fxm_log4c_win.properties") << "log4j.rootLogger=OFF\n";
-    cpu_set_t cpu;
-    CPU_ZERO(&cpu);
-    CPU_SET(sched_getcpu(), &cpu);
-    (void)sched_setaffinity(0, sizeof(cpu), &cpu); // a change of threads then stays on one CPU
     int findings = 0;
     for (uint64_t seed = first; seed < first + (trace ? 1 : count); ++seed) {
         int status = 1;
