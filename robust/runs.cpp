@@ -189,7 +189,7 @@ static void carry(uint32_t port, const frame_t &frame, model_t &model, const std
 }
 
 // What tells one announcement of a card from another.
-static uint32_t content_of(uint8_t flow, uint16_t vlan) { return flow << 16u | vlan; }
+static uint32_t content_of(uint8_t flow, uint16_t vlan) { return uint32_t{flow} << 16 | vlan; }
 static uint32_t content_of(const fxm_card_data_t &record) { return content_of(record.fcd_flowid, record.fcd_vlan_id); }
 
 void announce_now(card_t &card, unsigned channels, bool notify)
