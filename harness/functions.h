@@ -1,7 +1,8 @@
-// The table of all exported functions, for the storm and for the fuzzer of calls: which arguments each one is called with,
-// right and hostile ones, and what it may return and write then. It stands alone: it needs neither network nor book.
-#ifndef ROBUST_FUNCTIONS_H
-#define ROBUST_FUNCTIONS_H
+// The table of all exported functions, for the storm, the fuzzer of calls, the runs and the faults: which arguments each
+// one is called with, right and hostile ones, and what it may return and write then. It stands alone: it needs neither
+// network nor book.
+#ifndef HARNESS_FUNCTIONS_H
+#define HARNESS_FUNCTIONS_H
 
 #include <algorithm>
 #include <atomic>
