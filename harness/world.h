@@ -1,8 +1,9 @@
 // A world for one run of the library: its threads, its clock and its locks, driven by a seed. The threads are those of the
 // system, but exactly one of them holds the baton and runs. The linker puts the functions of this file in the place of
-// those by which our own objects meet time and other threads (-Wl,--wrap, see robust/CMakeLists.txt): locks, futexes, threads,
-// the clock, sleep, poll and yield. Each of them is a step, and at each step the seed says who runs next. When nobody can
-// run, the clock goes to the next deadline or event. What is outside our objects (log4cxx, the C library) is one step.
+// those by which our own objects meet time and other threads (--wrap, see robust/CMakeLists.txt): locks, futexes,
+// threads, the clock, sleep, poll and yield. Each of them is a step, and at each step the seed says who runs next. When
+// nobody can run, the clock goes to the next deadline or event. What is outside our objects (log4cxx, the C library) is
+// one step.
 #ifndef HARNESS_WORLD_H
 #define HARNESS_WORLD_H
 
