@@ -69,6 +69,8 @@ static void deliver()
 {
     allocations_left = 0;
     DEMAND(_fxm_add_event(FXM_EVT_NEWDEVINFO, MARKER) == 0);
+    // A stop may come before the task looks at its queue.
+    g_fini_flag = events_raised(FXM_EVT_NEWDEVINFO) % 2 == 0 ? FXM_ON : FXM_OFF;
     _fxm_event_task(nullptr);
     g_fini_flag = FXM_OFF;
     DEMAND(last_was_marker);
