@@ -11,6 +11,8 @@ FXM_BUILD_PACKAGES+=(libmicrohttpd-dev libboost-json1.81-dev libtomlplusplus-dev
 FXM_RUN_PACKAGES=(iproute2 util-linux python3 python3-jsonschema)
 # Of the tests alone.
 FXM_TEST_PACKAGES=(prometheus tshark)
+# Of the Debian packages alone.
+FXM_PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot lintian mandoc scdoc)
 FXM_CLANG_VERSION=14
 # Of the library's branches, in percent.
 FXM_BRANCHES=95

@@ -401,9 +401,11 @@ int main(int argc, char **argv)
     fxm::options given;
     bool check = false;
     bool print_config = false;
+    bool ports = false;
     app.set_version_flag("--version", "fxmd " FXM_VERSION);
     app.add_option("--config", given.config_file, "the configuration file")->capture_default_str();
     app.add_flag("--check", check, "check the configuration file and end");
+    app.add_flag("--ports", ports, "print the names of the configured ports, one a line, and end");
     app.add_flag("--print-config", print_config, "print a configuration file with all keys and defaults, and end");
     app.add_flag("--ignore-claim", given.ignore_claim,
                  "root only: run although another manager owns a port; both get wrong register values");
@@ -423,10 +425,13 @@ int main(int argc, char **argv)
         std::cerr << "fxmd: only root may ignore the claim of another manager\n";
         return fxm::EXIT_USAGE;
     }
-    if (check) {
+    if (check || ports) {
         try {
-            fxm::load_config(given.config_file);
-            std::cout << given.config_file << ": good\n";
+            const fxm::config config = fxm::load_config(given.config_file);
+            if (check)
+                std::cout << given.config_file << ": good\n";
+            for (const std::string &name : ports ? config.ports : std::vector<std::string>())
+                std::cout << name << '\n';
             return fxm::EXIT_DONE;
         } catch (const fxm::config_error &failure) {
             std::cerr << failure.what() << '\n';
