@@ -551,6 +551,21 @@ class Commands(HostTest):
                             (2, ["page", MULTI, "3", "old.json", "--yes"]), (7, ["--socket", "/nowhere", "status"])):
             self.assertEqual(len(f.ctl(*words, code=code).splitlines()), 1, words)
 
+    def test_the_example_clients_work(self):
+        f = self.fabric()
+        examples = os.path.join(os.path.dirname(fabric.__file__), "../../examples/api")
+        with subprocess.Popen([f"{examples}/fabric.py", "2", f.socket], stdout=subprocess.PIPE, text=True) as client:
+            lines = [client.stdout.readline() for _ in range(7)]
+            self.assertEqual(lines[0], f"{SERVER} fxsv well\n")
+            self.assertRegex(lines[5], f"^register 0x1000 of {SERVER}: 0x[0-9a-f]{{8}}$")
+            self.assertTrue(lines[6].startswith("boot"), lines)
+            f.cards(f"set {DEVICE} vlan=300")
+            self.assertEqual(client.stdout.readline(), f"change {DEVICE} {{'vlan': [100, 300]}}\n")
+            self.assertEqual(client.wait(30), 0)
+        answers = subprocess.run([f"{examples}/fabric.sh", SERVER, f.socket], capture_output=True, text=True, check=True)
+        answers = [json.loads(line) for line in answers.stdout.splitlines()]
+        self.assertEqual([answers[0]["cards"]["total"], answers[2]["new"], answers[3]["value"]], [5, 51966, 51966])
+
     def test_watch_goes_on_after_a_restart(self):
         f = self.fabric()
         watch = subprocess.Popen([FXMCTL, "--socket", f.socket, "--ndjson", "watch"], stdout=subprocess.PIPE, text=True)
