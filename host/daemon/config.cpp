@@ -92,7 +92,8 @@ static bool is_listen(const std::string &text)
 // In the order of the sample file.
 static const key keys[] = {
     {"", "ports", ports_key{}, false,
-     "The interfaces on the management network, one or two. They must be up when fxmd starts."},
+     "The interfaces on the management network, one or two. The unit of fxmd brings them up; without systemd they must "
+     "be up when it starts."},
     {"", "eeprom_writer", flag_key{&config::eeprom_writer, false}, true,
      "Whether EEPROMs may be written. The lock on a card cannot keep two fxmd apart, so set it in exactly one of all "
      "fxmd that reach the same cards."},
