@@ -15,12 +15,7 @@ namespace fxm
 
 enum key : int { KEY_STATE, KEY_CLASS, KEY_GEN, KEY_VLAN, KEY_ID, KEY_PARTNER, KEY_VENDOR, KEY_DEVICE, KEY_INT };
 
-struct key_info {
-    const char *name;
-    const char *values; // for people
-};
-
-static constexpr key_info keys[] = {
+static constexpr filter_key keys[] = {
     {"state", "well, degraded, error, lost, unmonitored"},
     {"class", "fxsv, fxio"},
     {"gen", "1g, 40g"},
@@ -31,6 +26,8 @@ static constexpr key_info keys[] = {
     {"device", "hexadecimal PCI ids such as 1572"},
     {"int", "a mask of interrupt bits such as 0x04"},
 };
+
+std::span<const filter_key> filter_keys() { return keys; }
 
 static int find_key(std::string_view name)
 {
@@ -145,7 +142,7 @@ void filter::add(std::string_view key, std::string_view value, bool negated)
     const int number = find_key(key);
     if (number < 0) {
         std::string known;
-        for (const key_info &info : keys)
+        for (const filter_key &info : keys)
             known += (known.empty() ? "" : ", ") + std::string(info.name);
         throw api_error("FXM_API_EINVAL", fmt::format("a filter has no key \"{}\"", key), "keys: " + known);
     }

@@ -2,6 +2,7 @@
 // syntax, and filter_cases.txt the cases that hold this code and that of the page to it.
 #pragma once
 
+#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -10,6 +11,12 @@
 
 namespace fxm
 {
+
+struct filter_key {
+    const char *name;
+    const char *values; // for people; the words with commas between, if there are only these
+};
+std::span<const filter_key> filter_keys();
 
 class filter
 {

@@ -33,12 +33,16 @@ struct session {
 
 void add_view_commands(CLI::App *app, session *all);  // status, ports, cards, show, tree, topology, stats, log, history
 void add_watch_commands(CLI::App *app, session *all); // watch, wait
-void add_register_commands(CLI::App *app, session *all); // reg
-void add_eeprom_commands(CLI::App *app, session *all);   // eeprom
-void add_card_commands(CLI::App *app, session *all);     // vlan, monitor, delete, reset, page
-void add_snapshot_commands(CLI::App *app, session *all); // snapshot, diff
-void add_capture_command(CLI::App *app, session *all);   // capture
-void add_admin_commands(CLI::App *app, session *all);    // jobs, loglevel, status-dump, reload, doctor, completion
+void add_register_commands(CLI::App *app, session *all);  // reg
+void add_eeprom_commands(CLI::App *app, session *all);    // eeprom
+void add_card_commands(CLI::App *app, session *all);      // vlan, monitor, delete, reset, page
+void add_snapshot_commands(CLI::App *app, session *all);  // snapshot, diff
+void add_capture_command(CLI::App *app, session *all);    // capture
+void add_admin_commands(CLI::App *app, session *all);     // jobs, loglevel, status-dump, reload, doctor
+void add_completion_command(CLI::App *app, session *all); // completion
+
+// Prints what may stand for the last word of a command line, one candidate a line. It has no error and takes no time.
+int complete(session *all, const CLI::App *app, const std::vector<std::string> &words);
 
 // ---------------------------------------------------------------------------------------------------- help of commands
 // How far a command reaches, which says what can go wrong with it.

@@ -74,10 +74,14 @@ int main(int argc, char **argv)
     fxm::add_snapshot_commands(&app, &all);
     fxm::add_capture_command(&app, &all);
     fxm::add_admin_commands(&app, &all);
+    fxm::add_completion_command(&app, &all);
     app.footer(
         "Exit code: 0 done, 1 failed, 2 wrong usage, 3 no such card, 4 the card did not answer or a wait ran out,\n"
         "5 busy or claimed by another manager, 6 no permission, 7 fxmd is not running.\n"
         "Examples: fxmctl status; fxmctl cards state=error; fxmctl reg 02:00:00:00:10:00 eeprom.lock");
+    // A line that is being typed is seldom right, so it is not parsed.
+    if (argc > 1 && std::string_view(argv[1]) == "__complete")
+        return fxm::complete(&all, &app, {argv + 2, argv + argc});
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &failure) {
