@@ -21,7 +21,7 @@ extern const char *const bash_completion;
 extern const char *const zsh_completion;
 
 // A shell waits for the answer at every Tab.
-constexpr suseconds_t FXMD_MAY_TAKE_US = 200000;
+constexpr suseconds_t FXMD_MAY_TAKE_US = 150000;
 
 // Where the cursor is: behind which command and how many of its arguments, or behind an option that wants a value.
 struct cursor {

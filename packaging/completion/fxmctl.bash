@@ -5,7 +5,7 @@ _fxmctl() {
     read -ra words <<<"$line"
     [ -n "$current" ] || words+=('')
     # Ids have colons and filters have equals signs. Bash ends a word there, and replaces only what is behind.
-    [ -z "$breaks" ] || replaced=${current%"${current##*[$breaks]}"}
+    [ -z "$breaks" ] || replaced=${current%"${current##*["$breaks"]}"}
     COMPREPLY=()
     while IFS= read -r word; do
         [[ $word != "$current"* ]] || COMPREPLY+=("${word#"$replaced"}")
