@@ -117,6 +117,14 @@ def read_daemon_keys(facts, program):
         raise Trouble(f"{program} --print-config does not print what {__file__} reads")
 
 
+def read_value(facts, name, value):
+    """A choice such as TEXT:{bash,zsh} may get further words, so each one is a fact."""
+    choice = re.search(r":\{(.*)\}", value)
+    for word in choice[1].split(",") if choice else []:
+        fact(facts, f"{name} = {word}", "")
+    fact(facts, name, value.replace(choice[0], "") if choice else value)
+
+
 def read_command(facts, name, program, words=()):
     """Options, arguments, exit codes and commands, from what --help says."""
     text = ask(program, *words, "--help")
@@ -129,10 +137,10 @@ def read_command(facts, name, program, words=()):
                 for option in re.split(r", ?(?=-)", entry[1]):
                     option, _, value = option.partition(" ")
                     if option not in ("-h", "--help"):  # asked for already
-                        fact(facts, f"option {name} {option}", value)
+                        read_value(facts, f"option {name} {option}", value)
             elif section == "Positionals":
                 place += 1
-                fact(facts, f"argument {name} {place}", entry[1].partition(" ")[2])
+                read_value(facts, f"argument {name} {place}", entry[1].partition(" ")[2])
             elif section == "Subcommands":
                 fact(facts, f"command {name} {entry[1]}", "")
                 read_command(facts, f"{name} {entry[1]}", program, (*words, entry[1]))
@@ -158,12 +166,13 @@ def collect():
 # ---------------------------------------------------------------------------------------------------------- comparing
 
 def is_wider(old, new):
-    """Whether whoever relies on the old value can rely on the new one: a member that is now always there, or a range that
-    includes the old one."""
+    """Whether users of the old value can rely on the new one: a member that is now always there, or a range that includes
+    the old one."""
     if old.startswith("optional ") and new == old.replace("optional", "always", 1):
         return True
-    was, now = (re.fullmatch(r"a number from (\d+) to (\d+)", value) for value in (old, new))
-    return bool(was and now) and int(now[1]) <= int(was[1]) and int(now[2]) >= int(was[2])
+    was, now = (re.fullmatch(r"(.*?)(\d+)( to | - )(\d+)(.*)", value) for value in (old, new))
+    return (bool(was and now) and was.group(1, 3, 5) == now.group(1, 3, 5) and
+            int(now[2]) <= int(was[2]) and int(now[4]) >= int(was[4]))
 
 
 def compare(old, new):
