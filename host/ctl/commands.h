@@ -41,7 +41,7 @@ void add_capture_command(CLI::App *app, session *all);    // capture
 void add_admin_commands(CLI::App *app, session *all);     // jobs, loglevel, status-dump, reload, doctor
 void add_completion_command(CLI::App *app, session *all); // completion
 
-// Prints what may stand for the last word of a command line, one candidate a line. It has no error and takes no time.
+// Prints what may stand for the last word of a command line, one candidate a line. It prints no error, and waits for fxmd for a moment at most.
 int complete(session *all, const CLI::App *app, const std::vector<std::string> &words);
 
 // ---------------------------------------------------------------------------------------------------- help of commands
