@@ -53,6 +53,8 @@ def main():
         if line == b"\n":  # the connection lives
             continue
         event = json.loads(line)
+        if event["type"] == "boot":  # which run of fxmd this is
+            continue
         print(event["type"], event.get("card"), event.get("changes"), flush=True)
         count -= 1
         if count == 0:

@@ -552,43 +552,6 @@ class Commands(HostTest):
                             (2, ["page", MULTI, "3", "old.json", "--yes"]), (7, ["--socket", "/nowhere", "status"])):
             self.assertEqual(len(f.ctl(*words, code=code).splitlines()), 1, words)
 
-    def test_the_commands_of_the_documents_show_what_stands_there(self):
-        with open(f"{TOP}/sim/scenarios/small.fxm", encoding="utf-8") as file:
-            f = self.fabric([line for line in file.read().splitlines() if line.startswith("fx")])
-        for name, words in (("sudo", ""), ("fxmctl", f"{FXMCTL} --socket {f.socket}"),
-                            ("tshark", f"/usr/bin/tshark -X lua_script:{TOP}/host/dissector/fxm.lua")):
-            with open(f"{f.dir}/{name}", "w", encoding="utf-8") as file:
-                file.write(f'#!/bin/sh\nexec {words} "$@"\n')
-            os.chmod(f"{f.dir}/{name}", 0o755)
-        until(lambda: "5 well" in f.ctl("status"), "all cards")
-        seen = 0
-        for document in ("README.md", "docs/dissector.md"):
-            with open(f"{TOP}/{document}", encoding="utf-8") as file:
-                blocks = re.findall(r"^```\n(\$ .*?)^```", file.read(), re.S | re.M)
-            for command, shown in re.findall(r"^\$ (.*)\n((?:[^$].*\n)*)", "".join(blocks), re.M):
-                done = subprocess.run(["timeout", "3" if "watch" in command else "60", "sh", "-c", command], cwd=f.dir, text=True,
-                                      env={**os.environ, "PATH": f"{f.dir}:{os.environ['PATH']}"}, capture_output=True, check=False)
-                self.assertEqual(done.returncode, 124 if "watch" in command else 0, f"{command}: {done.stderr}")
-                if not re.search("watch|capture|tshark", command):
-                    self.assertEqual(re.sub(r"\d+", "0", done.stdout), re.sub(r"\d+", "0", shown), command)
-                seen += 1
-        self.assertGreater(seen, 5)
-
-    def test_the_example_clients_work(self):
-        f = self.fabric()
-        examples = f"{TOP}/examples/api"
-        with subprocess.Popen([f"{examples}/fabric.py", "2", f.socket], stdout=subprocess.PIPE, text=True) as client:
-            lines = [client.stdout.readline() for _ in range(7)]
-            self.assertEqual(lines[0], f"{SERVER} fxsv well\n")
-            self.assertRegex(lines[5], f"^register 0x1000 of {SERVER}: 0x[0-9a-f]{{8}}$")
-            self.assertTrue(lines[6].startswith("boot"), lines)
-            f.cards(f"set {DEVICE} vlan=300")
-            self.assertEqual(client.stdout.readline(), f"change {DEVICE} {{'vlan': [100, 300]}}\n")
-            self.assertEqual(client.wait(30), 0)
-        answers = subprocess.run([f"{examples}/fabric.sh", SERVER, f.socket], capture_output=True, text=True, check=True)
-        answers = [json.loads(line) for line in answers.stdout.splitlines()]
-        self.assertEqual([answers[0]["cards"]["total"], answers[2]["new"], answers[3]["value"]], [5, 51966, 51966])
-
     def test_watch_goes_on_after_a_restart(self):
         f = self.fabric()
         watch = subprocess.Popen([FXMCTL, "--socket", f.socket, "--ndjson", "watch"], stdout=subprocess.PIPE, text=True)
