@@ -40,7 +40,7 @@ ssize_t REAL(write)(int fd, const void *bytes, size_t size);
 int REAL(sched_yield)();
 }
 
-constexpr uint64_t NEVER = UINT64_MAX;
+constexpr uint64_t NO_DEADLINE = UINT64_MAX;
 constexpr uint64_t STEP_COST = 200; // ns
 constexpr uint64_t MOST_STEPS = 20'000'000;
 constexpr uint64_t WALL_AHEAD = 1'700'000'000'000 * MS; // of the wall clock
@@ -58,7 +58,7 @@ struct thread_t {
     std::atomic<uint32_t> baton{0};
     wait_t wait = RUNS;
     const void *on = nullptr; // lock, futex word, or the thread that is joined
-    uint64_t deadline = NEVER;
+    uint64_t deadline = NO_DEADLINE;
     bool timed_out = false;
     pollfd *fds = nullptr;
     nfds_t fds_number = 0;
@@ -67,7 +67,7 @@ struct thread_t {
 static struct {
     std::vector<std::unique_ptr<thread_t>> threads;
     std::multimap<uint64_t, std::function<void()>> events;
-    uint64_t now = 1000 * MS, due = NEVER; // due: not later than the next deadline or event
+    uint64_t now = 1000 * MS, due = NO_DEADLINE; // due: not later than the next deadline or event
     uint64_t random = 0, hash = 0, steps = 0, stalled = 0, stalled_until = 0;
     world_manner_t manner;
     uint32_t library_threads = 0;
@@ -133,7 +133,7 @@ void world_report()
         if (thread->wait == ENDED)
             continue;
         fprintf(stderr, "    %-10s %s %s", thread->name.c_str(), wait_names[thread->wait], on_what(*thread).c_str());
-        if (thread->deadline != NEVER)
+        if (thread->deadline != NO_DEADLINE)
             fprintf(stderr, ", until %.6f", static_cast<double>(thread->deadline) / 1e9);
         fprintf(stderr, "%s\n", thread.get() == me ? "  <- here" : "");
     }
@@ -156,7 +156,7 @@ static void run(thread_t &thread, bool timed_out)
 {
     thread.wait = RUNS;
     thread.timed_out = timed_out;
-    thread.deadline = NEVER;
+    thread.deadline = NO_DEADLINE;
 }
 
 static void wake_all(wait_t wait, const void *on)
@@ -187,7 +187,7 @@ static void run_due()
     }
     if (!first)
         events();
-    world.due = world.events.empty() ? NEVER : world.events.begin()->first;
+    world.due = world.events.empty() ? NO_DEADLINE : world.events.begin()->first;
     for (const auto &thread : world.threads)
         world.due = std::min(world.due, thread->deadline);
 }
@@ -229,7 +229,7 @@ static thread_t *pick()
             world_quiet();
             world.inside = false;
         }
-        if (world.due == NEVER)
+        if (world.due == NO_DEADLINE)
             world_finding("deadlock: nobody can run, and nothing is due");
         world.now = std::max(world.now, world.due);
     }
@@ -314,7 +314,7 @@ static thread_t *add_thread(std::string name, std::function<void()> body)
     return world.threads.back().get();
 }
 
-static void *live(void *arg)
+static void *run_thread(void *arg)
 {
     me = static_cast<thread_t *>(arg);
     take_baton();
@@ -328,7 +328,7 @@ static void *live(void *arg)
 
 static void start_thread(thread_t *thread)
 {
-    if (REAL(pthread_create)(&thread->handle, nullptr, live, thread) != 0)
+    if (REAL(pthread_create)(&thread->handle, nullptr, run_thread, thread) != 0)
         world_finding("no thread could be made");
     world_note("starts %s", thread->name.c_str());
     world_step();
@@ -353,7 +353,7 @@ void world_join(uint32_t index)
     thread_t *thread = world.threads[index].get();
     world_step();
     while (thread->wait != ENDED)
-        block(JOIN, thread, NEVER);
+        block(JOIN, thread, NO_DEADLINE);
     REAL(pthread_join)(thread->handle, nullptr);
 }
 
@@ -425,7 +425,7 @@ int WRAPPED(pthread_mutex_lock)(pthread_mutex_t *mutex)
         world_finding("%s is taken where nobody may wait", lock_name(mutex));
     world_step();
     while (!take_lock(mutex))
-        block(LOCK, mutex, NEVER);
+        block(LOCK, mutex, NO_DEADLINE);
     return 0;
 }
 
@@ -490,9 +490,10 @@ long WRAPPED(syscall)(long number, ...)
     const auto *time = reinterpret_cast<const timespec *>(args[3]);
     switch (args[1] & FUTEX_CMD_MASK) {
     case FUTEX_WAIT:
-        return wait_futex(word, static_cast<uint32_t>(args[2]), time == nullptr ? NEVER : world.now + ns_of(*time));
+        return wait_futex(word, static_cast<uint32_t>(args[2]),
+                          time == nullptr ? NO_DEADLINE : world.now + ns_of(*time));
     case FUTEX_WAIT_BITSET:
-        return wait_futex(word, static_cast<uint32_t>(args[2]), time == nullptr ? NEVER : ns_of(*time));
+        return wait_futex(word, static_cast<uint32_t>(args[2]), time == nullptr ? NO_DEADLINE : ns_of(*time));
     case FUTEX_WAKE:
         return wake_futex(word, static_cast<uint32_t>(args[2]));
     default:
@@ -528,7 +529,7 @@ int WRAPPED(poll)(pollfd *fds, nfds_t number, int ms)
         return ready;
     me->fds = fds;
     me->fds_number = number;
-    block(POLL, nullptr, ms < 0 ? NEVER : world.now + static_cast<uint64_t>(ms) * MS);
+    block(POLL, nullptr, ms < 0 ? NO_DEADLINE : world.now + static_cast<uint64_t>(ms) * MS);
     return REAL(poll)(fds, number, 0);
 }
 

@@ -451,7 +451,7 @@ struct command_rule_t {
 
 static constexpr size_t ANY = SIZE_MAX;
 
-static constexpr command_rule_t _rules[] = {
+static constexpr command_rule_t _command_rules[] = {
     {"fxsv", "ID [FIELD=VALUE ...]", 1, ANY, _fxsv},
     {"fxio", "ID [FIELD=VALUE ...]", 1, ANY, _fxio},
     {"set", "ID FIELD=VALUE ...", 2, ANY, _set},
@@ -481,7 +481,7 @@ static constexpr command_rule_t _rules[] = {
 
 static string _run(const words_t &words)
 {
-    for (const command_rule_t &rule : _rules)
+    for (const command_rule_t &rule : _command_rules)
         if (words[0] == rule.name) {
             if (words.size() - 1 < rule.at_least || words.size() - 1 > rule.at_most)
                 return _error("usage: " + string(rule.name) + " " + rule.arguments);

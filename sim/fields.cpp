@@ -125,7 +125,7 @@ static bool _set_down(down_port_t &down, string_view value)
     return true;
 }
 
-static constexpr field_rule_t _rules[] = {
+static constexpr field_rule_t _field_rules[] = {
     {"gen", OF_BOTH, "1g or 40g", _set_generation},
     {"ports", OF_BOTH, "0, 1 or 0,1, and fxmsim must have an interface for each", _set_ports},
     {"vlan", OF_BOTH, "0 to 4095", [](card_t &c, string_view v) { return _number(v, 4095, c.vlan); }},
@@ -187,7 +187,7 @@ bool field_set(card_t &card, string_view assignment, std::string &why)
         if (card.cls == FXSV && _hex(value, 4, card.down[n].status))
             return true;
     } else {
-        for (const field_rule_t &rule : _rules)
+        for (const field_rule_t &rule : _field_rules)
             if (name == rule.name) {
                 of = rule.of;
                 takes = rule.takes;

@@ -15,7 +15,7 @@ namespace json = boost::json;
 
 // Cards that one step of a list looks at while it holds the model's lock.
 constexpr size_t CARDS_AT_ONCE = 64;
-constexpr size_t PIECE = 28000; // made at once
+constexpr size_t LIST_PIECE = 28000; // made at once
 
 // A list, made while it is sent.
 class card_list : public http_source
@@ -45,7 +45,7 @@ class card_list : public http_source
                                 all_->events->last_seq());
         }
         begun_ = true;
-        while (!ended_ && out->size() < PIECE)
+        while (!ended_ && out->size() < LIST_PIECE)
             step(out);
         return ended_ && out->empty() ? state::end : state::more;
     }

@@ -1,6 +1,6 @@
 # Writes OUTPUT, a C++ source that defines fxm::NAME as the text of INPUT.
 file(READ ${INPUT} text)
-file(WRITE ${OUTPUT} "namespace fxm {\nextern const char *const ${NAME};\nconst char *const ${NAME} = R\"~~(")
+file(WRITE ${OUTPUT} "namespace fxm {\nextern const char *const ${NAME} = R\"~~(")
 # A literal has a limit in some compilers, and adjacent literals are one.
 string(LENGTH "${text}" length)
 set(at 0)

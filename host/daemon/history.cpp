@@ -13,7 +13,7 @@
 namespace fxm
 {
 
-constexpr size_t BATCH = 1000;
+constexpr size_t READ_AT_ONCE = 1000;
 constexpr int STEP_MS = 1000; // a kill loses at most that much
 constexpr int64_t MINUTE_MS = 60000;
 constexpr int PRUNE_ROWS = 2000;      // in one transaction
@@ -192,7 +192,7 @@ static std::string head_of(event_type type, uint64_t seq, int64_t time_ms, uint6
 void history::store()
 {
     for (;;) {
-        const ring::batch batch = events_->read(cursor_, BATCH);
+        const ring::batch batch = events_->read(cursor_, READ_AT_ONCE);
         if (batch.events.empty() && batch.gap_to == 0)
             return;
         execute("BEGIN IMMEDIATE");
@@ -362,7 +362,7 @@ void history::run()
     for (;;) {
         const bool last_round = stopping_;
         // Events of a second are stored together, and many of them sooner: the ring holds a burst for a second only.
-        const bool many = good && events_->last_seq() - cursor_ >= BATCH;
+        const bool many = good && events_->last_seq() - cursor_ >= READ_AT_ONCE;
         sample_minute();
         if (last_round || many || clock::now() >= next_round) {
             good = round();
