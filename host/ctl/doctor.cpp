@@ -389,6 +389,13 @@ static std::optional<pid_t> check_socket(const std::string &path, report *out)
         if (history.at("state").as_string() == "failing")
             out->wrong("history", fmt::format("cannot be written: {}", history.at("error").as_string().c_str()),
                        "make room, or correct the owner of the directory");
+        const json::value *fleet = status.if_contains("fleet"); // null: of none
+        if (fleet != nullptr && fleet->is_object() && fleet->at("state").as_string() == "cut-off")
+            out->wrong(
+                "fleet",
+                fmt::format("{} cannot be reached: {}", fleet->at("server").as_string().c_str(),
+                            fleet->at("error").is_string() ? fleet->at("error").as_string().c_str() : "no answer yet"),
+                "look at the server, the cable to it and the certificates of [fleet] in fxmd.toml");
         return pid;
     } catch (const ctl_error &failure) {
         out->wrong("fxmd", failure.what(), failure.hint);

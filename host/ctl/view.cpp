@@ -49,6 +49,13 @@ static void print_status(const json::object &status)
                     text(object(status, "history"), "state"),
                     with_commas(static_cast<uint64_t>(number(object(status, "history"), "events"))),
                     number(jobs, "running"), number(jobs, "queued"), number(status, "clients")));
+    const json::value *fleet = status.if_contains("fleet"); // null: of none
+    if (fleet != nullptr && fleet->is_object()) {
+        const json::object &site = fleet->as_object();
+        put(fmt::format("  fleet {} {} {}, {} events and {} cards wait\n", text(site, "site"), text(site, "state"),
+                        text(site, "server"), with_commas(static_cast<uint64_t>(number(site, "waiting"))),
+                        with_commas(static_cast<uint64_t>(number(site, "cards_waiting")))));
+    }
     for (const json::value &warning : array(status, "warnings"))
         put(fmt::format("  warning: {}\n", std::string_view(warning.as_string())));
 }

@@ -273,7 +273,7 @@ static void dispatch(services &all, const http_request &request, const http_serv
     check_origin(request);
     const std::shared_ptr<const roles> judge = all.who();
     api_call call{request, answer, judge->of(request), {}, {}};
-    call.id = {request.who.uid, request.who.pid, word(call.who)};
+    call.id = {request.who.uid, request.who.pid, word(call.who), request.who.user};
     const route *found = nullptr;
     bool path_exists = false;
     for (const auto routes :

@@ -32,8 +32,8 @@ static json::object action_document(const char *action, uint64_t card, bool dry_
 static void audit(services &all, const caller &who, uint64_t card, const std::string &what, const std::string &before,
                   const std::string &after, int result)
 {
-    all.log->audit(fmt::format("write uid={} pid={} role={} card={} {} old={} new={} result={}", who.uid, who.pid,
-                               who.role, format_id(card), what, before, after, result));
+    all.log->audit(fmt::format("write {} card={} {} old={} new={} result={}", words(who), format_id(card), what, before,
+                               after, result));
 }
 
 static void check(int result, const std::string &what, uint64_t card)

@@ -214,8 +214,8 @@ static void reload(services &all, api_call &call)
         } catch (const std::exception &failure) {
             throw api_error("FXM_API_EINVAL", failure.what(), "nothing has been applied");
         }
-        all.log->audit(fmt::format("reload uid={} pid={} applied={} needs_restart={}", who.uid, who.pid,
-                                   fmt::join(result.applied, ","), fmt::join(result.needs_restart, ",")));
+        all.log->audit(fmt::format("reload {} applied={} needs_restart={}", words(who), fmt::join(result.applied, ","),
+                                   fmt::join(result.needs_restart, ",")));
         json::object made = document();
         made["applied"] = json::array(result.applied.begin(), result.applied.end());
         made["needs_restart"] = json::array(result.needs_restart.begin(), result.needs_restart.end());

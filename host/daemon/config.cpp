@@ -47,6 +47,12 @@ struct duration_key {
 };
 struct ports_key {
 };
+struct list_key { // of at least one text, if it is set
+    std::vector<std::string> config::*member;
+    size_t most;
+    bool (*good)(const std::string &text);
+    const char *expected;
+};
 // Of the library: passed on as it is.
 struct library_number {
     uint32_t least, most, absent;
@@ -58,7 +64,7 @@ struct library_mac {
 struct key {
     const char *section; // empty for the top of the file
     const char *name;
-    std::variant<flag_key, number_key, text_key, duration_key, ports_key, library_number, library_mac> kind;
+    std::variant<flag_key, number_key, text_key, duration_key, ports_key, list_key, library_number, library_mac> kind;
     bool reloadable;
     const char *purpose;
 };
@@ -88,6 +94,22 @@ static bool is_listen(const std::string &text)
     const auto number = port.starts_with('0') ? std::nullopt : parse_u32(port);
     return (host == "127.0.0.1" || host == "localhost") && number && *number <= 65535;
 }
+
+static bool is_server(const std::string &text)
+{
+    constexpr std::string_view schemes[] = {"nats://", "tls://"};
+    return text.size() < 256 && std::any_of(std::begin(schemes), std::end(schemes), [&](std::string_view scheme) {
+               return text.starts_with(scheme) && text.size() > scheme.size() &&
+                      std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > ' ' && c < 0x7f; });
+           });
+}
+static bool is_empty_or_site(const std::string &text)
+{
+    return text.size() <= 32 && std::all_of(text.begin(), text.end(), [](unsigned char c) {
+               return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-';
+           });
+}
+static bool is_role(const std::string &text) { return text == "view" || text == "operate" || text == "admin"; }
 
 // In the order of the sample file.
 static const key keys[] = {
@@ -130,6 +152,19 @@ static const key keys[] = {
      "How many events are kept at most; the oldest go first."},
     {"log", "level", text_key{&config::log_level, "info", is_level, "error, warning, info or debug"}, true,
      "What fxmd logs to stderr. Writes to cards are always logged."},
+    {"fleet", "urls",
+     list_key{&config::fleet_urls, 16, is_server, "a list of servers, such as [\"nats://10.0.0.1:4222\"]"}, false,
+     "The NATS servers of a fleet of several fxmd. What this one knows goes there, and requests come from there. "
+     "Without this key there is no fleet."},
+    {"fleet", "site", text_key{&config::fleet_site, "", is_empty_or_site, "at most 32 of a-z, 0-9 and -"}, false,
+     "The name of this fxmd, unique in the fleet. Required with urls."},
+    {"fleet", "ca", text_key{&config::fleet_ca, "", is_empty_or_absolute, "an absolute path, or nothing"}, false,
+     "The certificate that has signed those of the servers. Empty: the connection is not encrypted."},
+    {"fleet", "certificate",
+     text_key{&config::fleet_certificate, "", is_empty_or_absolute, "an absolute path, or nothing"}, false,
+     "A file with the certificate of this site and its key. Required with ca."},
+    {"fleet", "allow", text_key{&config::fleet_allow, "view", is_role, "view, operate or admin"}, false,
+     "The most that a request from the fleet may do here, whoever asks."},
     {"library", "ether_type", library_number{0, 65535, 0x88b6}, false, "EtherType of all management frames."},
     {"library", "broadcast_mac", library_mac{"03:00:ff:ff:ff:ff"}, false, "Destination of a Reset frame."},
     {"library", "devinfo_check_interval", library_number{1000, 100000, 1000}, false,
@@ -235,6 +270,7 @@ static std::string expected(const key &entry)
         {
             return "one or two different names of interfaces, such as [\"eth2\", \"eth3\"]";
         }
+        std::string operator()(const list_key &k) const { return k.expected; }
         std::string operator()(const library_number &k) const
         {
             return fmt::format("a number from {} to {}", k.least, k.most);
@@ -283,6 +319,19 @@ static bool take(const key &entry, const toml::node &node, config *out)
             out->ports.push_back(name->get());
         }
         return out->ports.size() == 1 || out->ports[0] != out->ports[1];
+    }
+    if (const auto *list = std::get_if<list_key>(&entry.kind)) {
+        const toml::array *items = node.as_array();
+        if (items == nullptr || items->empty() || items->size() > list->most)
+            return false;
+        (out->*list->member).clear();
+        for (const toml::node &item : *items) {
+            const auto *text = item.as_string();
+            if (text == nullptr || !list->good(text->get()))
+                return false;
+            (out->*list->member).push_back(text->get());
+        }
+        return true;
     }
     const auto *value = node.as_string();
     if (value == nullptr)
@@ -442,6 +491,12 @@ class reader
         if (tag("tag_min", 0) > tag("tag_max", 255))
             fail(*table["library"]["tag_min"].node(), "library.tag_min",
                  fmt::format("must not be greater than tag_max, which is {}", tag("tag_max", 255)));
+        if (!made_.fleet_urls.empty() && made_.fleet_site.empty())
+            fail(*table["fleet"]["urls"].node(), "fleet.urls", "fleet.site must be set too");
+        if (made_.fleet_ca.empty() != made_.fleet_certificate.empty())
+            fail(*table["fleet"][made_.fleet_ca.empty() ? "certificate" : "ca"].node(),
+                 made_.fleet_ca.empty() ? "fleet.certificate" : "fleet.ca",
+                 "fleet.ca and fleet.certificate belong together");
         const auto tokens = table["api"]["token_file"];
         if (!made_.listen.empty() && (!tokens || tokens.value<std::string>() == ""))
             fail(*table["api"]["listen"].node(), "api.listen",
@@ -477,6 +532,7 @@ static std::string default_text(const key &entry)
         std::string operator()(const text_key &k) const { return fmt::format("\"{}\"", k.absent); }
         std::string operator()(const duration_key &k) const { return fmt::format("\"{}\"", k.absent); }
         std::string operator()(const ports_key &) const { return "[\"eth2\"]"; }
+        std::string operator()(const list_key &) const { return "[]"; }
         std::string operator()(const library_number &k) const
         {
             const bool hex =
@@ -547,6 +603,10 @@ static std::string value_text(const key &entry, const config &settings)
         std::string operator()(const text_key &k) const { return settings.*k.member; }
         std::string operator()(const duration_key &k) const { return std::to_string(settings.*k.member); }
         std::string operator()(const ports_key &) const { return fmt::format("{}", fmt::join(settings.ports, " ")); }
+        std::string operator()(const list_key &k) const
+        {
+            return fmt::format("{}", fmt::join(settings.*k.member, " "));
+        }
         std::string operator()(const library_number &k) const { return of_library(std::to_string(k.absent)); }
         std::string operator()(const library_mac &k) const { return of_library(k.absent); }
         std::string of_library(const std::string &absent) const

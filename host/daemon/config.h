@@ -32,6 +32,11 @@ struct config {
 
     std::string log_level;
 
+    std::vector<std::string> fleet_urls; // empty: no fleet
+    std::string fleet_site;
+    std::string fleet_ca, fleet_certificate; // files; empty: without TLS
+    std::string fleet_allow;                 // the most that a request of the fleet may do: the word of a role
+
     std::map<std::string, std::string> library; // keys of the library's own configuration that the file sets
 };
 

@@ -163,9 +163,9 @@ struct http_server::glue {
         }
         if (!current->dispatched) {
             current->dispatched = true;
-            responder answer;
-            answer.server_ = server;
-            answer.connection_ = current->id;
+            const responder answer = [server, id = current->id](http_reply reply) {
+                server->post(id, std::move(reply));
+            };
             // No connection may be suspended when its daemon ends.
             if (server->stopping_)
                 answer(stopping_reply());
@@ -259,8 +259,6 @@ int http_server::queue(exchange *current)
 }
 
 // ------------------------------------------------------------------------------------------------------------ answers
-
-void http_server::responder::operator()(http_reply reply) const { server_->post(connection_, std::move(reply)); }
 
 void http_server::post(uint64_t connection, http_reply reply)
 {

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "daemon/caller.h"
+
 struct MHD_Connection;
 struct MHD_Daemon;
 struct MHD_Response;
@@ -28,6 +30,8 @@ struct peer {
     uint32_t uid = 0;
     int32_t pid = 0;
     std::vector<uint32_t> groups;
+    std::optional<role> granted; // of a request of the fleet, which has not come over HTTP
+    std::string user;            // who made it
 };
 
 struct http_request {
@@ -68,18 +72,9 @@ struct http_reply {
 class http_server
 {
   public:
-    // Sends the answer to one request. Copies answer the same request; the first one counts. A client that has gone is
-    // no error.
-    class responder
-    {
-      public:
-        void operator()(http_reply reply) const;
-
-      private:
-        friend class http_server;
-        http_server *server_ = nullptr;
-        uint64_t connection_ = 0;
-    };
+    // Sends the answer to one request, from any thread. Copies answer the same request; the first one counts. A client that
+    // has gone is no error.
+    using responder = std::function<void(http_reply reply)>;
     using handler = std::function<void(const http_request &, responder)>;
 
     struct options {

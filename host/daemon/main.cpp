@@ -23,6 +23,9 @@
 #include "daemon/sequence.h"
 #include "daemon/services.h"
 #include "fxm.h"
+#ifdef FXM_FLEET
+#include "fleet/site.h"
+#endif
 
 namespace fxm
 {
@@ -84,6 +87,11 @@ static role_settings role_settings_of(const config &settings)
 }
 
 static history_limits limits_of(const config &settings) { return {settings.history_days, settings.history_max_events}; }
+
+static role role_of(const std::string &name)
+{
+    return name == word(role::admin) ? role::admin : name == word(role::operate) ? role::operate : role::view;
+}
 
 static log_level level_of(const config &settings)
 {
@@ -157,6 +165,8 @@ class daemon
             });
         all_.server = server_.get();
         events_.on_append([this] { server_->events_appended(); });
+        if (!settings->fleet_urls.empty())
+            join_fleet(*settings);
     }
 
     ~daemon() { stop(); }
@@ -173,6 +183,10 @@ class daemon
         if (past_)
             past_->start();
         server_->start();
+#ifdef FXM_FLEET
+        if (site_)
+            site_->start();
+#endif
         running_ = true;
         log_.info("fxmd {} manages {} and serves {}", FXM_VERSION, fmt::join(settings->ports, " and "),
                   settings->socket);
@@ -182,6 +196,10 @@ class daemon
     {
         if (!std::exchange(running_, false))
             return;
+#ifdef FXM_FLEET
+        if (site_)
+            site_->stop();
+#endif
         // The library first: it ends all operations on cards.
         fabric_.stop();
         jobs_.close();
@@ -258,6 +276,21 @@ class daemon
             claims_.push_back(std::make_unique<port_claim>(name));
     }
 
+    // Throws what keeps this fxmd from being a site.
+    void join_fleet(const config &settings)
+    {
+#ifdef FXM_FLEET
+        site_ = std::make_unique<fleet::site>(fleet::site_options{settings.fleet_urls, settings.fleet_site,
+                                                                  settings.fleet_ca, settings.fleet_certificate,
+                                                                  role_of(settings.fleet_allow)},
+                                              &all_);
+        all_.site = [this] { return site_->status(); };
+#else
+        throw std::runtime_error(fmt::format("this fxmd was built without the fleet (FXM_FLEET), but fleet.urls is {}",
+                                             fmt::join(settings.fleet_urls, ", ")));
+#endif
+    }
+
     // On the model's thread, several times a second.
     void tick()
     {
@@ -295,8 +328,7 @@ class daemon
     void audit(const caller &who, uint64_t card, const std::string &what, const std::string &before,
                const std::string &after)
     {
-        log_.audit(fmt::format("write uid={} pid={} role={} card={} {} old={} new={}", who.uid, who.pid, who.role,
-                               format_id(card), what, before, after));
+        log_.audit(fmt::format("write {} card={} {} old={} new={}", words(who), format_id(card), what, before, after));
     }
 
     const options given_;
@@ -315,6 +347,9 @@ class daemon
     job_board jobs_;
     std::unique_ptr<history> past_;
     std::unique_ptr<http_server> server_;
+#ifdef FXM_FLEET
+    std::unique_ptr<fleet::site> site_;
+#endif
     std::mutex reload_mutex_;
     std::atomic<int64_t> ticked_ms_{clock_ms()};
     bool refusal_told_ = false; // the model's thread alone

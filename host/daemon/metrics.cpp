@@ -39,6 +39,7 @@ struct reading {
     uint64_t requests = 0, gaps = 0;
     uint64_t resident = 0;
     double cpu_s = 0;
+    fleet::site_status site; // all zero without a fleet
 };
 
 static double cpu_seconds()
@@ -58,6 +59,8 @@ static reading read_all(services &all)
     now.wire = all.totals->read(now.settings->ports);
     now.cards = all.cards->totals(MOST_CARD_SERIES, &now.in_error);
     now.fabric = all.fabric->status();
+    if (all.site)
+        now.site = all.site();
     now.events = all.events->count();
     now.jobs = all.jobs->counts();
     now.registers = all.timing->get();
@@ -257,6 +260,31 @@ static constexpr family families[] = {
      [](const reading &now, samples *out) { out->add(now.events.kept); }},
     {"fxm_ring_capacity", MetricType::Gauge, "Events that can be kept for clients of the stream.",
      [](const reading &, samples *out) { out->add(ring::SIZE); }},
+
+    {"fxm_fleet_connected", MetricType::Gauge, "1 while a server of the fleet takes what this site sends.",
+     [](const reading &now, samples *out) { out->add(now.site.connected ? 1 : 0); }},
+    {"fxm_fleet_waiting_events", MetricType::Gauge, "Events that the fleet has not confirmed yet.",
+     [](const reading &now, samples *out) { out->add(now.site.waiting); }},
+    {"fxm_fleet_confirmed_total", MetricType::Counter, "What the fleet has confirmed: batches of events, and cards.",
+     [](const reading &now, samples *out) {
+         out->add(now.site.batches, {{"kind", "batch"}});
+         out->add(now.site.cards, {{"kind", "card"}});
+     }},
+    {"fxm_fleet_refused_total", MetricType::Counter, "Attempts that a server has refused or has not answered.",
+     [](const reading &now, samples *out) { out->add(now.site.refused); }},
+    {"fxm_fleet_gap_events_total", MetricType::Counter, "Numbers that were lost before the fleet had them.",
+     [](const reading &now, samples *out) { out->add(now.site.gaps); }},
+    {"fxm_fleet_resent_after_loss_total", MetricType::Counter,
+     "Numbers that the fleet had confirmed, lost, and got again.",
+     [](const reading &now, samples *out) { out->add(now.site.resent_after_loss); }},
+    {"fxm_fleet_requests_total", MetricType::Counter, "Requests over the fleet.",
+     [](const reading &now, samples *out) {
+         const fleet::desk_numbers &desk = now.site.requests;
+         out->add(desk.requests - desk.repeated - desk.late - desk.denied, {{"result", "taken"}});
+         out->add(desk.repeated, {{"result", "repeated"}});
+         out->add(desk.late, {{"result", "late"}});
+         out->add(desk.denied, {{"result", "denied"}});
+     }},
 
     {"fxm_register_duration_seconds", MetricType::Histogram, "Duration of register accesses that succeeded.",
      [](const reading &now, samples *out) {

@@ -66,8 +66,17 @@ static bool equal(const std::string &left, const std::string &right)
     return differ == 0;
 }
 
+std::string words(const caller &who)
+{
+    if (!who.user.empty())
+        return fmt::format("user={} role={}", who.user, who.role);
+    return fmt::format("uid={} pid={} role={}", who.uid, who.pid, who.role);
+}
+
 role roles::of(const http_request &request) const
 {
+    if (request.who.granted)
+        return *request.who.granted;
     if (!request.who.local) {
         constexpr std::string_view scheme = "Bearer ";
         if (!request.authorization.starts_with(scheme))

@@ -13,9 +13,6 @@
 namespace fxm
 {
 
-enum class role : int { none, view, operate, admin };
-const char *word(role value);
-
 struct role_settings {
     std::string group_view, group_operate, group_admin;
     std::string token_file; // lines "ROLE TOKEN"; empty: no tokens

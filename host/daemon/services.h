@@ -22,6 +22,7 @@
 #include "daemon/roles.h"
 #include "daemon/status.h"
 #include "daemon/timing.h"
+#include "fleet/status.h"
 
 namespace fxm
 {
@@ -46,7 +47,8 @@ struct services {
     register_timing *timing = nullptr;
     lasting_counters *totals = nullptr;
     port_watch *ports = nullptr;
-    std::function<reload_result()> reload; // throws config_error
+    std::function<reload_result()> reload;    // throws config_error
+    std::function<fleet::site_status()> site; // empty: of no fleet
 
     // The configuration in force; replaced whole by a reload.
     std::shared_ptr<const config> settings() const

@@ -165,6 +165,20 @@ static json::array warnings_of(services &all, const counters &now, const library
     return warnings;
 }
 
+static json::value fleet_document(const services &all)
+{
+    if (!all.site)
+        return nullptr;
+    const fleet::site_status now = all.site();
+    return json::object{{"site", now.site},
+                        {"state", now.connected ? "connected" : "cut-off"},
+                        {"server", now.server},
+                        {"error", now.error.empty() ? json::value() : json::value(now.error)},
+                        {"sent_seq", now.sent},
+                        {"waiting", now.waiting},
+                        {"cards_waiting", now.cards_waiting}};
+}
+
 json::object status_document(services &all)
 {
     const counters now = read_counters(all.settings()->ports);
@@ -184,6 +198,7 @@ json::object status_document(services &all)
     made["jobs"] = json::object{{"queued", jobs.queued}, {"running", jobs.running}};
     made["clients"] = all.server->clients();
     made["eeprom_writer"] = all.settings()->eeprom_writer;
+    made["fleet"] = fleet_document(all);
     made["warnings"] = warnings_of(all, now, fabric);
     return made;
 }

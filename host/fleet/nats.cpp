@@ -1,0 +1,360 @@
+#include "fleet/nats.h"
+
+#include <boost/json.hpp>
+#include <dlfcn.h>
+#include <fmt/format.h>
+#include <nats/nats.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace fxm
+{
+
+namespace json = boost::json;
+
+// ------------------------------------------------------------------------------------------------------------- libnats
+
+struct libnats {
+#define FXM_NATS_FUNCTIONS(X)                                                                                          \
+    X(natsStatus_GetText)                                                                                              \
+    X(natsOptions_Create)                                                                                              \
+    X(natsOptions_Destroy)                                                                                             \
+    X(natsOptions_SetURL)                                                                                              \
+    X(natsOptions_SetName)                                                                                             \
+    X(natsOptions_SetTimeout)                                                                                          \
+    X(natsOptions_SetAllowReconnect)                                                                                   \
+    X(natsOptions_SetSendAsap)                                                                                         \
+    X(natsOptions_SetIOBufSize)                                                                                        \
+    X(natsOptions_SetPingInterval)                                                                                     \
+    X(natsOptions_SetWriteDeadline)                                                                                    \
+    X(natsOptions_SetIgnoreDiscoveredServers)                                                                          \
+    X(natsOptions_SetCustomInboxPrefix)                                                                                \
+    X(natsOptions_SetErrorHandler)                                                                                     \
+    X(natsOptions_SetClosedCB)                                                                                         \
+    X(natsOptions_SetSecure)                                                                                           \
+    X(natsOptions_LoadCATrustedCertificates)                                                                           \
+    X(natsOptions_LoadCertificatesChain)                                                                               \
+    X(natsConnection_Connect)                                                                                          \
+    X(natsConnection_Destroy)                                                                                          \
+    X(natsConnection_Status)                                                                                           \
+    X(natsConnection_GetLastError)                                                                                     \
+    X(natsConnection_PublishMsg)                                                                                       \
+    X(natsConnection_RequestMsg)                                                                                       \
+    X(natsConnection_Subscribe)                                                                                        \
+    X(natsSubscription_Destroy)                                                                                        \
+    X(natsSubscription_SetOnCompleteCB)                                                                                \
+    X(natsMsg_Create)                                                                                                  \
+    X(natsMsg_Destroy)                                                                                                 \
+    X(natsMsg_GetSubject)                                                                                              \
+    X(natsMsg_GetReply)                                                                                                \
+    X(natsMsg_GetData)                                                                                                 \
+    X(natsMsg_GetDataLength)                                                                                           \
+    X(natsMsg_IsNoResponders)                                                                                          \
+    X(natsMsgHeader_Set)                                                                                               \
+    X(natsMsgHeader_Get)                                                                                               \
+    X(natsMsgHeader_Keys)
+#define X(name) decltype(&::name) name;
+    FXM_NATS_FUNCTIONS(X)
+#undef X
+
+    libnats()
+    {
+        // It stays: its threads may run until the process ends.
+        void *library = dlopen(FXM_LIBNATS, RTLD_NOW | RTLD_NODELETE);
+        if (library == nullptr)
+            throw std::runtime_error(fmt::format("the fleet takes libnats, which cannot be loaded: {}; install the "
+                                                 "package libnats3.4",
+                                                 dlerror()));
+#define X(name)                                                                                                        \
+    name = reinterpret_cast<decltype(&::name)>(dlsym(library, #name));                                                 \
+    if (name == nullptr)                                                                                               \
+        throw std::runtime_error(FXM_LIBNATS " has no function " #name "; install the package libnats3.4");
+        FXM_NATS_FUNCTIONS(X)
+#undef X
+    }
+};
+
+static const libnats &nats()
+{
+    static const libnats loaded;
+    return loaded;
+}
+
+// ------------------------------------------------------------------------------------------------------------- messages
+
+struct message_closer {
+    void operator()(natsMsg *message) const { nats().natsMsg_Destroy(message); }
+};
+using message_handle = std::unique_ptr<natsMsg, message_closer>;
+
+static void check(natsStatus status, const std::string &what)
+{
+    if (status != NATS_OK)
+        throw nats_error(fmt::format("{}: {}", what, nats().natsStatus_GetText(status)), status == NATS_NOT_PERMITTED);
+}
+
+const std::string *nats_message::header(std::string_view name) const
+{
+    const auto found =
+        std::find_if(headers.begin(), headers.end(), [&](const auto &header) { return header.first == name; });
+    return found != headers.end() ? &found->second : nullptr;
+}
+
+static message_handle handle_of(const nats_message &message)
+{
+    natsMsg *made = nullptr;
+    check(nats().natsMsg_Create(&made, message.subject.c_str(), message.reply.empty() ? nullptr : message.reply.c_str(),
+                                message.data.data(), static_cast<int>(message.data.size())),
+          message.subject);
+    message_handle handle(made);
+    for (const auto &[name, value] : message.headers)
+        check(nats().natsMsgHeader_Set(made, name.c_str(), value.c_str()), message.subject);
+    return handle;
+}
+
+static nats_message message_of(natsMsg *handle)
+{
+    nats_message made;
+    const auto text = [](const char *from) { return std::string(from != nullptr ? from : ""); };
+    made.subject = text(nats().natsMsg_GetSubject(handle));
+    made.reply = text(nats().natsMsg_GetReply(handle));
+    made.data.assign(nats().natsMsg_GetData(handle), static_cast<size_t>(nats().natsMsg_GetDataLength(handle)));
+    const char **names = nullptr;
+    int count = 0;
+    if (nats().natsMsgHeader_Keys(handle, &names, &count) == NATS_OK) {
+        for (int i = 0; i < count; ++i) {
+            const char *value = nullptr;
+            if (nats().natsMsgHeader_Get(handle, names[i], &value) == NATS_OK)
+                made.headers.emplace_back(names[i], text(value));
+        }
+        free(names); // NOLINT(cppcoreguidelines-no-malloc): libnats says so
+    }
+    return made;
+}
+
+// ----------------------------------------------------------------------------------------------------------- connection
+
+struct nats_connection::handles {
+    struct subscription {
+        natsSubscription *handle = nullptr;
+        std::function<void(nats_message)> see;
+    };
+
+    std::string url;
+    std::string inbox;
+    natsConnection *connection = nullptr;
+    std::vector<std::unique_ptr<subscription>> subscriptions;
+
+    std::mutex mutex; // guards what follows
+    std::condition_variable confirmed;
+    std::string refusal;
+    uint64_t round = 0; // of store_all; an answer to an earlier one is too late
+    std::vector<bool> stored;
+    size_t open = 0;    // messages without an answer
+    size_t callers = 0; // of our functions: subscriptions and the connection, until they say that it was the last time
+
+    // On threads of libnats.
+    static void on_error(natsConnection *connection, natsSubscription *, natsStatus status, void *self)
+    {
+        const char *text = nullptr;
+        nats().natsConnection_GetLastError(connection, &text);
+        auto *of = static_cast<handles *>(self);
+        std::lock_guard guard(of->mutex);
+        of->refusal = text != nullptr && *text != '\0' ? text : nats().natsStatus_GetText(status);
+        of->confirmed.notify_all();
+    }
+    static void on_message(natsConnection *, natsSubscription *, natsMsg *message, void *to)
+    {
+        const message_handle owner(message);
+        static_cast<subscription *>(to)->see(message_of(message));
+    }
+    static void on_end(void *self)
+    {
+        auto *of = static_cast<handles *>(self);
+        std::lock_guard guard(of->mutex);
+        of->callers -= 1;
+        of->confirmed.notify_all();
+    }
+    void on_confirmation(const nats_message &answer);
+
+    ~handles()
+    {
+        for (const auto &entry : subscriptions)
+            nats().natsSubscription_Destroy(entry->handle);
+        if (connection == nullptr)
+            return;
+        nats().natsConnection_Destroy(connection);
+        std::unique_lock guard(mutex);
+        confirmed.wait(guard, [this] { return callers == 0; });
+    }
+};
+
+// Throws unless the stream has confirmed: {"stream":"FXM_EVENTS","seq":17}, or {"error":{"description":"..."}}.
+static void check_confirmation(const nats_message &answer, const std::string &subject)
+{
+    boost::system::error_code error;
+    const json::value parsed = json::parse(answer.data, error);
+    const json::object *members = error ? nullptr : parsed.if_object();
+    const json::value *failure = members != nullptr ? members->if_contains("error") : nullptr;
+    const json::object *told = failure != nullptr ? failure->if_object() : nullptr;
+    if (told != nullptr && told->contains("description"))
+        throw nats_error(fmt::format("{}: {}", subject, json::serialize(told->at("description"))), true);
+    if (members == nullptr || !members->contains("seq"))
+        throw nats_error(fmt::format("{}: no confirmation of a stream: \"{:.100}\"", subject, answer.data), true);
+}
+
+void nats_connection::handles::on_confirmation(const nats_message &answer)
+{
+    // INBOX.ROUND.INDEX
+    const std::string_view tail = std::string_view(answer.subject).substr(inbox.size() + 1);
+    const size_t dot = tail.find('.');
+    const uint64_t of_round = std::strtoull(tail.data(), nullptr, 10);
+    const size_t index = dot == std::string_view::npos ? 0 : std::strtoull(tail.data() + dot + 1, nullptr, 10);
+    bool good = true;
+    std::string why;
+    try {
+        check_confirmation(answer, "cards");
+    } catch (const nats_error &failure) {
+        good = false;
+        why = failure.what();
+    }
+    std::lock_guard guard(mutex);
+    if (of_round != round || index >= stored.size() || open == 0)
+        return;
+    stored[index] = good;
+    if (!good)
+        refusal = why;
+    if (--open == 0)
+        confirmed.notify_all();
+}
+
+nats_connection::nats_connection(const nats_options &options) : handles_(std::make_unique<handles>())
+{
+    natsOptions *made = nullptr;
+    check(nats().natsOptions_Create(&made), options.url);
+    const std::unique_ptr<natsOptions, void (*)(natsOptions *)> owner(
+        made, [](natsOptions *of) { nats().natsOptions_Destroy(of); });
+    constexpr int BUFFER = 65536;
+    constexpr int64_t PING_MS = 20000;
+    constexpr int64_t WRITE_MS = 2000;
+    const auto set = [&](natsStatus status) { check(status, options.url); };
+    set(nats().natsOptions_SetURL(made, options.url.c_str()));
+    set(nats().natsOptions_SetName(made, options.name.c_str()));
+    set(nats().natsOptions_SetTimeout(made, CONNECT_MS));
+    set(nats().natsOptions_SetAllowReconnect(made, false));
+    set(nats().natsOptions_SetIgnoreDiscoveredServers(made, true));
+    set(nats().natsOptions_SetSendAsap(made, true));
+    set(nats().natsOptions_SetIOBufSize(made, BUFFER));
+    set(nats().natsOptions_SetPingInterval(made, PING_MS));
+    set(nats().natsOptions_SetWriteDeadline(made, WRITE_MS));
+    set(nats().natsOptions_SetCustomInboxPrefix(made, options.inbox.c_str()));
+    set(nats().natsOptions_SetErrorHandler(made, handles::on_error, handles_.get()));
+    if (!options.ca.empty()) {
+        set(nats().natsOptions_SetSecure(made, true));
+        set(nats().natsOptions_LoadCATrustedCertificates(made, options.ca.c_str()));
+        set(nats().natsOptions_LoadCertificatesChain(made, options.certificate.c_str(), options.key.c_str()));
+    }
+    handles_->url = options.url;
+    handles_->inbox = options.inbox + ".stored";
+    set(nats().natsOptions_SetClosedCB(
+        made, [](natsConnection *, void *of) { handles::on_end(of); }, handles_.get()));
+    check(nats().natsConnection_Connect(&handles_->connection, made), options.url);
+    handles_->callers = 1;
+    subscribe(handles_->inbox + ".*.*",
+              [of = handles_.get()](const nats_message &answer) { of->on_confirmation(answer); });
+}
+
+nats_connection::~nats_connection() = default;
+
+bool nats_connection::is_up() const
+{
+    return nats().natsConnection_Status(handles_->connection) == NATS_CONN_STATUS_CONNECTED;
+}
+
+std::string nats_connection::take_refusal()
+{
+    std::lock_guard guard(handles_->mutex);
+    return std::exchange(handles_->refusal, {});
+}
+
+void nats_connection::publish(const nats_message &message)
+{
+    const message_handle handle = handle_of(message);
+    check(nats().natsConnection_PublishMsg(handles_->connection, handle.get()), message.subject);
+}
+
+nats_message nats_connection::ask(const nats_message &message, int timeout_ms)
+{
+    const message_handle handle = handle_of(message);
+    natsMsg *answer = nullptr;
+    const natsStatus status = nats().natsConnection_RequestMsg(&answer, handles_->connection, handle.get(), timeout_ms);
+    const message_handle owner(answer);
+    if (status != NATS_OK) {
+        const std::string refusal = take_refusal();
+        if (!refusal.empty())
+            throw nats_error(fmt::format("{}: {}", message.subject, refusal), true);
+        if (status == NATS_NO_RESPONDERS)
+            throw nats_error(fmt::format("{}: nobody listens there", message.subject), true);
+        check(status, message.subject);
+    }
+    return message_of(answer);
+}
+
+void nats_connection::subscribe(const std::string &subject, std::function<void(nats_message)> see)
+{
+    auto made = std::make_unique<handles::subscription>();
+    made->see = std::move(see);
+    check(nats().natsConnection_Subscribe(&made->handle, handles_->connection, subject.c_str(), handles::on_message,
+                                          made.get()),
+          subject);
+    natsSubscription *handle = made->handle;
+    {
+        std::lock_guard guard(handles_->mutex);
+        handles_->callers += 1;
+        handles_->subscriptions.push_back(std::move(made));
+    }
+    check(nats().natsSubscription_SetOnCompleteCB(handle, handles::on_end, handles_.get()), subject);
+}
+
+void nats_connection::store(const nats_message &message, int timeout_ms)
+{
+    check_confirmation(ask(message, timeout_ms), message.subject);
+}
+
+std::vector<bool> nats_connection::store_all(std::vector<nats_message> messages, int timeout_ms)
+{
+    uint64_t round = 0;
+    {
+        std::lock_guard guard(handles_->mutex);
+        round = ++handles_->round;
+        handles_->stored.assign(messages.size(), false);
+        handles_->open = messages.size();
+    }
+    for (size_t i = 0; i < messages.size(); ++i) {
+        messages[i].reply = fmt::format("{}.{}.{}", handles_->inbox, round, i);
+        publish(messages[i]);
+    }
+    std::unique_lock guard(handles_->mutex);
+    handles_->confirmed.wait_for(guard, std::chrono::milliseconds(timeout_ms), [&] { return handles_->open == 0; });
+    handles_->open = 0;
+    return handles_->stored;
+}
+
+std::optional<nats_message> nats_connection::last(const std::string &stream, const std::string &subject, int timeout_ms)
+{
+    nats_message question;
+    question.subject = fmt::format("$JS.API.DIRECT.GET.{}.{}", stream, subject);
+    nats_message answer = ask(question, timeout_ms);
+    const std::string *status = answer.header("Status");
+    if (status == nullptr)
+        return answer;
+    if (*status == "404")
+        return std::nullopt;
+    const std::string *why = answer.header("Description");
+    throw nats_error(fmt::format("{}: {}", question.subject, why != nullptr ? *why : *status), true);
+}
+
+} // namespace fxm

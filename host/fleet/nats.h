@@ -1,0 +1,78 @@
+// NATS: libnats, which is loaded when somebody makes the first connection, and owners of what it hands out. Nothing else in
+// the tree names its functions, so a program without a fleet neither needs nor loads it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace fxm
+{
+
+// what() says what has failed, on what.
+class nats_error : public std::runtime_error
+{
+  public:
+    // `refused`: the server has answered, with a refusal; otherwise no answer came in time, or the connection has ended.
+    nats_error(const std::string &what, bool refused) : std::runtime_error(what), refused(refused) {}
+    const bool refused;
+};
+
+struct nats_message {
+    std::string subject, reply;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string data;
+
+    const std::string *header(std::string_view name) const; // null if absent
+};
+
+struct nats_options {
+    std::string url;                  // of one server: nats://127.0.0.1:4222
+    std::string name;                 // of this client, for the server's lists
+    std::string inbox;                // the beginning of its inboxes, which the server's rights name
+    std::string ca, certificate, key; // files; empty: without TLS
+};
+
+// A connection to one server. It does not connect again by itself: whoever owns it makes another one, to another server.
+// Any thread; a call waits for the server as long as its timeout says.
+class nats_connection
+{
+  public:
+    static constexpr size_t MOST_IN_FLIGHT = 256; // of store_all
+    static constexpr int CONNECT_MS = 2000;
+
+    explicit nats_connection(const nats_options &options); // throws nats_error; std::runtime_error without libnats
+    ~nats_connection();
+    nats_connection(const nats_connection &) = delete;
+    nats_connection &operator=(const nats_connection &) = delete;
+
+    bool is_up() const;
+    // What the server has refused since the last question, such as a message that this client may not send: only then the
+    // cause of a missing answer is known. Empty: nothing.
+    std::string take_refusal();
+
+    void publish(const nats_message &message); // not stored: a beat, or an answer
+    nats_message ask(const nats_message &message, int timeout_ms);
+
+    // `see` runs on a thread of libnats until the connection ends.
+    void subscribe(const std::string &subject, std::function<void(nats_message)> see);
+
+    // Stores a message in the stream that takes its subject, and waits until the stream has confirmed it.
+    void store(const nats_message &message, int timeout_ms);
+    // The same for up to MOST_IN_FLIGHT messages at once. Returns which of them are confirmed.
+    std::vector<bool> store_all(std::vector<nats_message> messages, int timeout_ms);
+    // The last message of a subject, from any server that holds the stream.
+    std::optional<nats_message> last(const std::string &stream, const std::string &subject, int timeout_ms);
+
+  private:
+    struct handles;
+    std::unique_ptr<handles> handles_;
+};
+
+} // namespace fxm

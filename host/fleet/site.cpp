@@ -1,0 +1,512 @@
+#include "fleet/site.h"
+
+#include <boost/json.hpp>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+
+#include "common/card_id.h"
+#include "daemon/card.h"
+#include "daemon/status.h"
+#include "fleet/names.h"
+#include "fxm.h"
+
+namespace fxm::fleet
+{
+
+namespace json = boost::json;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr auto BATCH_EVERY = milliseconds(100); // a full batch goes at once
+constexpr auto CARD_EVERY = seconds(1);         // of one card
+constexpr int SILENCE_MS = 3000;                // of the server, after which another one is tried
+constexpr auto LEAST_BACK_OFF = milliseconds(100);
+constexpr auto MOST_BACK_OFF = milliseconds(5000);
+constexpr auto BEAT_EVERY = seconds(5);
+constexpr auto SITE_EVERY = seconds(30);
+constexpr auto SITE_AT_MOST_EVERY = seconds(5);
+constexpr auto COMPARE_EVERY = std::chrono::minutes(10);
+constexpr auto LOSS_AFTER = seconds(30); // a follower may lag; after so long its answer counts
+constexpr auto WARN_EVERY = std::chrono::minutes(1);
+constexpr uint32_t BUCKET = 1; // of cards
+
+site::site(site_options options, services *all)
+    : options_(std::move(options)), all_(all), feed_(all->events, all->past), desk_(all, options_.site, options_.allow),
+      cards_cursor_(all->events->start_seq())
+{
+    status_.site = options_.site;
+}
+
+site::~site() { stop(); }
+
+void site::start()
+{
+    thread_ = std::thread([this] { run(); });
+}
+
+void site::stop()
+{
+    {
+        std::lock_guard guard(mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (thread_.joinable())
+        thread_.join();
+}
+
+void site::events_appended()
+{
+    std::lock_guard guard(mutex_);
+    appended_ = true; // the thread looks at it when it wants to: it may wait for a batch to fill
+}
+
+site_status site::status() const
+{
+    const desk_numbers requests = desk_.numbers();
+    std::lock_guard guard(mutex_);
+    site_status now = status_;
+    now.waiting = feed_.waiting(status_.sent);
+    now.requests = requests;
+    return now;
+}
+
+// False if the thread shall end.
+bool site::pause(milliseconds time)
+{
+    std::unique_lock guard(mutex_);
+    return !wake_.wait_for(guard, time, [this] { return stopping_; });
+}
+
+// At most once a minute: servers may be away for days.
+void site::warn(const std::string &why)
+{
+    {
+        std::lock_guard guard(mutex_);
+        status_.error = why;
+    }
+    const auto now = clock::now();
+    if (now < next_warning_)
+        return;
+    next_warning_ = now + WARN_EVERY;
+    all_->log->warning("fleet: {}; fxmd goes on, and sends what it has later", why);
+}
+
+void site::refused(const std::string &why)
+{
+    warn(why);
+    std::lock_guard guard(mutex_);
+    status_.refused += 1;
+}
+
+void site::run()
+{
+    for (;;) {
+        try {
+            if (!connection_)
+                connect();
+            serve();
+            if (!pause(milliseconds(0)))
+                break;
+        } catch (const nats_error &failure) {
+            refused(failure.what());
+            // A server that has answered is a good one. One that is silent, or has gone, is left for the next.
+            if (!failure.refused || !connection_ || !connection_->is_up())
+                connection_.reset();
+        } catch (const std::exception &failure) {
+            refused(failure.what());
+            connection_.reset();
+        }
+        {
+            std::lock_guard guard(mutex_);
+            status_.connected = connection_ != nullptr;
+        }
+        back_off_ = std::clamp(back_off_ * 2, LEAST_BACK_OFF, MOST_BACK_OFF);
+        // Between two servers there is no wait, until all of them have been tried.
+        const bool more = !connection_ && server_ % options_.urls.size() != 0;
+        if (!pause(more ? milliseconds(1) : back_off_))
+            break;
+    }
+    connection_.reset();
+}
+
+void site::connect()
+{
+    nats_options wanted;
+    wanted.url = options_.urls[server_++ % options_.urls.size()];
+    {
+        std::lock_guard guard(mutex_);
+        status_.server = wanted.url;
+    }
+    wanted.name = fmt::format("fxmd of {}", options_.site);
+    wanted.inbox = inbox_of(options_.site);
+    wanted.ca = options_.ca;
+    wanted.certificate = options_.certificate;
+    wanted.key = options_.certificate;
+    const auto made = std::make_shared<nats_connection>(wanted);
+    // The answer goes over the connection that brought the request, if it is still there. Never on a thread of libnats:
+    // the end of a connection waits for those.
+    made->subscribe(requests_subject(options_.site), [this, weak = std::weak_ptr(made)](const nats_message &request) {
+        all_->operations->submit(0, [this, weak, request] {
+            desk_.take(request, [weak, log = all_->log](const nats_message &answer) {
+                try {
+                    if (const auto connection = weak.lock())
+                        connection->publish(answer);
+                } catch (const nats_error &failure) {
+                    log->warning("fleet: an answer could not be sent: {}", failure.what());
+                }
+            });
+        });
+    });
+    connection_ = made;
+    all_->log->info("fleet: connected to {} as the site {}", wanted.url, options_.site);
+    knows_cursor_ = made_streams_ = false;
+    next_beat_ = next_site_ = clock::now();
+    std::lock_guard guard(mutex_);
+    status_.connects += 1;
+    status_.connected = true;
+    status_.error.clear();
+}
+
+// ------------------------------------------------------------------------------------------------------------- events
+
+static uint64_t number_of(const nats_message &message, const char *name)
+{
+    const std::string *text = message.header(name);
+    uint64_t value = 0;
+    if (text != nullptr)
+        std::from_chars(text->data(), text->data() + text->size(), value);
+    return value;
+}
+
+// Whoever comes first makes what is missing, if the servers let it: those of a fleet with rights let nobody but their
+// administrator.
+void site::make_streams()
+{
+    const size_t replicas = options_.urls.size() >= 3 ? 3 : 1;
+    constexpr int64_t SECOND = 1000000000;
+    const auto make = [&](const std::string &name, const std::string &subjects, json::object more) {
+        json::object wanted{{"name", name},
+                            {"subjects", {subjects}},
+                            {"storage", "file"},
+                            {"num_replicas", replicas},
+                            {"allow_direct", true}};
+        for (auto &member : more)
+            wanted[member.key()] = std::move(member.value());
+        nats_message question;
+        question.subject = fmt::format("$JS.API.STREAM.CREATE.{}", name);
+        question.data = json::serialize(wanted);
+        const nats_message answer = connection_->ask(question, SILENCE_MS);
+        const json::value told = json::parse(answer.data);
+        const json::value *failure = told.as_object().if_contains("error");
+        constexpr int64_t EXISTS = 10058; // with other limits
+        if (failure != nullptr && failure->at("err_code") == EXISTS)
+            return;
+        if (failure != nullptr)
+            throw nats_error(fmt::format("the stream {} cannot be made: {}", name, json::serialize(*failure)), true);
+        all_->log->info("fleet: the stream {} is there, {} copies", name, replicas);
+    };
+    const auto bucket = [&](const std::string &name) {
+        make(fmt::format("KV_{}", name), fmt::format("$KV.{}.>", name),
+             {{"max_msgs_per_subject", 1}, {"discard", "new"}, {"allow_rollup_hdrs", true}, {"deny_delete", true}});
+    };
+    make(EVENTS_STREAM, events_subject("*"),
+         {{"discard", "old"}, {"max_age", 30 * 86400 * SECOND}, {"duplicate_window", 600 * SECOND}});
+    bucket(fmt::format("fxm_cards_{}", BUCKET));
+    bucket("fxm_sites");
+}
+
+// No answer can mean that there is no such stream.
+std::optional<nats_message> site::last(const std::string &stream, const std::string &subject)
+{
+    try {
+        return connection_->last(stream, subject, SILENCE_MS);
+    } catch (const nats_error &failure) {
+        if (failure.refused || made_streams_ || !connection_->is_up())
+            throw;
+        made_streams_ = true;
+        make_streams();
+        return connection_->last(stream, subject, SILENCE_MS);
+    }
+}
+
+// The stream knows best what it has. It may have lost what it had confirmed, when its machines lost power together; and a
+// server that lags behind may answer, so a low number is asked for again for a while.
+void site::read_cursor()
+{
+    const auto asked_since = clock::now();
+    uint64_t end = 0;
+    for (;;) {
+        const auto newest = last(EVENTS_STREAM, events_subject(options_.site));
+        end = newest ? number_of(*newest, LAST) : 0;
+        if (end >= confirmed_ || clock::now() - asked_since >= LOSS_AFTER)
+            break;
+        if (!pause(seconds(1)))
+            return;
+    }
+    knows_cursor_ = true;
+    next_compare_ = clock::now() + COMPARE_EVERY;
+    if (end < confirmed_) {
+        const uint64_t lost = confirmed_ - end;
+        losses_ += 1;
+        all_->log->warning(
+            "fleet: the stream has lost {} numbers that it had confirmed, from {} on; they are sent again", lost,
+            end + 1);
+        std::lock_guard guard(mutex_);
+        status_.resent_after_loss += lost;
+    }
+    if (frozen_ && (end >= frozen_->events.last || end != cursor_))
+        frozen_.reset(); // it has arrived, or does not fit any more
+    cursor_ = confirmed_ = end;
+    if (end > all_->events->last_seq()) {
+        // The numbers have begun anew: the state of this fxmd was lost.
+        const uint64_t start = all_->events->start_seq();
+        batch reset{start, start, 1,
+                    fmt::format(R"({{"schema":"fxm/1","type":"reset","seq":{},"time_ms":{},"boot":"{}"}})", start,
+                                clock_ms(), all_->boot) +
+                        "\n"};
+        all_->log->warning(
+            "fleet: the stream has number {}, but this fxmd begins with {}; readers are told to begin anew", end,
+            start);
+        cursor_ = confirmed_ = 0;
+        freeze(std::move(reset));
+    }
+    std::lock_guard guard(mutex_);
+    status_.sent = cursor_;
+}
+
+void site::freeze(batch next)
+{
+    nats_message made;
+    made.subject = events_subject(options_.site);
+    made.headers = {{ID, fmt::format("{}.{}{}.{}", options_.site, all_->boot,
+                                     losses_ == 0 ? "" : fmt::format("-{}", losses_), next.first)},
+                    {FIRST, std::to_string(next.first)},
+                    {LAST, std::to_string(next.last)},
+                    {PREVIOUS, std::to_string(cursor_)},
+                    {SCHEMA_HEADER, SCHEMA}};
+    made.data = std::move(next.text);
+    next.text.clear();
+    frozen_ = frozen{std::move(made), std::move(next)};
+}
+
+void site::confirm()
+{
+    cursor_ = confirmed_ = frozen_->events.last;
+    const bool is_gap =
+        frozen_->message.data.find(R"("type":"gap")") != std::string::npos && frozen_->events.events == 1;
+    std::lock_guard guard(mutex_);
+    status_.sent = cursor_;
+    status_.batches += 1;
+    if (is_gap)
+        status_.gaps += frozen_->events.last - frozen_->events.first + 1;
+    frozen_.reset();
+}
+
+// True if there is more.
+bool site::send_events()
+{
+    if (!frozen_) {
+        auto next = feed_.next(cursor_);
+        if (!next)
+            return false;
+        freeze(std::move(*next));
+    }
+    const bool full =
+        frozen_->events.events >= feed::MOST_EVENTS || frozen_->message.data.size() > feed::MOST_BYTES / 2;
+    connection_->store(frozen_->message, SILENCE_MS);
+    confirm();
+    return full;
+}
+
+// -------------------------------------------------------------------------------------------------------------- cards
+
+void site::mark_all_cards()
+{
+    uint64_t next = 0;
+    do {
+        next = all_->cards->visit(
+            next, 256, false, [](const card &) { return true; },
+            [this](const card &known) { dirty_[known.id].dirty = true; });
+    } while (next != 0);
+}
+
+// What the ring tells of cards since the last look.
+void site::mark_cards()
+{
+    for (;;) {
+        const ring::batch read = all_->events->read(cards_cursor_, 1000);
+        if (read.gap_to != 0) {
+            cards_cursor_ = read.gap_to;
+            mark_all_cards();
+        }
+        if (read.events.empty())
+            return;
+        for (const auto &event : read.events) {
+            cards_cursor_ = event->seq;
+            if (event->card != 0 && event->type == event_type::change)
+                dirty_[event->card].dirty = true;
+        }
+    }
+}
+
+// A bucket that is new, or was emptied, has not our own document of the site.
+void site::look_at_bucket()
+{
+    const auto own = last(SITES_STREAM, site_subject(options_.site));
+    bool filled = false;
+    if (own) {
+        boost::system::error_code error;
+        const json::value parsed = json::parse(own->data, error);
+        const json::object *members = error ? nullptr : parsed.if_object();
+        filled = members != nullptr && members->contains("boot") && members->at("boot") == json::string(all_->boot);
+    }
+    if (!filled || site_text_.empty())
+        mark_all_cards();
+}
+
+// Empty if the card is gone.
+std::string site::card_document(uint64_t id, uint64_t rev)
+{
+    std::string text;
+    try {
+        all_->cards->with_card(id, [&](const card &known) {
+            text =
+                fmt::format(R"({{"schema":"fxm/1","site":"{}","boot":"{}","rev":{},)", options_.site, all_->boot, rev);
+            write_card(&text, known, member_set::all());
+            write_details(&text, known);
+            text += '}';
+        });
+    } catch (const api_error &) {
+        text.clear();
+    }
+    return text;
+}
+
+// At most so many as may be in flight; true if there are more that may go now.
+bool site::send_cards()
+{
+    const auto now = clock::now();
+    // All events up to here are in the documents that are read from now on.
+    const uint64_t rev = all_->events->last_seq();
+    std::vector<uint64_t> ids;
+    std::vector<nats_message> messages;
+    bool more = false;
+    std::erase_if(dirty_, [now](const auto &entry) { return !entry.second.dirty && entry.second.earliest <= now; });
+    size_t waiting = 0;
+    for (const auto &[id, state] : dirty_) {
+        waiting += state.dirty ? 1 : 0;
+        if (!state.dirty || state.earliest > now || more)
+            continue;
+        if (messages.size() == nats_connection::MOST_IN_FLIGHT) {
+            more = true;
+            continue;
+        }
+        nats_message made;
+        made.subject = card_subject(BUCKET, options_.site, id);
+        made.data = card_document(id, rev);
+        if (made.data.empty())
+            made.headers = {{"KV-Operation", "DEL"}};
+        ids.push_back(id);
+        messages.push_back(std::move(made));
+    }
+    if (messages.empty())
+        return false;
+    const std::vector<bool> stored = connection_->store_all(std::move(messages), SILENCE_MS);
+    size_t count = 0;
+    for (size_t i = 0; i < ids.size(); ++i) {
+        if (stored[i]) {
+            dirty_[ids[i]] = {false, now + CARD_EVERY};
+            ++count;
+        }
+    }
+    {
+        std::lock_guard guard(mutex_);
+        status_.cards += count;
+        status_.cards_waiting = waiting - count;
+    }
+    if (count < ids.size()) {
+        const std::string why = connection_->take_refusal();
+        throw nats_error(fmt::format("{} of {} cards were not stored{}{}", ids.size() - count, ids.size(),
+                                     why.empty() ? "" : ": ", why),
+                         !why.empty() || count != 0);
+    }
+    return more;
+}
+
+// ---------------------------------------------------------------------------------------------------------- the site
+
+void site::send_site()
+{
+    const auto now = clock::now();
+    json::object made = status_document(*all_);
+    json::object document{{"schema", SCHEMA},       {"site", options_.site},  {"version", FXM_VERSION},
+                          {"boot", all_->boot},     {"bucket", BUCKET},       {"allow", word(options_.allow)},
+                          {"cards", made["cards"]}, {"ports", made["ports"]}, {"library", made["library"]}};
+    // What changes by itself all the time does not count as a change.
+    json::object steady = document;
+    json::array states;
+    for (const json::value &port : made["ports"].as_array())
+        states.push_back(port.at("state"));
+    steady["ports"] = states;
+    std::string text = json::serialize(steady);
+    const bool changed = text != site_text_;
+    if (now < next_site_ && !(changed && now - last_site_ >= SITE_AT_MOST_EVERY))
+        return;
+    document["seq"] = all_->events->last_seq();
+    document["time_ms"] = clock_ms();
+    nats_message message;
+    message.subject = site_subject(options_.site);
+    message.data = json::serialize(document);
+    connection_->store(message, SILENCE_MS);
+    site_text_ = std::move(text);
+    last_site_ = now;
+    next_site_ = now + SITE_EVERY;
+}
+
+void site::send_beat()
+{
+    const auto now = clock::now();
+    if (now < next_beat_)
+        return;
+    next_beat_ = now + BEAT_EVERY;
+    nats_message message;
+    message.subject = beat_subject(options_.site);
+    message.data = fmt::format(
+        R"({{"schema":"fxm/1","site":"{}","boot":"{}","seq":{},"cards":{},"waiting":{},"time_ms":{}}})", options_.site,
+        all_->boot, all_->events->last_seq(), all_->cards->totals().all(), feed_.waiting(cursor_), clock_ms());
+    connection_->publish(message);
+}
+
+// Until the thread shall end; throws what keeps it from going on.
+void site::serve()
+{
+    for (;;) {
+        if (!connection_->is_up())
+            throw nats_error(fmt::format("{} has closed the connection{}", status().server,
+                                         [&] {
+                                             const std::string why = connection_->take_refusal();
+                                             return why.empty() ? why : ": " + why;
+                                         }()),
+                             false);
+        if (!knows_cursor_ || clock::now() >= next_compare_) {
+            read_cursor();
+            look_at_bucket();
+        }
+        const auto began = clock::now();
+        send_beat();
+        bool more = send_events();
+        mark_cards();
+        more = send_cards() || more;
+        send_site();
+        // It works again.
+        back_off_ = milliseconds(0);
+        const auto left = BATCH_EVERY - std::chrono::duration_cast<milliseconds>(clock::now() - began);
+        if (!pause(more ? milliseconds(0) : std::max(left, milliseconds(1))))
+            return;
+    }
+}
+
+} // namespace fxm::fleet

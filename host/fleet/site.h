@@ -1,0 +1,107 @@
+// A site of the fleet: what this fxmd knows goes to the servers of NATS, on a thread of its own that nothing else waits for.
+// Events go in batches, one after the other, each frozen until the stream has confirmed it; cards as documents, the newest
+// only; and requests of the operations room are answered. The history is the spool: memory does not grow while the servers
+// cannot be reached.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "daemon/services.h"
+#include "fleet/feed.h"
+#include "fleet/nats.h"
+#include "fleet/requests.h"
+#include "fleet/status.h"
+
+namespace fxm::fleet
+{
+
+struct site_options {
+    std::vector<std::string> urls;
+    std::string site;
+    std::string ca, certificate; // files; the second one has the key too
+    role allow = role::view;     // the most that a request may have
+};
+
+class site
+{
+  public:
+    site(site_options options, services *all);
+    ~site();
+    site(const site &) = delete;
+    site &operator=(const site &) = delete;
+
+    void start();
+    void stop();
+    void events_appended(); // any thread
+    site_status status() const;
+
+  private:
+    using clock = std::chrono::steady_clock;
+    struct frozen {
+        nats_message message;
+        batch events;
+    };
+
+    void run();
+    void connect();
+    std::optional<nats_message> last(const std::string &stream, const std::string &subject);
+    void make_streams();
+    void read_cursor();
+    void serve();
+    bool send_events();
+    void freeze(batch next);
+    void confirm();
+    bool send_cards();
+    void mark_cards();
+    void mark_all_cards();
+    void look_at_bucket();
+    void send_site();
+    void send_beat();
+    std::string card_document(uint64_t id, uint64_t rev);
+    void refused(const std::string &why);
+    void warn(const std::string &why);
+    bool pause(std::chrono::milliseconds time);
+
+    const site_options options_;
+    services *all_;
+    const feed feed_;
+    desk desk_;
+
+    // The thread alone:
+    std::shared_ptr<nats_connection> connection_; // answers hold it while they are sent
+    size_t server_ = 0;                           // of the next attempt
+    std::optional<frozen> frozen_;
+    uint64_t cursor_ = 0;       // the last number that the stream has
+    uint64_t confirmed_ = 0;    // the highest that it has confirmed in this run
+    bool made_streams_ = false; // on this connection
+    bool knows_cursor_ = false;
+    uint64_t losses_ = 0;   // of the stream; batches that it has lost go under other ids, which it does not know yet
+    uint64_t cards_cursor_; // of the ring, for dirty_
+    struct card_state {
+        bool dirty = false;
+        clock::time_point earliest; // when it may go again
+    };
+    std::unordered_map<uint64_t, card_state> dirty_; // cards to send, and those that were sent just now
+    clock::time_point next_compare_, next_beat_, next_site_, last_site_, next_warning_;
+    std::string site_text_; // that was sent last, without its times
+    std::chrono::milliseconds back_off_{0};
+
+    mutable std::mutex mutex_; // guards what follows
+    std::condition_variable wake_;
+    bool appended_ = false;
+    bool stopping_ = false;
+    site_status status_;
+    std::thread thread_;
+};
+
+} // namespace fxm::fleet

@@ -1,0 +1,179 @@
+"""NATS servers for tests, in a network namespace of their own, and a client that speaks their protocol itself: what it reads
+has not passed through the library that fxmd uses."""
+import itertools
+import json
+import os
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+
+from fabric import run, until
+
+NEAR, FAR = "10.99.0.1", "10.99.0.2"  # ends of the cable between this namespace and the servers
+
+
+class Message:
+    def __init__(self, subject, reply, headers, data):
+        self.subject, self.reply, self.headers, self.data = subject, reply, headers, data
+
+    def json(self):
+        return json.loads(self.data)
+
+
+class Client:
+    def __init__(self, port, host=FAR, timeout=5):
+        self.socket = socket.create_connection((host, port), timeout)
+        self.file = self.socket.makefile("rb")
+        self.numbers = itertools.count(1)
+        self.messages = []
+        self.file.readline()  # INFO
+        self.send(b'CONNECT {"verbose":false,"headers":true,"no_responders":true}\r\nPING\r\n')
+        while self.file.readline() != b"PONG\r\n":
+            pass
+        self.inbox = f"_INBOX.{os.getpid()}.{id(self)}"
+        self.subscribe(f"{self.inbox}.*")
+
+    def send(self, data):
+        self.socket.sendall(data)
+
+    def close(self):
+        self.socket.close()
+
+    def subscribe(self, subject):
+        self.send(b"SUB %s %d\r\n" % (subject.encode(), next(self.numbers)))
+
+    def publish(self, subject, data=b"", reply="", headers=None):
+        head = b"NATS/1.0\r\n" + b"".join(b"%s: %s\r\n" % (k.encode(), str(v).encode()) for k, v in (headers or {}).items()) + b"\r\n"
+        self.send(b"HPUB %s %s %d %d\r\n%s%s\r\n" % (subject.encode(), reply.encode(), len(head), len(head) + len(data), head, data))
+
+    def receive(self):
+        """The next message of any subscription."""
+        while True:
+            words = self.file.readline().split()
+            if not words:
+                raise ConnectionError("the server has gone")
+            if words[0] == b"PING":
+                self.send(b"PONG\r\n")
+            elif words[0] in (b"MSG", b"HMSG"):
+                total = int(words[-1])
+                size = int(words[-2]) if words[0] == b"HMSG" else 0
+                reply = words[3].decode() if len(words) == (6 if size else 5) else ""
+                data = self.file.read(total + 2)[:-2]
+                lines = data[:size].decode().split("\r\n")
+                headers = dict(line.split(": ", 1) for line in lines[1:] if ": " in line)
+                if lines[0] not in ("", "NATS/1.0"):
+                    headers["Status"] = lines[0].split()[1]
+                return Message(words[1].decode(), reply, headers, data[size:])
+            elif words[0] == b"-ERR":
+                raise ConnectionError(b" ".join(words).decode())
+
+    def ask(self, subject, data=b"", headers=None):
+        reply = f"{self.inbox}.{next(self.numbers)}"
+        self.publish(subject, data, reply, headers)
+        while True:
+            message = self.receive()
+            if message.subject == reply:
+                return message
+            self.messages.append(message)
+
+    def api(self, subject, **request):
+        answer = self.ask(f"$JS.API.{subject}", json.dumps(request).encode() if request else b"").json()
+        if "error" in answer:
+            raise RuntimeError(f"{subject}: {answer['error']}")
+        return answer
+
+    def stored(self, stream, first=1):
+        """All messages of a stream from one number on, read one by one."""
+        state = self.api(f"STREAM.INFO.{stream}")["state"]
+        for seq in range(max(first, state["first_seq"]), state["last_seq"] + 1):
+            message = self.ask(f"$JS.API.DIRECT.GET.{stream}", json.dumps({"seq": seq}).encode())
+            if message.headers.get("Status") != "404":
+                yield message
+
+
+class Servers:
+    """A cluster behind a cable."""
+
+    def __init__(self, count=3, window=None):
+        self.dir = tempfile.mkdtemp(prefix="fxm-nats-")
+        # Its namespace lives as long as this process, which ends with its input.
+        self.holder = subprocess.Popen(["unshare", "-n", "sh", "-c", "ip link set lo up; echo; read word"], stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE)
+        self.holder.stdout.readline()
+        run("ip", "link", "add", "fleet0", "type", "veth", "peer", "name", "fleet1", "netns", str(self.holder.pid))
+        run("ip", "addr", "add", f"{NEAR}/24", "dev", "fleet0")
+        run("ip", "link", "set", "fleet0", "up")
+        self.inside("ip", "addr", "add", f"{FAR}/24", "dev", "fleet1")
+        self.inside("ip", "link", "set", "fleet1", "up")
+        self.count = count
+        self.processes = [None] * count
+        for number in range(count):
+            self.configure(number)
+            self.start(number)
+        self.urls = [f"nats://{FAR}:{4222 + number}" for number in range(count)]
+        client = until(self.whole, "the servers are a cluster", 60)
+        if window:  # otherwise the site makes the stream
+            client.api("STREAM.CREATE.FXM_EVENTS", name="FXM_EVENTS", subjects=["fxm.ev.*"], duplicate_window=window * 10**9,
+                       num_replicas=count, storage="file", allow_direct=True)
+        client.close()
+
+    def inside(self, *words):
+        run("nsenter", "-t", str(self.holder.pid), "-n", *words)
+
+    def configure(self, number):
+        routes = ", ".join(f'"nats-route://127.0.0.1:{6222 + other}"' for other in range(self.count) if other != number)
+        cluster = f'cluster {{ name: fxm, listen: "127.0.0.1:{6222 + number}", routes: [{routes}] }}' if self.count > 1 else ""
+        with open(f"{self.dir}/{number}.conf", "w", encoding="utf-8") as file:
+            file.write(f'server_name: n{number}\nlisten: "0.0.0.0:{4222 + number}"\njetstream {{ store_dir: "{self.dir}/{number}" }}\n{cluster}\n')
+
+    def start(self, number):
+        with open(f"{self.dir}/{number}.log", "ab") as log:
+            self.processes[number] = subprocess.Popen(["nsenter", "-t", str(self.holder.pid), "-n", "nats-server", "-c",
+                                                       f"{self.dir}/{number}.conf"], stdout=log, stderr=log)
+
+    def signal(self, number, what):
+        self.processes[number].send_signal(what)
+        if what == signal.SIGKILL:
+            self.processes[number].wait()
+
+    def whole(self):
+        """A client of the first server, once JetStream answers there."""
+        try:
+            client = Client(4222)
+            client.api("INFO")
+            return client  # which whoever asked closes
+        except (OSError, RuntimeError, ValueError):
+            time.sleep(0.2)
+            return None
+
+    def client(self):
+        """Of any server that answers."""
+        for number, process in enumerate(self.processes):
+            if process.poll() is None:
+                try:
+                    return Client(4222 + number)
+                except OSError:
+                    pass
+        raise ConnectionError("no server answers")
+
+    def leader(self, stream):
+        client = self.client()
+        try:
+            return int(client.api(f"STREAM.INFO.{stream}")["cluster"]["leader"][1:])
+        finally:
+            client.close()
+
+    def cut(self, off=True):
+        run("ip", "link", "set", "fleet0", "down" if off else "up")
+
+    def close(self):
+        for process in self.processes:
+            if process.poll() is None:
+                process.kill()
+                process.wait()
+        self.holder.stdin.close()
+        self.holder.wait()
+        self.holder.stdout.close()
+        run("rm", "-rf", self.dir)
