@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 
 namespace fxm
@@ -17,6 +18,7 @@ namespace json = boost::json;
 
 // ------------------------------------------------------------------------------------------------------------- libnats
 
+// NOLINTBEGIN(bugprone-macro-parentheses): what stands there are names
 struct libnats {
 #define FXM_NATS_FUNCTIONS(X)                                                                                          \
     X(natsStatus_GetText)                                                                                              \
@@ -76,6 +78,7 @@ struct libnats {
 #undef X
     }
 };
+// NOLINTEND(bugprone-macro-parentheses)
 
 static const libnats &nats()
 {

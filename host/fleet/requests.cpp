@@ -77,6 +77,7 @@ static http_request http_of(const nats_message &request, role granted, std::stri
     made.body = request.data;
     made.too_large = request.data.size() > http_server::MAX_BODY;
     made.who.local = true;
+    made.who.uid = 65534; // nobody of this machine
     made.who.granted = granted;
     made.who.user = std::move(user);
     return made;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <utility>
 
 #include "common/card_id.h"
 #include "daemon/card.h"
@@ -31,6 +32,8 @@ constexpr auto COMPARE_EVERY = std::chrono::minutes(10);
 constexpr auto LOSS_AFTER = seconds(30); // a follower may lag; after so long its answer counts
 constexpr auto WARN_EVERY = std::chrono::minutes(1);
 constexpr uint32_t BUCKET = 1; // of cards
+constexpr uint64_t REQUESTS =
+    UINT64_MAX; // their queue at the executor: no card has this id, and nobody else waits there
 
 site::site(site_options options, services *all)
     : options_(std::move(options)), all_(all), feed_(all->events, all->past), desk_(all, options_.site, options_.allow),
@@ -55,12 +58,6 @@ void site::stop()
     wake_.notify_all();
     if (thread_.joinable())
         thread_.join();
-}
-
-void site::events_appended()
-{
-    std::lock_guard guard(mutex_);
-    appended_ = true; // the thread looks at it when it wants to: it may wait for a batch to fill
 }
 
 site_status site::status() const
@@ -149,7 +146,7 @@ void site::connect()
     // The answer goes over the connection that brought the request, if it is still there. Never on a thread of libnats:
     // the end of a connection waits for those.
     made->subscribe(requests_subject(options_.site), [this, weak = std::weak_ptr(made)](const nats_message &request) {
-        all_->operations->submit(0, [this, weak, request] {
+        all_->operations->submit(REQUESTS, [this, weak, request] {
             desk_.take(request, [weak, log = all_->log](const nats_message &answer) {
                 try {
                     if (const auto connection = weak.lock())
@@ -161,7 +158,6 @@ void site::connect()
         });
     });
     connection_ = made;
-    all_->log->info("fleet: connected to {} as the site {}", wanted.url, options_.site);
     knows_cursor_ = made_streams_ = false;
     next_beat_ = next_site_ = clock::now();
     std::lock_guard guard(mutex_);
@@ -187,6 +183,7 @@ void site::make_streams()
 {
     const size_t replicas = options_.urls.size() >= 3 ? 3 : 1;
     constexpr int64_t SECOND = 1000000000;
+    constexpr int64_t MONTH = SECOND * 86400 * 30;
     const auto make = [&](const std::string &name, const std::string &subjects, json::object more) {
         json::object wanted{{"name", name},
                             {"subjects", {subjects}},
@@ -213,7 +210,7 @@ void site::make_streams()
              {{"max_msgs_per_subject", 1}, {"discard", "new"}, {"allow_rollup_hdrs", true}, {"deny_delete", true}});
     };
     make(EVENTS_STREAM, events_subject("*"),
-         {{"discard", "old"}, {"max_age", 30 * 86400 * SECOND}, {"duplicate_window", 600 * SECOND}});
+         {{"discard", "old"}, {"max_age", MONTH}, {"duplicate_window", 600 * SECOND}});
     bucket(fmt::format("fxm_cards_{}", BUCKET));
     bucket("fxm_sites");
 }
@@ -246,7 +243,9 @@ void site::read_cursor()
         if (!pause(seconds(1)))
             return;
     }
-    knows_cursor_ = true;
+    if (!std::exchange(knows_cursor_, true))
+        all_->log->info("fleet: {} takes what the site {} sends, from number {} on", status().server, options_.site,
+                        end + 1);
     next_compare_ = clock::now() + COMPARE_EVERY;
     if (end < confirmed_) {
         const uint64_t lost = confirmed_ - end;
@@ -501,8 +500,10 @@ void site::serve()
         mark_cards();
         more = send_cards() || more;
         send_site();
-        // It works again.
-        back_off_ = milliseconds(0);
+        if (std::exchange(back_off_, milliseconds(0)) != milliseconds(0)) { // it works again
+            std::lock_guard guard(mutex_);
+            status_.error.clear();
+        }
         const auto left = BATCH_EVERY - std::chrono::duration_cast<milliseconds>(clock::now() - began);
         if (!pause(more ? milliseconds(0) : std::max(left, milliseconds(1))))
             return;

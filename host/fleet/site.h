@@ -42,7 +42,6 @@ class site
 
     void start();
     void stop();
-    void events_appended(); // any thread
     site_status status() const;
 
   private:
@@ -98,7 +97,6 @@ class site
 
     mutable std::mutex mutex_; // guards what follows
     std::condition_variable wake_;
-    bool appended_ = false;
     bool stopping_ = false;
     site_status status_;
     std::thread thread_;

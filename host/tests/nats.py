@@ -39,6 +39,7 @@ class Client:
         self.socket.sendall(data)
 
     def close(self):
+        self.file.close()
         self.socket.close()
 
     def subscribe(self, subject):
