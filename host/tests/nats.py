@@ -136,7 +136,7 @@ class Servers:
 
     def signal(self, number, what):
         self.processes[number].send_signal(what)
-        if what == signal.SIGKILL:
+        if what in (signal.SIGKILL, signal.SIGTERM):
             self.processes[number].wait()
 
     def whole(self):
