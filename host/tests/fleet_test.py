@@ -152,6 +152,8 @@ class Fleet(unittest.TestCase):
         stored = [event["seq"] for event in f.get("/v1/history?limit=10000")["events"]]
         self.assertEqual(sorted(set(stored) - set(numbers)), [], "the stream has all that the history has")
 
+    # For half a minute the site asks again, in case a server lags behind.
+    @unittest.skipUnless(os.environ.get("FXM_NIGHTLY"), "takes a minute; set FXM_NIGHTLY=1")
     def test_a_stream_that_has_lost_its_end_gets_it_again(self):
         f = self.fleet(servers=1)
         for vlan in range(300, 310):
