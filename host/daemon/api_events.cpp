@@ -34,8 +34,7 @@ class event_stream : public http_source
         const ring::batch batch = all_->events->read(cursor_, EVENTS_AT_ONCE);
         if (batch.gap_to != 0) {
             all_->gaps += 1;
-            put(out, batch.gap_to, "gap",
-                fmt::format(R"({{"schema":"fxm/1","type":"gap","from":{},"to":{}}})", batch.gap_from, batch.gap_to));
+            put(out, batch.gap_to, "gap", gap_text(batch.gap_from, batch.gap_to));
             cursor_ = batch.gap_to;
         }
         for (const auto &entry : batch.events) {

@@ -3,12 +3,14 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace fxm
 {
 
 enum class role : int { none, view, operate, admin };
 const char *word(role value);
+role role_of(std::string_view name); // none for any other word than those of the others
 
 struct caller {
     uint32_t uid = 0;

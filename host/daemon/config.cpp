@@ -18,6 +18,7 @@
 
 #include "common/card_id.h"
 #include "daemon/tokens.h"
+#include "fleet/names.h"
 
 namespace fxm
 {
@@ -103,12 +104,7 @@ static bool is_server(const std::string &text)
                       std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > ' ' && c < 0x7f; });
            });
 }
-static bool is_empty_or_site(const std::string &text)
-{
-    return text.size() <= 32 && std::all_of(text.begin(), text.end(), [](unsigned char c) {
-               return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-';
-           });
-}
+static bool is_empty_or_site(const std::string &text) { return text.empty() || fleet::is_site(text); }
 static bool is_role(const std::string &text) { return text == "view" || text == "operate" || text == "admin"; }
 
 // In the order of the sample file.

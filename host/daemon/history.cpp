@@ -205,9 +205,7 @@ void history::store()
                 insert.reset();
             };
             if (batch.gap_to != 0) {
-                put(batch.gap_to, clock_ms(), 0, TYPE_GAP,
-                    fmt::format(R"({{"schema":"fxm/1","type":"gap","from":{},"to":{}}})", batch.gap_from,
-                                batch.gap_to));
+                put(batch.gap_to, clock_ms(), 0, TYPE_GAP, gap_text(batch.gap_from, batch.gap_to));
                 last = batch.gap_to;
             }
             for (const auto &entry : batch.events) {

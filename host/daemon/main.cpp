@@ -88,13 +88,6 @@ static role_settings role_settings_of(const config &settings)
 
 static history_limits limits_of(const config &settings) { return {settings.history_days, settings.history_max_events}; }
 
-#ifdef FXM_FLEET
-static role role_of(const std::string &name)
-{
-    return name == word(role::admin) ? role::admin : name == word(role::operate) ? role::operate : role::view;
-}
-#endif
-
 static log_level level_of(const config &settings)
 {
     for (const log_level level : {log_level::error, log_level::warning, log_level::debug}) {

@@ -18,6 +18,11 @@ std::string event_head(event_type type, uint64_t seq, int64_t time_ms)
     return fmt::format(R"({{"schema":"fxm/1","type":"{}","seq":{},"time_ms":{},)", word(type), seq, time_ms);
 }
 
+std::string gap_text(uint64_t from, uint64_t to)
+{
+    return fmt::format(R"({{"schema":"fxm/1","type":"gap","from":{},"to":{}}})", from, to);
+}
+
 ring::ring(uint64_t last_seq) : slots_(SIZE), start_(last_seq), first_(last_seq + 1), last_(last_seq) {}
 
 void ring::on_append(std::function<void()> notify) { notify_ = std::move(notify); }

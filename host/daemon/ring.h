@@ -25,6 +25,9 @@ const char *word(event_type type);
 // The beginning of the text of each event: {"schema":"fxm/1","type":"change","seq":8123,"time_ms":1764029374123,
 std::string event_head(event_type type, uint64_t seq, int64_t time_ms);
 
+// The whole text of an event that says that these are lost.
+std::string gap_text(uint64_t from, uint64_t to);
+
 struct event {
     uint64_t seq;
     int64_t time_ms;

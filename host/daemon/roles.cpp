@@ -28,7 +28,7 @@ static std::optional<uint32_t> look_up(const std::string &name)
     return entry.gr_gid;
 }
 
-static role role_of(const std::string &name)
+role role_of(std::string_view name)
 {
     for (const role value : {role::view, role::operate, role::admin}) {
         if (name == word(value))

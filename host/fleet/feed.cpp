@@ -1,16 +1,11 @@
 #include "fleet/feed.h"
 
-#include <fmt/format.h>
-
 #include "common/error.h"
 
 namespace fxm::fleet
 {
 
-static batch gap(uint64_t from, uint64_t to)
-{
-    return {from, to, 1, fmt::format(R"({{"schema":"fxm/1","type":"gap","from":{},"to":{}}})", from, to) + "\n"};
-}
+static batch gap(uint64_t from, uint64_t to) { return {from, to, 1, gap_text(from, to) + '\n', to - from + 1}; }
 
 // False if the batch is full, and the event is not in it.
 static bool add(batch *to, uint64_t seq, std::string_view text)
@@ -35,7 +30,6 @@ uint64_t feed::waiting(uint64_t after) const
 // from before it: then it begins later than what is asked for.
 std::optional<batch> feed::from_history(uint64_t after) const
 {
-    batch made;
     uint64_t oldest = 0;
     history_query oldest_one;
     oldest_one.limit = 1;
@@ -44,6 +38,7 @@ std::optional<batch> feed::from_history(uint64_t after) const
         return std::nullopt;
     if (after != 0 && oldest > after + 1)
         return gap(after + 1, oldest - 1);
+    batch made;
     bool full = false;
     history_query rest;
     rest.after_seq = after;

@@ -13,9 +13,10 @@ namespace fxm::fleet
 {
 
 struct batch {
-    uint64_t first = 0, last = 0; // numbers of its events; of the lost ones, if it is a gap
+    uint64_t first = 0, last = 0; // numbers of its events, or of the lost ones
     size_t events = 0;
-    std::string text; // an event a line
+    std::string text;  // an event a line
+    uint64_t lost = 0; // numbers that its only event, a gap, tells of
 };
 
 class feed

@@ -13,10 +13,9 @@ namespace fxm::fleet
 
 inline constexpr const char *SCHEMA = "fxm/1";
 inline constexpr const char *EVENTS_STREAM = "FXM_EVENTS"; // of all sites
-inline constexpr const char *SITES_STREAM = "KV_fxm_sites";
 
 // Headers of a batch of events.
-inline constexpr const char *ID = "Nats-Msg-Id"; // SITE.BOOT.FIRST: the server drops a second one
+inline constexpr const char *ID = "Nats-Msg-Id"; // SITE.BOOT.FIRST: the servers drop a second one
 inline constexpr const char *FIRST = "Fxm-First";
 inline constexpr const char *LAST = "Fxm-Last";
 inline constexpr const char *PREVIOUS = "Fxm-Prev"; // the last number of the batch before; 0: this is the first one

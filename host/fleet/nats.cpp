@@ -68,12 +68,12 @@ struct libnats {
         void *library = dlopen(FXM_LIBNATS, RTLD_NOW | RTLD_NODELETE);
         if (library == nullptr)
             throw std::runtime_error(fmt::format("the fleet takes libnats, which cannot be loaded: {}; install the "
-                                                 "package libnats3.4",
+                                                 "package " FXM_LIBNATS_PACKAGE,
                                                  dlerror()));
 #define X(name)                                                                                                        \
     name = reinterpret_cast<decltype(&::name)>(dlsym(library, #name));                                                 \
     if (name == nullptr)                                                                                               \
-        throw std::runtime_error(FXM_LIBNATS " has no function " #name "; install the package libnats3.4");
+        throw std::runtime_error(FXM_LIBNATS " has no function " #name "; install the package " FXM_LIBNATS_PACKAGE);
         FXM_NATS_FUNCTIONS(X)
 #undef X
     }
@@ -146,7 +146,6 @@ struct nats_connection::handles {
         std::function<void(nats_message)> see;
     };
 
-    std::string url;
     std::string inbox;
     natsConnection *connection = nullptr;
     std::vector<std::unique_ptr<subscription>> subscriptions;
@@ -167,12 +166,14 @@ struct nats_connection::handles {
         auto *of = static_cast<handles *>(self);
         std::lock_guard guard(of->mutex);
         of->refusal = text != nullptr && *text != '\0' ? text : nats().natsStatus_GetText(status);
-        of->confirmed.notify_all();
     }
     static void on_message(natsConnection *, natsSubscription *, natsMsg *message, void *to)
     {
         const message_handle owner(message);
-        static_cast<subscription *>(to)->see(message_of(message));
+        try {
+            static_cast<subscription *>(to)->see(message_of(message));
+        } catch (const std::exception &) { // there is no memory for it; whoever has sent it gets no answer
+        }
     }
     static void on_end(void *self)
     {
@@ -258,9 +259,8 @@ nats_connection::nats_connection(const nats_options &options) : handles_(std::ma
     if (!options.ca.empty()) {
         set(nats().natsOptions_SetSecure(made, true));
         set(nats().natsOptions_LoadCATrustedCertificates(made, options.ca.c_str()));
-        set(nats().natsOptions_LoadCertificatesChain(made, options.certificate.c_str(), options.key.c_str()));
+        set(nats().natsOptions_LoadCertificatesChain(made, options.certificate.c_str(), options.certificate.c_str()));
     }
-    handles_->url = options.url;
     handles_->inbox = options.inbox + ".stored";
     set(nats().natsOptions_SetClosedCB(
         made, [](natsConnection *, void *of) { handles::on_end(of); }, handles_.get()));
@@ -292,6 +292,7 @@ void nats_connection::publish(const nats_message &message)
 nats_message nats_connection::ask(const nats_message &message, int timeout_ms)
 {
     const message_handle handle = handle_of(message);
+    take_refusal(); // of something earlier
     natsMsg *answer = nullptr;
     const natsStatus status = nats().natsConnection_RequestMsg(&answer, handles_->connection, handle.get(), timeout_ms);
     const message_handle owner(answer);
@@ -335,6 +336,7 @@ std::vector<bool> nats_connection::store_all(std::vector<nats_message> messages,
         round = ++handles_->round;
         handles_->stored.assign(messages.size(), false);
         handles_->open = messages.size();
+        handles_->refusal.clear();
     }
     for (size_t i = 0; i < messages.size(); ++i) {
         messages[i].reply = fmt::format("{}.{}.{}", handles_->inbox, round, i);

@@ -33,10 +33,10 @@ struct nats_message {
 };
 
 struct nats_options {
-    std::string url;                  // of one server: nats://127.0.0.1:4222
-    std::string name;                 // of this client, for the server's lists
-    std::string inbox;                // the beginning of its inboxes, which the server's rights name
-    std::string ca, certificate, key; // files; empty: without TLS
+    std::string url;             // of one server: nats://127.0.0.1:4222
+    std::string name;            // of this client, for the server's lists
+    std::string inbox;           // the beginning of its inboxes, which the server's rights name
+    std::string ca, certificate; // files, the second one with the key; empty: without TLS
 };
 
 // A connection to one server. It does not connect again by itself: whoever owns it makes another one, to another server.

@@ -1,8 +1,11 @@
 #include "fleet/requests.h"
 
 #include <fmt/format.h>
+#include <microhttpd.h>
 
-#include <charconv>
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
 
 #include "daemon/api.h"
 #include "fleet/names.h"
@@ -36,20 +39,10 @@ static nats_message refusal(const char *code, const std::string &message, const 
     return message_of(error_reply(api_error(code, message, hint)));
 }
 
-// What is behind '%' and two hexadecimal digits, as in a path.
 static std::string decoded(std::string_view text)
 {
-    std::string plain;
-    for (size_t i = 0; i < text.size(); ++i) {
-        unsigned value = 0;
-        if (text[i] == '%' && i + 2 < text.size() &&
-            std::from_chars(text.data() + i + 1, text.data() + i + 3, value, 16).ptr == text.data() + i + 3) {
-            plain += static_cast<char>(value);
-            i += 2;
-        } else {
-            plain += text[i];
-        }
-    }
+    std::string plain(text);
+    plain.resize(MHD_http_unescape(plain.data()));
     return plain;
 }
 
@@ -94,106 +87,132 @@ static bool parse_subject(std::string_view subject, std::string_view site, role 
     if (dot == std::string_view::npos || dot + 1 == subject.size())
         return false;
     *user = subject.substr(dot + 1);
-    for (const role known : {role::view, role::operate, role::admin}) {
-        *asked = known;
-        if (subject.substr(0, dot) == word(known))
-            return true;
-    }
-    return false;
+    *asked = role_of(subject.substr(0, dot));
+    return *asked != role::none;
 }
 
-void desk::take(const nats_message &request, answer send)
+// A header that goes into the log, and into a path.
+static bool is_plain(const std::string *text)
+{
+    constexpr size_t LONGEST = 4096;
+    return text != nullptr && !text->empty() && text->size() <= LONGEST &&
+           std::all_of(text->begin(), text->end(), [](unsigned char c) { return c > ' ' && c != 0x7f; });
+}
+
+static desk::answer addressed_to(const nats_message &request, desk::answer send)
+{
+    return [send = std::move(send), to = request.reply](nats_message message) {
+        message.subject = to;
+        send(std::move(message));
+    };
+}
+
+void desk::turn_away(const nats_message &request, const answer &send) const
+{
+    if (!request.reply.empty())
+        addressed_to(request, send)(
+            refusal("FXM_TOO_MANY", "too many requests wait", "try again when earlier ones have been answered"));
+}
+
+void desk::take(const nats_message &request, const answer &send)
 {
     if (request.reply.empty())
         return;
-    const auto reply = [send = std::move(send), to = request.reply](const nats_message &message) {
-        nats_message addressed = message;
-        addressed.subject = to;
-        send(std::move(addressed));
-    };
+    const answer reply = addressed_to(request, send);
     role asked = role::none;
     std::string user;
     const std::string *id = request.header(REQUEST_ID);
     const std::string *deadline = request.header(DEADLINE);
     const std::string *method = request.header(METHOD);
     const std::string *path = request.header(PATH);
-    if (!parse_subject(request.subject, site_, &asked, &user) || id == nullptr || id->empty() || id->size() > 64 ||
-        deadline == nullptr || method == nullptr || path == nullptr) {
-        reply(refusal("FXM_API_EINVAL", "a request needs an id, a deadline, a method and a path"));
+    if (!parse_subject(request.subject, site_, &asked, &user) || !is_plain(&user) || !is_plain(id) ||
+        !is_plain(deadline) || !is_plain(method) || !is_plain(path)) {
+        reply(refusal("FXM_API_EINVAL",
+                      "a request needs a role and a user in its subject, an id, a deadline, a method and "
+                      "a path"));
         return;
     }
     // The same id of two users is two requests.
     const std::string key = user + '/' + *id;
+    const int64_t late_ms = clock_ms() - std::strtoll(deadline->c_str(), nullptr, 10);
+    std::optional<nats_message> known;
     {
         std::lock_guard guard(mutex_);
         numbers_.requests += 1;
-        const auto known = results_.find(key);
-        if (known != results_.end()) {
+        const auto found = results_.find(key);
+        if (found != results_.end()) {
             numbers_.repeated += 1;
-            if (known->second.done)
-                reply(known->second.message);
-            else
-                known->second.waiting.emplace_back(reply);
-            return;
+            if (!found->second.done) {
+                found->second.waiting.push_back(reply);
+                return;
+            }
+            known = found->second.message;
+        } else if (late_ms >= 0) {
+            numbers_.late += 1;
+        } else if (asked > allow_) {
+            numbers_.denied += 1;
+        } else {
+            remember(key, reply);
         }
     }
+    if (known) {
+        reply(std::move(*known));
+        return;
+    }
     const std::string what = fmt::format("request of {} as {}: {} {}", user, word(asked), *method, *path);
-    const int64_t now = clock_ms();
-    const int64_t until = std::strtoll(deadline->c_str(), nullptr, 10);
-    if (until <= now) {
-        std::lock_guard guard(mutex_);
-        numbers_.late += 1;
-        all_->log->warning("{}: too late by {} ms; not carried out", what, now - until);
-        reply(refusal("FXM_API_ETIMEDOUT", fmt::format("the request came {} ms after its deadline", now - until),
-                      "compare the clocks; nothing was done"));
+    if (late_ms >= 0) {
+        all_->log->warning("{}: too late by {} ms; not carried out", what, late_ms);
+        reply(refusal("FXM_API_ETIMEDOUT", fmt::format("the request came {} ms after its deadline", late_ms),
+                      "nothing was done; compare the clocks"));
         return;
     }
     if (asked > allow_) {
-        {
-            std::lock_guard guard(mutex_);
-            numbers_.denied += 1;
-        }
         all_->log->warning("{}: refused; this site allows {}", what, word(allow_));
         reply(refusal("FXM_DENIED", fmt::format("the site {} allows {}", site_, word(allow_)),
                       fmt::format("set allow = \"{}\" below [fleet] in its fxmd.toml", word(asked))));
         return;
     }
     all_->log->info("{}", what);
-    {
-        std::lock_guard guard(mutex_);
-        const auto old = std::chrono::steady_clock::now() - KEPT_FOR;
-        // One that runs stays, so that its answer finds it.
-        while (!order_.empty() && (order_.size() >= KEPT || order_.front().since < old)) {
-            const auto oldest = results_.find(order_.front().id);
-            if (oldest != results_.end() && !oldest->second.done && order_.size() < 2 * KEPT)
-                break;
-            if (oldest != results_.end())
-                results_.erase(oldest);
-            order_.pop_front();
-        }
-        results_[key].waiting.emplace_back(reply);
-        order_.push_back({key, std::chrono::steady_clock::now()});
-    }
-    const auto finished = [this, key](http_reply answered) { finish(key, message_of(std::move(answered))); };
-    handle_request(*all_, http_of(request, asked, user), finished);
+    // The handler may go on with it on another thread.
+    const auto asks = std::make_shared<const http_request>(http_of(request, asked, user));
+    handle_request(*all_, *asks,
+                   [this, key, asks](http_reply answered) { finish(key, message_of(std::move(answered))); });
 }
 
-void desk::finish(const std::string &id, nats_message message)
+// The caller holds the mutex.
+void desk::remember(const std::string &key, const answer &reply)
 {
-    std::vector<std::function<void(const nats_message &)>> waiting;
+    const auto now = std::chrono::steady_clock::now();
+    for (size_t left = order_.size(); left != 0 && (order_.size() >= KEPT || order_.front().since < now - KEPT_FOR);
+         --left) {
+        kept oldest = std::move(order_.front());
+        order_.pop_front();
+        const auto found = results_.find(oldest.key);
+        if (found != results_.end() && !found->second.done)
+            order_.push_back(std::move(oldest)); // it runs, and its answer must find it; the executor bounds those
+        else if (found != results_.end())
+            results_.erase(found);
+    }
+    results_[key].waiting.push_back(reply);
+    order_.push_back({key, now});
+}
+
+void desk::finish(const std::string &key, const nats_message &message)
+{
+    std::vector<answer> waiting;
     {
         std::lock_guard guard(mutex_);
-        const auto found = results_.find(id);
+        const auto found = results_.find(key);
         if (found == results_.end() || found->second.done)
             return;
-        found->second.done = true;
         waiting.swap(found->second.waiting);
+        found->second.done = true;
         if (message.data.size() > MOST_KEPT_BYTES)
             results_.erase(found);
         else
             found->second.message = message;
     }
-    for (const auto &reply : waiting)
+    for (const answer &reply : waiting)
         reply(message);
 }
 

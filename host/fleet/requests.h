@@ -21,33 +21,35 @@ namespace fxm::fleet
 class desk
 {
   public:
-    static constexpr size_t KEPT = 1024;                       // answers, for repeated ids
+    static constexpr size_t KEPT = 1024;                       // answers, for ids that come again
     static constexpr auto KEPT_FOR = std::chrono::minutes(10); // each
     static constexpr size_t MOST_BYTES = 524288;               // of an answer; longer lists are read in parts
-    static constexpr size_t MOST_KEPT_BYTES =
-        16384; // of an answer; a longer one belongs to a read, which may run again
+    static constexpr size_t MOST_KEPT_BYTES = 16384; // of an answer; only reads have longer ones, and may run again
     using answer = std::function<void(nats_message)>;
 
     desk(services *all, std::string site, role allow) : all_(all), site_(std::move(site)), allow_(allow) {}
 
     // On a thread of the executor. `send` is called once, on this or another one of its threads, unless the request has no
     // reply subject.
-    void take(const nats_message &request, answer send);
+    void take(const nats_message &request, const answer &send);
+    // Instead of take(), on any thread, when the executor is full.
+    void turn_away(const nats_message &request, const answer &send) const;
 
     desk_numbers numbers() const;
 
   private:
     struct kept {
-        std::string id;
+        std::string key; // USER/ID
         std::chrono::steady_clock::time_point since;
     };
     struct result {
         bool done = false;
-        nats_message message;                                           // without its subject
-        std::vector<std::function<void(const nats_message &)>> waiting; // for the first one to end
+        nats_message message;        // without its subject
+        std::vector<answer> waiting; // for the first one to end
     };
 
-    void finish(const std::string &id, nats_message message);
+    void remember(const std::string &key, const answer &reply);
+    void finish(const std::string &key, const nats_message &message);
 
     services *all_;
     const std::string site_;

@@ -30,10 +30,11 @@ constexpr auto SITE_EVERY = seconds(30);
 constexpr auto SITE_AT_MOST_EVERY = seconds(5);
 constexpr auto COMPARE_EVERY = std::chrono::minutes(10);
 constexpr auto LOSS_AFTER = seconds(30); // a follower may lag; after so long its answer counts
+constexpr auto ASK_AGAIN = seconds(1);
 constexpr auto WARN_EVERY = std::chrono::minutes(1);
-constexpr uint32_t BUCKET = 1; // of cards
-constexpr uint64_t REQUESTS =
-    UINT64_MAX; // their queue at the executor: no card has this id, and nobody else waits there
+constexpr uint32_t BUCKET = 1;                  // of cards
+constexpr auto LOOK_EVERY = seconds(1);         // at what the document of the site says
+constexpr uint64_t REQUESTS_QUEUE = UINT64_MAX; // at the executor, for requests alone: no card has this id
 
 site::site(site_options options, services *all)
     : options_(std::move(options)), all_(all), feed_(all->events, all->past), desk_(all, options_.site, options_.allow),
@@ -77,25 +78,19 @@ bool site::pause(milliseconds time)
     return !wake_.wait_for(guard, time, [this] { return stopping_; });
 }
 
-// At most once a minute: servers may be away for days.
-void site::warn(const std::string &why)
+// The log tells it at most once a minute: servers may be away for days.
+void site::refused(const std::string &why)
 {
     {
         std::lock_guard guard(mutex_);
         status_.error = why;
+        status_.refused += 1;
     }
     const auto now = clock::now();
     if (now < next_warning_)
         return;
     next_warning_ = now + WARN_EVERY;
     all_->log->warning("fleet: {}; fxmd goes on, and sends what it has later", why);
-}
-
-void site::refused(const std::string &why)
-{
-    warn(why);
-    std::lock_guard guard(mutex_);
-    status_.refused += 1;
 }
 
 void site::run()
@@ -105,8 +100,7 @@ void site::run()
             if (!connection_)
                 connect();
             serve();
-            if (!pause(milliseconds(0)))
-                break;
+            break; // the thread shall end
         } catch (const nats_error &failure) {
             refused(failure.what());
             // A server that has answered is a good one. One that is silent, or has gone, is left for the next.
@@ -141,25 +135,28 @@ void site::connect()
     wanted.inbox = inbox_of(options_.site);
     wanted.ca = options_.ca;
     wanted.certificate = options_.certificate;
-    wanted.key = options_.certificate;
     const auto made = std::make_shared<nats_connection>(wanted);
-    // The answer goes over the connection that brought the request, if it is still there. Never on a thread of libnats:
-    // the end of a connection waits for those.
-    made->subscribe(requests_subject(options_.site), [this, weak = std::weak_ptr(made)](const nats_message &request) {
-        all_->operations->submit(REQUESTS, [this, weak, request] {
-            desk_.take(request, [weak, log = all_->log](const nats_message &answer) {
-                try {
-                    if (const auto connection = weak.lock())
-                        connection->publish(answer);
-                } catch (const nats_error &failure) {
-                    log->warning("fleet: an answer could not be sent: {}", failure.what());
-                }
-            });
-        });
-    });
+    // The answer goes over the connection that brought the request, if it is still there. A thread of libnats must not hold
+    // the connection, whose end waits for that thread.
+    made->subscribe(requests_subject(options_.site),
+                    [this, on = made.get(), weak = std::weak_ptr(made)](const nats_message &request) {
+                        const bool taken = all_->operations->submit(REQUESTS_QUEUE, [this, weak, request] {
+                            desk_.take(request, [weak, log = all_->log](const nats_message &answer) {
+                                try {
+                                    if (const auto connection = weak.lock())
+                                        connection->publish(answer);
+                                } catch (const nats_error &failure) {
+                                    log->warning("fleet: an answer could not be sent: {}", failure.what());
+                                }
+                            });
+                        });
+                        if (!taken)
+                            desk_.turn_away(request, [on](const nats_message &answer) { on->publish(answer); });
+                    });
     connection_ = made;
     knows_cursor_ = made_streams_ = false;
-    next_beat_ = next_site_ = clock::now();
+    next_beat_ = next_site_ = next_compare_ = clock::now();
+    site_text_.clear(); // the bucket of another server may be new
     std::lock_guard guard(mutex_);
     status_.connects += 1;
     status_.connected = true;
@@ -230,23 +227,27 @@ std::optional<nats_message> site::last(const std::string &stream, const std::str
 }
 
 // The stream knows best what it has. It may have lost what it had confirmed, when its machines lost power together; and a
-// server that lags behind may answer, so a low number is asked for again for a while.
-void site::read_cursor()
+// server that lags behind may answer, so a low number is asked for again for a while. Events wait for the answer, nothing
+// else does.
+void site::ask_cursor()
 {
-    const auto asked_since = clock::now();
-    uint64_t end = 0;
-    for (;;) {
-        const auto newest = last(EVENTS_STREAM, events_subject(options_.site));
-        end = newest ? number_of(*newest, LAST) : 0;
-        if (end >= confirmed_ || clock::now() - asked_since >= LOSS_AFTER)
-            break;
-        if (!pause(seconds(1)))
+    const auto newest = last(EVENTS_STREAM, events_subject(options_.site));
+    const uint64_t end = newest ? number_of(*newest, LAST) : 0;
+    const auto now = clock::now();
+    if (end < confirmed_) {
+        if (!low_since_)
+            low_since_ = now;
+        if (now - *low_since_ < LOSS_AFTER) {
+            knows_cursor_ = false;
+            next_compare_ = now + ASK_AGAIN;
             return;
+        }
     }
+    low_since_.reset();
+    next_compare_ = now + COMPARE_EVERY;
     if (!std::exchange(knows_cursor_, true))
         all_->log->info("fleet: {} takes what the site {} sends, from number {} on", status().server, options_.site,
                         end + 1);
-    next_compare_ = clock::now() + COMPARE_EVERY;
     if (end < confirmed_) {
         const uint64_t lost = confirmed_ - end;
         losses_ += 1;
@@ -265,7 +266,8 @@ void site::read_cursor()
         batch reset{start, start, 1,
                     fmt::format(R"({{"schema":"fxm/1","type":"reset","seq":{},"time_ms":{},"boot":"{}"}})", start,
                                 clock_ms(), all_->boot) +
-                        "\n"};
+                        "\n",
+                    0};
         all_->log->warning(
             "fleet: the stream has number {}, but this fxmd begins with {}; readers are told to begin anew", end,
             start);
@@ -294,13 +296,10 @@ void site::freeze(batch next)
 void site::confirm()
 {
     cursor_ = confirmed_ = frozen_->events.last;
-    const bool is_gap =
-        frozen_->message.data.find(R"("type":"gap")") != std::string::npos && frozen_->events.events == 1;
     std::lock_guard guard(mutex_);
     status_.sent = cursor_;
     status_.batches += 1;
-    if (is_gap)
-        status_.gaps += frozen_->events.last - frozen_->events.first + 1;
+    status_.gaps += frozen_->events.lost;
     frozen_.reset();
 }
 
@@ -351,18 +350,17 @@ void site::mark_cards()
     }
 }
 
-// A bucket that is new, or was emptied, has not our own document of the site.
+// A bucket that is new, was emptied, or was filled by an earlier run of fxmd is filled anew. Any card tells.
 void site::look_at_bucket()
 {
-    const auto own = last(SITES_STREAM, site_subject(options_.site));
-    bool filled = false;
-    if (own) {
-        boost::system::error_code error;
-        const json::value parsed = json::parse(own->data, error);
-        const json::object *members = error ? nullptr : parsed.if_object();
-        filled = members != nullptr && members->contains("boot") && members->at("boot") == json::string(all_->boot);
-    }
-    if (!filled || site_text_.empty())
+    uint64_t id = 0;
+    all_->cards->visit(
+        0, 1, false, [](const card &) { return true; }, [&id](const card &known) { id = known.id; });
+    if (id == 0)
+        return;
+    const auto stored = last(cards_stream(BUCKET), card_subject(BUCKET, options_.site, id));
+    const std::string own = fmt::format(R"("boot":"{}")", all_->boot);
+    if (!stored || stored->data.find(own) == std::string::npos)
         mark_all_cards();
 }
 
@@ -411,8 +409,11 @@ bool site::send_cards()
         ids.push_back(id);
         messages.push_back(std::move(made));
     }
-    if (messages.empty())
+    if (messages.empty()) {
+        std::lock_guard guard(mutex_);
+        status_.cards_waiting = waiting;
         return false;
+    }
     const std::vector<bool> stored = connection_->store_all(std::move(messages), SILENCE_MS);
     size_t count = 0;
     for (size_t i = 0; i < ids.size(); ++i) {
@@ -440,6 +441,9 @@ bool site::send_cards()
 void site::send_site()
 {
     const auto now = clock::now();
+    if (now < next_site_)
+        return;
+    next_site_ = now + LOOK_EVERY;
     json::object made = status_document(*all_);
     json::object document{{"schema", SCHEMA},       {"site", options_.site},  {"version", FXM_VERSION},
                           {"boot", all_->boot},     {"bucket", BUCKET},       {"allow", word(options_.allow)},
@@ -451,8 +455,7 @@ void site::send_site()
         states.push_back(port.at("state"));
     steady["ports"] = states;
     std::string text = json::serialize(steady);
-    const bool changed = text != site_text_;
-    if (now < next_site_ && !(changed && now - last_site_ >= SITE_AT_MOST_EVERY))
+    if (text == site_text_ && now - last_site_ < SITE_EVERY)
         return;
     document["seq"] = all_->events->last_seq();
     document["time_ms"] = clock_ms();
@@ -462,7 +465,7 @@ void site::send_site()
     connection_->store(message, SILENCE_MS);
     site_text_ = std::move(text);
     last_site_ = now;
-    next_site_ = now + SITE_EVERY;
+    next_site_ = now + SITE_AT_MOST_EVERY;
 }
 
 void site::send_beat()
@@ -483,20 +486,18 @@ void site::send_beat()
 void site::serve()
 {
     for (;;) {
-        if (!connection_->is_up())
-            throw nats_error(fmt::format("{} has closed the connection{}", status().server,
-                                         [&] {
-                                             const std::string why = connection_->take_refusal();
-                                             return why.empty() ? why : ": " + why;
-                                         }()),
-                             false);
-        if (!knows_cursor_ || clock::now() >= next_compare_) {
-            read_cursor();
-            look_at_bucket();
+        if (!connection_->is_up()) {
+            const std::string why = connection_->take_refusal();
+            throw nats_error(
+                fmt::format("{} has closed the connection{}{}", status().server, why.empty() ? "" : ": ", why), false);
         }
         const auto began = clock::now();
         send_beat();
-        bool more = send_events();
+        if (began >= next_compare_) {
+            ask_cursor();
+            look_at_bucket();
+        }
+        bool more = knows_cursor_ && send_events();
         mark_cards();
         more = send_cards() || more;
         send_site();

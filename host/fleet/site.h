@@ -4,7 +4,6 @@
 // cannot be reached.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -55,7 +54,7 @@ class site
     void connect();
     std::optional<nats_message> last(const std::string &stream, const std::string &subject);
     void make_streams();
-    void read_cursor();
+    void ask_cursor();
     void serve();
     bool send_events();
     void freeze(batch next);
@@ -68,7 +67,6 @@ class site
     void send_beat();
     std::string card_document(uint64_t id, uint64_t rev);
     void refused(const std::string &why);
-    void warn(const std::string &why);
     bool pause(std::chrono::milliseconds time);
 
     const site_options options_;
@@ -84,6 +82,7 @@ class site
     uint64_t confirmed_ = 0;    // the highest that it has confirmed in this run
     bool made_streams_ = false; // on this connection
     bool knows_cursor_ = false;
+    std::optional<clock::time_point> low_since_; // the stream has said less than it had confirmed
     uint64_t losses_ = 0;   // of the stream; batches that it has lost go under other ids, which it does not know yet
     uint64_t cards_cursor_; // of the ring, for dirty_
     struct card_state {

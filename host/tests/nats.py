@@ -5,6 +5,7 @@ import json
 import os
 import signal
 import socket
+import ssl
 import subprocess
 import tempfile
 import time
@@ -23,17 +24,21 @@ class Message:
 
 
 class Client:
-    def __init__(self, port, host=FAR, timeout=5):
+    def __init__(self, port, host=FAR, timeout=5, ca=None, certificate=None):
         self.socket = socket.create_connection((host, port), timeout)
-        self.file = self.socket.makefile("rb")
         self.numbers = itertools.count(1)
         self.messages = []
-        self.file.readline()  # INFO
+        while self.socket.recv(1) != b"\n":  # INFO
+            pass
+        if ca:
+            context = ssl.create_default_context(cafile=ca)
+            context.load_cert_chain(certificate)
+            self.socket = context.wrap_socket(self.socket, server_hostname=host)
+        self.file = self.socket.makefile("rb")
         self.send(b'CONNECT {"verbose":false,"headers":true,"no_responders":true}\r\nPING\r\n')
         while self.file.readline() != b"PONG\r\n":
             pass
-        self.inbox = f"_INBOX.{os.getpid()}.{id(self)}"
-        self.subscribe(f"{self.inbox}.*")
+        self.inbox = None
 
     def send(self, data):
         self.socket.sendall(data)
@@ -71,6 +76,9 @@ class Client:
                 raise ConnectionError(b" ".join(words).decode())
 
     def ask(self, subject, data=b"", headers=None):
+        if not self.inbox:
+            self.inbox = f"_INBOX.{os.getpid()}.{id(self)}"
+            self.subscribe(f"{self.inbox}.*")
         reply = f"{self.inbox}.{next(self.numbers)}"
         self.publish(subject, data, reply, headers)
         while True:
@@ -97,7 +105,7 @@ class Client:
 class Servers:
     """A cluster behind a cable."""
 
-    def __init__(self, count=3, window=None):
+    def __init__(self, count=3, window=None, rights=None):
         self.dir = tempfile.mkdtemp(prefix="fxm-nats-")
         # Its namespace lives as long as this process, which ends with its input.
         self.holder = subprocess.Popen(["unshare", "-n", "sh", "-c", "ip link set lo up; echo; read word"], stdin=subprocess.PIPE,
@@ -109,6 +117,9 @@ class Servers:
         self.inside("ip", "addr", "add", f"{FAR}/24", "dev", "fleet1")
         self.inside("ip", "link", "set", "fleet1", "up")
         self.count = count
+        self.tls, self.client_options = "", {}
+        if rights:
+            self.secure(rights)
         self.processes = [None] * count
         for number in range(count):
             self.configure(number)
@@ -123,11 +134,28 @@ class Servers:
     def inside(self, *words):
         run("nsenter", "-t", str(self.holder.pid), "-n", *words)
 
+    def secure(self, rights):
+        """Certificates for the servers, for an administrator, and for users, who have what `rights` says."""
+        make = ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-noenc", "-days", "2"]
+        subprocess.run([*make, "-subj", "/CN=ca", "-keyout", "ca.key", "-out", "ca.pem"], cwd=self.dir, check=True, capture_output=True)
+        for name in ("server", "admin", *rights):
+            subprocess.run([*make, "-subj", f"/CN={name}", "-CA", "ca.pem", "-CAkey", "ca.key", "-addext", f"subjectAltName=IP:{FAR}",
+                            "-keyout", f"{name}.pem", "-out", f"{name}.crt"], cwd=self.dir, check=True, capture_output=True)
+            with open(f"{self.dir}/{name}.crt", encoding="utf-8") as certificate, open(self.file(name), "a", encoding="utf-8") as both:
+                both.write(certificate.read())
+        users = [{"user": "CN=admin"}] + [{"user": f"CN={name}", "permissions": may} for name, may in rights.items()]
+        self.tls = (f'tls {{ cert_file: "{self.file("server")}", key_file: "{self.file("server")}", ca_file: "{self.file("ca")}", '
+                    f"verify_and_map: true }}\naccounts {{ FXM {{ jetstream: enabled, users: {json.dumps(users)} }} }}\n")
+        self.client_options = {"ca": self.file("ca"), "certificate": self.file("admin")}
+
+    def file(self, name):
+        return f"{self.dir}/{name}.pem"
+
     def configure(self, number):
         routes = ", ".join(f'"nats-route://127.0.0.1:{6222 + other}"' for other in range(self.count) if other != number)
         cluster = f'cluster {{ name: fxm, listen: "127.0.0.1:{6222 + number}", routes: [{routes}] }}' if self.count > 1 else ""
         with open(f"{self.dir}/{number}.conf", "w", encoding="utf-8") as file:
-            file.write(f'server_name: n{number}\nlisten: "0.0.0.0:{4222 + number}"\njetstream {{ store_dir: "{self.dir}/{number}" }}\n{cluster}\n')
+            file.write(f'server_name: n{number}\nlisten: "0.0.0.0:{4222 + number}"\njetstream {{ store_dir: "{self.dir}/{number}" }}\n{cluster}\n{self.tls}')
 
     def start(self, number):
         with open(f"{self.dir}/{number}.log", "ab") as log:
@@ -142,7 +170,7 @@ class Servers:
     def whole(self):
         """A client of the first server, once JetStream answers there."""
         try:
-            client = Client(4222)
+            client = Client(4222, **self.client_options)
             client.api("INFO")
             return client  # which whoever asked closes
         except (OSError, RuntimeError, ValueError):
@@ -154,7 +182,7 @@ class Servers:
         for number, process in enumerate(self.processes):
             if process.poll() is None:
                 try:
-                    return Client(4222 + number)
+                    return Client(4222 + number, **self.client_options)
                 except OSError:
                     pass
         raise ConnectionError("no server answers")
