@@ -1,4 +1,4 @@
-// The configuration of fxmd: one TOML file, checked whole. One table in config.cpp has every key with its type, range,
+// The configuration of fxmd: one TOML file, checked whole. One table in config_keys.cpp has every key with its type, range,
 // default and description; the sample file and the messages come from it.
 #pragma once
 
