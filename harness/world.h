@@ -23,6 +23,8 @@ struct world_manner_t {
 void world_begin(uint64_t seed, bool trace);
 void world_set_manner(const world_manner_t &manner);
 
+bool world_has_me(); // the calling thread is one of the world's
+
 uint64_t world_random();
 inline uint32_t world_below(uint32_t limit) { return static_cast<uint32_t>((world_random() >> 32) * limit >> 32); }
 inline bool world_one_in(uint32_t odds) { return odds != 0 && world_below(odds) == 0; }
