@@ -151,6 +151,8 @@ class Texts(unittest.TestCase):
         documents = ["README.md", *(f"docs/{name}" for name in sorted(os.listdir(f"{TOP}/docs")) if name.endswith(".md"))]
         seen = {kind for path in documents for kind, _ in blocks(path)}
         self.assertLessEqual(seen, {"sh", "console", "c", "cpp", "cmake", "toml", "ini", "json", "text"}, "each block names its language")
+        commands = "\n".join(text for path in documents for kind, text in blocks(path) if kind == "sh")
+        self.assertEqual([command for command in ELSEWHERE if not re.search(f"^{re.escape(command)}( |$)", commands, re.M)], [])
         for path in documents:
             if {"sh", "console"} & {kind for kind, _ in blocks(path)}:
                 with self.subTest(path):
