@@ -8,10 +8,13 @@ namespace fxm
 {
 
 enum class card_class : uint8_t { fxsv, fxio };
-enum class health : uint8_t { well, degraded, error, lost, unmonitored };
+// Silent: a room knows what the card was, and its site tells nothing any more. No fxmd says it of its own cards.
+enum class health : uint8_t { well, degraded, error, lost, unmonitored, silent };
+inline constexpr size_t OWN_HEALTHS = 5; // those before `silent`
 
 inline constexpr std::array<const char *, 2> class_words = {"fxsv", "fxio"};
-inline constexpr std::array<const char *, 5> health_words = {"well", "degraded", "error", "lost", "unmonitored"};
+inline constexpr std::array<const char *, 6> health_words = {"well", "degraded",    "error",
+                                                             "lost", "unmonitored", "silent"};
 
 inline const char *word(card_class value) { return class_words[static_cast<size_t>(value)]; }
 inline const char *word(health value) { return health_words[static_cast<size_t>(value)]; }

@@ -268,17 +268,25 @@ static void check_origin(const http_request &request)
                         "open the page of fxmd itself");
 }
 
-static void dispatch(services &all, const http_request &request, const http_server::responder &answer)
+std::span<const std::span<const route>> own_tables()
+{
+    static const std::span<const route> tables[] = {card_routes(),  action_routes(), job_routes(),
+                                                    event_routes(), status_routes(), page_routes()};
+    return tables;
+}
+
+static void dispatch(services &all, std::span<const std::span<const route>> tables, const http_request &request,
+                     const http_server::responder &answer, const route_runner &run)
 {
     check_origin(request);
     const std::shared_ptr<const roles> judge = all.who();
     api_call call{request, answer, judge->of(request), {}, {}};
     call.id = {request.who.uid, request.who.pid, word(call.who), request.who.user};
     const route *found = nullptr;
+    size_t found_in = 0;
     bool path_exists = false;
-    for (const auto routes :
-         {card_routes(), action_routes(), job_routes(), event_routes(), status_routes(), page_routes()}) {
-        for (const route &candidate : routes) {
+    for (size_t table = 0; table < tables.size() && found == nullptr; ++table) {
+        for (const route &candidate : tables[table]) {
             std::vector<std::string> parts;
             if (!match(candidate.pattern, request.path, &parts))
                 continue;
@@ -287,7 +295,9 @@ static void dispatch(services &all, const http_request &request, const http_serv
             if (request.method != candidate.method && !is_head)
                 continue;
             found = &candidate;
+            found_in = table;
             call.parts = std::move(parts);
+            break;
         }
     }
     // Somebody without a role learns nothing, not even which paths exist.
@@ -305,13 +315,20 @@ static void dispatch(services &all, const http_request &request, const http_serv
                         "docs/api.md lists the paths");
     if (request.too_large)
         throw api_error("FXM_TOO_LARGE", fmt::format("the body is larger than {} bytes", http_server::MAX_BODY));
-    found->handle(all, call);
+    run(found_in, *found, call);
 }
 
-void handle_request(services &all, const http_request &request, http_server::responder answer)
+void handle_request(services &all, const http_request &request, const http_server::responder &answer)
+{
+    handle_request(all, own_tables(), request, answer,
+                   [&all](size_t, const route &found, api_call &call) { found.handle(all, call); });
+}
+
+void handle_request(services &all, std::span<const std::span<const route>> tables, const http_request &request,
+                    const http_server::responder &answer, const route_runner &run)
 {
     try {
-        dispatch(all, request, answer);
+        dispatch(all, tables, request, answer, run);
     } catch (const api_error &failure) {
         answer(error_reply(failure));
     } catch (const std::exception &failure) {

@@ -43,8 +43,16 @@ std::span<const route> event_routes();
 std::span<const route> status_routes();
 std::span<const route> page_routes();
 
-// Finds the route and checks the role; turns an api_error into its answer.
-void handle_request(services &all, const http_request &request, http_server::responder answer);
+// The routes of an fxmd, in all files.
+std::span<const std::span<const route>> own_tables();
+
+// Finds the first route that fits, checks the role, and calls `run` with the number of its table; turns an api_error into
+// its answer.
+using route_runner = std::function<void(size_t table, const route &found, api_call &call)>;
+void handle_request(services &all, std::span<const std::span<const route>> tables, const http_request &request,
+                    const http_server::responder &answer, const route_runner &run);
+// The same for the routes of an fxmd.
+void handle_request(services &all, const http_request &request, const http_server::responder &answer);
 
 // ------------------------------------------------------------------------------------------------- for the handlers
 
@@ -81,6 +89,9 @@ class arguments
     boost::json::object members_;
     std::vector<std::string> taken_;
 };
+
+// "BOOT.SEQ", as a client names the last event that it has seen.
+std::pair<std::string, uint64_t> parse_position(const std::string &text);
 
 // The members "retries", "interval_ms" and "livecheck".
 operation take_operation(arguments *given);

@@ -79,8 +79,7 @@ class event_stream : public http_source
     std::chrono::steady_clock::time_point last_sent_ = std::chrono::steady_clock::now();
 };
 
-// "BOOT.SEQ"
-static std::pair<std::string, uint64_t> parse_position(const std::string &text)
+std::pair<std::string, uint64_t> parse_position(const std::string &text)
 {
     const size_t dot = text.rfind('.');
     uint64_t seq = 0;

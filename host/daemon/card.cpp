@@ -390,6 +390,14 @@ member_set member_set::parse(std::string_view names)
     return result;
 }
 
+std::vector<std::string_view> member_set::names() const
+{
+    std::vector<std::string_view> made;
+    for (const size_t i : members_)
+        made.emplace_back(members[i].name);
+    return made;
+}
+
 static void put_member(text *out, const member &member, const card &card)
 {
     put(out, FMT_COMPILE(",\"{}\":"), member.name);

@@ -49,6 +49,7 @@ class member_set
   public:
     static member_set all();
     static member_set parse(std::string_view names); // with commas between; throws api_error for an unknown one
+    std::vector<std::string_view> names() const;     // without "id"
 
   private:
     friend void write_card(std::string *out, const card &card, const member_set &members);

@@ -173,7 +173,11 @@ static std::string nearest(const std::string &name)
 class reader
 {
   public:
-    explicit reader(fs::path file) : file_(std::move(file)), made_(defaults()) {}
+    reader(fs::path file, config_of what) : file_(std::move(file)), what_(what), made_(defaults())
+    {
+        if (what == config_of::room)
+            made_.socket = ROOM_SOCKET;
+    }
 
     config read()
     {
@@ -185,7 +189,11 @@ class reader
                 fmt::format("{}:{}: {}", file_.string(), failure.source().begin.line, failure.description()));
         }
         read_section("", table);
-        if (!table.contains("ports"))
+        if (what_ == config_of::room && (!table["fleet"]["urls"] || !table["fleet"]["site"]))
+            errors_.emplace_back(0,
+                                 fmt::format("{}: fleet.urls and fleet.site are missing: a room has a fleet and a name",
+                                             file_.string()));
+        if (what_ == config_of::fxmd && !table.contains("ports"))
             errors_.emplace_back(0,
                                  fmt::format("{}: ports is missing: expected {}", file_.string(), expected(keys()[0])));
         check_pairs(table);
@@ -209,8 +217,8 @@ class reader
         if (in.is_open() && in.peek() != std::ifstream::traits_type::eof())
             text << in.rdbuf();
         if (!in.is_open() && errno == ENOENT)
-            throw config_error(
-                fmt::format("there is no file {}; fxmd --print-config prints one to start from", file_.string()));
+            throw config_error(fmt::format("there is no file {}; fxmd{} --print-config prints one to start from",
+                                           file_.string(), what_ == config_of::room ? " --fleet" : ""));
         if (!in.is_open() || in.bad() || !text)
             throw config_error(fmt::format("cannot read {}: {}", file_.string(), strerror(errno)));
         return text.str();
@@ -241,6 +249,8 @@ class reader
                 fail(node, full, fmt::format("expected a section, [{}]", full));
             else if (!known)
                 fail(node, full, fmt::format("there is no such key; did you mean {}?", nearest(full)));
+            else if (!has_key(what_, *entry))
+                fail(node, full, "an operations room has no such key; it belongs into the file of an fxmd");
             else if (!take(*entry, node, &made_))
                 fail(node, full, "expected " + expected(*entry));
         }
@@ -286,11 +296,12 @@ class reader
     }
 
     const fs::path file_;
+    const config_of what_;
     config made_;
     std::vector<std::pair<toml::source_index, std::string>> errors_;
 };
 
-config load_config(const fs::path &file) { return reader(file).read(); }
+config load_config(const fs::path &file, config_of what) { return reader(file, what).read(); }
 
 // ------------------------------------------------------------------------------------------------------------- reload
 

@@ -47,13 +47,16 @@ class config_error : public std::runtime_error
     using std::runtime_error::runtime_error;
 };
 
-config load_config(const std::filesystem::path &file); // throws config_error
+// What a file is for: an fxmd with ports, or an operations room, which has a part of the keys.
+enum class config_of { fxmd, room };
+
+config load_config(const std::filesystem::path &file, config_of what = config_of::fxmd); // throws config_error
 
 // Of all management frames: what `settings` has set, or the default.
 uint16_t ether_type_of(const config &settings);
 
 // A file with every key, its description and its default.
-std::string sample_config();
+std::string sample_config(config_of what = config_of::fxmd);
 
 struct changed_key {
     std::string name;

@@ -94,17 +94,18 @@ static const key table[] = {
      "What fxmd logs to stderr. Writes to cards are always logged."},
     {"fleet", "urls",
      list_key{&config::fleet_urls, 16, is_server, "a list of servers, such as [\"nats://10.0.0.1:4222\"]"}, false,
-     "The NATS servers of a fleet of several fxmd. What this one knows goes there, and requests come from there. "
-     "Without this key there is no fleet."},
+     "The NATS servers of a fleet of several fxmd. What a site knows goes there, and a room reads it there. Without "
+     "this "
+     "key there is no fleet."},
     {"fleet", "site", text_key{&config::fleet_site, "", is_empty_or_site, "at most 32 of a-z, 0-9 and -"}, false,
-     "The name of this fxmd, unique in the fleet. Required with urls."},
+     "The name of this fxmd, unique in the fleet. Required with urls. Of a room: the user of its certificate."},
     {"fleet", "ca", text_key{&config::fleet_ca, "", is_empty_or_absolute, "an absolute path, or nothing"}, false,
      "The certificate that has signed those of the servers. Empty: the connection is not encrypted."},
     {"fleet", "certificate",
      text_key{&config::fleet_certificate, "", is_empty_or_absolute, "an absolute path, or nothing"}, false,
-     "A file with the certificate of this site and its key. Required with ca."},
+     "A file with the certificate of this site or room and its key. Required with ca."},
     {"fleet", "allow", text_key{&config::fleet_allow, "view", is_role, "view, operate or admin"}, false,
-     "The most that a request from the fleet may do here, whoever asks."},
+     "The most that a request from the fleet may do here, whoever asks. Of a room: the most that it asks for."},
     {"library", "ether_type", library_number{0, 65535, 0x88b6}, false, "EtherType of all management frames."},
     {"library", "broadcast_mac", library_mac{"03:00:ff:ff:ff:ff"}, false, "Destination of a Reset frame."},
     {"library", "devinfo_check_interval", library_number{1000, 100000, 1000}, false,
@@ -145,6 +146,12 @@ static const key table[] = {
 };
 
 std::span<const key> keys() { return table; }
+
+bool has_key(config_of what, const key &entry)
+{
+    const std::string_view section = entry.section;
+    return what == config_of::fxmd || section == "api" || section == "log" || section == "fleet";
+}
 
 std::string full_name(const key &entry)
 {
@@ -241,22 +248,35 @@ uint16_t ether_type_of(const config &settings)
     return static_cast<uint16_t>(std::get<library_number>(entry->kind).absent);
 }
 
-std::string sample_config()
+std::string sample_config(config_of what)
 {
-    std::string text =
-        "# Configuration of fxmd, with all keys and their defaults. fxmd --check reads it and reports every error.\n"
-        "# fxmctl reload applies the keys marked \"reload\"; the others need a restart.\n";
+    const bool is_room = what == config_of::room;
+    std::string text = is_room
+                           ? "# Configuration of an operations room, fxmd --fleet, with all keys and their defaults.\n"
+                             "# fxmd --fleet --check reads it and reports every error.\n"
+                           : "# Configuration of fxmd, with all keys and their defaults. fxmd --check reads it and "
+                             "reports every error.\n";
+    text += "# fxmctl reload applies the keys marked \"reload\"; the others need a restart.\n";
     std::string section;
     for (const key &entry : keys()) {
+        if (!has_key(what, entry))
+            continue;
         if (section != entry.section) {
             section = entry.section;
             text += fmt::format("\n[{}]\n", section);
             if (section == "library")
                 text += "# Passed on to the library as they are.\n";
         }
-        const bool needed = std::holds_alternative<ports_key>(entry.kind);
+        const std::string_view name = entry.name;
+        const bool needed =
+            std::holds_alternative<ports_key>(entry.kind) || (is_room && (name == "urls" || name == "site"));
+        std::string value = default_text(entry);
+        if (is_room && name == "socket")
+            value = fmt::format("\"{}\"", ROOM_SOCKET);
+        else if (is_room && needed)
+            value = name == "site" ? "\"room\"" : R"(["nats://127.0.0.1:4222"])";
         text += fmt::format("\n{}# Expected: {}.{}\n{}{} = {}\n", wrapped(entry.purpose), expected(entry),
-                            entry.reloadable ? " (reload)" : "", needed ? "" : "#", entry.name, default_text(entry));
+                            entry.reloadable ? " (reload)" : "", needed ? "" : "#", entry.name, value);
     }
     return text;
 }

@@ -59,6 +59,10 @@ struct key {
 
 std::span<const key> keys(); // in the order of the sample file
 
+bool has_key(config_of what, const key &entry);
+// A room runs beside an fxmd, so its socket is another one.
+inline constexpr const char *ROOM_SOCKET = "/run/fxm-room/fxmd.sock";
+
 std::string full_name(const key &entry);                        // "api.listen"
 std::string expected(const key &entry);                         // what the value must be, for messages
 std::optional<int64_t> parse_duration(const std::string &text); // "90s", in ms

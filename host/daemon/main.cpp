@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/random.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -22,8 +21,10 @@
 #include "daemon/library_files.h"
 #include "daemon/sequence.h"
 #include "daemon/services.h"
+#include "daemon/setup.h"
 #include "fxm.h"
 #ifdef FXM_FLEET
+#include "fleet/room_daemon.h"
 #include "fleet/site.h"
 #endif
 
@@ -73,42 +74,11 @@ class signal_queue
     int fd_;
 };
 
-static std::string random_word()
-{
-    uint32_t value = 0;
-    if (getrandom(&value, sizeof(value), 0) != sizeof(value))
-        value = static_cast<uint32_t>(clock_ms());
-    return fmt::format("{:08x}", value);
-}
-
-static role_settings role_settings_of(const config &settings)
-{
-    return {settings.group_view, settings.group_operate, settings.group_admin, settings.token_file};
-}
-
 static history_limits limits_of(const config &settings) { return {settings.history_days, settings.history_max_events}; }
 
-static log_level level_of(const config &settings)
-{
-    for (const log_level level : {log_level::error, log_level::warning, log_level::debug}) {
-        if (settings.log_level == word(level))
-            return level;
-    }
-    return log_level::info;
-}
-
-// The socket that the service manager has opened, or -1.
-static int handed_socket()
-{
-    for (int i = 0; i < sd_listen_fds(1); ++i) {
-        if (sd_is_socket_unix(SD_LISTEN_FDS_START + i, SOCK_STREAM, 1, nullptr, 0) > 0)
-            return SD_LISTEN_FDS_START + i;
-    }
-    return -1;
-}
-
 struct options {
-    std::string config_file = "/etc/fxm/fxmd.toml";
+    std::string config_file;
+    config_of what = config_of::fxmd;
     bool ignore_claim = false;
 };
 
@@ -148,16 +118,10 @@ class daemon
             past_ = std::make_unique<history>(fs::path(settings->state_dir), limits_of(*settings), &events_, &log_,
                                               [this] { return sample(); });
         all_.past = past_.get();
-        http_server::options web;
-        web.socket_path = settings->socket;
-        web.socket_group = all_.who()->group_of(role::operate);
-        web.listen = settings->listen;
-        web.max_clients = settings->max_clients;
-        web.socket_fd = handed_socket();
-        server_ =
-            std::make_unique<http_server>(web, [this](const http_request &request, http_server::responder answer) {
-                handle_request(all_, request, answer);
-            });
+        server_ = std::make_unique<http_server>(web_of(*settings, *all_.who()),
+                                                [this](const http_request &request, http_server::responder answer) {
+                                                    handle_request(all_, request, answer);
+                                                });
         all_.server = server_.get();
         events_.on_append([this] { server_->events_appended(); });
         if (!settings->fleet_urls.empty())
@@ -210,13 +174,9 @@ class daemon
     {
         std::lock_guard guard(reload_mutex_);
         const auto before = all_.settings();
-        auto next = std::make_shared<config>(load_config(given_.config_file));
-        auto judge = std::make_shared<const roles>(role_settings_of(*next), &log_);
         reload_result result;
-        for (const changed_key &key : changed_keys(*before, *next))
-            (key.reloadable ? result.applied : result.needs_restart).push_back(key.name);
-        // What needs a restart stays as it is, so that the configuration in force tells the truth.
-        next = std::make_shared<config>(reloaded(*before, *next));
+        auto next = read_again(given_.config_file, config_of::fxmd, *before, &result);
+        auto judge = std::make_shared<const roles>(role_settings_of(*next), &log_);
         log_.set_level(level_of(*next));
         cards_.set_forget_after(next->forget_after_ms);
         limit_cards(next->max_cards);
@@ -225,9 +185,7 @@ class daemon
             past_->set_limits(limits_of(*next));
         all_.set_roles(std::move(judge));
         all_.set_settings(std::move(next));
-        for (const std::string &key : result.needs_restart)
-            log_.warning("a restart of fxmd is needed to change {}", key);
-        log_.info("configuration read again, {} keys applied", result.applied.size());
+        log_reload(result, &log_);
         return result;
     }
 
@@ -360,7 +318,7 @@ static void make_directory(const std::string &path)
                                              error ? error.message() : std::string("no permission")));
 }
 
-static void wait_for_stop(const signal_queue &signals, daemon *running)
+template <typename Daemon> static void wait_for_stop(const signal_queue &signals, Daemon *running)
 {
     uint64_t watchdog_us = 0;
     const bool watched = sd_watchdog_enabled(0, &watchdog_us) > 0;
@@ -388,17 +346,37 @@ static void wait_for_stop(const signal_queue &signals, daemon *running)
     }
 }
 
+template <typename Daemon> static int serve(const signal_queue &signals, Daemon *running)
+{
+    running->start();
+    sd_notify(0, "READY=1");
+    wait_for_stop(signals, running);
+    sd_notify(0, "STOPPING=1");
+    const bool failed = running->library_failed();
+    running->stop();
+    return failed ? EXIT_FAILED : EXIT_DONE;
+}
+
 static int run(const options &given)
 {
     std::shared_ptr<const config> settings;
     try {
-        settings = std::make_shared<const config>(load_config(given.config_file));
+        settings = std::make_shared<const config>(load_config(given.config_file, given.what));
     } catch (const config_error &failure) {
         fmt::print(stderr, "{}\n", failure.what());
         return EXIT_USAGE;
     }
     const signal_queue signals;
     try {
+        if (given.what == config_of::room) {
+#ifdef FXM_FLEET
+            make_directory(fs::path(settings->socket).parent_path());
+            fleet::room_daemon room(given.config_file, settings);
+            return serve(signals, &room);
+#else
+            throw std::runtime_error("this fxmd was built without the fleet (FXM_FLEET), so it can be no room");
+#endif
+        }
         // Before anything else, so that a second manager ends at once.
         if (!given.ignore_claim) {
             for (const std::string &name : settings->ports)
@@ -407,13 +385,7 @@ static int run(const options &given)
         for (const std::string &path : {settings->run_dir, settings->run_dir + "/library/conf", settings->state_dir})
             make_directory(path);
         daemon running(given, settings);
-        running.start();
-        sd_notify(0, "READY=1");
-        wait_for_stop(signals, &running);
-        sd_notify(0, "STOPPING=1");
-        const bool failed = running.library_failed();
-        running.stop();
-        return failed ? EXIT_FAILED : EXIT_DONE;
+        return serve(signals, &running);
     } catch (const claim_error &failure) {
         fmt::print(stderr, "fxmd: {}\n", failure.what());
         return EXIT_CLAIMED;
@@ -433,7 +405,10 @@ int main(int argc, char **argv)
     bool print_config = false;
     bool ports = false;
     app.set_version_flag("--version", "fxmd " FXM_VERSION);
-    app.add_option("--config", given.config_file, "the configuration file")->capture_default_str();
+    bool fleet = false;
+    app.add_option("--config", given.config_file,
+                   "the configuration file [/etc/fxm/fxmd.toml, of a room /etc/fxm/room.toml]");
+    app.add_flag("--fleet", fleet, "be the operations room of a fleet: no ports, and all its sites");
     app.add_flag("--check", check, "check the configuration file and end");
     app.add_flag("--ports", ports, "print the names of the configured ports, one a line, and end");
     app.add_flag("--print-config", print_config, "print a configuration file with all keys and defaults, and end");
@@ -447,8 +422,11 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &failure) {
         return app.exit(failure) == 0 ? fxm::EXIT_DONE : fxm::EXIT_USAGE;
     }
+    given.what = fleet ? fxm::config_of::room : fxm::config_of::fxmd;
+    if (given.config_file.empty())
+        given.config_file = fleet ? "/etc/fxm/room.toml" : "/etc/fxm/fxmd.toml";
     if (print_config) {
-        std::cout << fxm::sample_config() << std::flush;
+        std::cout << fxm::sample_config(given.what) << std::flush;
         return std::cout ? fxm::EXIT_DONE : fxm::EXIT_FAILED;
     }
     if (given.ignore_claim && geteuid() != 0) {
@@ -457,7 +435,7 @@ int main(int argc, char **argv)
     }
     if (check || ports) {
         try {
-            const fxm::config config = fxm::load_config(given.config_file);
+            const fxm::config config = fxm::load_config(given.config_file, given.what);
             if (check)
                 std::cout << given.config_file << ": good\n";
             for (const std::string &name : ports ? config.ports : std::vector<std::string>())

@@ -1,7 +1,5 @@
 #include "daemon/metrics.h"
 
-#include <prometheus/metric_family.h>
-#include <prometheus/text_serializer.h>
 #include <sys/resource.h>
 
 #include <iterator>
@@ -10,15 +8,12 @@
 #include <vector>
 
 #include "common/card_id.h"
+#include "daemon/samples.h"
 #include "daemon/services.h"
 #include "fxm.h"
 
 namespace fxm
 {
-
-using prometheus::ClientMetric;
-using prometheus::MetricType;
-using label_list = std::vector<ClientMetric::Label>;
 
 // ------------------------------------------------------------------------------------------------------------ reading
 
@@ -79,52 +74,7 @@ static reading read_all(services &all)
 
 // ----------------------------------------------------------------------------------------------------------- families
 
-// The samples of one family.
-class samples
-{
-  public:
-    explicit samples(MetricType type) : type_(type) {}
-
-    template <typename Number> void add(Number value, label_list labels = {})
-    {
-        ClientMetric &sample = next(std::move(labels));
-        if (type_ == MetricType::Counter)
-            sample.counter.value = static_cast<double>(value);
-        else
-            sample.gauge.value = static_cast<double>(value);
-    }
-
-    void add_histogram(const register_timing::numbers &of, label_list labels)
-    {
-        ClientMetric::Histogram &histogram = next(std::move(labels)).histogram;
-        histogram.sample_count = of.count;
-        histogram.sample_sum = static_cast<double>(of.sum_us) / 1e6;
-        uint64_t sum = 0;
-        for (size_t i = 0; i < register_timing::BOUNDS.size(); ++i) {
-            sum += of.buckets[i];
-            histogram.bucket.push_back({sum, register_timing::BOUNDS[i] / 1e6});
-        }
-    }
-
-    std::vector<ClientMetric> take() { return std::move(made_); }
-
-  private:
-    ClientMetric &next(label_list labels)
-    {
-        made_.emplace_back().label = std::move(labels);
-        return made_.back();
-    }
-
-    const MetricType type_;
-    std::vector<ClientMetric> made_;
-};
-
-struct family {
-    const char *name;
-    MetricType type;
-    const char *help;
-    void (*fill)(const reading &now, samples *out);
-};
+using family = family_of<reading>;
 
 static ClientMetric::Label port_label(const port_counters &port) { return {"port", std::to_string(port.number)}; }
 
@@ -167,7 +117,7 @@ static void fill_requests(const reading &now, samples *out)
 static void fill_cards(const reading &now, samples *out)
 {
     for (size_t kind = 0; kind < class_words.size(); ++kind) {
-        for (size_t state = 0; state < health_words.size(); ++state)
+        for (size_t state = 0; state < OWN_HEALTHS; ++state)
             out->add(now.cards.of[kind][state], {{"class", class_words[kind]}, {"health", health_words[state]}});
     }
 }
@@ -324,14 +274,7 @@ static constexpr family families[] = {
 std::string metrics_text(services &all)
 {
     const reading now = read_all(all);
-    std::vector<prometheus::MetricFamily> document;
-    document.reserve(std::size(families));
-    for (const family &each : families) {
-        samples made(each.type);
-        each.fill(now, &made);
-        document.push_back({each.name, each.help, each.type, made.take()});
-    }
-    return prometheus::TextSerializer().Serialize(document);
+    return text_of_families<reading>(families, now);
 }
 
 } // namespace fxm

@@ -21,7 +21,7 @@ namespace fxm
 {
 
 struct card_totals {
-    uint32_t of[2][5]{}; // by class and health
+    uint32_t of[2][OWN_HEALTHS]{}; // by class and health
     uint32_t in(health state) const { return of[0][static_cast<int>(state)] + of[1][static_cast<int>(state)]; }
     uint32_t in(card_class kind) const;
     uint32_t all() const { return in(card_class::fxsv) + in(card_class::fxio); }

@@ -20,18 +20,13 @@
 #include "daemon/model.h"
 #include "daemon/ring.h"
 #include "daemon/roles.h"
+#include "daemon/setup.h"
 #include "daemon/status.h"
 #include "daemon/timing.h"
 #include "fleet/status.h"
 
 namespace fxm
 {
-
-// What a reload has applied, and what waits for a restart.
-struct reload_result {
-    std::vector<std::string> applied;
-    std::vector<std::string> needs_restart;
-};
 
 struct services {
     std::string boot; // names this run of fxmd

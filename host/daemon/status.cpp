@@ -116,7 +116,7 @@ static json::object cards_document(services &all, const counters &now)
     const card_totals totals = all.cards->totals();
     json::object made{
         {"total", totals.all()}, {"fxsv", totals.in(card_class::fxsv)}, {"fxio", totals.in(card_class::fxio)}};
-    for (size_t i = 0; i < health_words.size(); ++i)
+    for (size_t i = 0; i < OWN_HEALTHS; ++i)
         made[health_words[i]] = totals.in(static_cast<health>(i));
     made["refused"] = now.refused;
     made["max"] = all.settings()->max_cards;

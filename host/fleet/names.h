@@ -25,6 +25,7 @@ inline constexpr const char *REQUEST_ID = "Fxm-Id";
 inline constexpr const char *DEADLINE = "Fxm-Deadline"; // ms since 1970, by the clock of the site
 inline constexpr const char *METHOD = "Fxm-Method";
 inline constexpr const char *PATH = "Fxm-Path"; // with the query
+inline constexpr const char *FOR = "Fxm-For";   // who has asked the room, as the room says; for the log
 inline constexpr const char *STATUS = "Fxm-Status";
 inline constexpr const char *TYPE = "Fxm-Type";
 

@@ -6,6 +6,7 @@
 #include <nats/nats.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -40,6 +41,7 @@ struct libnats {
     X(natsOptions_LoadCATrustedCertificates)                                                                           \
     X(natsOptions_LoadCertificatesChain)                                                                               \
     X(natsConnection_Connect)                                                                                          \
+    X(natsConnection_Close)                                                                                            \
     X(natsConnection_Destroy)                                                                                          \
     X(natsConnection_Status)                                                                                           \
     X(natsConnection_GetLastError)                                                                                     \
@@ -47,6 +49,7 @@ struct libnats {
     X(natsConnection_RequestMsg)                                                                                       \
     X(natsConnection_Subscribe)                                                                                        \
     X(natsSubscription_Destroy)                                                                                        \
+    X(natsSubscription_SetPendingLimits)                                                                               \
     X(natsSubscription_SetOnCompleteCB)                                                                                \
     X(natsMsg_Create)                                                                                                  \
     X(natsMsg_Destroy)                                                                                                 \
@@ -146,9 +149,17 @@ struct nats_connection::handles {
         std::function<void(nats_message)> see;
     };
 
-    std::string inbox;
+    // Of one stream; its thread writes, any thread reads.
+    struct reading {
+        uint64_t next = 1; // number of the delivery
+        std::atomic<bool> broken{false};
+        std::atomic<int64_t> heard_ms{0};
+    };
+
+    std::string inbox, readings_inbox;
     natsConnection *connection = nullptr;
     std::vector<std::unique_ptr<subscription>> subscriptions;
+    std::vector<std::unique_ptr<reading>> readings; // whoever owns the connection adds to them
 
     std::mutex mutex; // guards what follows
     std::condition_variable confirmed;
@@ -183,6 +194,7 @@ struct nats_connection::handles {
         of->confirmed.notify_all();
     }
     void on_confirmation(const nats_message &answer);
+    natsSubscription *subscribe(const std::string &subject, std::function<void(nats_message)> see);
 
     ~handles()
     {
@@ -262,6 +274,7 @@ nats_connection::nats_connection(const nats_options &options) : handles_(std::ma
         set(nats().natsOptions_LoadCertificatesChain(made, options.certificate.c_str(), options.certificate.c_str()));
     }
     handles_->inbox = options.inbox + ".stored";
+    handles_->readings_inbox = options.inbox + ".read";
     set(nats().natsOptions_SetClosedCB(
         made, [](natsConnection *, void *of) { handles::on_end(of); }, handles_.get()));
     check(nats().natsConnection_Connect(&handles_->connection, made), options.url);
@@ -276,6 +289,8 @@ bool nats_connection::is_up() const
 {
     return nats().natsConnection_Status(handles_->connection) == NATS_CONN_STATUS_CONNECTED;
 }
+
+void nats_connection::close() { nats().natsConnection_Close(handles_->connection); }
 
 std::string nats_connection::take_refusal()
 {
@@ -307,20 +322,24 @@ nats_message nats_connection::ask(const nats_message &message, int timeout_ms)
     return message_of(answer);
 }
 
-void nats_connection::subscribe(const std::string &subject, std::function<void(nats_message)> see)
+natsSubscription *nats_connection::handles::subscribe(const std::string &subject, std::function<void(nats_message)> see)
 {
-    auto made = std::make_unique<handles::subscription>();
+    auto made = std::make_unique<subscription>();
     made->see = std::move(see);
-    check(nats().natsConnection_Subscribe(&made->handle, handles_->connection, subject.c_str(), handles::on_message,
-                                          made.get()),
-          subject);
+    check(nats().natsConnection_Subscribe(&made->handle, connection, subject.c_str(), on_message, made.get()), subject);
     natsSubscription *handle = made->handle;
     {
-        std::lock_guard guard(handles_->mutex);
-        handles_->callers += 1;
-        handles_->subscriptions.push_back(std::move(made));
+        std::lock_guard guard(mutex);
+        callers += 1;
+        subscriptions.push_back(std::move(made));
     }
-    check(nats().natsSubscription_SetOnCompleteCB(handle, handles::on_end, handles_.get()), subject);
+    check(nats().natsSubscription_SetOnCompleteCB(handle, on_end, this), subject);
+    return handle;
+}
+
+void nats_connection::subscribe(const std::string &subject, std::function<void(nats_message)> see)
+{
+    handles_->subscribe(subject, std::move(see));
 }
 
 void nats_connection::store(const nats_message &message, int timeout_ms)
@@ -346,6 +365,124 @@ std::vector<bool> nats_connection::store_all(std::vector<nats_message> messages,
     handles_->confirmed.wait_for(guard, std::chrono::milliseconds(timeout_ms), [&] { return handles_->open == 0; });
     handles_->open = 0;
     return handles_->stored;
+}
+
+// ------------------------------------------------------------------------------------------------------------ streams
+
+// The answer of the servers' API; throws what they refuse.
+static json::object told(nats_connection *connection, const nats_message &question, int timeout_ms)
+{
+    const nats_message answer = connection->ask(question, timeout_ms);
+    boost::system::error_code error;
+    json::value parsed = json::parse(answer.data, error);
+    if (error || !parsed.is_object())
+        throw nats_error(fmt::format("{}: \"{:.100}\" is no answer", question.subject, answer.data), true);
+    if (const json::value *failure = parsed.as_object().if_contains("error"))
+        throw nats_error(fmt::format("{}: {}", question.subject, json::serialize(*failure)), true);
+    return std::move(parsed.as_object());
+}
+
+nats_stream nats_connection::about(const std::string &stream, int timeout_ms)
+{
+    nats_message question;
+    question.subject = fmt::format("$JS.API.STREAM.INFO.{}", stream);
+    try {
+        const json::object answer = told(this, question, timeout_ms);
+        const json::object &state = answer.at("state").as_object();
+        return {std::string(answer.at("created").as_string()), state.at("first_seq").to_number<uint64_t>(),
+                state.at("last_seq").to_number<uint64_t>()};
+    } catch (const boost::system::system_error &failure) {
+        throw nats_error(fmt::format("{}: {}", question.subject, failure.what()), true);
+    }
+}
+
+// What a stream delivers names its place in the reply subject: $JS.ACK.STREAM.CONSUMER.TRIES.NUMBER.DELIVERY.NS.LEFT, with
+// two more words in front of the stream in newer servers. False for anything else.
+static bool read_place(std::string_view reply, nats_entry *entry, uint64_t *delivery)
+{
+    std::vector<std::string_view> words;
+    while (!reply.empty()) {
+        words.push_back(reply.substr(0, reply.find('.')));
+        reply.remove_prefix(std::min(reply.size(), words.back().size() + 1));
+    }
+    constexpr size_t SHORT = 9;
+    constexpr size_t LONG = 11;
+    if (words.size() < SHORT || words[0] != "$JS" || words[1] != "ACK" || words.size() == SHORT + 1)
+        return false;
+    const size_t at = words.size() >= LONG ? 4 : 2;
+    const auto value = [&](size_t place) { return std::strtoull(words[at + place].data(), nullptr, 10); };
+    constexpr uint64_t NS = 1000000;
+    entry->number = value(3);
+    *delivery = value(4);
+    entry->time_ms = static_cast<int64_t>(value(5) / NS);
+    entry->left = value(6);
+    return true;
+}
+
+static int64_t steady_ms()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+uint64_t nats_connection::follow(const std::string &stream, const std::string &subjects, uint64_t from,
+                                 std::function<void(nats_entry)> see, int timeout_ms)
+{
+    handles_->readings.push_back(std::make_unique<handles::reading>());
+    handles::reading *state = handles_->readings.back().get();
+    state->heard_ms = steady_ms();
+    const std::string inbox = fmt::format("{}.{}", handles_->readings_inbox, handles_->readings.size());
+    natsSubscription *handle = handles_->subscribe(inbox, [this, state, see = std::move(see)](nats_message message) {
+        state->heard_ms = steady_ms();
+        nats_entry entry;
+        uint64_t delivery = 0;
+        if (read_place(message.reply, &entry, &delivery)) {
+            if (delivery != state->next)
+                state->broken = true;
+            if (state->broken)
+                return;
+            state->next += 1;
+            entry.message = std::move(message);
+            see(std::move(entry));
+            return;
+        }
+        // A sign of life, which says how far it is, or a question of the flow control. What names a subject wants an answer.
+        const std::string *last = message.header("Nats-Last-Consumer");
+        if (last != nullptr && std::strtoull(last->c_str(), nullptr, 10) + 1 != state->next)
+            state->broken = true;
+        const std::string *stalled = message.header("Nats-Consumer-Stalled");
+        nats_message answer;
+        answer.subject = stalled != nullptr ? *stalled : message.reply;
+        if (!answer.subject.empty())
+            publish(answer);
+    });
+    // The servers bound what they send before it is taken; a message that libnats dropped would be a hole.
+    check(nats().natsSubscription_SetPendingLimits(handle, -1, -1), subjects);
+    constexpr int64_t NS = 1000000;
+    json::object config{{"deliver_subject", inbox},   {"filter_subject", subjects}, {"ack_policy", "none"},
+                        {"replay_policy", "instant"}, {"flow_control", true},       {"idle_heartbeat", QUIET_MS * NS},
+                        {"max_deliver", 1},           {"mem_storage", true}};
+    config["deliver_policy"] = from == 0 ? "last_per_subject" : "by_start_sequence";
+    if (from != 0)
+        config["opt_start_seq"] = from;
+    nats_message question;
+    question.subject = fmt::format("$JS.API.CONSUMER.CREATE.{}", stream);
+    question.data = json::serialize(json::object{{"stream_name", stream}, {"config", config}});
+    const json::object answer = told(this, question, timeout_ms);
+    const json::value *waiting = answer.if_contains("num_pending");
+    const json::value *delivered = answer.if_contains("delivered");
+    uint64_t there = waiting != nullptr ? waiting->to_number<uint64_t>() : 0;
+    if (delivered != nullptr) // some may be on their way already
+        there += delivered->at("consumer_seq").to_number<uint64_t>();
+    return there;
+}
+
+bool nats_connection::reads_well() const
+{
+    const int64_t now = steady_ms();
+    return std::none_of(handles_->readings.begin(), handles_->readings.end(), [now](const auto &state) {
+        return state->broken || now - state->heard_ms > int64_t{3} * QUIET_MS;
+    });
 }
 
 std::optional<nats_message> nats_connection::last(const std::string &stream, const std::string &subject, int timeout_ms)

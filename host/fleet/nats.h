@@ -32,6 +32,19 @@ struct nats_message {
     const std::string *header(std::string_view name) const; // null if absent
 };
 
+// A message as a stream holds it.
+struct nats_entry {
+    nats_message message;
+    uint64_t number = 0; // of the stream
+    int64_t time_ms = 0; // when the stream took it
+    uint64_t left = 0;   // messages that wait behind it
+};
+
+struct nats_stream {
+    std::string created; // tells a stream from a later one of its name
+    uint64_t first = 0, last = 0;
+};
+
 struct nats_options {
     std::string url;             // of one server: nats://127.0.0.1:4222
     std::string name;            // of this client, for the server's lists
@@ -46,6 +59,7 @@ class nats_connection
   public:
     static constexpr size_t MOST_IN_FLIGHT = 256; // of store_all
     static constexpr int CONNECT_MS = 2000;
+    static constexpr int QUIET_MS = 2000; // after which a stream that is followed shows that it is there
 
     explicit nats_connection(const nats_options &options); // throws nats_error; std::runtime_error without libnats
     ~nats_connection();
@@ -53,6 +67,7 @@ class nats_connection
     nats_connection &operator=(const nats_connection &) = delete;
 
     bool is_up() const;
+    void close(); // from any thread: whoever waits for an answer is told so
     // What the server has refused since the last question, such as a message that this client may not send: only then the
     // cause of a missing answer is known. Empty: nothing.
     std::string take_refusal();
@@ -67,6 +82,14 @@ class nats_connection
     void store(const nats_message &message, int timeout_ms);
     // The same for up to MOST_IN_FLIGHT messages at once. Returns which of them are confirmed.
     std::vector<bool> store_all(std::vector<nats_message> messages, int timeout_ms);
+    nats_stream about(const std::string &stream, int timeout_ms);
+    // Hands what the stream has to `see`, in order and each once, and later what comes, on a thread of libnats of its own:
+    // from a number on, or with 0 the last message of each subject. Returns how many are there now. When reads_well() is
+    // false, something is missing, and whoever reads makes another connection.
+    uint64_t follow(const std::string &stream, const std::string &subjects, uint64_t from,
+                    std::function<void(nats_entry)> see, int timeout_ms);
+    bool reads_well() const;
+
     // The last message of a subject, from any server that holds the stream.
     std::optional<nats_message> last(const std::string &stream, const std::string &subject, int timeout_ms);
 

@@ -159,7 +159,11 @@ void desk::take(const nats_message &request, const answer &send)
         reply(std::move(*known));
         return;
     }
-    const std::string what = fmt::format("request of {} as {}: {} {}", user, word(asked), *method, *path);
+    // A room says whom it asks for; the servers do not prove that.
+    const std::string *asks_for = request.header(FOR);
+    const std::string what =
+        fmt::format("request of {} as {}{}{}: {} {}", user, word(asked), is_plain(asks_for) ? " for " : "",
+                    is_plain(asks_for) ? *asks_for : "", *method, *path);
     if (late_ms >= 0) {
         all_->log->warning("{}: too late by {} ms; not carried out", what, late_ms);
         reply(refusal("FXM_API_ETIMEDOUT", fmt::format("the request came {} ms after its deadline", late_ms),

@@ -11,6 +11,7 @@
 #include "daemon/card.h"
 #include "daemon/status.h"
 #include "fleet/names.h"
+#include "fleet/streams.h"
 #include "fxm.h"
 
 namespace fxm::fleet
@@ -32,7 +33,6 @@ constexpr auto COMPARE_EVERY = std::chrono::minutes(10);
 constexpr auto LOSS_AFTER = seconds(30); // a follower may lag; after so long its answer counts
 constexpr auto ASK_AGAIN = seconds(1);
 constexpr auto WARN_EVERY = std::chrono::minutes(1);
-constexpr uint32_t BUCKET = 1;                  // of cards
 constexpr auto LOOK_EVERY = seconds(1);         // at what the document of the site says
 constexpr uint64_t REQUESTS_QUEUE = UINT64_MAX; // at the executor, for requests alone: no card has this id
 
@@ -174,44 +174,6 @@ static uint64_t number_of(const nats_message &message, const char *name)
     return value;
 }
 
-// Whoever comes first makes what is missing, if the servers let it: those of a fleet with rights let nobody but their
-// administrator.
-void site::make_streams()
-{
-    const size_t replicas = options_.urls.size() >= 3 ? 3 : 1;
-    constexpr int64_t SECOND = 1000000000;
-    constexpr int64_t MONTH = SECOND * 86400 * 30;
-    const auto make = [&](const std::string &name, const std::string &subjects, json::object more) {
-        json::object wanted{{"name", name},
-                            {"subjects", {subjects}},
-                            {"storage", "file"},
-                            {"num_replicas", replicas},
-                            {"allow_direct", true}};
-        for (auto &member : more)
-            wanted[member.key()] = std::move(member.value());
-        nats_message question;
-        question.subject = fmt::format("$JS.API.STREAM.CREATE.{}", name);
-        question.data = json::serialize(wanted);
-        const nats_message answer = connection_->ask(question, SILENCE_MS);
-        const json::value told = json::parse(answer.data);
-        const json::value *failure = told.as_object().if_contains("error");
-        constexpr int64_t EXISTS = 10058; // with other limits
-        if (failure != nullptr && failure->at("err_code") == EXISTS)
-            return;
-        if (failure != nullptr)
-            throw nats_error(fmt::format("the stream {} cannot be made: {}", name, json::serialize(*failure)), true);
-        all_->log->info("fleet: the stream {} is there, {} copies", name, replicas);
-    };
-    const auto bucket = [&](const std::string &name) {
-        make(fmt::format("KV_{}", name), fmt::format("$KV.{}.>", name),
-             {{"max_msgs_per_subject", 1}, {"discard", "new"}, {"allow_rollup_hdrs", true}, {"deny_delete", true}});
-    };
-    make(EVENTS_STREAM, events_subject("*"),
-         {{"discard", "old"}, {"max_age", MONTH}, {"duplicate_window", 600 * SECOND}});
-    bucket(fmt::format("fxm_cards_{}", BUCKET));
-    bucket("fxm_sites");
-}
-
 // No answer can mean that there is no such stream.
 std::optional<nats_message> site::last(const std::string &stream, const std::string &subject)
 {
@@ -221,7 +183,7 @@ std::optional<nats_message> site::last(const std::string &stream, const std::str
         if (failure.refused || made_streams_ || !connection_->is_up())
             throw;
         made_streams_ = true;
-        make_streams();
+        make_streams(connection_.get(), options_.urls.size(), SILENCE_MS, all_->log);
         return connection_->last(stream, subject, SILENCE_MS);
     }
 }

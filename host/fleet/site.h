@@ -53,7 +53,6 @@ class site
     void run();
     void connect();
     std::optional<nats_message> last(const std::string &stream, const std::string &subject);
-    void make_streams();
     void ask_cursor();
     void serve();
     bool send_events();

@@ -117,22 +117,28 @@ class Stream:
 
 class Fabric:
     """Two cables, the simulator, and fxmd with its own directory."""
+    flags = ()
 
-    def __init__(self, cards=(), period=100, library=QUICK_EEPROM, top="eeprom_writer = true", api="", history="", sim=()):
+    def __init__(self, cards=(), period=100, library=QUICK_EEPROM, top="eeprom_writer = true", api="", history="", sim=(), number=0):
+        self.number = number  # of several in one namespace
         self.dir = tempfile.mkdtemp(prefix="fxm-host-")
         os.chmod(self.dir, 0o755)
         self.socket = f"{self.dir}/fxmd.sock"
         self.log_file = f"{self.dir}/log"
         self.config = f"{self.dir}/fxmd.toml"
         self.daemon = None
-        for port in (0, 1):
+        for port in self.ports():
             self.cable(port)
         self.configure(top, api, history, library)
-        self.sim = subprocess.Popen([FXMSIM, "--port0", "card0", "--port1", "card1", "--period", str(period), *sim],
+        ends = [f"card{port}" for port in self.ports()]
+        self.sim = subprocess.Popen([FXMSIM, "--port0", ends[0], "--port1", ends[1], "--period", str(period), *sim],
                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         self.sim.stdout.readline()
         for card in cards:
             self.cards(card)
+
+    def ports(self):
+        return 2 * self.number, 2 * self.number + 1
 
     @staticmethod
     def cable(port):
@@ -142,12 +148,13 @@ class Fabric:
 
     def configure(self, top="eeprom_writer = true", api="", history="", library=QUICK_EEPROM):
         with open(self.config, "w", encoding="utf-8") as file:
-            file.write(f'ports = ["fxm0", "fxm1"]\nrun_dir = "{self.dir}/run"\nstate_dir = "{self.dir}/state"\n{top}\n'
+            ports = json.dumps([f"fxm{port}" for port in self.ports()])
+            file.write(f'ports = {ports}\nrun_dir = "{self.dir}/run"\nstate_dir = "{self.dir}/state"\n{top}\n'
                        f'[api]\nsocket = "{self.socket}"\n{api}\n[history]\n{history}\n[library]\n{library}\n')
 
     def start(self, prefix=(), wait=True):
         with open(self.log_file, "a", encoding="utf-8") as log:
-            self.daemon = subprocess.Popen([*prefix, FXMD, "--config", self.config], stderr=log)
+            self.daemon = subprocess.Popen([*prefix, FXMD, *self.flags, "--config", self.config], stderr=log)
         if wait:
             until(self.answers, f"fxmd answers; its log: {self.log()[-2000:]}")
         return self
@@ -165,14 +172,15 @@ class Fabric:
         return self.daemon.wait(60)
 
     def close(self):
-        code = 0
-        if self.daemon and self.daemon.poll() is None:
-            code = self.stop()
+        code = self.stop() if self.daemon and self.daemon.poll() is None else 0
         self.sim.stdin.close()
         self.sim.wait(30)
         self.sim.stdout.close()
-        for port in (0, 1):
+        for port in self.ports():
             subprocess.run(["ip", "link", "del", f"card{port}"], check=False, stderr=subprocess.DEVNULL)
+        self.check(code)
+
+    def check(self, code):
         text = self.log()
         shutil.rmtree(self.dir, ignore_errors=True)
         # Sanitizers of fxmd report here.
@@ -237,3 +245,17 @@ class Fabric:
                               timeout=120, check=False, cwd=self.dir)
         assert done.returncode == code, f"fxmctl {' '.join(words)}: {done.returncode}: {done.stdout}{done.stderr}"
         return done.stderr if code else done.stdout
+
+
+class Room(Fabric):
+    """fxmd --fleet, which has no cables."""
+    flags = ("--fleet",)
+
+    def __init__(self, urls, name="room", allow="view", more=""):  # pylint: disable=super-init-not-called
+        self.dir = tempfile.mkdtemp(prefix="fxm-room-")
+        self.socket, self.log_file, self.config, self.daemon = (f"{self.dir}/{word}" for word in ("fxmd.sock", "log", "room.toml", ""))
+        with open(self.config, "w", encoding="utf-8") as file:
+            file.write(f'[api]\nsocket = "{self.socket}"\n[fleet]\nurls = {json.dumps(urls)}\nsite = "{name}"\nallow = "{allow}"\n{more}')
+
+    def close(self):
+        self.check(self.stop() if self.daemon.poll() is None else 0)

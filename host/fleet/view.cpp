@@ -1,0 +1,542 @@
+#include "fleet/view.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "common/card_id.h"
+#include "daemon/card.h"
+#include "daemon/ring.h"
+#include "fleet/names.h"
+
+namespace fxm::fleet
+{
+
+namespace json = boost::json;
+
+constexpr size_t OFFSETS = 12; // beats, a minute of them
+
+uint32_t site_numbers::total() const
+{
+    uint32_t sum = 0;
+    for (const auto &of_class : cards) {
+        for (const uint32_t count : of_class)
+            sum += count;
+    }
+    return sum;
+}
+
+// ---------------------------------------------------------------------------------------------------------- documents
+
+static std::optional<json::object> object_of(std::string_view text)
+{
+    boost::system::error_code error;
+    json::value parsed = json::parse({text.data(), text.size()}, error, {}, {.max_depth = 8});
+    if (error || !parsed.is_object())
+        return std::nullopt;
+    return std::move(parsed.as_object());
+}
+
+static std::string_view text_of(const json::object &from, std::string_view name)
+{
+    const json::value *value = from.if_contains(name);
+    const json::string *text = value != nullptr ? value->if_string() : nullptr;
+    return text != nullptr ? std::string_view(text->data(), text->size()) : std::string_view();
+}
+
+// 0 for what is no number, or below 0.
+static uint64_t number_of(const json::value *value)
+{
+    if (value != nullptr && value->is_uint64())
+        return value->get_uint64();
+    return value != nullptr && value->is_int64() && value->get_int64() > 0 ? static_cast<uint64_t>(value->get_int64())
+                                                                           : 0;
+}
+static uint64_t number_of(const json::object &from, std::string_view name) { return number_of(from.if_contains(name)); }
+
+template <typename Enum, size_t N>
+static Enum place_of(std::string_view text, const std::array<const char *, N> &words, Enum unknown)
+{
+    const auto found = std::find(words.begin(), words.end(), text);
+    return found != words.end() ? static_cast<Enum>(found - words.begin()) : unknown;
+}
+
+static uint16_t hex_of(const json::value &value)
+{
+    const json::string *text = value.if_string();
+    return text != nullptr ? static_cast<uint16_t>(std::strtoul(text->c_str(), nullptr, 16)) : 0;
+}
+
+// Takes one member of a document or of a change over. What a filter does not look at is passed over.
+static void set_fact(facts *of, std::string_view name, const json::value &value)
+{
+    const auto word = [&] {
+        const json::string *text = value.if_string();
+        return text != nullptr ? std::string_view(text->data(), text->size()) : std::string_view();
+    };
+    if (name == "class") {
+        of->kind = place_of(word(), class_words, card_class::fxsv);
+    } else if (name == "generation") {
+        of->is_40g = word() == "40G";
+    } else if (name == "vlan") {
+        of->vlan = static_cast<uint16_t>(number_of(&value));
+    } else if (name == "health") {
+        // A word of a newer site is no reason to call a card well.
+        of->state = place_of(word(), health_words, health::lost);
+        if (of->state == health::silent)
+            of->state = health::lost;
+    } else if (name == "int_vector") {
+        of->int_vector = static_cast<uint8_t>(number_of(&value));
+    } else if (name == "vendor") {
+        of->vendor = hex_of(value);
+    } else if (name == "device") {
+        of->device = hex_of(value);
+    } else if (name == "partners" && value.is_array()) {
+        of->partner_count = 0;
+        for (const json::value &partner : value.get_array()) {
+            const json::string *text = partner.if_string();
+            const auto id = text != nullptr ? parse_id(std::string_view(text->data(), text->size())) : std::nullopt;
+            if (id && of->partner_count < of->partners.size())
+                of->partners[of->partner_count++] = *id;
+        }
+    }
+}
+
+static void put(std::string *out, std::string_view name, const json::value &value)
+{
+    *out += fmt::format(",\"{}\":", name);
+    *out += json::serialize(value);
+}
+
+// ------------------------------------------------------------------------------------------------------------- cards
+
+view::known_site &view::at(const std::string &name) { return sites_[name]; }
+
+void view::count(known_site *of, const room_card &card, int by)
+{
+    uint32_t &entry = of->counts[static_cast<size_t>(card.known.kind)][static_cast<size_t>(card.known.state)];
+    entry = static_cast<uint32_t>(static_cast<int>(entry) + by);
+}
+
+void view::take_card(const std::string &site, uint64_t id, std::string_view document, bool gone)
+{
+    const auto parsed = gone ? std::nullopt : object_of(document);
+    room_card next;
+    if (parsed) {
+        static const std::vector<std::string_view> listed = member_set::all().names();
+        next.known.id = id;
+        next.rev = number_of(*parsed, "rev");
+        for (const auto &member : *parsed) {
+            const std::string_view name = member.key();
+            set_fact(&next.known, name, member.value());
+            if (name == "schema" || name == "site" || name == "id" || name == "health")
+                continue;
+            const bool in_list = std::find(listed.begin(), listed.end(), name) != listed.end();
+            put(in_list ? &next.row : &next.details, name, member.value());
+        }
+        next.row.shrink_to_fit();
+        next.details.shrink_to_fit();
+    }
+    std::lock_guard guard(mutex_);
+    known_site &of = at(site);
+    if (parsed && text_of(*parsed, "schema") != SCHEMA) {
+        refuse(site, &of, text_of(*parsed, "schema"));
+        return;
+    }
+    if (!gone && !parsed)
+        return; // the bucket holds something else; the last good state stays
+    const auto known = of.cards.find(id);
+    if (known != of.cards.end())
+        count(&of, known->second, -1);
+    if (gone) {
+        of.pending.erase(id);
+        if (known != of.cards.end())
+            of.cards.erase(known);
+        return;
+    }
+    const auto pending = of.pending.find(id);
+    if (pending != of.pending.end() && next.rev >= pending->second.last)
+        of.pending.erase(pending);
+    else if (pending != of.pending.end())
+        pending->second.first = std::max(pending->second.first, next.rev + 1);
+    next.reading = reading_;
+    room_card &place = known != of.cards.end() ? known->second : of.cards[id];
+    place = std::move(next);
+    count(&of, place, 1);
+}
+
+void view::begin_cards()
+{
+    std::lock_guard guard(mutex_);
+    reading_ += 1;
+}
+
+void view::end_cards()
+{
+    std::lock_guard guard(mutex_);
+    for (auto &[name, of] : sites_) {
+        std::erase_if(of.cards, [this, &of = of](const auto &entry) {
+            const bool is_old = entry.second.reading != reading_;
+            if (is_old)
+                count(&of, entry.second, -1);
+            return is_old;
+        });
+    }
+}
+
+bool view::with_card(const place &where, const seen &see) const
+{
+    std::lock_guard guard(mutex_);
+    const auto of = sites_.find(where.site);
+    if (of == sites_.end())
+        return false;
+    const auto card = of->second.cards.find(where.id);
+    if (card == of->second.cards.end())
+        return false;
+    see(where.site, state_of(of->second, clock::now()), card->second);
+    return true;
+}
+
+std::optional<view::place> view::visit(const place &after, const std::string &of, size_t limit,
+                                       const std::function<bool(const facts &)> &wanted, const seen &see) const
+{
+    const auto now = clock::now();
+    std::lock_guard guard(mutex_);
+    place last = after;
+    for (auto site = sites_.lower_bound(of.empty() ? after.site : of); site != sites_.end(); ++site) {
+        if (!of.empty() && site->first != of)
+            break;
+        const site_state state = state_of(site->second, now);
+        auto card = site->second.cards.upper_bound(site->first == after.site ? after.id : 0);
+        for (; card != site->second.cards.end(); ++card) {
+            if (limit-- == 0)
+                return last;
+            last = {site->first, card->first};
+            facts known = card->second.known;
+            if (state != site_state::live)
+                known.state = health::silent;
+            if (wanted(known))
+                see(site->first, state, card->second);
+        }
+    }
+    return std::nullopt;
+}
+
+// -------------------------------------------------------------------------------------------------------------- sites
+
+void view::refuse(const std::string &name, known_site *of, std::string_view schema)
+{
+    if (!std::exchange(of->refused, true))
+        log_->error("fleet: the site {} speaks \"{}\", and this room {}; its cards and events are left out", name,
+                    schema, SCHEMA);
+}
+
+void view::take_site(const std::string &site, std::string_view document, int64_t time_ms, bool gone)
+{
+    auto parsed = gone ? std::nullopt : object_of(document);
+    std::lock_guard guard(mutex_);
+    if (gone) {
+        sites_.erase(site);
+        return;
+    }
+    if (!parsed)
+        return;
+    known_site &of = at(site);
+    if (text_of(*parsed, "schema") != SCHEMA)
+        refuse(site, &of, text_of(*parsed, "schema"));
+    else
+        of.refused = false;
+    of.document = std::move(*parsed);
+    of.document_ms = time_ms;
+}
+
+void view::take_beat(const std::string &site, std::string_view document, int64_t now_ms)
+{
+    const auto parsed = object_of(document);
+    if (!parsed)
+        return;
+    std::lock_guard guard(mutex_);
+    known_site &of = at(site);
+    of.heard = clock::now();
+    of.beat_seq = number_of(*parsed, "seq");
+    of.waiting = number_of(*parsed, "waiting");
+    of.told_cards = number_of(*parsed, "cards");
+    of.offsets.push_back(static_cast<int64_t>(number_of(*parsed, "time_ms")) - now_ms);
+    if (of.offsets.size() > OFFSETS)
+        of.offsets.pop_front();
+}
+
+site_state view::state_of(const known_site &of, clock::time_point now) const
+{
+    if (of.refused)
+        return site_state::refused;
+    if (of.heard)
+        return now - *of.heard > SILENT_AFTER ? site_state::silent : site_state::live;
+    return now - began_ > SILENT_AFTER ? site_state::silent : site_state::starting;
+}
+
+site_numbers view::numbers_of(const std::string &name, const known_site &of) const
+{
+    const auto now = clock::now();
+    site_numbers made;
+    made.site = name;
+    made.state = state_of(of, now);
+    made.age_ms = of.heard ? std::chrono::duration_cast<std::chrono::milliseconds>(now - *of.heard).count()
+                           : std::max<int64_t>(0, clock_ms() - of.document_ms);
+    // A beat that was under way for long makes the clock look late, never early.
+    if (!of.offsets.empty())
+        made.offset_ms = *std::max_element(of.offsets.begin(), of.offsets.end());
+    made.document = of.document;
+    made.boot = of.boot.empty() ? std::string(text_of(of.document, "boot")) : of.boot;
+    made.seq = std::max({of.beat_seq, of.number.value_or(0), number_of(of.document, "seq")});
+    made.waiting = of.waiting;
+    made.told_cards = of.told_cards;
+    made.differs = of.differs_since && now - *of.differs_since > SILENT_AFTER;
+    made.events = of.events;
+    made.doubled = of.doubled;
+    made.lost = of.lost;
+    std::copy(&of.counts[0][0], &of.counts[0][0] + 2 * OWN_HEALTHS, &made.cards[0][0]);
+    return made;
+}
+
+std::vector<site_numbers> view::sites() const
+{
+    std::lock_guard guard(mutex_);
+    std::vector<site_numbers> made;
+    for (const auto &[name, of] : sites_)
+        made.push_back(numbers_of(name, of));
+    return made;
+}
+
+std::optional<site_numbers> view::site(const std::string &name) const
+{
+    std::lock_guard guard(mutex_);
+    const auto found = sites_.find(name);
+    if (found == sites_.end())
+        return std::nullopt;
+    return numbers_of(name, found->second);
+}
+
+void view::tick()
+{
+    bool told = false;
+    {
+        const auto now = clock::now();
+        std::lock_guard guard(mutex_);
+        for (auto &[name, of] : sites_) {
+            const site_state state = state_of(of, now);
+            // Cards that are under way make a difference for a moment.
+            if (state != site_state::live || of.told_cards == of.cards.size())
+                of.differs_since.reset();
+            else if (!of.differs_since)
+                of.differs_since = now;
+            if (state == of.told)
+                continue;
+            if (state == site_state::silent)
+                log_->warning("fleet: the site {} is silent; its cards are shown as they were", name);
+            else if (of.told == site_state::silent)
+                log_->info("fleet: the site {} is {}", name, word(state));
+            of.told = state;
+            room_event event;
+            event.time_ms = clock_ms();
+            event.site = name;
+            event.text = fmt::format(R"({{"schema":"fxm/1","type":"site","time_ms":{},"site":"{}","state":"{}"}})",
+                                     event.time_ms, name, word(state));
+            append(std::move(event));
+            told = true;
+        }
+    }
+    if (told && notify_)
+        notify_();
+}
+
+// ------------------------------------------------------------------------------------------------------------- events
+
+void view::append(room_event event)
+{
+    event.number = ++last_;
+    events_.push_back(std::make_shared<const room_event>(std::move(event)));
+    if (events_.size() > KEPT)
+        events_.pop_front();
+}
+
+view::hole view::hole_before(const batch &arrived) const
+{
+    std::lock_guard guard(mutex_);
+    const auto of = sites_.find(arrived.site);
+    if (of == sites_.end() || !of->second.number || arrived.previous <= *of->second.number || arrived.schema != SCHEMA)
+        return {};
+    return {*of->second.number + 1, std::min(arrived.previous, arrived.first - 1)};
+}
+
+void view::missing(const batch &arrived, known_site *of, uint64_t from, uint64_t to)
+{
+    of->lost += to - from + 1;
+    of->number = to;
+    room_event gap;
+    gap.time_ms = arrived.time_ms;
+    gap.site = arrived.site;
+    gap.boot = arrived.boot;
+    gap.seq = to;
+    gap.text = gap_text(from, to);
+    append(std::move(gap));
+}
+
+// The caller holds the mutex.
+void view::take_line(const batch &arrived, known_site *of, std::string_view line)
+{
+    const auto parsed = object_of(line);
+    if (!parsed)
+        return;
+    const std::string_view type = text_of(*parsed, "type");
+    const bool is_gap = type == "gap";
+    const uint64_t number = number_of(*parsed, is_gap ? "to" : "seq");
+    if (type == "reset") {
+        room_event event;
+        event.breaks = true;
+        of->number = number;
+        of->pending.clear();
+        event.time_ms = arrived.time_ms;
+        event.site = arrived.site;
+        event.boot = arrived.boot;
+        event.seq = number;
+        event.text = line;
+        append(std::move(event));
+        return;
+    }
+    if (of->number && number <= *of->number) {
+        of->doubled += 1;
+        return;
+    }
+    of->number = number;
+    room_event event;
+    event.time_ms = arrived.time_ms;
+    event.site = arrived.site;
+    event.boot = arrived.boot;
+    event.seq = number;
+    event.text = line;
+    if (is_gap) {
+        of->lost += number - std::min(number, number_of(*parsed, "from")) + 1;
+    } else {
+        of->events += 1;
+    }
+    const auto id = parse_id(text_of(*parsed, "card"));
+    if (type == "change" && id) {
+        event.is_change = true;
+        const auto known = of->cards.find(*id);
+        facts now = known != of->cards.end() ? known->second.known : facts{};
+        now.id = *id;
+        for (const char *name : {"class", "vlan", "health"}) {
+            if (const json::value *value = parsed->if_contains(name))
+                set_fact(&now, name, *value);
+        }
+        event.before = event.after = now;
+        const json::value *changes = parsed->if_contains("changes");
+        for (const auto &change : changes != nullptr && changes->is_object() ? changes->get_object() : json::object()) {
+            const json::array *values = change.value().if_array();
+            if (values == nullptr || values->size() != 2)
+                continue;
+            set_fact(&event.before, change.key(), values->at(0));
+            set_fact(&event.after, change.key(), values->at(1));
+        }
+        if (known == of->cards.end() || known->second.rev < number)
+            of->pending.emplace(*id, span{number, number}).first->second.last = number;
+    }
+    append(std::move(event));
+}
+
+void view::take_batch(const batch &arrived)
+{
+    {
+        std::lock_guard guard(mutex_);
+        known_site &of = at(arrived.site);
+        if (arrived.schema != SCHEMA) {
+            refuse(arrived.site, &of, arrived.schema);
+            return;
+        }
+        if (!of.number) // the first one that this room sees; what was before it is not missed
+            of.number = arrived.previous;
+        if (arrived.previous > *of.number)
+            missing(arrived, &of, *of.number + 1, std::min(arrived.previous, arrived.first - 1));
+        of.boot = arrived.boot;
+        std::string_view rest = arrived.lines;
+        while (!rest.empty()) {
+            const std::string_view line = rest.substr(0, rest.find('\n'));
+            rest.remove_prefix(std::min(rest.size(), line.size() + 1));
+            take_line(arrived, &of, line);
+        }
+    }
+    if (notify_)
+        notify_();
+}
+
+std::pair<std::string, uint64_t> view::position(const std::string &site) const
+{
+    std::lock_guard guard(mutex_);
+    const auto found = sites_.find(site);
+    if (found == sites_.end())
+        return {};
+    const known_site &of = found->second;
+    uint64_t safe = of.number.value_or(number_of(of.document, "seq"));
+    for (const auto &[id, changes] : of.pending)
+        safe = std::min(safe, changes.first - 1);
+    // A change that is pending for longer than events are kept would make every reader list again and again.
+    const auto oldest = std::find_if(events_.begin(), events_.end(),
+                                     [&](const auto &event) { return event->seq != 0 && event->site == site; });
+    if (oldest != events_.end() && !of.pending.empty())
+        safe = std::max(safe, (*oldest)->seq - 1);
+    return {of.boot.empty() ? std::string(text_of(of.document, "boot")) : of.boot, safe};
+}
+
+view::reading view::read(uint64_t after, size_t limit) const
+{
+    std::lock_guard guard(mutex_);
+    reading made;
+    const uint64_t oldest = last_ + 1 - events_.size();
+    if (after + 1 < oldest) {
+        made.gap_from = after + 1;
+        made.gap_to = oldest - 1;
+        after = oldest - 1;
+    }
+    for (uint64_t number = after + 1; number <= last_ && made.events.size() < limit; ++number)
+        made.events.push_back(events_[static_cast<size_t>(number - oldest)]);
+    return made;
+}
+
+uint64_t view::last() const
+{
+    std::lock_guard guard(mutex_);
+    return last_;
+}
+
+uint64_t view::first() const
+{
+    std::lock_guard guard(mutex_);
+    return last_ + 1 - events_.size();
+}
+
+std::optional<view::found> view::find(const std::string &site, const std::string &boot, uint64_t seq) const
+{
+    std::lock_guard guard(mutex_);
+    const auto of = sites_.find(site);
+    if (of == sites_.end() || (!of->second.boot.empty() && of->second.boot != boot))
+        return std::nullopt;
+    // From the newest one on: most readers are up to date.
+    uint64_t place = last_;
+    uint64_t next = of->second.number.value_or(seq) + 1; // number of the site behind the place
+    for (auto event = events_.rbegin(); event != events_.rend(); ++event) {
+        if ((*event)->site != site || (*event)->seq == 0)
+            continue;
+        if ((*event)->seq <= seq)
+            return found{place, 0};
+        if ((*event)->breaks)
+            return std::nullopt;
+        place = (*event)->number - 1;
+        next = (*event)->seq;
+    }
+    // All that is kept is behind that number.
+    return found{place, next > seq + 1 ? next - 1 : 0};
+}
+
+} // namespace fxm::fleet
