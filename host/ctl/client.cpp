@@ -98,7 +98,10 @@ static std::string text_of(const json::object &from, std::string_view name)
         throw ctl_error(EXIT_FAILED, fmt::format("fxmd answered {} with HTTP status {}", path, status));
     const json::object &answer = parsed.get_object();
     const bool is_card = path.starts_with("/v1/cards/") || path == "/v1/jobs"; // a job is made for a card
-    throw ctl_error(exit_of(text_of(answer, "code"), is_card), text_of(answer, "message"), text_of(answer, "hint"));
+    std::string hint = text_of(answer, "hint");
+    if (hint.find("?site=NAME") != std::string::npos)
+        hint = "name one with --site; fxmctl sites lists them";
+    throw ctl_error(exit_of(text_of(answer, "code"), is_card), text_of(answer, "message"), hint);
 }
 
 // Only loopback addresses make sense: fxmd listens nowhere else.
@@ -173,6 +176,8 @@ unsigned client::perform(const char *method, const std::string &path, const quer
         target += separator + escape(key) + '=' + escape(value);
         separator = '&';
     }
+    if (!where_.site.empty())
+        target += separator + std::string("site=") + where_.site;
     http::request<http::string_body> request;
     request.method_string(method);
     request.target(target);
@@ -277,6 +282,10 @@ json::object client::get(const std::string &path, const query &arguments)
 
 json::object client::send(const char *method, const std::string &path, const json::object &body)
 {
+    // Also for whom --yes has answered everything else.
+    if (where_.is_room && where_.site.empty())
+        throw ctl_error(EXIT_USAGE, fmt::format("{} {} names no site", method, path),
+                        "a write over a room takes --site; fxmctl sites lists them");
     return parse_object(path, request(method, path, {}, body.empty() ? "" : json::serialize(body)));
 }
 

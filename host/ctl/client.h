@@ -41,6 +41,8 @@ struct endpoint {
     std::string socket;     // of fxmd; used unless `url` is set
     std::string url;        // http://127.0.0.1:8610
     std::string token_file; // with the token for `url`
+    bool is_room = false;   // of a fleet
+    std::string site = {};  // of that room, which answers in its place
 };
 
 using query = std::vector<std::pair<std::string, std::string>>;
@@ -65,6 +67,7 @@ class client
                 const std::function<bool()> &idle = {});
 
     std::string where() const; // for messages
+    const std::string &site() const { return where_.site; }
 
   private:
     struct state;

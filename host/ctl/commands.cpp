@@ -1,4 +1,5 @@
 #include "ctl/commands.h"
+#include "fleet/names.h"
 
 #include <fmt/format.h>
 #include <signal.h>
@@ -94,16 +95,21 @@ std::string upper(std::string_view text)
 
 std::string card_path(const std::string &id)
 {
-    const auto parsed = parse_id(id);
-    if (!parsed)
+    // A room shows ids as SITE/ID.
+    const size_t slash = id.find('/');
+    const std::string site = slash == std::string::npos ? "" : id.substr(0, slash);
+    const auto parsed = parse_id(std::string_view(id).substr(slash == std::string::npos ? 0 : slash + 1));
+    if (!parsed || (slash != std::string::npos && !fleet::is_site(site)))
         throw ctl_error(EXIT_USAGE, fmt::format("\"{}\" is not a card id", id), "write an id like 02:00:00:00:10:00");
-    return "/v1/cards/" + format_id(*parsed);
+    return "/v1/cards/" + (site.empty() ? "" : site + '/') + format_id(*parsed);
 }
 
 std::string card_words(session *all, const std::string &id)
 {
     const json::object card = all->api().get(card_path(id));
-    return fmt::format("{} ({}, vlan {})", text(card, "id"), upper(text(card, "class")), number(card, "vlan"));
+    const std::string site = all->api().site();
+    return fmt::format("{} ({}, vlan {}){}{}", text(card, "id"), upper(text(card, "class")), number(card, "vlan"),
+                       site.empty() ? "" : " of the site ", site);
 }
 
 int print_document(session *all, const std::string &path, const query &arguments,

@@ -31,6 +31,7 @@ struct session {
     std::unique_ptr<client> api_;
 };
 
+void add_room_commands(CLI::App *app, session *all);  // sites
 void add_view_commands(CLI::App *app, session *all);  // status, ports, cards, show, tree, topology, stats, log, history
 void add_watch_commands(CLI::App *app, session *all); // watch, wait
 void add_register_commands(CLI::App *app, session *all);  // reg
@@ -69,9 +70,11 @@ boost::json::object parse_line(std::string_view line);
 constexpr const char *FILTER_HELP = "words such as state=lost vlan=100-199 class=fxio gen=40g id=02:00:* int=0x04; "
                                     "KEY!=VALUE, and values with commas between";
 
-std::string card_path(const std::string &id);                // "/v1/cards/02:..."; throws EXIT_USAGE for what is no id
+std::string card_path(const std::string &id); // "/v1/cards/02:...", of a room "/v1/cards/SITE/02:..."; EXIT_USAGE
 std::string card_words(session *all, const std::string &id); // "02:00:00:00:10:00 (FXSV, vlan 100)"
 std::string upper(std::string_view text);
+
+void print_room_status(const boost::json::object &status); // of a room, over all sites
 
 // With -j the document itself, with --ndjson the entries of its array `list` or else the document, otherwise what `show`
 // prints.

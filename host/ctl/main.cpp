@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "ctl/commands.h"
+#include "fleet/names.h"
 #include "fxm.h"
 
 static std::string default_socket()
@@ -22,7 +23,7 @@ static std::string unknown_command(const CLI::App &app, int argc, char **argv)
         return "";
     for (int i = 1; i < argc; ++i) {
         std::string word = argv[i];
-        if (word == "--socket" || word == "--url" || word == "--token-file")
+        if (word == "--socket" || word == "--url" || word == "--token-file" || word == "--fleet" || word == "--site")
             ++i;
         else if (!word.starts_with('-'))
             return word;
@@ -59,6 +60,9 @@ int main(int argc, char **argv)
     app.add_option("--socket", all.where.socket, "the socket of fxmd; also $FXM_SOCKET")->capture_default_str();
     app.add_option("--url", all.where.url, "the loopback address of fxmd instead, such as http://127.0.0.1:8610");
     app.add_option("--token-file", all.where.token_file, "a file with the token for --url");
+    std::string fleet;
+    app.add_option("--fleet", fleet, "the socket or loopback address of a room instead: all sites of a fleet");
+    app.add_option("--site", all.where.site, "the site of that room; without it lists and events are of all");
     app.add_flag("-j,--json", all.how.json, "print the JSON of the API");
     app.add_flag("--ndjson", all.how.ndjson, "print lists as one JSON document a line");
     app.add_flag("--no-color", no_colour, "no colours, even on a terminal");
@@ -66,6 +70,7 @@ int main(int argc, char **argv)
     app.add_flag("--dry-run", all.how.dry_run, "of a write: show what would change, and write nothing");
     app.fallthrough();
     app.require_subcommand(1);
+    fxm::add_room_commands(&app, &all);
     fxm::add_view_commands(&app, &all);
     fxm::add_watch_commands(&app, &all);
     fxm::add_register_commands(&app, &all);
@@ -91,6 +96,15 @@ int main(int argc, char **argv)
         fmt::print(stderr, "fxmctl: {}; see fxmctl --help\n",
                    unknown.empty() ? failure.what() : fmt::format("there is no command \"{}\"", unknown));
         return fxm::EXIT_USAGE;
+    }
+    if (!all.where.site.empty() && (fleet.empty() || !fxm::fleet::is_site(all.where.site))) {
+        fmt::print(stderr, "fxmctl: --site {}: {}; see fxmctl --help\n", all.where.site,
+                   fleet.empty() ? "it takes --fleet" : "a site is at most 32 of a-z, 0-9 and -");
+        return fxm::EXIT_USAGE;
+    }
+    if (!fleet.empty()) {
+        all.where.is_room = true;
+        (fleet.starts_with('/') ? all.where.socket : all.where.url) = fleet;
     }
     all.how.colour = !no_colour && isatty(STDOUT_FILENO) != 0 && getenv("NO_COLOR") == nullptr;
     return run(&all);

@@ -28,13 +28,19 @@ static std::string port_line(const json::object &port, int64_t now)
 
 static void print_status(const json::object &status)
 {
+    if (status.if_contains("room") != nullptr) {
+        print_room_status(status);
+        return;
+    }
     const json::object &cards = object(status, "cards");
     const int64_t now = number(status, "time_ms");
-    std::string line = fmt::format("fxmd {}, up {}, {} cards ({} FXSV, {} FXIO): {} well", text(status, "version"),
-                                   format_duration(now - number(status, "started_ms")),
+    // A silent site has not told since when it runs.
+    const std::string up =
+        is_null(status, "started_ms") ? "silent" : "up " + format_duration(now - number(status, "started_ms"));
+    std::string line = fmt::format("fxmd {}, {}, {} cards ({} FXSV, {} FXIO): {} well", text(status, "version"), up,
                                    with_commas(static_cast<uint64_t>(number(cards, "total"))), number(cards, "fxsv"),
                                    number(cards, "fxio"), number(cards, "well"));
-    for (const char *state : {"degraded", "error", "lost", "unmonitored"}) {
+    for (const char *state : {"degraded", "error", "lost", "unmonitored", "silent"}) {
         if (number(cards, state) != 0 || std::string_view(state) == "error" || std::string_view(state) == "lost")
             line += fmt::format(", {} {}", number(cards, state), state);
     }

@@ -26,7 +26,14 @@ std::string event_words(const json::object &event)
     if (type == "gap")
         return fmt::format("              gap: events {} to {} are missing", number(event, "from"),
                            number(event, "to"));
+    if (type == "hole")
+        return fmt::format("              gap: events {} to {} of the site {} are missing", number(event, "from"),
+                           number(event, "to"), text(event, "site"));
     const std::string time = format_time(number(event, "time_ms"));
+    if (type == "site")
+        return fmt::format("{}  site {} is {}", time, text(event, "site"), text(event, "state"));
+    if (type == "reset")
+        return fmt::format("{}  the site {} has lost its state; its numbers begin anew", time, text(event, "site"));
     if (type == "boot")
         return fmt::format("{}  fxmd has been started again; its events begin at {}, those before may be missing", time,
                            number(event, "seq") + 1);

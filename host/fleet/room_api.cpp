@@ -481,7 +481,7 @@ static json::array warnings_of(const room &asked)
         if (of.state == site_state::silent)
             made.emplace_back(fmt::format("the site {} has been silent for {} s", of.site, of.age_ms / 1000));
         else if (of.state == site_state::refused)
-            made.emplace_back(fmt::format("the site {} speaks \"{}\", and this room {}", of.site,
+            made.emplace_back(fmt::format("the site {} speaks {}, and this room \"{}\"", of.site,
                                           json::serialize(or_nothing(of.document, "schema")), SCHEMA));
         if (of.offset_ms && std::abs(*of.offset_ms) >= LATE_MS)
             made.emplace_back(fmt::format("the clock of the site {} is {} ms off", of.site, *of.offset_ms));
