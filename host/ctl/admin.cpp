@@ -125,6 +125,8 @@ void add_admin_commands(CLI::App *app, session *all)
     explain(doctor, reach::local, "Example: fxmctl doctor", "something is wrong");
     doctor->callback([all, given] {
         all->run = [all, given] {
+            if (all->where.is_room)
+                throw ctl_error(EXIT_USAGE, "doctor looks at the fxmd of this machine", "say fxmctl fleet doctor");
             return run_doctor({given->config, all->where.socket, all->how.json, all->how.colour});
         };
     });

@@ -464,6 +464,8 @@ static int run_capture(session *all, const capture_options &how)
     const bool to_stdout = how.file == "-";
     if (to_stdout && isatty(STDOUT_FILENO) != 0)
         throw ctl_error(EXIT_USAGE, "a capture is not for a terminal", "write -w FILE, or a pipe behind -w -");
+    if (all->where.is_room)
+        throw ctl_error(EXIT_USAGE, "a capture is made at the ports of this machine", "run it at the site");
     uint64_t card = 0;
     bool two_macs = false;
     if (!how.card.empty()) {

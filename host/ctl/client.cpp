@@ -45,6 +45,12 @@ std::string escape(std::string_view text)
     return out;
 }
 
+void use_room(endpoint *where, const std::string &address)
+{
+    where->is_room = true;
+    (address.starts_with('/') ? where->socket : where->url) = address;
+}
+
 client::client(endpoint where) : where_(std::move(where)), state_(std::make_unique<state>())
 {
     if (!where_.token_file.empty()) {
@@ -101,6 +107,8 @@ static std::string text_of(const json::object &from, std::string_view name)
     std::string hint = text_of(answer, "hint");
     if (hint.find("?site=NAME") != std::string::npos)
         hint = "name one with --site; fxmctl sites lists them";
+    else if (hint.find("/v1/sites") != std::string::npos)
+        hint = "fxmctl sites lists them";
     throw ctl_error(exit_of(text_of(answer, "code"), is_card), text_of(answer, "message"), hint);
 }
 
@@ -283,7 +291,8 @@ json::object client::get(const std::string &path, const query &arguments)
 json::object client::send(const char *method, const std::string &path, const json::object &body)
 {
     // Also for whom --yes has answered everything else.
-    if (where_.is_room && where_.site.empty())
+    const bool is_own = path == "/v1/reload"; // of the room itself
+    if (where_.is_room && where_.site.empty() && !is_own)
         throw ctl_error(EXIT_USAGE, fmt::format("{} {} names no site", method, path),
                         "a write over a room takes --site; fxmctl sites lists them");
     return parse_object(path, request(method, path, {}, body.empty() ? "" : json::serialize(body)));

@@ -45,6 +45,8 @@ struct endpoint {
     std::string site = {};  // of that room, which answers in its place
 };
 
+void use_room(endpoint *where, const std::string &address); // the path of its socket, or its loopback address
+
 using query = std::vector<std::pair<std::string, std::string>>;
 
 class client

@@ -83,6 +83,10 @@ static void take_value(session *all, const std::string &option, const std::strin
         all->where.url = value;
     else if (option == "token-file")
         all->where.token_file = value;
+    else if (option == "fleet")
+        use_room(&all->where, value);
+    else if (option == "site")
+        all->where.site = value;
 }
 
 static cursor find_cursor(session *all, const CLI::App *app, std::span<const std::string> words)
@@ -185,6 +189,13 @@ static void ask_cards(session *all, candidates *out)
     });
 }
 
+static void ask_sites(session *all, candidates *out)
+{
+    const json::object document = all->api().get("/v1/sites");
+    for (const json::value &site : array(document, "sites"))
+        out->offer(text(site.as_object(), "site"));
+}
+
 static void ask_jobs(session *all, candidates *out)
 {
     const json::object document = all->api().get("/v1/jobs");
@@ -216,6 +227,8 @@ static void complete_value(session *all, const std::string &what, candidates *ou
         ask_cards(all, out);
     else if (what == "job")
         ask_jobs(all, out);
+    else if (what == "site" && all->where.is_room)
+        ask_sites(all, out);
     limit_time(0);
     out->print();
 }

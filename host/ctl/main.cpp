@@ -102,10 +102,8 @@ int main(int argc, char **argv)
                    fleet.empty() ? "it takes --fleet" : "a site is at most 32 of a-z, 0-9 and -");
         return fxm::EXIT_USAGE;
     }
-    if (!fleet.empty()) {
-        all.where.is_room = true;
-        (fleet.starts_with('/') ? all.where.socket : all.where.url) = fleet;
-    }
+    if (!fleet.empty())
+        use_room(&all.where, fleet);
     all.how.colour = !no_colour && isatty(STDOUT_FILENO) != 0 && getenv("NO_COLOR") == nullptr;
     return run(&all);
 }

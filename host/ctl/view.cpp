@@ -41,6 +41,8 @@ static void print_status(const json::object &status)
                                    with_commas(static_cast<uint64_t>(number(cards, "total"))), number(cards, "fxsv"),
                                    number(cards, "fxio"), number(cards, "well"));
     for (const char *state : {"degraded", "error", "lost", "unmonitored", "silent"}) {
+        if (!cards.contains(state)) // only a room knows silent cards
+            continue;
         if (number(cards, state) != 0 || std::string_view(state) == "error" || std::string_view(state) == "lost")
             line += fmt::format(", {} {}", number(cards, state), state);
     }

@@ -663,6 +663,8 @@ void handle_room_request(services &all, room &asked, const http_request &given, 
         const std::string_view path = found.pattern;
         if (path == "/v1/status") {
             (site.empty() ? show_room_status : show_site_status)(of);
+        } else if (site.empty() && (path == "/v1/reload" || path == "/v1/log")) {
+            found.handle(all, call); // of the room itself
         } else if (path == "/" || path == "/favicon.ico" || path == "/v1/registers" || path == "/v1/schema") {
             found.handle(all, call);
         } else if (site.empty()) {

@@ -26,6 +26,7 @@ room_daemon::room_daemon(std::string config_file, const std::shared_ptr<const co
     all_.started_ms = clock_ms();
     all_.log = &log_;
     all_.operations = &operations_;
+    all_.reload = [this] { return reload(); };
     all_.set_settings(settings);
     all_.set_roles(std::make_shared<const roles>(role_settings_of(*settings), &log_));
     server_ = std::make_unique<http_server>(
