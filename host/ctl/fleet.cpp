@@ -7,13 +7,13 @@ namespace fxm
 {
 
 constexpr const char *LIST_EXAMPLE = "The list:\n"
-                                     "  name = \"plant\"                  # of the cluster of servers\n"
-                                     "  sites = [\"north\", \"south\"]      # each an fxmd\n"
-                                     "  readers = [\"database\"]          # may be left out\n"
-                                     "  [servers]                       # 1, 3 or 5\n"
-                                     "  s1 = \"10.0.0.1\"\n"
-                                     "  [users]                         # the most that each may ask for\n"
-                                     "  room = \"view\"\n";
+                                     "    name = \"plant\"                  # of the cluster of servers\n"
+                                     "    sites = [\"north\", \"south\"]      # each an fxmd\n"
+                                     "    readers = [\"database\"]          # may be left out\n"
+                                     "    [servers]                       # 1, 3 or 5\n"
+                                     "    s1 = \"10.0.0.1\"\n"
+                                     "    [users]                         # the most that each may ask for\n"
+                                     "    room = \"view\"\n";
 
 void add_fleet_commands(CLI::App *app, session *all)
 {
@@ -36,7 +36,7 @@ void add_fleet_commands(CLI::App *app, session *all)
 
     auto *certs = add("certs", "makes the certificates that are missing; those that are there stay");
     certs->add_option("--days", given->days, "how long the new ones are valid")
-        ->check(CLI::Range(1, 3650))
+        ->check(CLI::Range(1u, 3650u))
         ->capture_default_str();
     explain(certs, reach::local, "Example: fxmctl fleet certs --list fleet.toml");
     certs->callback([all, given] {

@@ -192,9 +192,9 @@ static std::string quoted_urls(const fleet_list &list)
 static void show_places(const fleet_list &list, const fs::path &dir)
 {
     const std::string from = dir.string();
-    put("\nCopy these files. A file with a key, which is each .pem but ca.pem, is for its owner alone (mode 600).\n");
+    put("\nCopy these files. Each .pem but ca.pem holds a key: nobody else may read it.\n");
     for (const fleet_list::server &server : list.servers)
-        put(fmt::format("\nServer {0} ({1}), owner nats:\n"
+        put(fmt::format("\nServer {0} ({1}), owner nats (mode 600):\n"
                         "  {2}/{0}.conf  to /etc/nats-server.conf\n"
                         "  {2}/ca.pem, {2}/{0}.pem  to {3}/\n",
                         server.name, server.address, from, list.certificates));
@@ -209,7 +209,7 @@ static void show_places(const fleet_list &list, const fs::path &dir)
                     list.store == "/var/lib/nats" ? "  StateDirectory=nats\n"
                                                   : fmt::format("and: install -d -o nats -g nats {}\n", list.store)));
     for (const std::string &site : list.sites)
-        put(fmt::format("\nSite {0}, owner fxm:\n"
+        put(fmt::format("\nSite {0}, group fxm (mode 640):\n"
                         "  {1}/ca.pem  to /etc/fxm/fleet-ca.pem\n"
                         "  {1}/{0}.pem  to /etc/fxm/fleet-{0}.pem\n"
                         "  /etc/fxm/fxmd.toml:\n"
