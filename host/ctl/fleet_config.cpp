@@ -208,6 +208,9 @@ static void show_places(const fleet_list &list, const fs::path &dir)
                     list.memory_mib,
                     list.store == "/var/lib/nats" ? "  StateDirectory=nats\n"
                                                   : fmt::format("and: install -d -o nats -g nats {}\n", list.store)));
+    std::string reached; // its unit lets fxmd reach this machine alone
+    for (const fleet_list::server &server : list.servers)
+        reached += ' ' + (is_ip_address(server.address) ? server.address : "ADDRESS-OF-" + server.name);
     for (const std::string &site : list.sites)
         put(fmt::format("\nSite {0}, group fxm (mode 640):\n"
                         "  {1}/ca.pem  to /etc/fxm/fleet-ca.pem\n"
@@ -217,8 +220,11 @@ static void show_places(const fleet_list &list, const fs::path &dir)
                         "  urls = {2}\n"
                         "  site = \"{0}\"\n"
                         "  ca = \"/etc/fxm/fleet-ca.pem\"\n"
-                        "  certificate = \"/etc/fxm/fleet-{0}.pem\"\n",
-                        site, from, quoted_urls(list)));
+                        "  certificate = \"/etc/fxm/fleet-{0}.pem\"\n"
+                        "  systemctl edit fxmd:\n"
+                        "  [Service]\n"
+                        "  IPAddressAllow={3}\n",
+                        site, from, quoted_urls(list), reached.substr(1)));
     for (const fleet_member &member : members_of(list)) {
         if (member.what == "user" || member.what == "reader")
             put(fmt::format("\nThe {0} {1}: {2}/ca.pem and {2}/{1}.pem; servers {3}, inbox {4}\n", member.what,

@@ -55,6 +55,7 @@ program_result run_program(const std::vector<std::string> &words, const char *pa
 {
     const memory_file in(input), out, errors;
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
