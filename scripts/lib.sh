@@ -10,7 +10,7 @@ FXM_BUILD_PACKAGES+=(libmicrohttpd-dev libboost-json1.81-dev libtomlplusplus-dev
     libfmt-dev libsqlite3-dev libsystemd-dev prometheus-cpp-dev libnats-dev)
 FXM_RUN_PACKAGES=(iproute2 util-linux python3 python3-jsonschema)
 # Of the tests alone.
-FXM_TEST_PACKAGES=(nats-server libpq-dev postgresql prometheus tshark curl mandoc scdoc abigail-tools)
+FXM_TEST_PACKAGES=(nats-server libpq-dev openssl postgresql prometheus tshark curl mandoc scdoc abigail-tools)
 # Of the Debian packages alone.
 FXM_PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot lintian mandoc scdoc)
 FXM_CLANG_VERSION=14

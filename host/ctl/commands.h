@@ -40,6 +40,7 @@ void add_card_commands(CLI::App *app, session *all);      // vlan, monitor, dele
 void add_snapshot_commands(CLI::App *app, session *all);  // snapshot, diff
 void add_capture_command(CLI::App *app, session *all);    // capture
 void add_admin_commands(CLI::App *app, session *all);     // jobs, loglevel, status-dump, reload, doctor
+void add_fleet_commands(CLI::App *app, session *all);     // fleet
 void add_completion_command(CLI::App *app, session *all); // completion
 
 // Prints what may stand for the last word of a command line, one candidate a line. It prints no error, and waits for fxmd for a moment at most.

@@ -29,7 +29,7 @@
 
 #include "common/claim.h"
 #include "ctl/client.h"
-#include "ctl/output.h"
+#include "ctl/findings.h"
 #include "daemon/config.h"
 
 namespace fxm
@@ -39,42 +39,6 @@ namespace json = boost::json;
 
 // Some periods in which every card announces itself.
 constexpr auto LISTEN = std::chrono::seconds(3);
-
-enum class verdict { ok, warning, wrong };
-
-struct finding {
-    verdict how;
-    std::string about;
-    std::string what;
-    std::string advice; // what to type
-};
-
-class report
-{
-  public:
-    void ok(std::string about, std::string what) { add(verdict::ok, std::move(about), std::move(what), ""); }
-    void warn(std::string about, std::string what, std::string advice)
-    {
-        add(verdict::warning, std::move(about), std::move(what), std::move(advice));
-    }
-    void wrong(std::string about, std::string what, std::string advice)
-    {
-        add(verdict::wrong, std::move(about), std::move(what), std::move(advice));
-    }
-    const std::vector<finding> &all() const { return findings_; }
-    bool good() const
-    {
-        return std::none_of(findings_.begin(), findings_.end(),
-                            [](const finding &f) { return f.how == verdict::wrong; });
-    }
-
-  private:
-    void add(verdict how, std::string about, std::string what, std::string advice)
-    {
-        findings_.push_back({how, std::move(about), std::move(what), std::move(advice)});
-    }
-    std::vector<finding> findings_;
-};
 
 static std::string interfaces()
 {
@@ -465,31 +429,6 @@ static void check_state(const config &settings, bool daemon_runs, report *out)
                   fmt::format("chown -R fxm:fxm {}", dir));
 }
 
-static void print(const report &found, const doctor_options &how)
-{
-    constexpr const char *words[] = {"ok", "warning", "WRONG"};
-    if (how.json) {
-        json::array list;
-        for (const finding &entry : found.all())
-            list.push_back(
-                json::object{{"verdict", entry.how == verdict::wrong ? "wrong" : words[static_cast<int>(entry.how)]},
-                             {"about", entry.about},
-                             {"what", entry.what},
-                             {"advice", entry.advice.empty() ? json::value(nullptr) : json::value(entry.advice)}});
-        put(json::serialize(json::object{{"schema", "fxm/1"}, {"findings", std::move(list)}}) + "\n");
-        return;
-    }
-    constexpr const char *colours[] = {"32", "33", "31;1"};
-    for (const finding &entry : found.all()) {
-        const auto index = static_cast<size_t>(entry.how);
-        const std::string mark = how.colour ? fmt::format("\x1b[{}m{:<8}\x1b[0m", colours[index], words[index])
-                                            : fmt::format("{:<8}", words[index]);
-        put(fmt::format("{} {}: {}\n", mark, entry.about, entry.what));
-        if (!entry.advice.empty())
-            put(fmt::format("         {}\n", entry.advice));
-    }
-}
-
 static std::optional<config> check_configuration(const std::string &file, report *out)
 {
     const char *about = "configuration";
@@ -530,7 +469,7 @@ int run_doctor(const doctor_options &how)
         check_frames(usable, ether_type_of(*settings), &found);
         check_state(*settings, daemon.has_value(), &found);
     }
-    print(found, how);
+    found.print(how.json, how.colour);
     return found.good() ? EXIT_DONE : EXIT_FAILED;
 }
 

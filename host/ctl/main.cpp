@@ -79,6 +79,7 @@ int main(int argc, char **argv)
     fxm::add_snapshot_commands(&app, &all);
     fxm::add_capture_command(&app, &all);
     fxm::add_admin_commands(&app, &all);
+    fxm::add_fleet_commands(&app, &all);
     fxm::add_completion_command(&app, &all);
     app.footer(
         "Exit code: 0 done, 1 failed, 2 wrong usage, 3 no such card, 4 the card did not answer or a wait ran out,\n"

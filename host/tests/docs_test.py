@@ -175,7 +175,7 @@ class Texts(unittest.TestCase):
                 else:
                     continue
                 if program == "fxmctl":
-                    command += [word for word in words if re.fullmatch("[a-z]+", word)][:1 + (words[:1] in (["eeprom"], ["jobs"]))]
+                    command += [word for word in words if re.fullmatch("[a-z]+", word)][:1 + (words[:1] in (["eeprom"], ["jobs"], ["fleet"]))]
                 options = [word for word in words if re.match("--?[a-z]", word.strip("[]"))]
                 done = subprocess.run([*command, "--help"], capture_output=True, text=True, check=False)
                 self.assertEqual(done.returncode, 0, f"{path}: {span}: {done.stderr}")

@@ -36,8 +36,9 @@ class Client:
             self.socket = context.wrap_socket(self.socket, server_hostname=host)
         self.file = self.socket.makefile("rb")
         self.send(b'CONNECT {"verbose":false,"headers":true,"no_responders":true}\r\nPING\r\n')
-        while self.file.readline() != b"PONG\r\n":
-            pass
+        while (line := self.file.readline()) != b"PONG\r\n":
+            if not line or line.startswith(b"-ERR"):
+                raise ConnectionError(line.decode() or "the server has gone")
         self.inbox = None
 
     def send(self, data):
