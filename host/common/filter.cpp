@@ -16,7 +16,7 @@ namespace fxm
 enum key : int { KEY_STATE, KEY_CLASS, KEY_GEN, KEY_VLAN, KEY_ID, KEY_PARTNER, KEY_VENDOR, KEY_DEVICE, KEY_INT };
 
 static constexpr filter_key keys[] = {
-    {"state", "well, degraded, error, lost, unmonitored"},
+    {"state", "well, degraded, error, lost, unmonitored, silent"},
     {"class", "fxsv, fxio"},
     {"gen", "1g, 40g"},
     {"vlan", "numbers from 0 to 4095 and ranges such as 100-199"},

@@ -665,7 +665,17 @@ void handle_room_request(services &all, room &asked, const http_request &given, 
             (site.empty() ? show_room_status : show_site_status)(of);
         } else if (site.empty() && (path == "/v1/reload" || path == "/v1/log")) {
             found.handle(all, call); // of the room itself
-        } else if (path == "/" || path == "/favicon.ico" || path == "/v1/registers" || path == "/v1/schema") {
+        } else if (path == "/") {
+            // The page learns from it that it is one of a room.
+            call.answer = [name = asked.options().name, answer = call.answer](http_reply reply) {
+                constexpr std::string_view HEAD = "<html ";
+                const size_t place = reply.body.find(HEAD);
+                if (place != std::string::npos)
+                    reply.body.insert(place + HEAD.size(), fmt::format("data-room=\"{}\" ", name));
+                answer(std::move(reply));
+            };
+            found.handle(all, call);
+        } else if (path == "/favicon.ico" || path == "/v1/registers" || path == "/v1/schema") {
             found.handle(all, call);
         } else if (site.empty()) {
             throw api_error("FXM_API_EINVAL",

@@ -251,11 +251,11 @@ class Room(Fabric):
     """fxmd --fleet, which has no cables."""
     flags = ("--fleet",)
 
-    def __init__(self, urls, name="room", allow="view", more=""):  # pylint: disable=super-init-not-called
+    def __init__(self, urls, name="room", allow="view", api="", more=""):  # pylint: disable=super-init-not-called
         self.dir = tempfile.mkdtemp(prefix="fxm-room-")
         self.socket, self.log_file, self.config, self.daemon = (f"{self.dir}/{word}" for word in ("fxmd.sock", "log", "room.toml", ""))
         with open(self.config, "w", encoding="utf-8") as file:
-            file.write(f'[api]\nsocket = "{self.socket}"\n[fleet]\nurls = {json.dumps(urls)}\nsite = "{name}"\nallow = "{allow}"\n{more}')
+            file.write(f'[api]\nsocket = "{self.socket}"\n{api}\n[fleet]\nurls = {json.dumps(urls)}\nsite = "{name}"\nallow = "{allow}"\n{more}')
 
     def close(self):
         self.check(self.stop() if self.daemon.poll() is None else 0)

@@ -18,16 +18,24 @@ LISTEN = "127.0.0.1:8610"
 
 class Stage:
     def __init__(self):
-        self.fabric = None
+        self.fabric = self.room = self.servers = None
 
-    def start(self, cards=None, period=100, top="eeprom_writer = true", history=""):
-        """Starts cards and fxmd, which listens on the loopback address."""
+    def start(self, cards=None, period=100, top="eeprom_writer = true", history="", fleet=False):
+        """Starts cards and fxmd, which listens on the loopback address, or as the site north of a fleet whose room does."""
         self.fabric = fabric.Fabric(fabric.CARDS if cards is None else cards, period=period, top=top, history=history)
         tokens = f"{self.fabric.dir}/tokens"
         with open(tokens, "w", encoding="utf-8") as file:
             file.writelines(f"{role} {token}\n" for role, token in TOKENS.items())
         os.chmod(tokens, 0o640)
-        self.fabric.configure(top=top, history=history, api=f'listen = "{LISTEN}"\ntoken_file = "{tokens}"')
+        listen = f'listen = "{LISTEN}"\ntoken_file = "{tokens}"'
+        if fleet:
+            from nats import Servers  # pylint: disable=import-outside-toplevel # which takes nats-server
+            self.servers = Servers(1)
+            self.fabric.configure(top=top, history=f'[fleet]\nurls = {json.dumps(self.servers.urls)}\nsite = "north"\nallow = "operate"')
+            self.room = fabric.Room(self.servers.urls, allow="operate", api=listen)
+            self.room.start()
+        else:
+            self.fabric.configure(top=top, history=history, api=listen)
         self.fabric.start()
         return {"url": f"http://{LISTEN}/", "tokens": TOKENS}
 
@@ -46,10 +54,14 @@ class Stage:
     def start_daemon(self):
         self.fabric.start()
 
+    def pause_daemon(self, stop):
+        self.fabric.daemon.send_signal(signal.SIGSTOP if stop else signal.SIGCONT)
+
     def close(self):
-        if self.fabric:
-            self.fabric.close()
-            self.fabric = None
+        for part in (self.room, self.fabric, self.servers):
+            if part:
+                part.close()
+        self.fabric = self.room = self.servers = None
 
 
 def serve():

@@ -2,7 +2,7 @@
 import { useEffect, useLayoutEffect, useRef, useState } from 'preact/hooks'
 import uPlot from 'uplot'
 import { get } from './api.js'
-import { HEALTH } from './filter.js'
+import { OWN_HEALTH } from './filter.js'
 import { clock, date } from './words.js'
 
 const MINUTE = 60000
@@ -10,7 +10,7 @@ const RANGES = [['15 min', 15], ['1 h', 60], ['6 h', 360], ['24 h', 1440], ['7 d
 
 // What is drawn, from the sums of a minute. `css` names the colour in the style sheet.
 const PLOTS = [
-  { title: 'Cards', series: HEALTH.map((word) => ({ label: word, css: `--${word}`, value: (minute) => minute[word] })) },
+  { title: 'Cards', series: OWN_HEALTH.map((word) => ({ label: word, css: `--${word}`, value: (minute) => minute[word] })) },
   {
     title: 'Frames / s',
     series: [0, 1].map((port) => ({ label: `port ${port}`, css: ['--curve1', '--curve2'][port], value: (minute) => (minute.frames[port] ?? 0) / 60 })),

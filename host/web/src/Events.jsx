@@ -6,7 +6,7 @@ const MOST_SHOWN = 100
 
 export const EventLine = ({ event, onOpen }) => (
   <li class={`event ${event.type}`}>
-    <time dateTime={new Date(event.time_ms).toISOString()}>{clock(event.time_ms, true)}</time>
+    {event.time_ms === undefined ? null : <time dateTime={new Date(event.time_ms).toISOString()}>{clock(event.time_ms, true)}</time>}
     {event.card && onOpen ? <button type="button" class="link" onClick={() => onOpen(event.card)}><code>{event.card}</code></button> : null}
     <span>{eventWords(event)}</span>
   </li>

@@ -1,6 +1,7 @@
 // The map of the fabric: a cell for each card, in groups.
 import { useEffect, useLayoutEffect, useMemo, useRef, useState } from 'preact/hooks'
-import { HEALTH } from './filter.js'
+import { site } from './api.js'
+import { HEALTH, OWN_HEALTH } from './filter.js'
 import { cardAt, findCell, groupAt, layOut, neighbour } from './layout.js'
 import { Painter, colours } from './paint.js'
 import { number } from './words.js'
@@ -122,6 +123,6 @@ const hintPlace = ({ x, y }) =>
 
 const Legend = () => (
   <ul class="legend" aria-label="Colours">
-    {HEALTH.map((word) => <li><span class={`swatch ${word}`} />{word}</li>)}
+    {(site ? HEALTH : OWN_HEALTH).map((word) => <li><span class={`swatch ${word}`} />{word}</li>)}
   </ul>
 )

@@ -8,7 +8,7 @@ import { number, when } from './words.js'
 
 const ROW = 28 // px
 // By health: what needs somebody stands first.
-const URGENCY = [4, 2, 0, 1, 3]
+const URGENCY = [5, 3, 0, 1, 4, 2]
 
 function partnerWords(card) {
   if (card.kind === 0) return `${card.partners.length} of ${card.downPorts} down ports`

@@ -7,6 +7,11 @@ export const token = {
   set: (text) => sessionStorage.setItem(KEY, text),
 }
 
+// A room shows all its sites, or one of them as that would show itself; the address says which.
+export const isRoom = globalThis.document?.documentElement.dataset.room !== undefined
+export const site = isRoom ? (new URLSearchParams(location.hash.slice(1)).get('site') ?? '') : ''
+const withSite = (path) => (site ? `${path}${path.includes('?') ? '&' : '?'}site=${encodeURIComponent(site)}` : path)
+
 // What fxmd refused, in its own words.
 export class Refused extends Error {
   constructor(status, document) {
@@ -22,7 +27,7 @@ export async function send(method, path, { body, accept, signal } = {}) {
   if (token.get()) headers.Authorization = `Bearer ${token.get()}`
   if (accept) headers.Accept = accept
   if (body !== undefined) headers['Content-Type'] = 'application/json'
-  const answer = await fetch(path, {
+  const answer = await fetch(withSite(path), {
     method,
     headers,
     signal,

@@ -2,7 +2,7 @@
 // at the start, after a gap, and after a restart of fxmd. Events that arrive during a list wait for its end: a list is
 // not one instant, and what it said too early the events behind its beginning put right.
 import { FIELDS } from './fabric.js'
-import { Refused, get, readLines } from './api.js'
+import { Refused, get, isRoom, readLines } from './api.js'
 
 const SILENCE = 40000 // ms; fxmd says something every 15 s
 const SHORTEST_WAIT = 250 // ms before the first new attempt
@@ -87,6 +87,9 @@ export class Feed {
       const isRestart = fabric.boot !== '' && fabric.boot !== event.boot
       if (fabric.listed && event.resumed) this.onState('live')
       else this.list(fabric.seq, event.seq, isRestart ? event : null)
+    } else if (event.type === 'site') {
+      // Its cards are silent now, or speak again.
+      this.list(fabric.seq, fabric.seq, null)
     } else if (event.type === 'gap') {
       this.list(event.from - 1, event.to, { ...event, time_ms: Date.now() })
     } else {
@@ -111,7 +114,8 @@ export class Feed {
     try {
       const [past, { jobs }] = await Promise.all([
         this.past(from, to, notice?.type === 'gap', signal),
-        get('/v1/jobs', { signal }),
+        // A site that is silent tells none.
+        get('/v1/jobs', { signal }).catch((failure) => (isRoom ? { jobs: [] } : Promise.reject(failure))),
         readLines(`/v1/cards?rows=true&fields=${FIELDS}`, {
           signal,
           began: (answer) => fabric.beginList(Number(answer.headers.get('Fxm-Position').split('.')[1])),

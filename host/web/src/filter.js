@@ -1,7 +1,9 @@
 // The filter of lists: the same words as in fxmctl and in the API. host/common/filter_cases.txt holds both to it.
 import { parseId, parseNumber } from './ids.js'
 
-export const HEALTH = ['well', 'degraded', 'error', 'lost', 'unmonitored']
+// The last one is of a room alone: what its site tells nothing of any more.
+export const HEALTH = ['well', 'degraded', 'error', 'lost', 'unmonitored', 'silent']
+export const OWN_HEALTH = HEALTH.slice(0, -1)
 export const CLASSES = ['fxsv', 'fxio']
 
 const word = (words) => (text) => {
@@ -47,7 +49,7 @@ const isHex = (text, ranges) => text !== null && is(parseInt(text, 16), ranges)
 
 const KEYS = {
   state: {
-    values: 'well, degraded, error, lost, unmonitored',
+    values: 'well, degraded, error, lost, unmonitored, silent',
     parse: word(HEALTH),
     test: (card, ranges) => is(card.health, ranges),
   },

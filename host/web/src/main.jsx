@@ -1,16 +1,17 @@
 // The page: one copy of the fabric, kept up to date by the feed, and the views of it.
 import { render } from 'preact'
 import { useEffect, useMemo, useRef, useState } from 'preact/hooks'
-import { get, token } from './api.js'
+import { get, isRoom, site, token } from './api.js'
 import { AskDialog } from './Ask.jsx'
 import { Curves } from './Curves.jsx'
 import { Drawer } from './Drawer.jsx'
 import { EventList } from './Events.jsx'
 import { Fabric } from './fabric.js'
 import { Feed } from './feed.js'
-import { HEALTH, parseFilter, withWord } from './filter.js'
+import { HEALTH, OWN_HEALTH, parseFilter, withWord } from './filter.js'
 import { formatId, parseId } from './ids.js'
 import { FabricMap } from './Map.jsx'
+import { Sites } from './Sites.jsx'
 import { CardTable, sortCards } from './Table.jsx'
 import { clock, duration, number } from './words.js'
 
@@ -138,20 +139,31 @@ function Ports({ ports, now }) {
   )
 }
 
+function Bar({ link, about, theme, chooseTheme }) {
+  return (
+    <div class="bar">
+      <h1>fxm</h1>
+      {site && <><a href="#">all sites</a><b>{site}</b></>}
+      {link}
+      {about}
+      <div class="choice right" role="group" aria-label="Colours of the page">
+        {['auto', 'light', 'dark'].map((value) => <button type="button" aria-pressed={theme === value} onClick={() => chooseTheme(value)}>{value}</button>)}
+      </div>
+    </div>
+  )
+}
+
 function Head({ fabric, status, link, listed, filter, setFilter, theme, chooseTheme, input }) {
   const state = filter.text.split(' ').find((word) => word.startsWith('state='))?.slice(6)
+  const about = status && `fxmd ${status.version}, ${status.started_ms === null ? 'silent' : `up ${duration(status.time_ms - status.started_ms)}`}, your role: ${status.role}`
   return (
     <header class="head">
-      <div class="bar">
-        <h1>fxm</h1>
-        <span class={`link-state ${link}`} role="status">{LINKS[link]}{listed > 0 && `: ${number(listed)}`}</span>
-        {status && <span class="muted wide">fxmd {status.version}, up {duration(status.time_ms - status.started_ms)}, your role: {status.role}</span>}
-        <div class="choice right" role="group" aria-label="Colours of the page">
-          {['auto', 'light', 'dark'].map((value) => <button type="button" aria-pressed={theme === value} onClick={() => chooseTheme(value)}>{value}</button>)}
-        </div>
-      </div>
+      <Bar
+        link={<span class={`link-state ${link}`} role="status">{LINKS[link]}{listed > 0 && `: ${number(listed)}`}</span>}
+        about={about && <span class="muted wide">{about}</span>} theme={theme} chooseTheme={chooseTheme}
+      />
       <div class="answer">
-        {HEALTH.map((word, health) => (
+        {(site ? HEALTH : OWN_HEALTH).map((word, health) => (
           <button
             type="button" class={`tile ${word} ${fabric.counts[health] > 0 ? 'some' : 'none'}`} aria-pressed={state === word}
             onClick={() => setFilter(withWord(filter.text, 'state', state === word ? null : word))}
@@ -162,7 +174,7 @@ function Head({ fabric, status, link, listed, filter, setFilter, theme, chooseTh
         {status && <Ports ports={status.ports} now={status.time_ms} />}
       </div>
       {status && [
-        ...(status.library.state === 'running' ? [] : [`The library is ${status.library.state}.`]),
+        ...(status.library.state === 'running' || status.started_ms === null ? [] : [`The library is ${status.library.state}.`]),
         ...(status.history.state === 'failing' ? [`The history is not written: ${status.history.error}`] : []),
         ...status.warnings,
       ].map((words) => <p class="warning" role="alert">{words}</p>)}
@@ -272,9 +284,27 @@ function App({ fabric, feed }) {
   )
 }
 
+// All sites of a room: the first screen. One site is shown as that would show itself.
+function Room() {
+  const [, themeChoice, chooseTheme] = useTheme()
+  const [logins, setLogins] = useState(0)
+  return (
+    <Sites
+      key={logins} head={(link, about) => <Bar link={link} about={about} theme={themeChoice} chooseTheme={chooseTheme} />}
+      login={(failure) => <Login failure={failure} onToken={(text) => { token.set(text); setLogins(logins + 1) }} />}
+    />
+  )
+}
+
+// Another site is another fabric, with a feed of its own.
+if (isRoom) addEventListener('hashchange', () => { if ((readPlace().get('site') ?? '') !== site) location.reload() })
 const fabric = new Fabric()
-const feed = new Feed(fabric)
-feed.run() // before the first drawing, which would only delay it
 // For tests and for the curious: the copy of the fabric, and how long the last drawings took, in ms.
 window.fxm = { fabric, drawings: [] }
-render(<App fabric={fabric} feed={feed} />, document.getElementById('page'))
+if (isRoom && !site) {
+  render(<Room />, document.getElementById('page'))
+} else {
+  const feed = new Feed(fabric)
+  feed.run() // before the first drawing, which would only delay it
+  render(<App fabric={fabric} feed={feed} />, document.getElementById('page'))
+}

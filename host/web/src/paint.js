@@ -10,7 +10,7 @@ export function colours(element) {
   const style = getComputedStyle(element)
   const value = (name) => style.getPropertyValue(name).trim()
   return {
-    health: ['--well', '--degraded', '--error', '--lost', '--unmonitored'].map(value),
+    health: ['--well', '--degraded', '--error', '--lost', '--unmonitored', '--silent'].map(value),
     text: value('--muted'),
     focus: value('--focus'),
     ground: value('--panel'),
@@ -120,7 +120,8 @@ export class Painter {
   }
 }
 
-// FXSV cards are squares, FXIO cards are round. Degraded: the lower half; error: a bar; lost: a frame; unmonitored: a dot.
+// FXSV cards are squares, FXIO cards are round. Degraded: the lower half; error: a bar; lost: a frame; unmonitored: a dot;
+// silent: a small frame.
 function sprite(kind, health, fill, ground, size, scale) {
   const canvas = document.createElement('canvas')
   canvas.width = Math.ceil(size * scale)
@@ -155,6 +156,10 @@ function sprite(kind, health, fill, ground, size, scale) {
     case 4:
       outline(size / 3, size / 3)
       context.fill()
+      break
+    case 5:
+      outline(size / 4, size / 2)
+      context.stroke()
       break
     default:
       outline(0, size)

@@ -32,8 +32,11 @@ function value(given) {
 
 export function eventWords(event) {
   switch (event.type) {
-    case 'gap': return `this page was too slow: ${number(event.missing)} of the events ${event.from} to ${event.to} are missing`
+    case 'gap': return `${event.missing === undefined ? 'the' : `this page was too slow: ${number(event.missing)} of the`} events ${event.from} to ${event.to} are missing`
     case 'boot': return 'fxmd has been started again'
+    case 'site': return `site ${event.site} is ${event.state}`
+    case 'hole': return `the events ${event.from} to ${event.to} of the site ${event.site} are missing`
+    case 'reset': return `the site ${event.site} has lost its state; its numbers begin anew`
     case 'port': return `port ${event.port} ${event.name} ${event.state[0]}\u2192${event.state[1]}`
     case 'library': return `library ${event.state}${event.result === null ? '' : ` after ${event.result}`}`
     case 'job': return `job ${event.job} ${event.kind} ${event.state} ${event.done}/${event.total}`
