@@ -23,7 +23,9 @@ static bool add(batch *to, uint64_t seq, std::string_view text)
 uint64_t feed::waiting(uint64_t after) const
 {
     const uint64_t last = events_->last_seq();
-    return last > after ? last - after : 0;
+    // Numbers jump between two runs, so there are never more events than are kept.
+    const uint64_t kept = (past_ != nullptr ? past_->status().events : 0) + events_->count().kept;
+    return last > after ? std::min(last - after, kept) : 0;
 }
 
 // Numbers rise by one within a run of fxmd, and jump between two runs. So a hole is one only if the history has nothing

@@ -31,7 +31,7 @@ class feed
     // What comes behind the number `after`; what is lost is one event of the type `gap`. Empty if there is nothing yet.
     std::optional<batch> next(uint64_t after) const;
 
-    uint64_t waiting(uint64_t after) const; // numbers behind it
+    uint64_t waiting(uint64_t after) const; // events behind it, at most
 
   private:
     std::optional<batch> from_history(uint64_t after) const;

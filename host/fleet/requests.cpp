@@ -116,7 +116,9 @@ void desk::turn_away(const nats_message &request, const answer &send) const
 
 void desk::take(const nats_message &request, const answer &send)
 {
-    if (request.reply.empty())
+    // Without a place for the answer nobody has asked. What a stream delivers is no request either, whatever its headers say:
+    // whoever may read a stream may choose the subject under which it comes.
+    if (request.reply.empty() || request.reply.starts_with("$JS."))
         return;
     const answer reply = addressed_to(request, send);
     role asked = role::none;

@@ -196,6 +196,12 @@ class Fleet(unittest.TestCase):
         again = self.request(client, write, "PUT", "operate", number="once", body=b'{"value": 9}')
         self.assertEqual((again.data, f.counts(SERVER)["writes"]), (first.data, writes))
         self.assertEqual(self.request(client, "/v1/events").headers["Fxm-Status"], "400")
+        # A stream that delivers to the subject of requests asks for nothing.
+        client.publish("fxm.ev.south", b'{"value": 8}', headers={"Fxm-Id": "stored", "Fxm-Deadline": int((time.time() + 60) * 1000),
+                                                                 "Fxm-Method": "PUT", "Fxm-Path": write})
+        client.api("CONSUMER.CREATE.FXM_EVENTS", stream_name="FXM_EVENTS", config={
+            "deliver_subject": f"fxm.api.{SITE}.operate.alice", "filter_subject": "fxm.ev.south", "ack_policy": "none", "deliver_policy": "all"})
+        self.assertEqual(self.request(client, f"/v1/cards/{SERVER}/registers/0x1000").json()["value"], 7)
         self.assertIn("write user=alice role=operate card=02:00:00:00:10:00 register 0x1000", f.log())
         self.assertIn("refused; this site allows operate", f.log())
 

@@ -494,6 +494,9 @@ class Life(HostTest):
         self.assertIn("a restart of fxmd is needed to change library.tag_max", f.log())
 
     def test_the_sample_and_the_ranges_are_those_of_the_programs(self):
+        for name, flags in (("fxmd", []), ("room", ["--fleet"])):
+            with open(f"{fabric.HERE}/../../conf/{name}.toml", "rb") as file:
+                self.assertEqual(subprocess.run([FXMD, *flags, "--print-config"], capture_output=True, check=True).stdout, file.read())
         sample = subprocess.run([FXMD, "--print-config"], capture_output=True, text=True, check=True).stdout
         with open(f"{fabric.HERE}/../../conf/fxmd.toml", encoding="utf-8") as file:
             self.assertEqual(file.read(), sample)

@@ -36,14 +36,14 @@ function useRoom() {
   return room
 }
 
-// The newest first. A lost connection is taken up where it ended.
-function useEvents(isOpen) {
+// The newest first, with some of the past. A lost connection is taken up where it ended.
+function useEvents(status) {
   const [events, setEvents] = useState([])
   useEffect(() => {
-    if (!isOpen) return
+    if (!status) return
     const abort = new AbortController()
-    let boot = ''
-    let seq = 0
+    let { boot } = status
+    let seq = Math.max(0, status.seq - MOST_EVENTS)
     const take = (lines) => {
       for (const event of lines) {
         boot = event.boot && event.type === 'boot' ? event.boot : boot
@@ -54,13 +54,13 @@ function useEvents(isOpen) {
     }
     const follow = async () => {
       while (!abort.signal.aborted) {
-        await readLines(`/v1/events${boot && `?after=${boot}.${seq}`}`, { signal: abort.signal, take }).catch(() => {})
+        await readLines(`/v1/events?after=${boot}.${seq}`, { signal: abort.signal, take }).catch(() => {})
         await new Promise((resume) => setTimeout(resume, PAUSE))
       }
     }
     follow()
     return () => abort.abort()
-  }, [isOpen])
+  }, [status !== null])
   return events
 }
 
@@ -99,7 +99,7 @@ function SiteTable({ sites }) {
 
 export function Sites({ head, login }) {
   const { sites, status, failure } = useRoom()
-  const events = useEvents(sites !== null)
+  const events = useEvents(status)
   const cards = status?.cards ?? {}
   const bad = sites?.filter((site) => urgency(site) < 2).length ?? 0
   useEffect(() => { document.title = bad > 0 ? `(${bad}) fxm` : 'fxm' }, [bad])
