@@ -1,5 +1,7 @@
 #include "fleet/feed.h"
 
+#include <algorithm>
+
 #include "common/error.h"
 
 namespace fxm::fleet

@@ -38,6 +38,8 @@ PROGRAMS = {
             mkdir -p /run/fxm /var/lib/fxm
             fxmd >"$HOME/fxmd.log" 2>&1 </dev/null & echo $! >"$HOME/fxmd.pid"
             for n in $(seq 100); do [ ! -S /run/fxm/fxmd.sock ] || exit 0; sleep 0.1; done; cat "$HOME/fxmd.log"; exit 1 ;;
+        *" fxm-room") mkdir -p /run/fxm-room; fxmd --fleet >"$HOME/room.log" 2>&1 </dev/null &
+            for n in $(seq 100); do [ ! -S /run/fxm-room/fxmd.sock ] || exit 0; sleep 0.1; done; cat "$HOME/room.log"; exit 1 ;;
         *" prometheus") prometheus --config.file=/etc/prometheus/prometheus.yml --storage.tsdb.path="$HOME/tsdb" \
                 --web.listen-address=127.0.0.1:9090 >"$HOME/prometheus.log" 2>&1 </dev/null &
             for n in $(seq 300); do ! curl -s 127.0.0.1:9090/-/ready >/dev/null || exit 0; sleep 0.1; done; exit 1 ;;
@@ -98,7 +100,7 @@ class Machine:
         """What the packages do."""
         run("cmake", "--install", f"{TOP}/build/release", "--prefix", prefix)
         run("mkdir", "-p", "/etc/fxm")
-        run("cp", f"{TOP}/conf/fxmd.toml", "/etc/fxm/")
+        run("cp", f"{TOP}/conf/fxmd.toml", f"{TOP}/conf/room.toml", "/etc/fxm/")
         for group in ("fxm", "fxm-view", "fxm-admin"):
             run("groupadd", "--system", group)
         run("ldconfig")

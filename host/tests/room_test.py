@@ -1,11 +1,13 @@
 """A room over two sites of a fleet: the real fxmd three times, simulated cards, and real servers of NATS."""
 import json
+import re
 import signal
 import time
 import unittest
 
 import fabric
 from fabric import CARDS, DEVICE, SERVER, Fabric, Refused, Room, fits, until
+from host_test import Metrics
 from nats import Servers
 
 
@@ -88,6 +90,8 @@ class Rooms(unittest.TestCase):
         metrics = room.request("GET", "/metrics").decode()
         self.assertIn('fxm_fleet_site_cards{site="south",health="well"} 5', metrics)
         self.assertIn("fxm_fleet_room_connected 1", metrics)
+        served = {name: kind for name, kind in re.findall(r"^# TYPE (\w+) (\w+)$", metrics, re.M) if name.startswith(Metrics.ROOM)}
+        self.assertEqual(served, {name: kind for name, (kind, _) in Metrics.documented(Metrics, room=True).items()})
 
     def test_a_silent_site_is_never_called_well(self):
         room = self.build()
