@@ -406,8 +406,8 @@ int main(int argc, char **argv)
     bool ports = false;
     app.set_version_flag("--version", "fxmd " FXM_VERSION);
     bool fleet = false;
-    app.add_option("--config", given.config_file,
-                   "the configuration file [/etc/fxm/fxmd.toml, of a room /etc/fxm/room.toml]");
+    app.add_option("--config", given.config_file, "the configuration file; with --fleet /etc/fxm/room.toml by default")
+        ->default_str("/etc/fxm/fxmd.toml");
     app.add_flag("--fleet", fleet, "be the operations room of a fleet: no ports, and all its sites");
     app.add_flag("--check", check, "check the configuration file and end");
     app.add_flag("--ports", ports, "print the names of the configured ports, one a line, and end");

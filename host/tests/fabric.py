@@ -98,7 +98,7 @@ class Stream:
             if not line:
                 return None
             if line.strip():
-                return fits(json.loads(line), "event")
+                return fits(json.loads(line), "room_event")
 
     def until(self, condition):
         """The events up to the first one for which the condition holds."""

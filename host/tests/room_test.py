@@ -6,8 +6,8 @@ import time
 import unittest
 
 import fabric
+import host_test
 from fabric import CARDS, DEVICE, SERVER, Fabric, Refused, Room, fits, until
-from host_test import Metrics
 from nats import Servers
 
 
@@ -90,8 +90,8 @@ class Rooms(unittest.TestCase):
         metrics = room.request("GET", "/metrics").decode()
         self.assertIn('fxm_fleet_site_cards{site="south",health="well"} 5', metrics)
         self.assertIn("fxm_fleet_room_connected 1", metrics)
-        served = {name: kind for name, kind in re.findall(r"^# TYPE (\w+) (\w+)$", metrics, re.M) if name.startswith(Metrics.ROOM)}
-        self.assertEqual(served, {name: kind for name, (kind, _) in Metrics.documented(Metrics, room=True).items()})
+        served = {name: kind for name, kind in re.findall(r"^# TYPE (\w+) (\w+)$", metrics, re.M) if name.startswith(host_test.Metrics.ROOM)}
+        self.assertEqual(served, {name: kind for name, (kind, _) in host_test.Metrics.documented(host_test.Metrics, room=True).items()})
 
     def test_a_silent_site_is_never_called_well(self):
         room = self.build()
