@@ -446,6 +446,18 @@ void history::query_events(const history_query &query, const std::function<void(
     }
 }
 
+void history::query_cards(const std::function<void(uint64_t card)> &see)
+{
+    try {
+        const database file = open_reader();
+        statement rows(file.get(), "SELECT DISTINCT card FROM events WHERE card != 0");
+        while (rows.step())
+            see(static_cast<uint64_t>(rows.number(0)));
+    } catch (const sqlite_failure &failure) {
+        throw unreadable(failure);
+    }
+}
+
 void history::query_minutes(int64_t since_ms, int64_t until_ms, const std::function<void(const minute_sample &)> &see)
 {
     try {

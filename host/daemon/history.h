@@ -74,6 +74,7 @@ class history
 
     // For threads that may block. Each throws api_error if the file cannot be read. Oldest first.
     void query_events(const history_query &query, const std::function<void(uint64_t seq, std::string_view text)> &see);
+    void query_cards(const std::function<void(uint64_t card)> &see); // of which it has an event
     void query_minutes(int64_t since_ms, int64_t until_ms, const std::function<void(const minute_sample &)> &see);
 
   private:

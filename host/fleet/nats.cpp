@@ -290,7 +290,13 @@ bool nats_connection::is_up() const
     return nats().natsConnection_Status(handles_->connection) == NATS_CONN_STATUS_CONNECTED;
 }
 
-void nats_connection::close() { nats().natsConnection_Close(handles_->connection); }
+void nats_connection::close()
+{
+    nats().natsConnection_Close(handles_->connection);
+    std::lock_guard guard(handles_->mutex);
+    handles_->open = 0; // no answer comes any more
+    handles_->confirmed.notify_all();
+}
 
 std::string nats_connection::take_refusal()
 {

@@ -85,6 +85,8 @@ void room::refused(const std::string &why)
 {
     {
         std::lock_guard guard(mutex_);
+        if (stopping_) // which has closed the connection
+            return;
         status_.error = why;
         status_.connected = false;
         if (connection_)
@@ -342,11 +344,14 @@ void room::fill(nats_connection *connection, const view::batch &before, view::ho
 
 static std::string encoded(std::string_view text)
 {
+    constexpr std::string_view PLAIN = "-._~:";
     std::string out;
-    for (const unsigned char c : text) {
-        const bool plain =
-            std::isalnum(c) != 0 || std::string_view("-._~:").find(static_cast<char>(c)) != std::string_view::npos;
-        out += plain ? std::string(1, static_cast<char>(c)) : fmt::format("%{:02X}", c);
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (std::isalnum(byte) != 0 || PLAIN.find(c) != std::string_view::npos)
+            out += c;
+        else
+            out += fmt::format("%{:02X}", byte);
     }
     return out;
 }

@@ -33,6 +33,7 @@ constexpr auto COMPARE_EVERY = std::chrono::minutes(10);
 constexpr auto LOSS_AFTER = seconds(30); // a follower may lag; after so long its answer counts
 constexpr auto ASK_AGAIN = seconds(1);
 constexpr auto WARN_EVERY = std::chrono::minutes(1);
+constexpr auto CARDS_COME_WITHIN = seconds(20); // after a start, those that are there; a later one is stored again
 constexpr auto LOOK_EVERY = seconds(1);         // at what the document of the site says
 constexpr uint64_t REQUESTS_QUEUE = UINT64_MAX; // at the executor, for requests alone: no card has this id
 
@@ -47,6 +48,7 @@ site::~site() { stop(); }
 
 void site::start()
 {
+    delete_at_ = clock::now() + CARDS_COME_WITHIN;
     thread_ = std::thread([this] { run(); });
 }
 
@@ -55,6 +57,8 @@ void site::stop()
     {
         std::lock_guard guard(mutex_);
         stopping_ = true;
+        if (connection_)
+            connection_->close(); // the thread may wait for a server that is silent
     }
     wake_.notify_all();
     if (thread_.joinable())
@@ -83,6 +87,8 @@ void site::refused(const std::string &why)
 {
     {
         std::lock_guard guard(mutex_);
+        if (stopping_) // which has closed the connection
+            return;
         status_.error = why;
         status_.refused += 1;
     }
@@ -105,14 +111,10 @@ void site::run()
             refused(failure.what());
             // A server that has answered is a good one. One that is silent, or has gone, is left for the next.
             if (!failure.refused || !connection_ || !connection_->is_up())
-                connection_.reset();
+                replace_connection(nullptr);
         } catch (const std::exception &failure) {
             refused(failure.what());
-            connection_.reset();
-        }
-        {
-            std::lock_guard guard(mutex_);
-            status_.connected = connection_ != nullptr;
+            replace_connection(nullptr);
         }
         back_off_ = std::clamp(back_off_ * 2, LEAST_BACK_OFF, MOST_BACK_OFF);
         // Between two servers there is no wait, until all of them have been tried.
@@ -120,7 +122,17 @@ void site::run()
         if (!pause(more ? milliseconds(1) : back_off_))
             break;
     }
-    connection_.reset();
+    replace_connection(nullptr);
+}
+
+void site::replace_connection(std::shared_ptr<nats_connection> next)
+{
+    {
+        std::lock_guard guard(mutex_);
+        connection_.swap(next);
+        status_.connected = connection_ != nullptr;
+    }
+    next.reset(); // which waits for the threads of the old one
 }
 
 void site::connect()
@@ -153,13 +165,12 @@ void site::connect()
                         if (!taken)
                             desk_.turn_away(request, [on](const nats_message &answer) { on->publish(answer); });
                     });
-    connection_ = made;
+    replace_connection(made);
     knows_cursor_ = made_streams_ = false;
     next_beat_ = next_site_ = next_compare_ = clock::now();
     site_text_.clear(); // the bucket of another server may be new
     std::lock_guard guard(mutex_);
     status_.connects += 1;
-    status_.connected = true;
     status_.error.clear();
 }
 
@@ -326,6 +337,22 @@ void site::look_at_bucket()
         mark_all_cards();
 }
 
+// A card that was deleted, or has not come back, while no fxmd ran would stay in the bucket for ever. The history knows it.
+void site::delete_cards_of_the_past()
+{
+    delete_at_.reset();
+    if (all_->past == nullptr)
+        return;
+    try {
+        all_->past->query_cards([this](uint64_t id) {
+            if (!all_->cards->knows(id))
+                dirty_[id].dirty = true;
+        });
+    } catch (const api_error &failure) {
+        all_->log->warning("fleet: cards that are gone may stay in the bucket: {}", failure.what());
+    }
+}
+
 // Empty if the card is gone.
 std::string site::card_document(uint64_t id, uint64_t rev)
 {
@@ -461,6 +488,8 @@ void site::serve()
         }
         bool more = knows_cursor_ && send_events();
         mark_cards();
+        if (delete_at_ && began >= *delete_at_)
+            delete_cards_of_the_past();
         more = send_cards() || more;
         send_site();
         if (std::exchange(back_off_, milliseconds(0)) != milliseconds(0)) { // it works again

@@ -62,10 +62,12 @@ class site
     void mark_cards();
     void mark_all_cards();
     void look_at_bucket();
+    void delete_cards_of_the_past();
     void send_site();
     void send_beat();
     std::string card_document(uint64_t id, uint64_t rev);
     void refused(const std::string &why);
+    void replace_connection(std::shared_ptr<nats_connection> next);
     bool pause(std::chrono::milliseconds time);
 
     const site_options options_;
@@ -74,8 +76,7 @@ class site
     desk desk_;
 
     // The thread alone:
-    std::shared_ptr<nats_connection> connection_; // answers hold it while they are sent
-    size_t server_ = 0;                           // of the next attempt
+    size_t server_ = 0; // of the next attempt
     std::optional<frozen> frozen_;
     uint64_t cursor_ = 0;       // the last number that the stream has
     uint64_t confirmed_ = 0;    // the highest that it has confirmed in this run
@@ -89,6 +90,7 @@ class site
         clock::time_point earliest; // when it may go again
     };
     std::unordered_map<uint64_t, card_state> dirty_; // cards to send, and those that were sent just now
+    std::optional<clock::time_point> delete_at_;     // cards of the past; empty: done
     clock::time_point next_compare_, next_beat_, next_site_, last_site_, next_warning_;
     std::string site_text_; // that was sent last, without its times
     std::chrono::milliseconds back_off_{0};
@@ -96,6 +98,7 @@ class site
     mutable std::mutex mutex_; // guards what follows
     std::condition_variable wake_;
     bool stopping_ = false;
+    std::shared_ptr<nats_connection> connection_; // the thread alone replaces it; answers hold it while they are sent
     site_status status_;
     std::thread thread_;
 };

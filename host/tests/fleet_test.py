@@ -230,6 +230,17 @@ class Fleet(unittest.TestCase):
                 liar.receive()
             liar.close()
 
+    def test_a_card_of_the_past_leaves_the_bucket(self):
+        f = self.fleet(servers=1)
+        f.stop()
+        f.cards(f"remove {SERVER}")
+        f.start()
+        client = self.servers.client()
+        self.addCleanup(client.close)
+        key = f"$JS.API.DIRECT.GET.KV_fxm_cards_1.$KV.fxm_cards_1.{SITE}.{SERVER.replace(':', '')}"
+        self.assertEqual(client.ask(key).json()["id"], SERVER)
+        until(lambda: client.ask(key).headers.get("KV-Operation") == "DEL", "the card of the past is deleted in the bucket", 90)
+
     def test_servers_that_are_not_there_hold_up_nothing(self):
         for url in ("nats://127.0.0.1:9", "nats://10.99.0.77:4222"):  # refused; nobody answers
             f = Fabric(CARDS)
