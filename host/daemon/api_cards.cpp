@@ -2,11 +2,10 @@
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
-#include <map>
-
 #include "common/card_id.h"
 #include "common/filter.h"
 #include "daemon/api.h"
+#include "daemon/topology.h"
 
 namespace fxm
 {
@@ -146,22 +145,6 @@ static void show_card(services &all, api_call &call)
 
 // ----------------------------------------------------------------------------------------------------------- topology
 
-// The graph, copied from the model in steps.
-struct fabric_graph {
-    struct server {
-        facts card;
-        std::vector<std::pair<unsigned, uint64_t>> ports; // that name a partner
-        uint32_t connected = 0;                           // bit N: port N is
-    };
-    struct device {
-        facts card;
-        int multi_root; // -1: not multi-root
-        bool attached = false;
-    };
-    std::map<uint64_t, server> servers;
-    std::map<uint64_t, device> devices;
-};
-
 static void add_to_graph(const card &known, fabric_graph *graph)
 {
     if (const fxm_fxsv_t *record = fxsv(known.data)) {
@@ -179,8 +162,8 @@ static void add_to_graph(const card &known, fabric_graph *graph)
         }
     } else {
         const fxm_fxio_t &device = *fxio(known.data);
-        graph->devices[known.id] = {
-            facts_of(known), device.fio_card.fcd_ver == FXM_VER_MULTIROOT ? device.fio_mr_resource_num : -1, false};
+        graph->devices[known.id] = {facts_of(known),
+                                    device.fio_card.fcd_ver == FXM_VER_MULTIROOT ? device.fio_mr_resource_num : -1};
     }
 }
 
@@ -193,88 +176,7 @@ static fabric_graph read_graph(services &all)
             next, CARDS_AT_ONCE, false, [](const card &) { return true; },
             [&](const card &known) { add_to_graph(known, &graph); });
     } while (next != 0);
-    for (const auto &[id, server] : graph.servers) {
-        for (const auto &[port, partner] : server.ports) {
-            auto found = graph.devices.find(partner);
-            // A down port may name the odd address of a 40G card.
-            if (found == graph.devices.end())
-                found = graph.devices.find(partner & ~uint64_t{1});
-            if (found != graph.devices.end())
-                found->second.attached = true;
-        }
-    }
     return graph;
-}
-
-static const fabric_graph::device *device_at(const fabric_graph &graph, uint64_t partner)
-{
-    for (const uint64_t id : {partner, partner & ~uint64_t{1}}) {
-        const auto found = graph.devices.find(id);
-        if (found != graph.devices.end())
-            return &found->second;
-    }
-    return nullptr;
-}
-
-static std::string topology_json(const fabric_graph &graph)
-{
-    std::string text = R"({"schema":"fxm/1","servers":[)";
-    const auto out = std::back_inserter(text);
-    const char *server_comma = "";
-    for (const auto &[id, server] : graph.servers) {
-        fmt::format_to(out, R"({}{{"id":"{}","vlan":{},"health":"{}","generation":"{}","ports":[)", server_comma,
-                       format_id(id), server.card.vlan, word(server.card.state), server.card.is_40g ? "40G" : "1/10G");
-        server_comma = ",";
-        const char *port_comma = "";
-        for (const auto &[port, partner] : server.ports) {
-            const fabric_graph::device *device = device_at(graph, partner);
-            fmt::format_to(out, R"({}{{"port":{},"id":"{}","connected":{})", port_comma, port,
-                           format_id(device != nullptr ? device->card.id : partner),
-                           (server.connected & 1u << port) != 0);
-            port_comma = ",";
-            if (device == nullptr) {
-                text += R"(,"health":null,"vendor":null,"device":null,"multi_root":null})";
-                continue;
-            }
-            fmt::format_to(out, R"(,"health":"{}","vendor":"{:04x}","device":"{:04x}","multi_root":{}}})",
-                           word(device->card.state), device->card.vendor, device->card.device,
-                           device->multi_root < 0 ? "null" : std::to_string(device->multi_root));
-        }
-        text += "]}";
-    }
-    text += R"(],"unattached":[)";
-    const char *comma = "";
-    for (const auto &[id, device] : graph.devices) {
-        if (device.attached)
-            continue;
-        fmt::format_to(out, "{}\"{}\"", comma, format_id(id));
-        comma = ",";
-    }
-    text += "]}\n";
-    return text;
-}
-
-static std::string topology_dot(const fabric_graph &graph)
-{
-    constexpr const char *colours[] = {"palegreen", "khaki", "salmon", "grey80", "white"}; // by health
-    std::string text = "graph fabric {\n  rankdir=LR;\n  node [style=filled];\n";
-    const auto out = std::back_inserter(text);
-    for (const auto &[id, server] : graph.servers)
-        fmt::format_to(out, "  \"{0}\" [shape=box, fillcolor={1}, label=\"{0}\\nFXSV vlan {2}\"];\n", format_id(id),
-                       colours[static_cast<size_t>(server.card.state)], server.card.vlan);
-    for (const auto &[id, device] : graph.devices)
-        fmt::format_to(out, "  \"{0}\" [fillcolor={1}, label=\"{0}\\nFXIO {2:04x}:{3:04x}\"];\n", format_id(id),
-                       colours[static_cast<size_t>(device.card.state)], device.card.vendor, device.card.device);
-    for (const auto &[id, server] : graph.servers) {
-        for (const auto &[port, partner] : server.ports) {
-            const fabric_graph::device *device = device_at(graph, partner);
-            fmt::format_to(out, "  \"{}\" -- \"{}\" [label=\"{}\"{}];\n", format_id(id),
-                           format_id(device != nullptr ? device->card.id : partner), port,
-                           (server.connected & 1u << port) != 0 ? "" : ", style=dashed");
-        }
-    }
-    text += "}\n";
-    return text;
 }
 
 // A graph of 65,536 cards takes some hundred milliseconds, too long for the HTTP thread.
@@ -282,7 +184,7 @@ static void show_topology(services &all, api_call &call)
 {
     later(all, call, 0, [&all] {
         http_reply reply;
-        reply.body = topology_json(read_graph(all));
+        reply.body = topology_json({{"", read_graph(all)}});
         return reply;
     });
 }
@@ -292,7 +194,7 @@ static void show_topology_dot(services &all, api_call &call)
     later(all, call, 0, [&all] {
         http_reply reply;
         reply.type = "text/vnd.graphviz";
-        reply.body = topology_dot(read_graph(all));
+        reply.body = topology_dot({{"", read_graph(all)}});
         return reply;
     });
 }

@@ -37,6 +37,14 @@ inline bool is_site(std::string_view name)
     });
 }
 
+// What stands in documents as it is: the name of a run.
+inline bool is_word(std::string_view text)
+{
+    return !text.empty() && text.size() <= 64 && std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-';
+    });
+}
+
 inline std::string events_subject(std::string_view site) { return fmt::format("fxm.ev.{}", site); }
 inline std::string site_subject(std::string_view site) { return fmt::format("$KV.fxm_sites.{}", site); }
 inline std::string beat_subject(std::string_view site) { return fmt::format("fxm.beat.{}", site); }

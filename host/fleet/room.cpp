@@ -27,6 +27,7 @@ constexpr auto ROUND = milliseconds(200);
 constexpr auto PROBE_EVERY = seconds(5); // a server that is cut from the others goes on sending, but knows no stream
 constexpr auto ROOM_WARN_EVERY = std::chrono::minutes(1);
 constexpr uint64_t BATCHES_OF_THE_PAST = 2000; // that a room reads when it starts
+constexpr size_t FILL_ROUNDS = 20;             // of 500 events
 constexpr int FILL_MS = 1500;                  // for the history of a site
 constexpr int READ_MS = 30000;                 // for an answer; a card that is silent takes seconds
 constexpr int WRITE_MS = 130000;               // writes are tried again, up to a hundred times
@@ -152,7 +153,9 @@ void room::connect()
     }
     make_streams(made.get());
     made->subscribe(beat_subject("*"), [this](const nats_message &beat) {
-        view_.take_beat(beat.subject.substr(beat_subject("").size()), beat.data, clock_ms());
+        const std::string site = beat.subject.substr(beat_subject("").size());
+        if (is_site(site))
+            view_.take_beat(site, beat.data, clock_ms());
     });
     follow_sites(made.get());
     follow_cards(made.get());
@@ -233,10 +236,10 @@ void room::follow_cards(nats_connection *connection)
         connection->follow(stream, fmt::format("$KV.fxm_cards_{}.>", BUCKET), goes_on ? cards_.last + 1 : 0,
                            only_of(&reading_,
                                    [this](const nats_entry &entry) {
+                                       const std::string site(word_of(entry.message.subject, 2));
                                        const auto id = parse_id(word_of(entry.message.subject, 3));
-                                       if (id)
-                                           view_.take_card(std::string(word_of(entry.message.subject, 2)), *id,
-                                                           entry.message.data, is_deleted(entry.message));
+                                       if (id && is_site(site))
+                                           view_.take_card(site, *id, entry.message.data, is_deleted(entry.message));
                                        cards_.last = entry.number;
                                        cards_read_ += 1;
                                        if (entry.left == 0) {
@@ -293,7 +296,7 @@ void room::take_events(nats_connection *connection, const nats_entry &entry)
         const std::string_view boot = word_of(*id, 1);
         arrived.boot = boot.substr(0, boot.find('-'));
     }
-    if (arrived.first == 0 || arrived.last < arrived.first)
+    if (arrived.first == 0 || arrived.last < arrived.first || !is_site(arrived.site) || !is_word(arrived.boot))
         return; // nobody of the fleet has sent it
     const view::hole missing = view_.hole_before(arrived);
     if (missing.from != 0)
@@ -308,7 +311,8 @@ void room::fill(nats_connection *connection, const view::batch &before, view::ho
     if (!of || of->state != site_state::live)
         return;
     try {
-        while (missing.from <= missing.to) {
+        // The other sites wait meanwhile.
+        for (size_t rounds = 0; missing.from <= missing.to && rounds < FILL_ROUNDS; ++rounds) {
             http_request question;
             question.method = "GET";
             question.path = "/v1/history";

@@ -17,6 +17,7 @@
 #include "daemon/metrics.h"
 #include "daemon/ring.h"
 #include "daemon/status.h"
+#include "daemon/topology.h"
 #include "fleet/names.h"
 #include "fleet/room.h"
 #include "fxm.h"
@@ -567,6 +568,73 @@ static void forward(const room_call &of, role needs, const std::function<void(ht
     });
 }
 
+// The graph of the cards that the room knows, made from their documents.
+static void add_to_graph(const room_card &card, site_state state, fabric_graph *graph)
+{
+    facts known = card.known;
+    if (state != site_state::live)
+        known.state = health::silent;
+    const json::value parsed = json::parse("{\"id\":0" + card.row + card.details + "}");
+    const json::object &members = parsed.as_object();
+    if (known.kind == card_class::fxio) {
+        const json::value &multi_root = member_of(members, "multi_root");
+        graph->devices[known.id] = {known, multi_root.is_int64() ? static_cast<int>(multi_root.get_int64()) : -1};
+        return;
+    }
+    fabric_graph::server &server = graph->servers[known.id];
+    server.card = known;
+    const json::value &ports = member_of(members, "down_ports");
+    for (const json::value &entry : ports.is_array() ? ports.get_array() : json::array()) {
+        const json::object &port = entry.as_object();
+        const json::value &partner = member_of(port, "partner");
+        const auto number = static_cast<unsigned>(member_of(port, "port").to_number<uint8_t>());
+        const auto id = partner.is_string() ? parse_id(std::string_view(partner.get_string())) : std::nullopt;
+        if (id)
+            server.ports.emplace_back(number, *id);
+        if (number < FXM_DOWN_PORTS && member_of(port, "connected") == true)
+            server.connected |= 1u << number;
+    }
+}
+
+static fabric_graphs read_graphs(const view &sites, const std::string &of)
+{
+    fabric_graphs made;
+    std::optional<view::place> next{{of, 0}};
+    while (next) {
+        next = sites.visit(
+            *next, of, ROOM_CARDS_AT_ONCE, [](const facts &) { return true; },
+            [&](const std::string &site, site_state state, const room_card &card) {
+                const std::string prefix = of.empty() ? site + "/" : "";
+                if (made.empty() || made.back().first != prefix)
+                    made.emplace_back(prefix, fabric_graph{});
+                try {
+                    add_to_graph(card, state, &made.back().second);
+                } catch (const boost::system::system_error &) { // it is no card of this schema
+                }
+            });
+    }
+    return made;
+}
+
+static void show_room_topology(const room_call &of)
+{
+    later(of.all, of.call, 0, [&sites = of.asked.sites(), site = of.site] {
+        http_reply reply;
+        reply.body = topology_json(read_graphs(sites, site));
+        return reply;
+    });
+}
+
+static void show_room_topology_dot(const room_call &of)
+{
+    later(of.all, of.call, 0, [&sites = of.asked.sites(), site = of.site] {
+        http_reply reply;
+        reply.type = "text/vnd.graphviz";
+        reply.body = topology_dot(read_graphs(sites, site));
+        return reply;
+    });
+}
+
 // The status of one site, with the role that its caller has there over this room.
 static void show_site_status(const room_call &of)
 {
@@ -617,6 +685,8 @@ static const room_route room_routes[] = {
     {{"GET", "/v1/cards", role::view, nullptr}, list_room_cards},
     {{"GET", "/v1/cards/*", role::view, nullptr}, show_room_card},
     {{"GET", "/v1/events", role::view, nullptr}, stream_room_events},
+    {{"GET", "/v1/topology", role::view, nullptr}, show_room_topology},
+    {{"GET", "/v1/topology.dot", role::view, nullptr}, show_room_topology_dot},
     {{"GET", "/metrics", role::view, nullptr}, show_room_metrics},
 };
 

@@ -105,7 +105,9 @@ static void set_fact(facts *of, std::string_view name, const json::value &value)
 
 static void put(std::string *out, std::string_view name, const json::value &value)
 {
-    *out += fmt::format(",\"{}\":", name);
+    *out += ',';
+    *out += json::serialize(json::string(name));
+    *out += ':';
     *out += json::serialize(value);
 }
 
@@ -249,6 +251,9 @@ void view::take_site(const std::string &site, std::string_view document, int64_t
         of.refused = false;
     of.document = std::move(*parsed);
     of.document_ms = time_ms;
+    of.document_boot = std::string(text_of(of.document, "boot"));
+    if (!is_word(of.document_boot))
+        of.document_boot.clear();
 }
 
 void view::take_beat(const std::string &site, std::string_view document, int64_t now_ms)
@@ -288,7 +293,7 @@ site_numbers view::numbers_of(const std::string &name, const known_site &of) con
     if (!of.offsets.empty())
         made.offset_ms = *std::max_element(of.offsets.begin(), of.offsets.end());
     made.document = of.document;
-    made.boot = of.boot.empty() ? std::string(text_of(of.document, "boot")) : of.boot;
+    made.boot = of.boot.empty() ? of.document_boot : of.boot;
     made.seq = std::max({of.beat_seq, of.number.value_or(0), number_of(of.document, "seq")});
     made.waiting = of.waiting;
     made.told_cards = of.told_cards;
@@ -486,7 +491,7 @@ std::pair<std::string, uint64_t> view::position(const std::string &site) const
                                      [&](const auto &event) { return event->seq != 0 && event->site == site; });
     if (oldest != events_.end() && !of.pending.empty())
         safe = std::max(safe, (*oldest)->seq - 1);
-    return {of.boot.empty() ? std::string(text_of(of.document, "boot")) : of.boot, safe};
+    return {of.boot.empty() ? of.document_boot : of.boot, safe};
 }
 
 view::reading view::read(uint64_t after, size_t limit) const

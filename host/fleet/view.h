@@ -142,6 +142,7 @@ class view
         std::map<uint64_t, room_card> cards;
         std::map<uint64_t, span> pending; // changes of cards that their documents do not have yet
         boost::json::object document;
+        std::string document_boot;
         int64_t document_ms = 0;
         bool refused = false;
         std::optional<clock::time_point> heard;

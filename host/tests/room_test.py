@@ -58,6 +58,11 @@ class Rooms(unittest.TestCase):
         self.assertEqual(rows, [{"schema": "fxm/1", "fields": ["id", "vlan", "channels.p0m0"]}, [DEVICE, 100, "up"]])
         everything = {key for key in room.get(f"/v1/cards/south/{DEVICE}") if key not in ("site", "boot", "rev")}
         self.assertEqual(everything, set(self.sites["south"].get(f"/v1/cards/{DEVICE}")))
+        graph, own = room.get("/v1/topology"), north.get("/v1/topology")
+        self.assertEqual(room.get("/v1/topology?site=north"), own)
+        self.assertEqual([server["ports"] for server in graph["servers"]][:2],
+                         [[{**port, "id": f"north/{port['id']}"} for port in server["ports"]] for server in own["servers"]])
+        self.assertEqual(len(room.request("GET", "/v1/topology.dot").splitlines()), 4 + 2 * (5 + 2))
         # Events of all, and of one site in its own numbers, which go on where a reader was.
         of_all, of_one = room.events(), room.events(query="site=north")
         self.addCleanup(of_all.close)
@@ -155,12 +160,19 @@ class Rooms(unittest.TestCase):
         def about(site, **members):
             client.publish(f"$KV.fxm_sites.{site}", json.dumps({"schema": "fxm/1", "site": site, "boot": "0000abcd", "seq": 0} | members).encode())
         # A newer minor version: what is unknown is shown as it is.
-        about("east", version="2.1.0", novelty=1)
+        about("east", version="2.1.0", novelty=1, boot='"')
+        # What nobody of a fleet sends changes nothing.
+        for subject in ("fxm.ev.A", "fxm.beat.B", "$KV.fxm_sites.C", "$KV.fxm_cards_1.D.020000001000", "$KV.fxm_cards_1.east.0", "fxm.ev.east"):
+            for text in (b"", b"[]", b"{}", b'{"schema":"fxm/1","down_ports":7}'):
+                client.publish(subject, text, headers={"Fxm-First": 1, "Fxm-Last": 1})
         client.publish("$KV.fxm_cards_1.east.020000002000", json.dumps(
             {"schema": "fxm/1", "site": "east", "boot": "0000abcd", "rev": 1, "id": DEVICE, "class": "fxio", "vlan": 7, "health": "dazed",
-             "novelty": [1, {"a": None}]}).encode())
+             "novelty": [1, {"a": None}], 'a"b': 1}).encode())
         card = until(lambda: self.state(room, "east") and room.get("/v1/cards?site=east")["cards"] and room.get(f"/v1/cards/east/{DEVICE}"), "the card of east")
         self.assertEqual((card["novelty"], card["vlan"], card["last_health"]), ([1, {"a": None}], 7, "lost"))
+        client.publish("$KV.fxm_cards_1.east.020000003000", b'{"schema":"fxm/1","class":"fxsv","down_ports":[7]}')
+        until(lambda: len(room.get("/v1/cards?site=east")["cards"]) == 2, "a card that is none")
+        self.assertEqual(room.get("/v1/topology?site=east")["unattached"], [DEVICE])
         events = room.events(query="site=east")
         self.addCleanup(events.close)
         batch("east", 10, 9, {"changes": {"novelty": [0, 1]}}, {"novelty": 1})
