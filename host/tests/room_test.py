@@ -86,6 +86,20 @@ class Rooms(unittest.TestCase):
         self.assertEqual(room.get("/v1/history?site=north&limit=1&newest=true")["events"], north.get("/v1/history?limit=1&newest=true")["events"])
         about = room.get("/v1/status?site=north")
         self.assertEqual((about["role"], about["site_state"], about["cards"]["well"]), ("operate", "live", 5))
+        fleet = ("--fleet", room.socket)
+        self.assertRegex(room.ctl(*fleet, "sites"), r"north +live .*\nsouth +live ")
+        self.assertIn("2 sites: 2 live\n  10 cards: 10 well", room.ctl(*fleet, "status"))
+        self.assertIn("5 cards (2 FXSV, 3 FXIO): 5 well", room.ctl(*fleet, "--site", "south", "status"))
+        self.assertEqual(len(room.ctl(*fleet, "cards", "class=fxsv").splitlines()), 1 + 4)
+        self.assertIn(f"south/{DEVICE}", room.ctl(*fleet, "tree"))
+        self.assertEqual(room.ctl(*fleet, "reg", f"north/{SERVER}", "0x1000"), "0x1000 = 0x00000007\n")
+        writes = north.counts(SERVER)["writes"]
+        self.assertIn("takes --site", room.ctl(*fleet, "-y", "reg", f"north/{SERVER}", "0x1000=9", code=2))
+        self.assertIn("of the site north to vlan 700", room.ctl(*fleet, "--site", "north", "vlan", SERVER, "700", code=2))
+        self.assertEqual(north.counts(SERVER)["writes"], writes)
+        self.assertIn("0x00000009", room.ctl(*fleet, "-y", "--site", "north", "reg", SERVER, "0x1000=9"))
+        self.assertEqual(room.ctl(*fleet, "--site", "west", "cards", code=1), "fxmctl: there is no site west; fxmctl sites lists them\n")
+        self.assertEqual(room.ctl("__complete", *fleet, "--site", "").splitlines(), ["north", "south"])
         for method, path, status in (("GET", "/v1/ports", 400), ("GET", "/v1/ports?site=west", 404), ("POST", "/v1/reload?site=north", 403),
                                      ("GET", "/v1/cards/nothing", 400), ("GET", "/v1/cards/north/02:00:00:00:99:00", 404),
                                      ("GET", "/v1/nothing?site=north", 404)):
@@ -116,6 +130,7 @@ class Rooms(unittest.TestCase):
                 room.get(f"/v1/cards/north/{SERVER}/registers/0x1000")
             self.assertEqual((refused.exception.status, refused.exception.document["code"]), (502, "FXM_API_ENOLINK"))
             self.assertLess(time.monotonic() - began, 1)  # it did not wait for the site
+            self.assertIn("has been silent", room.ctl("--fleet", room.socket, "reg", f"north/{SERVER}", "0x1000", code=4))
         finally:
             north.daemon.send_signal(signal.SIGCONT)
         events.until(lambda event: event["type"] == "site" and event["state"] == "live")
