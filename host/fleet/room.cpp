@@ -46,12 +46,14 @@ void room::start()
 
 void room::stop()
 {
+    std::shared_ptr<nats_connection> connection;
     {
         std::lock_guard guard(mutex_);
         stopping_ = true;
-        if (connection_)
-            connection_->close();
+        connection = connection_;
     }
+    if (connection)
+        connection->close();
     wake_.notify_all();
     if (thread_.joinable())
         thread_.join();
@@ -89,11 +91,8 @@ void room::refused(const std::string &why)
         if (stopping_) // which has closed the connection
             return;
         status_.error = why;
-        status_.connected = false;
-        if (connection_)
-            connection_->close();
-        connection_.reset();
     }
+    replace_connection(nullptr);
     const auto now = clock::now();
     if (now < next_warning_)
         return;
@@ -128,8 +127,20 @@ void room::run()
         view_.tick();
         back_off_ = std::clamp(back_off_ * 2, ROOM_LEAST_BACK_OFF, ROOM_MOST_BACK_OFF);
     } while (pause(server_ % options_.urls.size() != 0 ? milliseconds(1) : back_off_));
-    std::lock_guard guard(mutex_);
-    connection_.reset();
+    replace_connection(nullptr);
+}
+
+void room::replace_connection(std::shared_ptr<nats_connection> next)
+{
+    const bool ends = next == nullptr;
+    {
+        std::lock_guard guard(mutex_);
+        connection_.swap(next);
+        if (ends)
+            status_.connected = false;
+    }
+    if (next)
+        next->close(); // requests that wait are told so, and its end waits for its threads
 }
 
 void room::connect()
@@ -145,12 +156,7 @@ void room::connect()
     wanted.ca = options_.ca;
     wanted.certificate = options_.certificate;
     const auto made = std::make_shared<nats_connection>(wanted);
-    {
-        std::lock_guard guard(mutex_);
-        if (stopping_)
-            return;
-        connection_ = made; // requests can go; a stop ends what follows
-    }
+    replace_connection(made); // requests can go; a stop ends what follows
     make_streams(made.get());
     made->subscribe(beat_subject("*"), [this](const nats_message &beat) {
         const std::string site = beat.subject.substr(beat_subject("").size());

@@ -71,6 +71,7 @@ class room
     void take_events(nats_connection *connection, const nats_entry &entry);
     void fill(nats_connection *connection, const view::batch &before, view::hole missing);
     void refused(const std::string &why);
+    void replace_connection(std::shared_ptr<nats_connection> next);
     nats_message request_to(const std::string &site, role as, const http_request &request) const;
     bool pause(std::chrono::milliseconds time);
 

@@ -21,6 +21,7 @@ namespace json = boost::json;
 
 constexpr size_t ROOM_CARDS_AT_ONCE = 64; // that one step of a list looks at under the lock
 constexpr size_t ROOM_LIST_PIECE = 28000; // made at once
+constexpr size_t ROOM_STEPS = 256;        // at once
 
 static std::string id_in(const std::string &of, const std::string &site, uint64_t id)
 {
@@ -89,8 +90,11 @@ class room_cards : public http_source
             *out += head_;
         }
         begun_ = true;
-        while (!ended_ && out->size() < ROOM_LIST_PIECE)
+        for (size_t steps = 0; !ended_ && out->size() < ROOM_LIST_PIECE && steps < ROOM_STEPS; ++steps)
             step(out);
+        // Nothing among so many cards: an empty line, so that other requests come between.
+        if (!ended_ && out->empty())
+            *out += '\n';
         return ended_ && out->empty() ? state::end : state::more;
     }
 

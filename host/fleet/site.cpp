@@ -54,12 +54,14 @@ void site::start()
 
 void site::stop()
 {
+    std::shared_ptr<nats_connection> connection;
     {
         std::lock_guard guard(mutex_);
         stopping_ = true;
-        if (connection_)
-            connection_->close(); // the thread may wait for a server that is silent
+        connection = connection_;
     }
+    if (connection)
+        connection->close(); // the thread may wait for a server that is silent
     wake_.notify_all();
     if (thread_.joinable())
         thread_.join();
