@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "common/error.h"
+#include "common/filter.h"
 #include "daemon/caller.h"
+#include "daemon/card.h"
 #include "daemon/http.h"
 #include "daemon/operation.h"
 #include "daemon/roles.h"
@@ -89,6 +91,17 @@ class arguments
     boost::json::object members_;
     std::vector<std::string> taken_;
 };
+
+// What a list of cards is asked for.
+struct list_request {
+    filter wanted;
+    std::optional<member_set> shown; // empty: all
+    std::string after;               // the card behind which it begins; empty: the first one
+    uint64_t limit = UINT64_MAX;
+    bool ndjson = false;
+    bool rows = false; // lines of values; the first one names them
+};
+list_request list_request_of(const http_request &request); // throws FXM_API_EINVAL
 
 // "BOOT.SEQ", as a client names the last event that it has seen.
 std::pair<std::string, uint64_t> parse_position(const std::string &text);

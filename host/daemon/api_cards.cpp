@@ -20,16 +20,11 @@ constexpr size_t LIST_PIECE = 28000; // made at once
 class card_list : public http_source
 {
   public:
-    struct choice {
-        filter wanted;
-        member_set shown = member_set::all();
-        uint64_t after = 0;
-        uint64_t limit = UINT64_MAX;
-        bool ndjson = false;
-        bool rows = false; // lines of values; the first one names them
-    };
-
-    card_list(services *all, choice what) : all_(all), what_(std::move(what)), next_(what_.after), left_(what_.limit) {}
+    card_list(services *all, list_request what, uint64_t after)
+        : all_(all), what_(std::move(what)), shown_(what_.shown.value_or(member_set::all())), next_(after),
+          left_(what_.limit)
+    {
+    }
 
     state read(std::string *out) override
     {
@@ -37,7 +32,7 @@ class card_list : public http_source
             return state::end;
         if (!begun_ && what_.rows) {
             *out += R"({"schema":"fxm/1","fields":)";
-            write_names(out, what_.shown);
+            write_names(out, shown_);
             *out += "}\n";
         } else if (!begun_ && !what_.ndjson) {
             *out += fmt::format(R"({{"schema":"fxm/1","boot":"{}","seq":{},"cards":[)", all_->boot,
@@ -53,7 +48,7 @@ class card_list : public http_source
     void put(std::string *out, const card &known) const
     {
         if (what_.rows) {
-            write_row(out, known, what_.shown);
+            write_row(out, known, shown_);
             *out += '\n';
             return;
         }
@@ -61,7 +56,7 @@ class card_list : public http_source
             *out += R"({"schema":"fxm/1",)";
         else
             *out += any_ ? ",{" : "{";
-        write_card(out, known, what_.shown);
+        write_card(out, known, shown_);
         *out += what_.ndjson ? "}\n" : "}";
     }
 
@@ -84,7 +79,8 @@ class card_list : public http_source
     }
 
     services *all_;
-    choice what_;
+    const list_request what_;
+    const member_set shown_;
     uint64_t next_;
     uint64_t left_;
     bool begun_ = false;
@@ -92,18 +88,15 @@ class card_list : public http_source
     bool ended_ = false;
 };
 
-static void list_cards(services &all, api_call &call)
+list_request list_request_of(const http_request &request)
 {
-    card_list::choice what;
-    what.ndjson = wants(call.request, "application/x-ndjson");
-    for (const auto &[key, value] : call.request.query) {
+    list_request what;
+    what.ndjson = wants(request, "application/x-ndjson");
+    for (const auto &[key, value] : request.query) {
         if (key == "fields") {
             what.shown = member_set::parse(value);
         } else if (key == "after") {
-            const auto id = parse_id(value);
-            if (!id)
-                throw api_error("FXM_API_EINVAL", fmt::format("\"after\" is \"{}\"; it must be a card id", value));
-            what.after = *id;
+            what.after = value;
         } else if (key == "limit") {
             const auto limit = parse_u32(value);
             if (!limit || *limit == 0)
@@ -123,11 +116,24 @@ static void list_cards(services &all, api_call &call)
                             "possible are: fields, rows, after, limit, filter, and the keys of a filter");
         }
     }
+    return what;
+}
+
+static void list_cards(services &all, api_call &call)
+{
+    list_request what = list_request_of(call.request);
+    uint64_t after = 0;
+    if (!what.after.empty()) {
+        const auto id = parse_id(what.after);
+        if (!id)
+            throw api_error("FXM_API_EINVAL", fmt::format("\"after\" is \"{}\"; it must be a card id", what.after));
+        after = *id;
+    }
     http_reply reply;
     if (what.ndjson)
         reply.type = "application/x-ndjson";
     reply.headers.emplace_back("Fxm-Position", fmt::format("{}.{}", all.boot, all.events->last_seq()));
-    reply.source = std::make_unique<card_list>(&all, std::move(what));
+    reply.source = std::make_unique<card_list>(&all, std::move(what), after);
     call.answer(std::move(reply));
 }
 

@@ -59,17 +59,9 @@ static const json::value &member_of(const json::object &of, std::string_view nam
 class room_cards : public http_source
 {
   public:
-    struct choice {
-        std::string site;
-        filter wanted;
-        std::optional<member_set> shown; // all
-        view::place after;
-        uint64_t limit = UINT64_MAX;
-        bool ndjson = false, rows = false;
-    };
-
-    room_cards(const view *sites, std::string head, choice what)
-        : sites_(sites), head_(std::move(head)), what_(std::move(what)), next_(what_.after), left_(what_.limit)
+    room_cards(const view *sites, std::string head, std::string site, list_request what, view::place after)
+        : sites_(sites), head_(std::move(head)), site_(std::move(site)), what_(std::move(what)),
+          next_(std::move(after)), left_(what_.limit)
     {
         if (what_.shown)
             names_ = what_.shown->names();
@@ -102,13 +94,13 @@ class room_cards : public http_source
     void put(std::string *out, const std::string &site, site_state state, const room_card &card) const
     {
         std::string text = "{";
-        put_card(&text, what_.site, site, state, card);
+        put_card(&text, site_, site, state, card);
         text += '}';
         if (what_.shown || what_.rows) {
             const json::value parsed = json::parse(text);
             const json::object &members = parsed.as_object();
             text = (what_.rows ? "[" : "{\"id\":") + json::serialize(members.at("id"));
-            if (what_.site.empty() && !what_.rows)
+            if (site_.empty() && !what_.rows)
                 text += fmt::format(R"(,"site":"{}")", site);
             for (const std::string_view name : names_) {
                 text += what_.rows ? "," : fmt::format(",\"{}\":", name);
@@ -127,7 +119,7 @@ class room_cards : public http_source
     void step(std::string *out)
     {
         const auto last = sites_->visit(
-            next_, what_.site, std::min<uint64_t>(ROOM_CARDS_AT_ONCE, left_),
+            next_, site_, std::min<uint64_t>(ROOM_CARDS_AT_ONCE, left_),
             [this](const facts &known) { return what_.wanted.empty() || what_.wanted.matches(known); },
             [&](const std::string &site, site_state state, const room_card &card) {
                 put(out, site, state, card);
@@ -139,13 +131,14 @@ class room_cards : public http_source
             return;
         ended_ = true;
         if (!what_.ndjson)
-            *out += last ? fmt::format("],\"next\":\"{}\"}}\n", id_in(what_.site, last->site, last->id))
-                         : "],\"next\":null}\n";
+            *out +=
+                last ? fmt::format("],\"next\":\"{}\"}}\n", id_in(site_, last->site, last->id)) : "],\"next\":null}\n";
     }
 
     const view *sites_;
     const std::string head_;
-    const choice what_;
+    const std::string site_;
+    const list_request what_;
     std::vector<std::string_view> names_;
     view::place next_;
     uint64_t left_;
@@ -166,34 +159,10 @@ static view::place place_of(const std::string &site, const std::string &text, co
 
 void list_room_cards(const room_call &of)
 {
-    const http_request &request = of.call.request;
-    room_cards::choice what;
-    what.site = what.after.site = of.site;
-    what.ndjson = wants(request, "application/x-ndjson");
-    for (const auto &[key, value] : request.query) {
-        if (key == "fields") {
-            what.shown = member_set::parse(value);
-        } else if (key == "after") {
-            what.after = place_of(of.site, value, "after");
-        } else if (key == "limit") {
-            const auto limit = parse_u32(value);
-            if (!limit || *limit == 0)
-                throw api_error("FXM_API_EINVAL", fmt::format("\"limit\" is \"{}\"; it must be 1 or more", value));
-            what.limit = *limit;
-        } else if (key == "rows") {
-            if (value != "true" || !what.ndjson)
-                throw api_error("FXM_API_EINVAL", fmt::format("\"rows\" is \"{}\"", value),
-                                "write rows=true, with Accept: application/x-ndjson");
-            what.rows = true;
-        } else if (key == "filter") {
-            what.wanted = filter::parse(value);
-        } else if (filter::is_key(key)) {
-            what.wanted.add(key, value);
-        } else {
-            throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" is not known here", key),
-                            "possible are: site, fields, rows, after, limit, filter, and the keys of a filter");
-        }
-    }
+    list_request what = list_request_of(of.call.request);
+    view::place after{of.site, 0};
+    if (!what.after.empty())
+        after = place_of(of.site, what.after, "after");
     const view &sites = of.asked.sites();
     const auto [boot, seq] = of.site.empty() ? std::pair(of.all.boot, sites.last()) : sites.position(of.site);
     http_reply reply;
@@ -201,7 +170,8 @@ void list_room_cards(const room_call &of)
         reply.type = "application/x-ndjson";
     reply.headers.emplace_back("Fxm-Position", fmt::format("{}.{}", boot, seq));
     reply.source = std::make_unique<room_cards>(
-        &sites, fmt::format(R"({{"schema":"fxm/1","boot":"{}","seq":{},"cards":[)", boot, seq), std::move(what));
+        &sites, fmt::format(R"({{"schema":"fxm/1","boot":"{}","seq":{},"cards":[)", boot, seq), of.site,
+        std::move(what), std::move(after));
     of.call.answer(std::move(reply));
 }
 
