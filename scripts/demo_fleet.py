@@ -365,7 +365,7 @@ The fleet is running. In another terminal, as the same user:
   {FXMCTL} --fleet {self.room} sites
   {FXMCTL} --fleet {self.room} watch
   {FXMCTL} --fleet {self.room} cards vlan=100
-  {FXMCTL} --fleet {self.room} reg north/{NORTH_SERVER} 0x1000=0xcafe --verify
+  {FXMCTL} --fleet {self.room} --site north reg {NORTH_SERVER} 0x1000=0xcafe --verify
   {FXMCTL} --socket {self.dir}/north.sock status
   cd {self.dir} && {FXMCTL} fleet doctor --socket {self.room}
 
@@ -374,7 +374,7 @@ For a browser of this machine:
 
   socat TCP-LISTEN:8610,bind=127.0.0.1,fork EXEC:'"{enter} socat STDIO TCP:{PAGE}"'
 
-Cut off the site west or the server s1, and connect it again:
+Cut off a site or a server, such as west, and connect it again:
 
   {enter} ip link set west down
   {enter} ip link set west up
