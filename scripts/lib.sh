@@ -149,14 +149,14 @@ and, if veth is a kernel module:  modprobe veth
 A container must be started with that right (--privileged, or CAP_SYS_ADMIN and CAP_NET_ADMIN)."
 }
 
-# build_release: makes the release build in build/release.
+# build_release [TARGET...]: makes the release build in build/release, or these targets of it alone.
 build_release() {
     mkdir -p build
     cmake --preset release >build/cmake.log 2>&1 || {
         cat build/cmake.log >&2
         die "cmake could not configure the release build; see its messages above."
     }
-    cmake --build build/release
+    cmake --build build/release ${1:+--target "$@"}
 }
 
 # built NAME: prints the path of a program of the release build.

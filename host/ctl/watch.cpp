@@ -106,7 +106,10 @@ static void follow(session *all, const std::string &filter,
                     const std::string type = text(event, "type");
                     if (type == "boot")
                         boot = text(event, "boot");
-                    seq = number(event, type == "gap" ? "to" : "seq");
+                    // What a room says of a site alone has no number of that site.
+                    const char *last = type == "gap" ? "to" : "seq";
+                    if (event.contains(last))
+                        seq = number(event, last);
                     lost = false;
                     ended = !see(line, event);
                     return !ended;

@@ -2,12 +2,13 @@
 import json
 import re
 import signal
+import subprocess
 import time
 import unittest
 
 import fabric
 import host_test
-from fabric import CARDS, DEVICE, SERVER, Fabric, Refused, Room, fits, until
+from fabric import CARDS, DEVICE, FXMCTL, SERVER, Fabric, Refused, Room, fits, until
 from nats import Servers
 
 
@@ -117,6 +118,9 @@ class Rooms(unittest.TestCase):
         north = self.sites["north"]
         events = room.events()
         self.addCleanup(events.close)
+        watch = subprocess.Popen([FXMCTL, "--fleet", room.socket, "--site", "north", "--ndjson", "watch"], stdout=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: (watch.kill(), watch.communicate()))
+        self.assertEqual(json.loads(watch.stdout.readline())["type"], "boot")
         north.daemon.send_signal(signal.SIGSTOP)
         try:
             events.until(lambda event: event["type"] == "site" and event["state"] == "silent")
@@ -135,6 +139,7 @@ class Rooms(unittest.TestCase):
             north.daemon.send_signal(signal.SIGCONT)
         events.until(lambda event: event["type"] == "site" and event["state"] == "live")
         self.assertEqual(room.get("/v1/status")["cards"]["well"], 10)
+        self.assertEqual([json.loads(watch.stdout.readline())["state"] for _ in range(2)], ["silent", "live"])
 
     def test_the_view_is_whole_after_cuts_and_restarts(self):
         room = self.build(servers=3)
