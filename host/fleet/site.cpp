@@ -27,6 +27,7 @@ constexpr int SILENCE_MS = 3000;                // of the server, after which an
 constexpr auto LEAST_BACK_OFF = milliseconds(100);
 constexpr auto MOST_BACK_OFF = milliseconds(5000);
 constexpr auto BEAT_EVERY = seconds(5);
+constexpr auto BEAT_SLICE = seconds(1); // of a wait
 constexpr auto SITE_EVERY = seconds(30);
 constexpr auto SITE_AT_MOST_EVERY = seconds(5);
 constexpr auto COMPARE_EVERY = std::chrono::minutes(10);
@@ -121,7 +122,13 @@ void site::run()
         back_off_ = std::clamp(back_off_ * 2, LEAST_BACK_OFF, MOST_BACK_OFF);
         // Between two servers there is no wait, until all of them have been tried.
         const bool more = !connection_ && server_ % options_.urls.size() != 0;
-        if (!pause(more ? milliseconds(1) : back_off_))
+        milliseconds left = more ? milliseconds(1) : back_off_;
+        bool goes_on = true;
+        for (; goes_on && left > milliseconds(0); left -= BEAT_SLICE) {
+            goes_on = pause(std::min<milliseconds>(left, BEAT_SLICE));
+            send_beat();
+        }
+        if (!goes_on)
             break;
     }
     replace_connection(nullptr);
@@ -459,10 +466,11 @@ void site::send_site()
     next_site_ = now + SITE_AT_MOST_EVERY;
 }
 
+// Between all that may wait for a stream: a site that waits is not silent.
 void site::send_beat()
 {
     const auto now = clock::now();
-    if (now < next_beat_)
+    if (now < next_beat_ || !connection_ || !connection_->is_up())
         return;
     next_beat_ = now + BEAT_EVERY;
     nats_message message;
@@ -470,7 +478,10 @@ void site::send_beat()
     message.data = fmt::format(
         R"({{"schema":"fxm/1","site":"{}","boot":"{}","seq":{},"cards":{},"waiting":{},"time_ms":{}}})", options_.site,
         all_->boot, all_->events->last_seq(), all_->cards->totals().all(), feed_.waiting(cursor_), clock_ms());
-    connection_->publish(message);
+    try {
+        connection_->publish(message);
+    } catch (const nats_error &) { // what comes next finds the same, and says so
+    }
 }
 
 // Until the thread shall end; throws what keeps it from going on.
@@ -486,13 +497,17 @@ void site::serve()
         send_beat();
         if (began >= next_compare_) {
             ask_cursor();
+            send_beat();
             look_at_bucket();
+            send_beat();
         }
         bool more = knows_cursor_ && send_events();
+        send_beat();
         mark_cards();
         if (delete_at_ && began >= *delete_at_)
             delete_cards_of_the_past();
         more = send_cards() || more;
+        send_beat();
         send_site();
         if (std::exchange(back_off_, milliseconds(0)) != milliseconds(0)) { // it works again
             std::lock_guard guard(mutex_);
