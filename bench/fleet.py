@@ -475,7 +475,8 @@ def large(stack, _):
     servers, _none = fleet(stack, servers=1, sites=0)
     del os.environ["GOMEMLIMIT"]
     with contextlib.ExitStack() as first:  # this one makes the streams
-        until(room_of(first, servers).start().get("/v1/status")["room"].get, "connected")
+        maker = room_of(first, servers).start()
+        until(lambda: maker.get("/v1/status")["room"]["state"] == "connected", "the streams are there")
     with contextlib.ExitStack() as around:
         f = Fabric(CARDS)
         around.callback(f.close)

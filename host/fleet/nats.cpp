@@ -34,6 +34,7 @@ struct libnats {
     X(natsOptions_SetPingInterval)                                                                                     \
     X(natsOptions_SetWriteDeadline)                                                                                    \
     X(natsOptions_SetIgnoreDiscoveredServers)                                                                          \
+    X(natsOptions_UseGlobalMessageDelivery)                                                                            \
     X(natsOptions_SetCustomInboxPrefix)                                                                                \
     X(natsOptions_SetErrorHandler)                                                                                     \
     X(natsOptions_SetClosedCB)                                                                                         \
@@ -267,6 +268,7 @@ nats_connection::nats_connection(const nats_options &options) : handles_(std::ma
     set(nats().natsOptions_SetPingInterval(made, PING_MS));
     set(nats().natsOptions_SetWriteDeadline(made, WRITE_MS));
     set(nats().natsOptions_SetCustomInboxPrefix(made, options.inbox.c_str()));
+    set(nats().natsOptions_UseGlobalMessageDelivery(made, options.one_thread));
     set(nats().natsOptions_SetErrorHandler(made, handles::on_error, handles_.get()));
     if (!options.ca.empty()) {
         set(nats().natsOptions_SetSecure(made, true));

@@ -138,6 +138,7 @@ void site::connect()
     wanted.inbox = inbox_of(options_.site);
     wanted.ca = options_.ca;
     wanted.certificate = options_.certificate;
+    wanted.one_thread = true;
     const auto made = std::make_shared<nats_connection>(wanted);
     // The answer goes over the connection that brought the request, if it is still there. A thread of libnats must not hold
     // the connection, whose end waits for that thread.
