@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <nats/nats.h>
+#include <sys/random.h>
 
 #include <algorithm>
 #include <atomic>
@@ -275,8 +276,12 @@ nats_connection::nats_connection(const nats_options &options) : handles_(std::ma
         set(nats().natsOptions_LoadCATrustedCertificates(made, options.ca.c_str()));
         set(nats().natsOptions_LoadCertificatesChain(made, options.certificate.c_str(), options.certificate.c_str()));
     }
-    handles_->inbox = options.inbox + ".stored";
-    handles_->readings_inbox = options.inbox + ".read";
+    // What an earlier connection has asked for must not come here.
+    uint64_t random = 0;
+    if (getrandom(&random, sizeof(random), 0) != sizeof(random))
+        throw std::runtime_error("the system gives no random number");
+    handles_->inbox = fmt::format("{}.{:016x}.stored", options.inbox, random);
+    handles_->readings_inbox = fmt::format("{}.{:016x}.read", options.inbox, random);
     set(nats().natsOptions_SetClosedCB(
         made, [](natsConnection *, void *of) { handles::on_end(of); }, handles_.get()));
     check(nats().natsConnection_Connect(&handles_->connection, made), options.url);
