@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <nats/nats.h>
+#include <sys/random.h>
 
 #include <algorithm>
 #include <atomic>
@@ -34,6 +35,7 @@ struct libnats {
     X(natsOptions_SetPingInterval)                                                                                     \
     X(natsOptions_SetWriteDeadline)                                                                                    \
     X(natsOptions_SetIgnoreDiscoveredServers)                                                                          \
+    X(natsOptions_UseGlobalMessageDelivery)                                                                            \
     X(natsOptions_SetCustomInboxPrefix)                                                                                \
     X(natsOptions_SetErrorHandler)                                                                                     \
     X(natsOptions_SetClosedCB)                                                                                         \
@@ -267,14 +269,19 @@ nats_connection::nats_connection(const nats_options &options) : handles_(std::ma
     set(nats().natsOptions_SetPingInterval(made, PING_MS));
     set(nats().natsOptions_SetWriteDeadline(made, WRITE_MS));
     set(nats().natsOptions_SetCustomInboxPrefix(made, options.inbox.c_str()));
+    set(nats().natsOptions_UseGlobalMessageDelivery(made, options.one_thread));
     set(nats().natsOptions_SetErrorHandler(made, handles::on_error, handles_.get()));
     if (!options.ca.empty()) {
         set(nats().natsOptions_SetSecure(made, true));
         set(nats().natsOptions_LoadCATrustedCertificates(made, options.ca.c_str()));
         set(nats().natsOptions_LoadCertificatesChain(made, options.certificate.c_str(), options.certificate.c_str()));
     }
-    handles_->inbox = options.inbox + ".stored";
-    handles_->readings_inbox = options.inbox + ".read";
+    // What an earlier connection has asked for must not come here.
+    uint64_t random = 0;
+    if (getrandom(&random, sizeof(random), 0) != sizeof(random))
+        throw std::runtime_error("the system gives no random number");
+    handles_->inbox = fmt::format("{}.{:016x}.stored", options.inbox, random);
+    handles_->readings_inbox = fmt::format("{}.{:016x}.read", options.inbox, random);
     set(nats().natsOptions_SetClosedCB(
         made, [](natsConnection *, void *of) { handles::on_end(of); }, handles_.get()));
     check(nats().natsConnection_Connect(&handles_->connection, made), options.url);

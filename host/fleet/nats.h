@@ -50,6 +50,7 @@ struct nats_options {
     std::string name;            // of this client, for the server's lists
     std::string inbox;           // the beginning of its inboxes, which the server's rights name
     std::string ca, certificate; // files, the second one with the key; empty: without TLS
+    bool one_thread = false;     // for all subscriptions, whose functions then must not block
 };
 
 // A connection to one server. It does not connect again by itself: whoever owns it makes another one, to another server.

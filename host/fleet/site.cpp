@@ -24,6 +24,7 @@ using std::chrono::seconds;
 constexpr auto BATCH_EVERY = milliseconds(100); // a full batch goes at once
 constexpr auto CARD_EVERY = seconds(1);         // of one card
 constexpr int SILENCE_MS = 3000;                // of the server, after which another one is tried
+constexpr int QUESTIONS = 6;                    // within that time
 constexpr auto LEAST_BACK_OFF = milliseconds(100);
 constexpr auto MOST_BACK_OFF = milliseconds(5000);
 constexpr auto BEAT_EVERY = seconds(5);
@@ -112,8 +113,10 @@ void site::run()
             break; // the thread shall end
         } catch (const nats_error &failure) {
             refused(failure.what());
-            // A server that has answered is a good one. One that is silent, or has gone, is left for the next.
-            if (!failure.refused || !connection_ || !connection_->is_up())
+            // One that is silent, or has gone, is left for the next. So is one that refuses all: it may be cut off from the
+            // other servers.
+            const bool useless = options_.urls.size() > 1 && clock::now() - confirmed_at_ > milliseconds(SILENCE_MS);
+            if (!failure.refused || !connection_ || !connection_->is_up() || useless)
                 replace_connection(nullptr);
         } catch (const std::exception &failure) {
             refused(failure.what());
@@ -156,6 +159,7 @@ void site::connect()
     wanted.inbox = inbox_of(options_.site);
     wanted.ca = options_.ca;
     wanted.certificate = options_.certificate;
+    wanted.one_thread = true;
     const auto made = std::make_shared<nats_connection>(wanted);
     // The answer goes over the connection that brought the request, if it is still there. A thread of libnats must not hold
     // the connection, whose end waits for that thread.
@@ -175,6 +179,7 @@ void site::connect()
                             desk_.turn_away(request, [on](const nats_message &answer) { on->publish(answer); });
                     });
     replace_connection(made);
+    confirmed_at_ = clock::now();
     knows_cursor_ = made_streams_ = false;
     next_beat_ = next_site_ = next_compare_ = clock::now();
     site_text_.clear(); // the bucket of another server may be new
@@ -194,17 +199,23 @@ static uint64_t number_of(const nats_message &message, const char *name)
     return value;
 }
 
-// No answer can mean that there is no such stream.
+// Any server that holds the stream may be the one that answers, also one that is cut off from this one and cannot. So the
+// question is put again before no answer means that there is no such stream.
 std::optional<nats_message> site::last(const std::string &stream, const std::string &subject)
 {
-    try {
-        return connection_->last(stream, subject, SILENCE_MS);
-    } catch (const nats_error &failure) {
-        if (failure.refused || made_streams_ || !connection_->is_up())
-            throw;
-        made_streams_ = true;
+    for (int left = QUESTIONS;;) {
+        try {
+            return connection_->last(stream, subject, SILENCE_MS / QUESTIONS);
+        } catch (const nats_error &failure) {
+            if (failure.refused || !connection_->is_up())
+                throw;
+            if (--left != 0)
+                continue;
+            if (std::exchange(made_streams_, true))
+                throw;
+        }
         make_streams(connection_.get(), options_.urls.size(), SILENCE_MS, all_->log);
-        return connection_->last(stream, subject, SILENCE_MS);
+        left = QUESTIONS;
     }
 }
 
@@ -278,6 +289,7 @@ void site::freeze(batch next)
 void site::confirm()
 {
     cursor_ = confirmed_ = frozen_->events.last;
+    confirmed_at_ = clock::now();
     std::lock_guard guard(mutex_);
     status_.sent = cursor_;
     status_.batches += 1;
@@ -417,6 +429,7 @@ bool site::send_cards()
     for (size_t i = 0; i < ids.size(); ++i) {
         if (stored[i]) {
             dirty_[ids[i]] = {false, now + CARD_EVERY};
+            confirmed_at_ = clock::now();
             ++count;
         }
     }
@@ -462,6 +475,7 @@ void site::send_site()
     message.data = json::serialize(document);
     connection_->store(message, SILENCE_MS);
     site_text_ = std::move(text);
+    confirmed_at_ = clock::now();
     last_site_ = now;
     next_site_ = now + SITE_AT_MOST_EVERY;
 }
@@ -495,13 +509,14 @@ void site::serve()
         }
         const auto began = clock::now();
         send_beat();
-        if (began >= next_compare_) {
+        const bool compares = began >= next_compare_;
+        if (compares)
             ask_cursor();
-            send_beat();
-            look_at_bucket();
-            send_beat();
-        }
+        send_beat();
         bool more = knows_cursor_ && send_events();
+        send_beat();
+        if (compares)
+            look_at_bucket();
         send_beat();
         mark_cards();
         if (delete_at_ && began >= *delete_at_)

@@ -78,9 +78,10 @@ class site
     // The thread alone:
     size_t server_ = 0; // of the next attempt
     std::optional<frozen> frozen_;
-    uint64_t cursor_ = 0;       // the last number that the stream has
-    uint64_t confirmed_ = 0;    // the highest that it has confirmed in this run
-    bool made_streams_ = false; // on this connection
+    uint64_t cursor_ = 0;            // the last number that the stream has
+    uint64_t confirmed_ = 0;         // the highest that it has confirmed in this run
+    clock::time_point confirmed_at_; // when this server has confirmed anything, or was new
+    bool made_streams_ = false;      // on this connection
     bool knows_cursor_ = false;
     std::optional<clock::time_point> low_since_; // the stream has said less than it had confirmed
     uint64_t losses_ = 0;   // of the stream; batches that it has lost go under other ids, which it does not know yet

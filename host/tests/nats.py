@@ -94,28 +94,47 @@ class Client:
             raise RuntimeError(f"{subject}: {answer['error']}")
         return answer
 
+    def ask_all(self, questions, most=256):
+        """The answers to pairs of a subject and data, in their order, with many under way."""
+        if not self.inbox:
+            self.ask("$JS.API.INFO")  # which subscribes
+        questions = iter(questions)
+        while some := list(itertools.islice(questions, most)):
+            answers = {f"{self.inbox}.{next(self.numbers)}": None for _ in some}
+            for reply, (subject, data) in zip(answers, some):
+                self.publish(subject, data, reply)
+            while None in answers.values():
+                message = self.receive()
+                if message.subject in answers:
+                    answers[message.subject] = message
+                else:
+                    self.messages.append(message)
+            yield from answers.values()
+
     def stored(self, stream, first=1):
-        """All messages of a stream from one number on, read one by one."""
+        """All messages of a stream from one number on."""
         state = self.api(f"STREAM.INFO.{stream}")["state"]
-        for seq in range(max(first, state["first_seq"]), state["last_seq"] + 1):
-            message = self.ask(f"$JS.API.DIRECT.GET.{stream}", json.dumps({"seq": seq}).encode())
+        numbers = range(max(first, state["first_seq"]), state["last_seq"] + 1)
+        for message in self.ask_all((f"$JS.API.DIRECT.GET.{stream}", json.dumps({"seq": seq}).encode()) for seq in numbers):
             if message.headers.get("Status") != "404":
                 yield message
 
 
 class Servers:
-    """A cluster behind a cable."""
+    """A cluster behind a cable. With `apart`, each server has an address and a namespace of its own, and can be isolated."""
 
-    def __init__(self, count=3, window=None, rights=None):
+    def __init__(self, count=3, window=None, rights=None, apart=False):
         self.dir = tempfile.mkdtemp(prefix="fxm-nats-")
-        # Its namespace lives as long as this process, which ends with its input.
-        self.holder = subprocess.Popen(["unshare", "-n", "sh", "-c", "ip link set lo up; echo; read word"], stdin=subprocess.PIPE,
-                                       stdout=subprocess.PIPE)
-        self.holder.stdout.readline()
+        self.holders = []
+        self.holder = self.namespace()
         run("ip", "link", "add", "fleet0", "type", "veth", "peer", "name", "fleet1", "netns", str(self.holder.pid))
         run("ip", "addr", "add", f"{NEAR}/24", "dev", "fleet0")
         run("ip", "link", "set", "fleet0", "up")
-        self.inside("ip", "addr", "add", f"{FAR}/24", "dev", "fleet1")
+        self.hosts, self.spaces = [FAR] * count, [self.holder] * count
+        if apart:
+            self.spread(count)
+        else:
+            self.inside("ip", "addr", "add", f"{FAR}/24", "dev", "fleet1")
         self.inside("ip", "link", "set", "fleet1", "up")
         self.count = count
         self.tls, self.client_options = "", {}
@@ -125,15 +144,42 @@ class Servers:
         for number in range(count):
             self.configure(number)
             self.start(number)
-        self.urls = [f"nats://{FAR}:{4222 + number}" for number in range(count)]
+        self.urls = [f"nats://{host}:{4222 + number}" for number, host in enumerate(self.hosts)]
         client = until(self.whole, "the servers are a cluster", 60)
         if window:  # otherwise the site makes the stream
             client.api("STREAM.CREATE.FXM_EVENTS", name="FXM_EVENTS", subjects=["fxm.ev.*"], duplicate_window=window * 10**9,
                        num_replicas=count, storage="file", allow_direct=True)
         client.close()
 
-    def inside(self, *words):
-        run("nsenter", "-t", str(self.holder.pid), "-n", *words)
+    def namespace(self):
+        """It lives as long as this process, which ends with its input."""
+        holder = subprocess.Popen(["unshare", "-n", "sh", "-c", "ip link set lo up; echo; read word"], stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE)
+        holder.stdout.readline()
+        self.holders.append(holder)
+        return holder
+
+    def inside(self, *words, space=None):
+        run("nsenter", "-t", str((space or self.holder).pid), "-n", *words)
+
+    def spread(self, count):
+        """The cable ends at a switch to which each server has a cable of its own."""
+        self.inside("ip", "link", "add", "hub", "type", "bridge")
+        self.inside("ip", "link", "set", "hub", "up")
+        self.inside("ip", "link", "set", "fleet1", "master", "hub")
+        self.hosts = [f"10.99.0.{2 + number}" for number in range(count)]
+        self.spaces = [self.namespace() for _ in range(count)]
+        for number, space in enumerate(self.spaces):
+            self.inside("ip", "link", "add", f"port{number}", "master", "hub", "type", "veth", "peer", "name", "eth0", "netns", str(space.pid))
+            self.inside("ip", "link", "set", f"port{number}", "up")
+            self.inside("ip", "addr", "add", f"{self.hosts[number]}/24", "dev", "eth0", space=space)
+            self.inside("ip", "link", "set", "eth0", "up", space=space)
+
+    def isolate(self, number, off=True):
+        """Cuts a server from the other ones, both ways. Sites still reach all of them."""
+        for other in set(range(self.count)) - {number}:
+            for at, to in ((number, other), (other, number)):
+                self.inside("ip", "route", "add" if off else "del", "blackhole", f"{self.hosts[to]}/32", space=self.spaces[at])
 
     def secure(self, rights):
         """Certificates for the servers, for an administrator, and for users, who have what `rights` says."""
@@ -153,14 +199,15 @@ class Servers:
         return f"{self.dir}/{name}.pem"
 
     def configure(self, number):
-        routes = ", ".join(f'"nats-route://127.0.0.1:{6222 + other}"' for other in range(self.count) if other != number)
-        cluster = f'cluster {{ name: fxm, listen: "127.0.0.1:{6222 + number}", routes: [{routes}] }}' if self.count > 1 else ""
+        peers = ["127.0.0.1" if space is self.holder else host for host, space in zip(self.hosts, self.spaces)]
+        routes = ", ".join(f'"nats-route://{peers[other]}:{6222 + other}"' for other in range(self.count) if other != number)
+        cluster = f'cluster {{ name: fxm, listen: "{peers[number]}:{6222 + number}", routes: [{routes}] }}' if self.count > 1 else ""
         with open(f"{self.dir}/{number}.conf", "w", encoding="utf-8") as file:
             file.write(f'server_name: n{number}\nlisten: "0.0.0.0:{4222 + number}"\njetstream {{ store_dir: "{self.dir}/{number}" }}\n{cluster}\n{self.tls}')
 
     def start(self, number):
         with open(f"{self.dir}/{number}.log", "ab") as log:
-            self.processes[number] = subprocess.Popen(["nsenter", "-t", str(self.holder.pid), "-n", "nats-server", "-c",
+            self.processes[number] = subprocess.Popen(["nsenter", "-t", str(self.spaces[number].pid), "-n", "nats-server", "-c",
                                                        f"{self.dir}/{number}.conf"], stdout=log, stderr=log)
 
     def signal(self, number, what):
@@ -183,7 +230,7 @@ class Servers:
         for number, process in enumerate(self.processes):
             if process.poll() is None:
                 try:
-                    return Client(4222 + number, **self.client_options)
+                    return Client(4222 + number, self.hosts[number], **self.client_options)
                 except OSError:
                     pass
         raise ConnectionError("no server answers")
@@ -203,7 +250,8 @@ class Servers:
             if process.poll() is None:
                 process.kill()
                 process.wait()
-        self.holder.stdin.close()
-        self.holder.wait()
-        self.holder.stdout.close()
+        for holder in self.holders:
+            holder.stdin.close()
+            holder.wait()
+            holder.stdout.close()
         run("rm", "-rf", self.dir)
