@@ -187,8 +187,9 @@ class Rooms(unittest.TestCase):
                 client.publish(subject, text, headers={"Fxm-First": 1, "Fxm-Last": 1})
         client.publish("$KV.fxm_cards_1.east.020000002000", json.dumps(
             {"schema": "fxm/1", "site": "east", "boot": "0000abcd", "rev": 1, "id": DEVICE, "class": "fxio", "vlan": 7, "health": "dazed",
-             "novelty": [1, {"a": None}], 'a"b': 1}).encode())
+             "novelty": [1, {"a": None}], 'a"b': 1, "c": "}],"}, indent=1).encode())
         card = until(lambda: self.state(room, "east") and room.get("/v1/cards?site=east")["cards"] and room.get(f"/v1/cards/east/{DEVICE}"), "the card of east")
+        self.assertEqual((card['a"b'], card["c"]), (1, "}],"))
         self.assertEqual((card["novelty"], card["vlan"], card["last_health"]), ([1, {"a": None}], 7, "lost"))
         client.publish("$KV.fxm_cards_1.east.020000003000", b'{"schema":"fxm/1","class":"fxsv","down_ports":[7]}')
         until(lambda: len(room.get("/v1/cards?site=east")["cards"]) == 2, "a card that is none")
