@@ -250,6 +250,7 @@ class Servers:
             if process.poll() is None:
                 process.kill()
                 process.wait()
+        run("ip", "link", "del", "fleet0")  # its other end would take a while to go
         for holder in self.holders:
             holder.stdin.close()
             holder.wait()
