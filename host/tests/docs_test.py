@@ -29,10 +29,13 @@ PROGRAMS = {
     "curl": 'exec /usr/bin/curl --fail-with-body "$@"',
     "your-host": "ip -br link show fxm0 | grep -q UP",
     "tshark": f'exec /usr/bin/tshark -X lua_script:{TOP}/host/dissector/fxm.lua "$@"',
+    "end-fxmd": """pid=$(cat "$HOME/fxmd.pid" 2>/dev/null) || exit 0
+        kill "$pid" 2>/dev/null
+        for n in $(seq 300); do kill -0 "$pid" 2>/dev/null || exit 0; sleep 0.1; done; exit 1""",
     "systemctl": r"""
         case $* in
         "reload fxmd") exec fxmctl reload ;;
-        *" fxmd") pkill -F "$HOME/fxmd.pid" 2>/dev/null && sleep 1
+        *" fxmd") end-fxmd
             unit=$(ls -d /usr/lib/systemd/system/fxmd.service /usr/local/lib/systemd/system/fxmd.service 2>/dev/null)
             eval "$(sed -n 's/^ExecStartPre=-+//p' $unit | sed 's/\$\$/$/g; s|/usr/local/sbin/||')"
             mkdir -p /run/fxm /var/lib/fxm
@@ -124,7 +127,7 @@ class Document(unittest.TestCase):
             if kind == "sh":
                 # fxmd alone serves for ever; the one of before ends.
                 lines = [":" if re.sub(r"\s+#.*", "", line) in ELSEWHERE else
-                         re.sub("^fxmd$", 'pkill -F "$HOME/fxmd.pid"; sleep 1; timeout --preserve-status 3 fxmd', line)
+                         re.sub("^fxmd$", 'end-fxmd; timeout --preserve-status 3 fxmd', line)
                          for line in text.splitlines()]
                 code, printed = machine.shell("\n".join(lines))
                 self.assertEqual(code, 0, f"{path}:\n{text}\nprinted:\n{printed}")
@@ -182,7 +185,7 @@ class Texts(unittest.TestCase):
                 done = subprocess.run([*command, "--help"], capture_output=True, text=True, check=False)
                 self.assertEqual(done.returncode, 0, f"{path}: {span}: {done.stderr}")
                 for option in options:
-                    self.assertIn(re.split("[=)]", option.strip("[]"))[0], done.stdout + " --help --version -h -j --json",
+                    self.assertIn(re.split("[=)]", option.strip("[]"))[0], done.stdout + " --help --version -h -j --json --fleet --site",
                                   f"{path}: {shlex.quote(span)}")
 
 

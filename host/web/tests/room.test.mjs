@@ -24,7 +24,7 @@ test('a room shows its sites, opens one, writes to it, and shows that it is sile
   await has('.tile.well', /5/)
   await made.stage.cards({ text: `set ${DEVICE} vlan=300` })
   await has('.events .event', /north\/02:00:00:00:20:00.*vlan 100\u2192300/)
-  await page.locator('.events .event', { hasText: 'vlan 100' }).getByRole('button').click()
+  await page.locator('.events .event', { hasText: /vlan 100\u2192300/ }).getByRole('button').click()
   await has('.head', /all sites.*north.*live/)
   await has('.drawer', /VLAN\s*300/)
   await until(async () => (await text('.rows .row')).length === 5, 'the cards of north')
