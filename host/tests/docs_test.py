@@ -31,7 +31,7 @@ PROGRAMS = {
     "tshark": f'exec /usr/bin/tshark -X lua_script:{TOP}/host/dissector/fxm.lua "$@"',
     "end-fxmd": """pid=$(cat "$HOME/fxmd.pid" 2>/dev/null) || exit 0
         kill "$pid" 2>/dev/null
-        for n in $(seq 300); do kill -0 "$pid" 2>/dev/null || exit 0; sleep 0.1; done; exit 1""",
+        for n in $(seq 300); do readlink "/proc/$pid/exe" >/dev/null || exit 0; sleep 0.1; done; exit 1""",
     "systemctl": r"""
         case $* in
         "reload fxmd") exec fxmctl reload ;;
