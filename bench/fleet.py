@@ -142,7 +142,7 @@ def compare(servers, sites, second=None):
     client = servers.client()
     seen, last, doubled, wrong, lost = {site.name: {} for site in sites}, dict.fromkeys(NAMES, 0), 0, 0, 0
     for message in client.stored(EVENTS):
-        at = message.headers["Nats-Subject"].rsplit(".", 1)[1]
+        at = message.subject.rsplit(".", 1)[1]
         wrong += int(message.headers["Fxm-Prev"]) > last[at]  # a hole
         for event in map(json.loads, message.data.splitlines()):
             number = event.get("seq", event.get("to"))

@@ -150,6 +150,8 @@ std::string server_configuration(const fleet_list &list, const fleet_list::serve
                                    "client_advertise: \"{3}\"\n"
                                    "# The subject of its certificate is the user of a connection.\n"
                                    "tls {{ {4} }}\n"
+                                   "# A server that is cut off must not hold up the election of another leader.\n"
+                                   "write_deadline: \"2s\"\n"
                                    "jetstream {{ store_dir: \"{5}/{0}\", max_file_store: {6}GiB }}\n",
                                    server.name, list.name, with_port(here, CLIENTS), with_port(server.address, CLIENTS),
                                    tls, list.store, list.store_gib);
