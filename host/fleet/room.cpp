@@ -21,6 +21,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr int ROOM_SILENCE_MS = 3000; // of the server, after which another one is tried
+constexpr int CARDS_MS = 20000;       // in which a server finds the last message of each of a million cards
 constexpr auto ROOM_LEAST_BACK_OFF = milliseconds(100);
 constexpr auto ROOM_MOST_BACK_OFF = milliseconds(5000);
 constexpr auto ROUND = milliseconds(200);
@@ -254,7 +255,7 @@ void room::follow_cards(nats_connection *connection)
                                                view_.end_cards();
                                        }
                                    }),
-                           ROOM_SILENCE_MS);
+                           CARDS_MS);
     if (there == 0 && sweeps_.exchange(false))
         view_.end_cards();
     else if (sweeps_)
