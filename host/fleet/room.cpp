@@ -239,8 +239,10 @@ void room::follow_cards(nats_connection *connection)
         cards_read_ = 0;
         sweeps_ = true;
     }
+    // The bucket holds one message of each card, so its beginning is the last of each; to look those up takes the server 10 s
+    // for a million.
     const uint64_t there =
-        connection->follow(stream, fmt::format("$KV.fxm_cards_{}.>", BUCKET), goes_on ? cards_.last + 1 : 0,
+        connection->follow(stream, fmt::format("$KV.fxm_cards_{}.>", BUCKET), goes_on ? cards_.last + 1 : 1,
                            only_of(&reading_,
                                    [this](const nats_entry &entry) {
                                        const std::string site(word_of(entry.message.subject, 2));
