@@ -160,7 +160,7 @@ class Rooms(unittest.TestCase):
         room.stop(signal.SIGKILL)
         self.sites["north"].cards(f"set {DEVICE} vlan=600")
         room.start()
-        until(lambda: self.same(room), "a new room has everything")
+        until(lambda: self.same(room), "a new room has everything", 60)
         totals = [(site["lost"], site["doubled"]) for site in room.get("/v1/sites")["sites"]]
         self.assertEqual(totals, [(0, 0), (0, 0)])
 
