@@ -429,6 +429,7 @@ def large(stack, _):
         f = first.enter_context(contextlib.closing(Fabric(CARDS)))
         f.start().well(5)
         document = f.request("GET", f"/v1/cards/{DEVICE}").strip()
+    servers.client_options["timeout"] = 60
     client = stack.enter_context(contextlib.closing(servers.client()))
 
     def put(places, rev):
