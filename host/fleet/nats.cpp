@@ -470,11 +470,13 @@ uint64_t nats_connection::follow(const std::string &stream, const std::string &s
             publish(answer);
     });
     // The servers bound what they send before it is taken; a message that libnats dropped would be a hole.
-    check(nats().natsSubscription_SetPendingLimits(handle, -1, -1), subjects);
+    check(nats().natsSubscription_SetPendingLimits(handle, -1, -1), stream);
     constexpr int64_t NS = 1000000;
-    json::object config{{"deliver_subject", inbox},   {"filter_subject", subjects}, {"ack_policy", "none"},
-                        {"replay_policy", "instant"}, {"flow_control", true},       {"idle_heartbeat", QUIET_MS * NS},
-                        {"max_deliver", 1},           {"mem_storage", true}};
+    json::object config{
+        {"deliver_subject", inbox},        {"ack_policy", "none"}, {"replay_policy", "instant"}, {"flow_control", true},
+        {"idle_heartbeat", QUIET_MS * NS}, {"max_deliver", 1},     {"mem_storage", true}};
+    if (!subjects.empty())
+        config["filter_subject"] = subjects;
     config["deliver_policy"] = from == 0 ? "last_per_subject" : "by_start_sequence";
     if (from != 0)
         config["opt_start_seq"] = from;

@@ -85,8 +85,8 @@ class nats_connection
     std::vector<bool> store_all(std::vector<nats_message> messages, int timeout_ms);
     nats_stream about(const std::string &stream, int timeout_ms);
     // Hands what the stream has to `see`, in order and each once, and later what comes, on a thread of libnats of its own:
-    // from a number on, or with 0 the last message of each subject. Returns how many are there now. When reads_well() is
-    // false, something is missing, and whoever reads makes another connection.
+    // from a number on, or with 0 the last message of each subject; without subjects, of all. Returns how many are there
+    // now. When reads_well() is false, something is missing, and whoever reads makes another connection.
     uint64_t follow(const std::string &stream, const std::string &subjects, uint64_t from,
                     std::function<void(nats_entry)> see, int timeout_ms);
     bool reads_well() const;

@@ -21,7 +21,6 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr int ROOM_SILENCE_MS = 3000; // of the server, after which another one is tried
-constexpr int CARDS_MS = 20000;       // in which a server finds the last message of each of a million cards
 constexpr auto ROOM_LEAST_BACK_OFF = milliseconds(100);
 constexpr auto ROOM_MOST_BACK_OFF = milliseconds(5000);
 constexpr auto ROUND = milliseconds(200);
@@ -239,10 +238,9 @@ void room::follow_cards(nats_connection *connection)
         cards_read_ = 0;
         sweeps_ = true;
     }
-    // The bucket holds one message of each card, so its beginning is the last of each; to look those up takes the server 10 s
-    // for a million.
+    // All of the bucket: it keeps the last message of each card, and a server looks for a million of those for 10 s.
     const uint64_t there =
-        connection->follow(stream, fmt::format("$KV.fxm_cards_{}.>", BUCKET), goes_on ? cards_.last + 1 : 1,
+        connection->follow(stream, "", goes_on ? cards_.last + 1 : 1,
                            only_of(&reading_,
                                    [this](const nats_entry &entry) {
                                        const std::string site(word_of(entry.message.subject, 2));
@@ -257,7 +255,7 @@ void room::follow_cards(nats_connection *connection)
                                                view_.end_cards();
                                        }
                                    }),
-                           CARDS_MS);
+                           ROOM_SILENCE_MS);
     if (there == 0 && sweeps_.exchange(false))
         view_.end_cards();
     else if (sweeps_)
