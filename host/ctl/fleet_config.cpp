@@ -21,8 +21,6 @@ namespace fs = std::filesystem;
 namespace json = boost::json;
 
 constexpr unsigned CLIENTS = 4222, ROUTES = 6222;
-constexpr uint32_t CARDS_BUCKET = 1;
-constexpr const char *SITES_STREAM = "KV_fxm_sites";
 
 // ---------------------------------------------------------------------------------------------------------------- files
 
@@ -77,7 +75,7 @@ struct rights {
 
 static rights rights_of_site(const fleet_list &list, const std::string &site)
 {
-    const std::string cards = fleet::cards_stream(CARDS_BUCKET);
+    const std::string cards = fleet::cards_stream(fleet::BUCKET);
     const std::string keys = fmt::format("$KV.{}.{}.>", cards.substr(strlen("KV_")), site);
     rights may{{fleet::events_subject(site), fleet::beat_subject(site), keys, fleet::site_subject(site),
                 fmt::format("$JS.API.DIRECT.GET.{}.{}", fleet::EVENTS_STREAM, fleet::events_subject(site)),
@@ -98,7 +96,7 @@ static rights rights_of_user(const fleet_list::user &user)
             break;
     }
     for (const std::string &stream :
-         {std::string(fleet::EVENTS_STREAM), fleet::cards_stream(CARDS_BUCKET), std::string(SITES_STREAM)}) {
+         {std::string(fleet::EVENTS_STREAM), fleet::cards_stream(fleet::BUCKET), std::string(fleet::SITES_STREAM)}) {
         for (const char *subject : {"STREAM.INFO.{}", "STREAM.CREATE.{}", "CONSUMER.CREATE.{}", "CONSUMER.CREATE.{}.>",
                                     "CONSUMER.DELETE.{}.*", "DIRECT.GET.{}", "DIRECT.GET.{}.>"})
             may.publish.push_back("$JS.API." + fmt::format(fmt::runtime(subject), stream));

@@ -103,6 +103,13 @@ struct list_request {
 };
 list_request list_request_of(const http_request &request); // throws FXM_API_EINVAL
 
+// What a stream of events is asked for.
+struct stream_request {
+    filter wanted;
+    std::string after; // BOOT.SEQ; empty: what comes from now on
+};
+stream_request stream_request_of(const http_request &request); // throws FXM_API_EINVAL
+
 // "BOOT.SEQ", as a client names the last event that it has seen.
 std::pair<std::string, uint64_t> parse_position(const std::string &text);
 

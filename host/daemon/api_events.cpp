@@ -92,24 +92,30 @@ std::pair<std::string, uint64_t> parse_position(const std::string &text)
     throw api_error("FXM_API_EINVAL", fmt::format("\"after\" is \"{}\"; it must look like {}", text, "9f86d081.8123"));
 }
 
-static void stream_events(services &all, api_call &call)
+stream_request stream_request_of(const http_request &request)
 {
-    filter wanted;
-    std::string after = call.request.last_event_id;
-    for (const auto &[key, value] : call.request.query) {
+    stream_request what;
+    what.after = request.last_event_id;
+    for (const auto &[key, value] : request.query) {
         if (key == "filter")
-            wanted = filter::parse(value);
-        else if (key == "after" && after.empty())
-            after = value;
+            what.wanted = filter::parse(value);
+        else if (key == "after" && what.after.empty())
+            what.after = value;
         else if (key != "after")
             throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" is not known here", key),
                             "possible are: after, filter");
     }
+    return what;
+}
+
+static void stream_events(services &all, api_call &call)
+{
+    stream_request what = stream_request_of(call.request);
     const uint64_t last = all.events->last_seq();
     uint64_t seq = last;
     bool resumed = true;
-    if (!after.empty()) {
-        const auto [boot, wanted_seq] = parse_position(after);
+    if (!what.after.empty()) {
+        const auto [boot, wanted_seq] = parse_position(what.after);
         // The client of an earlier run lists again, and gets all events of this run.
         resumed = boot == all.boot && wanted_seq <= last;
         seq = resumed ? wanted_seq : all.events->start_seq();
@@ -119,7 +125,7 @@ static void stream_events(services &all, api_call &call)
     reply.type = sse ? "text/event-stream" : "application/x-ndjson";
     reply.headers.emplace_back("Cache-Control", "no-store");
     reply.endless = true;
-    reply.source = std::make_unique<event_stream>(&all, std::move(wanted), sse, seq, resumed);
+    reply.source = std::make_unique<event_stream>(&all, std::move(what.wanted), sse, seq, resumed);
     call.answer(std::move(reply));
 }
 

@@ -13,6 +13,8 @@ namespace fxm::fleet
 
 inline constexpr const char *SCHEMA = "fxm/1";
 inline constexpr const char *EVENTS_STREAM = "FXM_EVENTS"; // of all sites
+inline constexpr const char *SITES_STREAM = "KV_fxm_sites";
+inline constexpr uint32_t BUCKET = 1; // of cards
 
 // Headers of a batch of events.
 inline constexpr const char *ID = "Nats-Msg-Id"; // SITE.BOOT.FIRST: the servers drop a second one

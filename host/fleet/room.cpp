@@ -21,18 +21,28 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr int ROOM_SILENCE_MS = 3000; // of the server, after which another one is tried
-constexpr auto ROOM_LEAST_BACK_OFF = milliseconds(100);
-constexpr auto ROOM_MOST_BACK_OFF = milliseconds(5000);
 constexpr auto ROUND = milliseconds(200);
 constexpr auto PROBE_EVERY = seconds(5); // a server that is cut from the others goes on sending, but knows no stream
-constexpr auto ROOM_WARN_EVERY = std::chrono::minutes(1);
 constexpr uint64_t BATCHES_OF_THE_PAST = 2000; // that a room reads when it starts
 constexpr size_t FILL_ROUNDS = 20;             // of 500 events
 constexpr int FILL_MS = 1500;                  // for the history of a site
 constexpr int READ_MS = 30000;                 // for an answer; a card that is silent takes seconds
 constexpr int WRITE_MS = 130000;               // writes are tried again, up to a hundred times
 
-room::room(room_options options, services *all) : options_(std::move(options)), all_(all), view_(all->log)
+static link_options link_of(const room_options &options)
+{
+    link_options made;
+    made.urls = options.urls;
+    made.each.name = fmt::format("room {}", options.name);
+    made.each.inbox = inbox_of(options.name);
+    made.each.ca = options.ca;
+    made.each.certificate = options.certificate;
+    made.meanwhile = "the room goes on, and shows what it knows";
+    return made;
+}
+
+room::room(room_options options, services *all)
+    : options_(std::move(options)), all_(all), view_(all->log), link_(link_of(options_), all->log)
 {
     view_.on_append([this] { all_->server->events_appended(); });
 }
@@ -46,30 +56,14 @@ void room::start()
 
 void room::stop()
 {
-    std::shared_ptr<nats_connection> connection;
-    {
-        std::lock_guard guard(mutex_);
-        stopping_ = true;
-        connection = connection_;
-    }
-    if (connection)
-        connection->close();
-    wake_.notify_all();
+    link_.stop();
     if (thread_.joinable())
         thread_.join();
 }
 
 room_status room::status() const
 {
-    std::lock_guard guard(mutex_);
-    room_status now = status_;
-    now.cards = cards_read_;
-    now.reading = cards_wanted_;
-    now.filled = filled_;
-    now.good = good_;
-    now.failed = failed_;
-    now.unanswered = unanswered_;
-    return now;
+    return {link_.status(), cards_read_, cards_wanted_, filled_, good_, failed_, unanswered_};
 }
 
 bool room::turns() const
@@ -78,85 +72,40 @@ bool room::turns() const
     return std::abs(clock_ms() - turned_ms_.load()) < STUCK_MS;
 }
 
-bool room::pause(milliseconds time)
-{
-    std::unique_lock guard(mutex_);
-    return !wake_.wait_for(guard, time, [this] { return stopping_; });
-}
-
-void room::refused(const std::string &why)
-{
-    {
-        std::lock_guard guard(mutex_);
-        if (stopping_) // which has closed the connection
-            return;
-        status_.error = why;
-    }
-    replace_connection(nullptr);
-    const auto now = clock::now();
-    if (now < next_warning_)
-        return;
-    next_warning_ = now + ROOM_WARN_EVERY;
-    all_->log->warning("fleet: {}; the room goes on, and shows what it knows", why);
-}
-
 void room::run()
 {
-    turned_ms_ = clock_ms();
-    do {
+    bool goes_on = true;
+    while (goes_on) {
         try {
             connect();
-            back_off_ = milliseconds(0);
-            auto next_probe = clock::now() + PROBE_EVERY;
-            while (pause(ROUND)) {
+            auto next_probe = std::chrono::steady_clock::now() + PROBE_EVERY;
+            while ((goes_on = link_.pause(ROUND))) {
                 turned_ms_ = clock_ms();
                 view_.tick();
-                const std::shared_ptr<nats_connection> connection = connection_; // this thread alone replaces it
-                if (!connection->is_up() || !connection->reads_well())
-                    throw nats_error(fmt::format("{} has gone, or tells nothing any more", status().server), false);
-                if (clock::now() >= next_probe) {
-                    connection->about(EVENTS_STREAM, ROOM_SILENCE_MS);
-                    next_probe = clock::now() + PROBE_EVERY;
-                }
+                if (!link_.connection()->is_up() || !link_.connection()->reads_well())
+                    throw nats_error(fmt::format("{} has gone, or tells nothing any more", link_.status().server),
+                                     false);
+                if (std::chrono::steady_clock::now() < next_probe)
+                    continue;
+                link_.connection()->about(EVENTS_STREAM, ROOM_SILENCE_MS);
+                link_.works();
+                next_probe = std::chrono::steady_clock::now() + PROBE_EVERY;
             }
-            break;
         } catch (const std::exception &failure) {
-            refused(failure.what());
+            link_.failed(failure.what());
+            link_.use(nullptr);
+            turned_ms_ = clock_ms();
+            view_.tick();
+            goes_on = link_.pause(link_.next_wait());
         }
-        turned_ms_ = clock_ms();
-        view_.tick();
-        back_off_ = std::clamp(back_off_ * 2, ROOM_LEAST_BACK_OFF, ROOM_MOST_BACK_OFF);
-    } while (pause(server_ % options_.urls.size() != 0 ? milliseconds(1) : back_off_));
-    replace_connection(nullptr);
-}
-
-void room::replace_connection(std::shared_ptr<nats_connection> next)
-{
-    const bool ends = next == nullptr;
-    {
-        std::lock_guard guard(mutex_);
-        connection_.swap(next);
-        if (ends)
-            status_.connected = false;
     }
-    if (next)
-        next->close(); // requests that wait are told so, and its end waits for its threads
+    link_.use(nullptr);
 }
 
 void room::connect()
 {
-    nats_options wanted;
-    wanted.url = options_.urls[server_++ % options_.urls.size()];
-    {
-        std::lock_guard guard(mutex_);
-        status_.server = wanted.url;
-    }
-    wanted.name = fmt::format("room {}", options_.name);
-    wanted.inbox = inbox_of(options_.name);
-    wanted.ca = options_.ca;
-    wanted.certificate = options_.certificate;
-    const auto made = std::make_shared<nats_connection>(wanted);
-    replace_connection(made); // requests can go; a stop ends what follows
+    const auto made = link_.open();
+    link_.use(made); // requests can go; a stop ends what follows
     make_streams(made.get());
     made->subscribe(beat_subject("*"), [this](const nats_message &beat) {
         const std::string site = beat.subject.substr(beat_subject("").size());
@@ -166,10 +115,7 @@ void room::connect()
     follow_sites(made.get());
     follow_cards(made.get());
     follow_events(made.get());
-    std::lock_guard guard(mutex_);
-    status_.connects += 1;
-    status_.connected = true;
-    status_.error.clear();
+    link_.joined();
 }
 
 // A stream that is not there does not answer.
@@ -178,11 +124,11 @@ void room::make_streams(nats_connection *connection) const
     try {
         connection->about(EVENTS_STREAM, ROOM_SILENCE_MS);
         connection->about(cards_stream(BUCKET), ROOM_SILENCE_MS);
-        connection->about("KV_fxm_sites", ROOM_SILENCE_MS);
+        connection->about(SITES_STREAM, ROOM_SILENCE_MS);
     } catch (const nats_error &failure) {
         if (!failure.refused)
             throw;
-        fleet::make_streams(connection, options_.urls.size(), ROOM_SILENCE_MS, all_->log);
+        fleet::make_streams(connection, link_.servers(), ROOM_SILENCE_MS, all_->log);
     }
 }
 
@@ -216,11 +162,13 @@ template <typename Take> static auto only_of(const std::atomic<uint64_t> *curren
 void room::follow_sites(nats_connection *connection)
 {
     reading_ += 1;
-    connection->follow("KV_fxm_sites", site_subject(">"), 0,
+    connection->follow(SITES_STREAM, site_subject(">"), 0,
                        only_of(&reading_,
                                [this](const nats_entry &entry) {
-                                   view_.take_site(std::string(word_of(entry.message.subject, 2)), entry.message.data,
-                                                   entry.time_ms, is_deleted(entry.message));
+                                   const std::string site(word_of(entry.message.subject, 2));
+                                   if (is_site(site))
+                                       view_.take_site(site, entry.message.data, entry.time_ms,
+                                                       is_deleted(entry.message));
                                }),
                        ROOM_SILENCE_MS);
 }
@@ -315,7 +263,7 @@ void room::take_events(nats_connection *connection, const nats_entry &entry)
 void room::fill(nats_connection *connection, const view::batch &before, view::hole missing)
 {
     const auto of = view_.site(before.site);
-    if (!of || of->state != site_state::live)
+    if (!of || of->state == site_state::silent || of->state == site_state::refused)
         return;
     try {
         // The other sites wait meanwhile.
@@ -400,8 +348,6 @@ nats_message room::request_to(const std::string &site, role as, const http_reque
         made.headers.emplace_back("Accept", request.accept);
     if (!request.who.user.empty())
         made.headers.emplace_back(FOR, request.who.user);
-    else if (request.who.local)
-        made.headers.emplace_back(FOR, fmt::format("uid={}", request.who.uid));
     made.data = request.body;
     return made;
 }
@@ -411,16 +357,13 @@ http_reply room::ask(const std::string &site, role as, const http_request &reque
     const auto known = view_.site(site);
     if (!known)
         throw api_error("FXM_API_ENOENT", fmt::format("there is no site {}", site), "GET /v1/sites lists them");
-    std::shared_ptr<nats_connection> connection;
-    std::string error;
-    {
-        std::lock_guard guard(mutex_);
-        connection = connection_;
-        error = status_.error;
-    }
+    const std::shared_ptr<nats_connection> connection = link_.now();
     if (!connection)
-        throw api_error("FXM_API_ENOLINK", fmt::format("this room reaches no server: {}", error),
+        throw api_error("FXM_API_ENOLINK", fmt::format("this room reaches no server: {}", link_.status().error),
                         "see fxmctl fleet doctor");
+    if (known->state == site_state::refused)
+        throw api_error("FXM_API_ENOLINK", fmt::format("the site {} speaks another schema", site),
+                        "nothing was done; bring site and room to one version");
     if (known->state == site_state::silent)
         throw api_error("FXM_API_ENOLINK",
                         fmt::format("the site {} has been silent for {} s", site, known->age_ms / 1000),

@@ -3,19 +3,14 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "daemon/http.h"
 #include "daemon/services.h"
-#include "fleet/nats.h"
+#include "fleet/link.h"
 #include "fleet/view.h"
 
 namespace fxm::fleet
@@ -29,9 +24,7 @@ struct room_options {
 };
 
 struct room_status {
-    bool connected = false;
-    std::string server, error;
-    uint64_t connects = 0;
+    link_status link;
     uint64_t cards = 0;                            // of the bucket that are read
     uint64_t reading = 0;                          // that were there when the reading began; 0: all are read
     uint64_t filled = 0;                           // events that a site's history had, and the stream had not
@@ -60,8 +53,6 @@ class room
     static constexpr int DEADLINE_MS = 5000; // within which a site must begin with a request
 
   private:
-    using clock = std::chrono::steady_clock;
-
     void run();
     void connect();
     void make_streams(nats_connection *connection) const;
@@ -70,19 +61,12 @@ class room
     void follow_events(nats_connection *connection);
     void take_events(nats_connection *connection, const nats_entry &entry);
     void fill(nats_connection *connection, const view::batch &before, view::hole missing);
-    void refused(const std::string &why);
-    void replace_connection(std::shared_ptr<nats_connection> next);
     nats_message request_to(const std::string &site, role as, const http_request &request) const;
-    bool pause(std::chrono::milliseconds time);
 
     const room_options options_;
     services *all_;
     view view_;
-
-    // The thread alone:
-    size_t server_ = 0;
-    clock::time_point next_warning_;
-    std::chrono::milliseconds back_off_{0};
+    server_link link_;
 
     // Where the streams have been read to. The thread writes before it follows one, and the readings, each on its own
     // thread, until they have ended.
@@ -98,11 +82,6 @@ class room
     std::atomic<uint64_t> good_{0}, failed_{0}, unanswered_{0};
     std::atomic<int64_t> turned_ms_{0};
 
-    mutable std::mutex mutex_; // guards what follows
-    std::condition_variable wake_;
-    bool stopping_ = false;
-    std::shared_ptr<nats_connection> connection_; // requests hold it while they wait
-    room_status status_;
     std::thread thread_;
 };
 

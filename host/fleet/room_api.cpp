@@ -80,15 +80,15 @@ static json::object room_document(const room &asked)
 {
     const room_status now = asked.status();
     json::object made{{"user", asked.options().name},
-                      {"state", now.connected ? "connected" : "cut-off"},
-                      {"server", now.server},
+                      {"state", now.link.connected ? "connected" : "cut-off"},
+                      {"server", now.link.server},
                       {"error", nullptr},
                       {"allow", word(asked.options().allow)},
                       {"cards_read", now.cards},
                       {"cards_wanted", now.reading},
                       {"filled", now.filled}};
-    if (!now.error.empty())
-        made["error"] = now.error;
+    if (!now.link.error.empty())
+        made["error"] = now.link.error;
     return made;
 }
 
@@ -96,8 +96,8 @@ static json::array warnings_of(const room &asked)
 {
     json::array made;
     const room_status now = asked.status();
-    if (!now.connected)
-        made.emplace_back(fmt::format("no server is reached: {}", now.error.empty() ? "not yet" : now.error));
+    if (!now.link.connected)
+        made.emplace_back(fmt::format("no server is reached: {}", now.link.error.empty() ? "not yet" : now.link.error));
     constexpr int64_t LATE_MS = 1000;
     for (const site_numbers &of : asked.sites().sites()) {
         if (of.state == site_state::silent)
@@ -153,8 +153,9 @@ static void show_room_status(const room_call &of)
 static json::object last_status(const site_numbers &of)
 {
     json::object made = document();
-    for (const char *name : {"version", "boot", "ports", "time_ms"})
+    for (const char *name : {"version", "ports", "time_ms"})
         made[name] = or_nothing(of.document, name);
+    made["boot"] = of.boot;
     made["seq"] = of.seq;
     made["started_ms"] = nullptr;
     made["library"] =
@@ -180,8 +181,12 @@ static void forward(const room_call &of, role needs, const std::function<void(ht
         throw api_error(
             "FXM_DENIED", fmt::format("this room asks its sites as {} at most", word(of.asked.options().allow)),
             fmt::format("set allow = \"{}\" below [fleet] in the file of a room whose user may that", word(needs)));
+    http_request request = of.call.request;
+    // For the log of the site.
+    request.who.user =
+        request.who.local ? fmt::format("uid={}", of.call.id.uid) : fmt::format("role={}", of.call.id.role);
     const uint64_t queue = std::hash<std::string>()(of.site) | 1;
-    later(of.all, of.call, queue, [&asked = of.asked, site = of.site, needs, request = of.call.request, change] {
+    later(of.all, of.call, queue, [&asked = of.asked, site = of.site, needs, request = std::move(request), change] {
         http_reply reply = asked.ask(site, needs, request);
         if (change && reply.status == 200)
             change(&reply);
@@ -195,8 +200,8 @@ static void show_site_status(const room_call &of)
     const auto known = of.asked.sites().site(of.site);
     const role most = std::min(of.asked.options().allow, of.call.who);
     const json::value allowed = or_nothing(known->document, "allow");
-    const role given =
-        std::min(most, allowed.is_string() ? role_of(std::string_view(allowed.get_string())) : role::view);
+    const role told = allowed.is_string() ? role_of(std::string_view(allowed.get_string())) : role::none;
+    const role given = std::min(most, std::max(told, role::view));
     const auto complete = [given, site = of.site, state = known->state, age = known->age_ms](json::object *made) {
         (*made)["site"] = site;
         (*made)["site_state"] = word(state);
@@ -220,6 +225,10 @@ static void show_site_status(const room_call &of)
 
 static void show_room_metrics(const room_call &of)
 {
+    if (!of.site.empty()) {
+        forward(of, role::view);
+        return;
+    }
     http_reply reply;
     reply.type = METRICS_TYPE;
     reply.body = room_metrics_text(of.asked);

@@ -85,8 +85,8 @@ void room_daemon::notify_status() const
     const auto sites = room_->sites().sites();
     for (const site_numbers &site : sites)
         live += site.state == site_state::live ? 1 : 0;
-    sd_notifyf(0, "STATUS=%s, %zu of %zu sites are live", room_->status().connected ? "connected" : "no server", live,
-               sites.size());
+    sd_notifyf(0, "STATUS=%s, %zu of %zu sites are live", room_->status().link.connected ? "connected" : "no server",
+               live, sites.size());
 }
 
 void room_daemon::handle(const http_request &request, const http_server::responder &answer)

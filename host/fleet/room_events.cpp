@@ -89,7 +89,7 @@ class room_stream : public http_source
     {
         if (!site_.empty()) {
             seq_ = event.seq != 0 ? event.seq : seq_;
-            put(out, seq_, "event", event.text);
+            put(out, seq_, event.type, event.text);
             return;
         }
         // The same with the names and numbers of the room.
@@ -112,10 +112,10 @@ class room_stream : public http_source
         made["site"] = event.site;
         made["site_seq"] = event.seq;
         made["seq"] = event.number;
-        put(out, event.number, "event", json::serialize(made));
+        put(out, event.number, event.type == "gap" ? "hole" : event.type, json::serialize(made));
     }
 
-    void put(std::string *out, uint64_t seq, const char *type, const std::string &text) const
+    void put(std::string *out, uint64_t seq, std::string_view type, const std::string &text) const
     {
         if (sse_)
             *out += fmt::format("id: {}.{}\nevent: {}\ndata: {}\n\n", boot_, seq, type, text);
@@ -139,22 +139,12 @@ class room_stream : public http_source
 void stream_room_events(const room_call &of)
 {
     const http_request &request = of.call.request;
-    filter wanted;
-    std::string after = request.last_event_id;
-    for (const auto &[key, value] : request.query) {
-        if (key == "filter")
-            wanted = filter::parse(value);
-        else if (key == "after" && after.empty())
-            after = value;
-        else if (key != "after")
-            throw api_error("FXM_API_EINVAL", fmt::format("\"{}\" is not known here", key),
-                            "possible are: site, after, filter");
-    }
+    stream_request what = stream_request_of(request);
     const view &sites = of.asked.sites();
     auto [boot, seq] = of.site.empty() ? std::pair(of.all.boot, sites.last()) : sites.position(of.site);
     bool resumed = true;
-    if (!after.empty()) {
-        const auto [of_boot, of_seq] = parse_position(after);
+    if (!what.after.empty()) {
+        const auto [of_boot, of_seq] = parse_position(what.after);
         resumed = of_boot == boot && of_seq <= (of.site.empty() ? sites.last() : sites.site(of.site)->seq);
         if (resumed)
             seq = of_seq;
@@ -172,7 +162,7 @@ void stream_room_events(const room_call &of)
     reply.type = sse ? "text/event-stream" : "application/x-ndjson";
     reply.headers.emplace_back("Cache-Control", "no-store");
     reply.endless = true;
-    auto source = std::make_unique<room_stream>(&of.all, &sites, of.site, std::move(wanted), sse, from.place);
+    auto source = std::make_unique<room_stream>(&of.all, &sites, of.site, std::move(what.wanted), sse, from.place);
     source->begin(boot, seq, resumed, from.gap_to);
     reply.source = std::move(source);
     of.call.answer(std::move(reply));

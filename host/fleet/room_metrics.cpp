@@ -21,7 +21,7 @@ static constexpr room_family room_families[] = {
          out->add(1, {{"version", FXM_VERSION}});
      }},
     {"fxm_fleet_room_connected", MetricType::Gauge, "1 while the room reads from a server.",
-     [](const room_reading &now, samples *out) { out->add(now.room.connected ? 1 : 0); }},
+     [](const room_reading &now, samples *out) { out->add(now.room.link.connected ? 1 : 0); }},
     {"fxm_fleet_room_filled_total", MetricType::Counter, "Events that the stream lacked and the history of a site had.",
      [](const room_reading &now, samples *out) { out->add(now.room.filled); }},
     {"fxm_fleet_room_doubled_total", MetricType::Counter, "Events that came a second time and were dropped.",

@@ -25,8 +25,6 @@ constexpr auto BATCH_EVERY = milliseconds(100); // a full batch goes at once
 constexpr auto CARD_EVERY = seconds(1);         // of one card
 constexpr int SILENCE_MS = 3000;                // of the server, after which another one is tried
 constexpr int QUESTIONS = 6;                    // within that time
-constexpr auto LEAST_BACK_OFF = milliseconds(100);
-constexpr auto MOST_BACK_OFF = milliseconds(5000);
 constexpr auto BEAT_EVERY = seconds(5);
 constexpr auto BEAT_SLICE = seconds(1); // of a wait
 constexpr auto SITE_EVERY = seconds(30);
@@ -34,14 +32,27 @@ constexpr auto SITE_AT_MOST_EVERY = seconds(5);
 constexpr auto COMPARE_EVERY = std::chrono::minutes(10);
 constexpr auto LOSS_AFTER = seconds(30); // a follower may lag; after so long its answer counts
 constexpr auto ASK_AGAIN = seconds(1);
-constexpr auto WARN_EVERY = std::chrono::minutes(1);
 constexpr auto CARDS_COME_WITHIN = seconds(20); // after a start, those that are there; a later one is stored again
+constexpr auto TIDY_EVERY = seconds(1);         // what is known of cards that were sent
 constexpr auto LOOK_EVERY = seconds(1);         // at what the document of the site says
 constexpr uint64_t REQUESTS_QUEUE = UINT64_MAX; // at the executor, for requests alone: no card has this id
 
+static link_options link_of(const site_options &options)
+{
+    link_options made;
+    made.urls = options.urls;
+    made.each.name = fmt::format("fxmd of {}", options.site);
+    made.each.inbox = inbox_of(options.site);
+    made.each.ca = options.ca;
+    made.each.certificate = options.certificate;
+    made.each.one_thread = true;
+    made.meanwhile = "fxmd goes on, and sends what it has later";
+    return made;
+}
+
 site::site(site_options options, services *all)
     : options_(std::move(options)), all_(all), feed_(all->events, all->past), desk_(all, options_.site, options_.allow),
-      cards_cursor_(all->events->start_seq())
+      link_(link_of(options_), all->log), cards_cursor_(all->events->start_seq())
 {
     status_.site = options_.site;
 }
@@ -56,15 +67,7 @@ void site::start()
 
 void site::stop()
 {
-    std::shared_ptr<nats_connection> connection;
-    {
-        std::lock_guard guard(mutex_);
-        stopping_ = true;
-        connection = connection_;
-    }
-    if (connection)
-        connection->close(); // the thread may wait for a server that is silent
-    wake_.notify_all();
+    link_.stop();
     if (thread_.joinable())
         thread_.join();
 }
@@ -72,95 +75,49 @@ void site::stop()
 site_status site::status() const
 {
     const desk_numbers requests = desk_.numbers();
+    const link_status link = link_.status();
     std::lock_guard guard(mutex_);
     site_status now = status_;
+    now.connected = link.connected;
+    now.server = link.server;
+    now.error = link.error;
+    now.connects = link.connects;
+    now.refused = link.refused;
     now.waiting = feed_.waiting(status_.sent);
     now.requests = requests;
     return now;
 }
 
-// False if the thread shall end.
-bool site::pause(milliseconds time)
-{
-    std::unique_lock guard(mutex_);
-    return !wake_.wait_for(guard, time, [this] { return stopping_; });
-}
-
-// The log tells it at most once a minute: servers may be away for days.
-void site::refused(const std::string &why)
-{
-    {
-        std::lock_guard guard(mutex_);
-        if (stopping_) // which has closed the connection
-            return;
-        status_.error = why;
-        status_.refused += 1;
-    }
-    const auto now = clock::now();
-    if (now < next_warning_)
-        return;
-    next_warning_ = now + WARN_EVERY;
-    all_->log->warning("fleet: {}; fxmd goes on, and sends what it has later", why);
-}
-
 void site::run()
 {
-    for (;;) {
+    for (bool goes_on = true; goes_on;) {
         try {
-            if (!connection_)
+            if (!link_.connection())
                 connect();
             serve();
             break; // the thread shall end
         } catch (const nats_error &failure) {
-            refused(failure.what());
+            link_.failed(failure.what());
             // One that is silent, or has gone, is left for the next. So is one that refuses all: it may be cut off from the
             // other servers.
-            const bool useless = options_.urls.size() > 1 && clock::now() - confirmed_at_ > milliseconds(SILENCE_MS);
-            if (!failure.refused || !connection_ || !connection_->is_up() || useless)
-                replace_connection(nullptr);
+            const bool useless = link_.servers() > 1 && clock::now() - confirmed_at_ > milliseconds(SILENCE_MS);
+            if (!failure.refused || !link_.connection() || !link_.connection()->is_up() || useless)
+                link_.use(nullptr);
         } catch (const std::exception &failure) {
-            refused(failure.what());
-            replace_connection(nullptr);
+            link_.failed(failure.what());
+            link_.use(nullptr);
         }
-        back_off_ = std::clamp(back_off_ * 2, LEAST_BACK_OFF, MOST_BACK_OFF);
-        // Between two servers there is no wait, until all of them have been tried.
-        const bool more = !connection_ && server_ % options_.urls.size() != 0;
-        milliseconds left = more ? milliseconds(1) : back_off_;
-        bool goes_on = true;
-        for (; goes_on && left > milliseconds(0); left -= BEAT_SLICE) {
-            goes_on = pause(std::min<milliseconds>(left, BEAT_SLICE));
+        for (milliseconds left = link_.next_wait(); goes_on && left > milliseconds(0); left -= BEAT_SLICE) {
+            goes_on = link_.pause(std::min<milliseconds>(left, BEAT_SLICE));
             send_beat();
         }
-        if (!goes_on)
-            break;
     }
-    replace_connection(nullptr);
-}
-
-void site::replace_connection(std::shared_ptr<nats_connection> next)
-{
-    {
-        std::lock_guard guard(mutex_);
-        connection_.swap(next);
-        status_.connected = connection_ != nullptr;
-    }
-    next.reset(); // which waits for the threads of the old one
+    link_.use(nullptr);
 }
 
 void site::connect()
 {
-    nats_options wanted;
-    wanted.url = options_.urls[server_++ % options_.urls.size()];
-    {
-        std::lock_guard guard(mutex_);
-        status_.server = wanted.url;
-    }
-    wanted.name = fmt::format("fxmd of {}", options_.site);
-    wanted.inbox = inbox_of(options_.site);
-    wanted.ca = options_.ca;
-    wanted.certificate = options_.certificate;
-    wanted.one_thread = true;
-    const auto made = std::make_shared<nats_connection>(wanted);
+    const auto made = link_.open();
     // The answer goes over the connection that brought the request, if it is still there. A thread of libnats must not hold
     // the connection, whose end waits for that thread.
     made->subscribe(requests_subject(options_.site),
@@ -178,14 +135,12 @@ void site::connect()
                         if (!taken)
                             desk_.turn_away(request, [on](const nats_message &answer) { on->publish(answer); });
                     });
-    replace_connection(made);
+    link_.use(made);
+    link_.joined();
     confirmed_at_ = clock::now();
     knows_cursor_ = made_streams_ = false;
     next_beat_ = next_site_ = next_compare_ = clock::now();
     site_text_.clear(); // the bucket of another server may be new
-    std::lock_guard guard(mutex_);
-    status_.connects += 1;
-    status_.error.clear();
 }
 
 // ------------------------------------------------------------------------------------------------------------- events
@@ -205,16 +160,16 @@ std::optional<nats_message> site::last(const std::string &stream, const std::str
 {
     for (int left = QUESTIONS;;) {
         try {
-            return connection_->last(stream, subject, SILENCE_MS / QUESTIONS);
+            return link_.connection()->last(stream, subject, SILENCE_MS / QUESTIONS);
         } catch (const nats_error &failure) {
-            if (failure.refused || !connection_->is_up())
+            if (failure.refused || !link_.connection()->is_up())
                 throw;
             if (--left != 0)
                 continue;
             if (std::exchange(made_streams_, true))
                 throw;
         }
-        make_streams(connection_.get(), options_.urls.size(), SILENCE_MS, all_->log);
+        make_streams(link_.connection().get(), link_.servers(), SILENCE_MS, all_->log);
         left = QUESTIONS;
     }
 }
@@ -239,8 +194,8 @@ void site::ask_cursor()
     low_since_.reset();
     next_compare_ = now + COMPARE_EVERY;
     if (!std::exchange(knows_cursor_, true))
-        all_->log->info("fleet: {} takes what the site {} sends, from number {} on", status().server, options_.site,
-                        end + 1);
+        all_->log->info("fleet: {} takes what the site {} sends, from number {} on", link_.status().server,
+                        options_.site, end + 1);
     if (end < confirmed_) {
         const uint64_t lost = confirmed_ - end;
         losses_ += 1;
@@ -308,20 +263,25 @@ bool site::send_events()
     }
     const bool full =
         frozen_->events.events >= feed::MOST_EVENTS || frozen_->message.data.size() > feed::MOST_BYTES / 2;
-    connection_->store(frozen_->message, SILENCE_MS);
+    link_.connection()->store(frozen_->message, SILENCE_MS);
     confirm();
     return full;
 }
 
 // -------------------------------------------------------------------------------------------------------------- cards
 
+void site::mark(uint64_t id)
+{
+    if (!std::exchange(dirty_[id].dirty, true))
+        to_send_.push_back(id);
+}
+
 void site::mark_all_cards()
 {
     uint64_t next = 0;
     do {
         next = all_->cards->visit(
-            next, 256, false, [](const card &) { return true; },
-            [this](const card &known) { dirty_[known.id].dirty = true; });
+            next, 256, false, [](const card &) { return true; }, [this](const card &known) { mark(known.id); });
     } while (next != 0);
 }
 
@@ -339,7 +299,7 @@ void site::mark_cards()
         for (const auto &event : read.events) {
             cards_cursor_ = event->seq;
             if (event->card != 0 && event->type == event_type::change)
-                dirty_[event->card].dirty = true;
+                mark(event->card);
         }
     }
 }
@@ -367,7 +327,7 @@ void site::delete_cards_of_the_past()
     try {
         all_->past->query_cards([this](uint64_t id) {
             if (!all_->cards->knows(id))
-                dirty_[id].dirty = true;
+                mark(id);
         });
     } catch (const api_error &failure) {
         all_->log->warning("fleet: cards that are gone may stay in the bucket: {}", failure.what());
@@ -400,15 +360,16 @@ bool site::send_cards()
     const uint64_t rev = all_->events->last_seq();
     std::vector<uint64_t> ids;
     std::vector<nats_message> messages;
-    bool more = false;
-    std::erase_if(dirty_, [now](const auto &entry) { return !entry.second.dirty && entry.second.earliest <= now; });
-    size_t waiting = 0;
-    for (const auto &[id, state] : dirty_) {
-        waiting += state.dirty ? 1 : 0;
-        if (!state.dirty || state.earliest > now || more)
-            continue;
-        if (messages.size() == nats_connection::MOST_IN_FLIGHT) {
-            more = true;
+    if (now >= next_tidy_) {
+        std::erase_if(dirty_, [now](const auto &entry) { return !entry.second.dirty && entry.second.earliest <= now; });
+        next_tidy_ = now + TIDY_EVERY;
+    }
+    const size_t waiting = to_send_.size();
+    for (size_t left = waiting; left != 0 && messages.size() < nats_connection::MOST_IN_FLIGHT; --left) {
+        const uint64_t id = to_send_.front();
+        to_send_.pop_front();
+        if (dirty_[id].earliest > now) {
+            to_send_.push_back(id);
             continue;
         }
         nats_message made;
@@ -424,14 +385,22 @@ bool site::send_cards()
         status_.cards_waiting = waiting;
         return false;
     }
-    const std::vector<bool> stored = connection_->store_all(std::move(messages), SILENCE_MS);
+    std::vector<bool> stored(ids.size(), false);
+    try {
+        stored = link_.connection()->store_all(std::move(messages), SILENCE_MS);
+    } catch (const nats_error &) {
+        to_send_.insert(to_send_.end(), ids.begin(), ids.end());
+        throw;
+    }
     size_t count = 0;
     for (size_t i = 0; i < ids.size(); ++i) {
-        if (stored[i]) {
-            dirty_[ids[i]] = {false, now + CARD_EVERY};
-            confirmed_at_ = clock::now();
-            ++count;
+        if (!stored[i]) {
+            to_send_.push_back(ids[i]);
+            continue;
         }
+        dirty_[ids[i]] = {false, now + CARD_EVERY};
+        confirmed_at_ = clock::now();
+        ++count;
     }
     {
         std::lock_guard guard(mutex_);
@@ -439,12 +408,12 @@ bool site::send_cards()
         status_.cards_waiting = waiting - count;
     }
     if (count < ids.size()) {
-        const std::string why = connection_->take_refusal();
+        const std::string why = link_.connection()->take_refusal();
         throw nats_error(fmt::format("{} of {} cards were not stored{}{}", ids.size() - count, ids.size(),
                                      why.empty() ? "" : ": ", why),
                          !why.empty() || count != 0);
     }
-    return more;
+    return ids.size() == nats_connection::MOST_IN_FLIGHT;
 }
 
 // ---------------------------------------------------------------------------------------------------------- the site
@@ -473,7 +442,7 @@ void site::send_site()
     nats_message message;
     message.subject = site_subject(options_.site);
     message.data = json::serialize(document);
-    connection_->store(message, SILENCE_MS);
+    link_.connection()->store(message, SILENCE_MS);
     site_text_ = std::move(text);
     confirmed_at_ = clock::now();
     last_site_ = now;
@@ -484,7 +453,7 @@ void site::send_site()
 void site::send_beat()
 {
     const auto now = clock::now();
-    if (now < next_beat_ || !connection_ || !connection_->is_up())
+    if (now < next_beat_ || !link_.connection() || !link_.connection()->is_up())
         return;
     next_beat_ = now + BEAT_EVERY;
     nats_message message;
@@ -493,7 +462,7 @@ void site::send_beat()
         R"({{"schema":"fxm/1","site":"{}","boot":"{}","seq":{},"cards":{},"waiting":{},"time_ms":{}}})", options_.site,
         all_->boot, all_->events->last_seq(), all_->cards->totals().all(), feed_.waiting(cursor_), clock_ms());
     try {
-        connection_->publish(message);
+        link_.connection()->publish(message);
     } catch (const nats_error &) { // what comes next finds the same, and says so
     }
 }
@@ -502,10 +471,11 @@ void site::send_beat()
 void site::serve()
 {
     for (;;) {
-        if (!connection_->is_up()) {
-            const std::string why = connection_->take_refusal();
+        if (!link_.connection()->is_up()) {
+            const std::string why = link_.connection()->take_refusal();
             throw nats_error(
-                fmt::format("{} has closed the connection{}{}", status().server, why.empty() ? "" : ": ", why), false);
+                fmt::format("{} has closed the connection{}{}", link_.status().server, why.empty() ? "" : ": ", why),
+                false);
         }
         const auto began = clock::now();
         send_beat();
@@ -524,12 +494,9 @@ void site::serve()
         more = send_cards() || more;
         send_beat();
         send_site();
-        if (std::exchange(back_off_, milliseconds(0)) != milliseconds(0)) { // it works again
-            std::lock_guard guard(mutex_);
-            status_.error.clear();
-        }
+        link_.works();
         const auto left = BATCH_EVERY - std::chrono::duration_cast<milliseconds>(clock::now() - began);
-        if (!pause(more ? milliseconds(0) : std::max(left, milliseconds(1))))
+        if (!link_.pause(more ? milliseconds(0) : std::max(left, milliseconds(1))))
             return;
     }
 }

@@ -5,8 +5,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -17,7 +17,7 @@
 
 #include "daemon/services.h"
 #include "fleet/feed.h"
-#include "fleet/nats.h"
+#include "fleet/link.h"
 #include "fleet/requests.h"
 #include "fleet/status.h"
 
@@ -66,17 +66,15 @@ class site
     void send_site();
     void send_beat();
     std::string card_document(uint64_t id, uint64_t rev);
-    void refused(const std::string &why);
-    void replace_connection(std::shared_ptr<nats_connection> next);
-    bool pause(std::chrono::milliseconds time);
+    void mark(uint64_t id);
 
     const site_options options_;
     services *all_;
     const feed feed_;
     desk desk_;
+    server_link link_;
 
     // The thread alone:
-    size_t server_ = 0; // of the next attempt
     std::optional<frozen> frozen_;
     uint64_t cursor_ = 0;            // the last number that the stream has
     uint64_t confirmed_ = 0;         // the highest that it has confirmed in this run
@@ -91,16 +89,13 @@ class site
         clock::time_point earliest; // when it may go again
     };
     std::unordered_map<uint64_t, card_state> dirty_; // cards to send, and those that were sent just now
+    std::deque<uint64_t> to_send_;                   // the dirty ones
     std::optional<clock::time_point> delete_at_;     // cards of the past; empty: done
-    clock::time_point next_compare_, next_beat_, next_site_, last_site_, next_warning_;
+    clock::time_point next_compare_, next_beat_, next_site_, last_site_, next_tidy_;
     std::string site_text_; // that was sent last, without its times
-    std::chrono::milliseconds back_off_{0};
 
     mutable std::mutex mutex_; // guards what follows
-    std::condition_variable wake_;
-    bool stopping_ = false;
-    std::shared_ptr<nats_connection> connection_; // the thread alone replaces it; answers hold it while they are sent
-    site_status status_;
+    site_status status_;       // but for what the link knows
     std::thread thread_;
 };
 

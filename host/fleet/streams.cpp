@@ -69,9 +69,10 @@ void make_streams(nats_connection *connection, size_t servers, int timeout_ms, l
                 true);
     }
     log->info("fleet: the stream {} is there, {} copies", EVENTS_STREAM, replicas);
-    for (const std::string &bucket : {fmt::format("fxm_cards_{}", BUCKET), std::string("fxm_sites")}) {
+    for (const std::string &stream : {cards_stream(BUCKET), std::string(SITES_STREAM)}) {
+        const std::string bucket = stream.substr(sizeof("KV_") - 1);
         json::object wanted = common;
-        wanted["name"] = fmt::format("KV_{}", bucket);
+        wanted["name"] = stream;
         wanted["subjects"] = json::array{fmt::format("$KV.{}.>", bucket)};
         wanted["max_msgs_per_subject"] = 1;
         wanted["discard"] = "new";

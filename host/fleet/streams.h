@@ -2,15 +2,12 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 
 #include "daemon/log.h"
 #include "fleet/nats.h"
 
 namespace fxm::fleet
 {
-
-inline constexpr uint32_t BUCKET = 1; // of cards
 
 // With three copies where there are three servers. Throws nats_error.
 void make_streams(nats_connection *connection, size_t servers, int timeout_ms, logger *log);

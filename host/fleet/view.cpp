@@ -106,6 +106,12 @@ static void set_fact(facts *of, std::string_view name, const json::value &value)
     }
 }
 
+// Lists and events are lines. No site sends line ends in a document, but JSON allows them.
+static bool has_control(std::string_view text)
+{
+    return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' '; });
+}
+
 // Behind a string that begins at `at`.
 static size_t skip_string(std::string_view text, size_t at)
 {
@@ -168,9 +174,8 @@ void view::take_card(const std::string &site, uint64_t id, std::string_view docu
         next.rev = number_of(*parsed, "rev");
         for (const auto &member : *parsed)
             set_fact(&next.known, member.key(), member.value());
-        // A list is lines. No site sends a document with line ends in it, but JSON allows them.
         std::string lineless;
-        if (std::any_of(document.begin(), document.end(), [](unsigned char c) { return c < ' '; }))
+        if (has_control(document))
             document = lineless = json::serialize(*parsed);
         std::string row, details;
         row.reserve(document.size());
@@ -309,7 +314,9 @@ void view::take_beat(const std::string &site, std::string_view document, int64_t
     of.beat_seq = number_of(*parsed, "seq");
     of.waiting = number_of(*parsed, "waiting");
     of.told_cards = number_of(*parsed, "cards");
-    of.offsets.push_back(static_cast<int64_t>(number_of(*parsed, "time_ms")) - now_ms);
+    // A clock that shows more is none.
+    constexpr uint64_t MOST_MS = uint64_t{1} << 53;
+    of.offsets.push_back(static_cast<int64_t>(std::min(number_of(*parsed, "time_ms"), MOST_MS)) - now_ms);
     if (of.offsets.size() > OFFSETS)
         of.offsets.pop_front();
 }
@@ -388,6 +395,7 @@ void view::tick()
             room_event event;
             event.time_ms = clock_ms();
             event.site = name;
+            event.type = "site";
             event.text = fmt::format(R"({{"schema":"fxm/1","type":"site","time_ms":{},"site":"{}","state":"{}"}})",
                                      event.time_ms, name, word(state));
             append(std::move(event));
@@ -417,17 +425,49 @@ view::hole view::hole_before(const batch &arrived) const
     return {*of->second.number + 1, std::min(arrived.previous, arrived.first - 1)};
 }
 
+room_event view::event_of(const batch &arrived, uint64_t seq, std::string type, std::string text)
+{
+    room_event made;
+    made.time_ms = arrived.time_ms;
+    made.site = arrived.site;
+    made.boot = arrived.boot;
+    made.seq = seq;
+    made.type = std::move(type);
+    made.text = std::move(text);
+    return made;
+}
+
 void view::missing(const batch &arrived, known_site *of, uint64_t from, uint64_t to)
 {
     of->lost += to - from + 1;
     of->number = to;
-    room_event gap;
-    gap.time_ms = arrived.time_ms;
-    gap.site = arrived.site;
-    gap.boot = arrived.boot;
-    gap.seq = to;
-    gap.text = gap_text(from, to);
-    append(std::move(gap));
+    append(event_of(arrived, to, "gap", gap_text(from, to)));
+}
+
+// What a change says of its card before and after it. What it does not say is as the room knows it.
+static std::pair<facts, facts> facts_around(const json::object &change, facts known)
+{
+    for (const char *name : {"class", "vlan", "health"}) {
+        if (const json::value *value = change.if_contains(name))
+            set_fact(&known, name, *value);
+    }
+    std::pair<facts, facts> made{known, known};
+    const json::value *changes = change.if_contains("changes");
+    for (const auto &member : changes != nullptr && changes->is_object() ? changes->get_object() : json::object()) {
+        const json::array *values = member.value().if_array();
+        if (values == nullptr || values->size() != 2)
+            continue;
+        set_fact(&made.first, member.key(), values->at(0));
+        set_fact(&made.second, member.key(), values->at(1));
+    }
+    return made;
+}
+
+static bool is_delete(const json::object &change)
+{
+    const json::value *kinds = change.if_contains("kinds");
+    const json::array *words = kinds != nullptr ? kinds->if_array() : nullptr;
+    return words != nullptr && std::find(words->begin(), words->end(), "delete") != words->end();
 }
 
 // The caller holds the mutex.
@@ -436,59 +476,36 @@ void view::take_line(const batch &arrived, known_site *of, std::string_view line
     const auto parsed = object_of(line);
     if (!parsed)
         return;
-    const std::string_view type = text_of(*parsed, "type");
-    const bool is_gap = type == "gap";
+    const std::string type(text_of(*parsed, "type"));
+    const bool is_gap = type == "gap", begins_anew = type == "reset";
     const uint64_t number = number_of(*parsed, is_gap ? "to" : "seq");
-    if (type == "reset") {
-        room_event event;
-        event.breaks = true;
-        of->number = number;
-        of->pending.clear();
-        event.time_ms = arrived.time_ms;
-        event.site = arrived.site;
-        event.boot = arrived.boot;
-        event.seq = number;
-        event.text = line;
-        append(std::move(event));
-        return;
-    }
-    if (of->number && number <= *of->number) {
+    if (!begins_anew && of->number && number <= *of->number) {
         of->doubled += 1;
         return;
     }
     of->number = number;
-    room_event event;
-    event.time_ms = arrived.time_ms;
-    event.site = arrived.site;
-    event.boot = arrived.boot;
-    event.seq = number;
-    event.text = line;
-    if (is_gap) {
+    room_event event =
+        event_of(arrived, number, type, has_control(line) ? json::serialize(*parsed) : std::string(line));
+    event.breaks = begins_anew;
+    if (begins_anew)
+        of->pending.clear();
+    else if (is_gap)
         of->lost += number - std::min(number, number_of(*parsed, "from")) + 1;
-    } else {
+    else
         of->events += 1;
-    }
     const auto id = parse_id(text_of(*parsed, "card"));
     if (type == "change" && id) {
-        event.is_change = true;
         const auto known = of->cards.find(*id);
-        facts now = known != of->cards.end() ? known->second.known : facts{};
+        const bool is_known = known != of->cards.end();
+        facts now = is_known ? known->second.known : facts{};
         now.id = *id;
-        for (const char *name : {"class", "vlan", "health"}) {
-            if (const json::value *value = parsed->if_contains(name))
-                set_fact(&now, name, *value);
-        }
-        event.before = event.after = now;
-        const json::value *changes = parsed->if_contains("changes");
-        for (const auto &change : changes != nullptr && changes->is_object() ? changes->get_object() : json::object()) {
-            const json::array *values = change.value().if_array();
-            if (values == nullptr || values->size() != 2)
-                continue;
-            set_fact(&event.before, change.key(), values->at(0));
-            set_fact(&event.after, change.key(), values->at(1));
-        }
-        if (known == of->cards.end() || known->second.rev < number)
+        event.is_change = true;
+        std::tie(event.before, event.after) = facts_around(*parsed, now);
+        // The document of a card that is gone has gone before or will go; what was never there will not come.
+        if (is_known ? known->second.rev < number : !is_delete(*parsed))
             of->pending.emplace(*id, span{number, number}).first->second.last = number;
+        if (of->pending.size() > KEPT) // more than events are kept: nobody can be told them again
+            of->pending.clear();
     }
     append(std::move(event));
 }

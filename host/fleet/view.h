@@ -49,7 +49,8 @@ struct room_event {
     bool is_change = false; // of a card; only those are filtered
     bool breaks = false;    // numbers of the site begin anew here
     facts before, after;    // of the card
-    std::string text;       // the whole object
+    std::string type;       // a word of the event stream
+    std::string text;       // the whole object, on one line
 };
 
 struct site_numbers {
@@ -162,6 +163,7 @@ class view
     void refuse(const std::string &name, known_site *of, std::string_view schema);
     void take_line(const batch &arrived, known_site *of, std::string_view line);
     void missing(const batch &arrived, known_site *of, uint64_t from, uint64_t to);
+    static room_event event_of(const batch &arrived, uint64_t seq, std::string type, std::string text);
     void append(room_event event);
     static void count(known_site *of, const room_card &card, int by);
 

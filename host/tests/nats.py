@@ -119,7 +119,7 @@ class Client:
         for answer in self.ask_all((f"$JS.API.STREAM.MSG.GET.{stream}", b'{"seq":%d}' % seq) for seq in numbers):
             if found := answer.json().get("message"):
                 lines = base64.b64decode(found.get("hdrs", "")).decode().split("\r\n")
-                headers = dict(line.split(": ", 1) for line in lines[1:] if ": " in line)
+                headers = dict(line.split(": ", 1) for line in lines[1:] if ": " in line) | {"Nats-Sequence": found["seq"]}
                 yield Message(found["subject"], "", headers, base64.b64decode(found.get("data", "")))
 
 
@@ -221,11 +221,14 @@ class Servers:
 
     def whole(self):
         """A client of the first server, once JetStream answers there."""
+        client = None
         try:
             client = Client(4222, **self.client_options)
             client.api("INFO")
             return client  # which whoever asked closes
         except (OSError, RuntimeError, ValueError):
+            if client:
+                client.close()
             time.sleep(0.2)
             return None
 

@@ -1,0 +1,112 @@
+#include "fleet/link.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace fxm::fleet
+{
+
+using std::chrono::milliseconds;
+
+constexpr auto LEAST_BACK_OFF = milliseconds(100);
+constexpr auto MOST_BACK_OFF = milliseconds(5000);
+constexpr auto WARN_EVERY = std::chrono::minutes(1); // servers may be away for days
+
+std::shared_ptr<nats_connection> server_link::open()
+{
+    nats_options wanted = options_.each;
+    wanted.url = options_.urls[next_++ % options_.urls.size()];
+    {
+        std::lock_guard guard(mutex_);
+        status_.server = wanted.url;
+    }
+    return std::make_shared<nats_connection>(wanted);
+}
+
+void server_link::use(std::shared_ptr<nats_connection> next)
+{
+    std::shared_ptr<nats_connection> late;
+    {
+        std::lock_guard guard(mutex_);
+        connection_.swap(next);
+        status_.connected = false;
+        if (stopping_) // the stop has not seen it
+            late = connection_;
+    }
+    // Outside of the lock: whoever waits for an answer is told, and the end of a connection waits for its threads.
+    for (const auto &ended : {std::exchange(next, nullptr), late}) {
+        if (ended)
+            ended->close();
+    }
+}
+
+void server_link::joined()
+{
+    std::lock_guard guard(mutex_);
+    status_.connected = connection_ != nullptr;
+    status_.connects += 1;
+}
+
+void server_link::works()
+{
+    if (std::exchange(back_off_, milliseconds(0)) == milliseconds(0) && status().error.empty())
+        return;
+    std::lock_guard guard(mutex_);
+    status_.error.clear();
+}
+
+void server_link::failed(const std::string &why)
+{
+    {
+        std::lock_guard guard(mutex_);
+        if (stopping_) // which has closed the connection
+            return;
+        status_.error = why;
+        status_.refused += 1;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (now < next_warning_)
+        return;
+    next_warning_ = now + WARN_EVERY;
+    log_->warning("fleet: {}; {}", why, options_.meanwhile);
+}
+
+bool server_link::pause(milliseconds time)
+{
+    std::unique_lock guard(mutex_);
+    return !wake_.wait_for(guard, time, [this] { return stopping_; });
+}
+
+milliseconds server_link::next_wait()
+{
+    back_off_ = std::clamp(back_off_ * 2, LEAST_BACK_OFF, MOST_BACK_OFF);
+    const bool has_more = !connection_ && next_ % options_.urls.size() != 0;
+    return has_more ? milliseconds(1) : back_off_;
+}
+
+std::shared_ptr<nats_connection> server_link::now() const
+{
+    std::lock_guard guard(mutex_);
+    return connection_;
+}
+
+void server_link::stop()
+{
+    std::shared_ptr<nats_connection> connection;
+    {
+        std::lock_guard guard(mutex_);
+        stopping_ = true;
+        connection = connection_;
+    }
+    wake_.notify_all();
+    if (connection)
+        connection->close();
+}
+
+link_status server_link::status() const
+{
+    std::lock_guard guard(mutex_);
+    return status_;
+}
+
+} // namespace fxm::fleet
