@@ -120,7 +120,7 @@ need_page_tools() {
     command -v node >/dev/null && command -v npm >/dev/null || need_packages nodejs npm
     node -e 'process.exit(Number(process.versions.node.split(".")[0]) >= 18 ? 0 : 1)' ||
         die "the page needs Node 18 or later; this is $(node --version). Install a later one, or remove it for Debian's."
-    need_packages chromium fonts-dejavu-core
+    need_packages chromium-headless-shell fonts-dejavu-core
     if [ ! host/web/node_modules/.package-lock.json -nt host/web/package-lock.json ]; then
         say "Installing the packages of the page (npm ci)"
         (cd host/web && npm ci --no-audit --no-fund)
