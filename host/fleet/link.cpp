@@ -10,6 +10,9 @@ using std::chrono::milliseconds;
 
 constexpr auto LEAST_BACK_OFF = milliseconds(100);
 constexpr auto MOST_BACK_OFF = milliseconds(5000);
+// Servers that have just worked are electing a leader, which takes them 5 to 20 s. Whoever waits adds to that.
+constexpr auto ELECTION = std::chrono::seconds(30);
+constexpr auto ELECTION_BACK_OFF = milliseconds(500);
 constexpr auto WARN_EVERY = std::chrono::minutes(1); // servers may be away for days
 
 std::shared_ptr<nats_connection> server_link::open()
@@ -49,6 +52,7 @@ void server_link::joined()
 
 void server_link::works()
 {
+    worked_ = std::chrono::steady_clock::now();
     if (std::exchange(back_off_, milliseconds(0)) == milliseconds(0) && status().error.empty())
         return;
     std::lock_guard guard(mutex_);
@@ -79,7 +83,8 @@ bool server_link::pause(milliseconds time)
 
 milliseconds server_link::next_wait()
 {
-    back_off_ = std::clamp(back_off_ * 2, LEAST_BACK_OFF, MOST_BACK_OFF);
+    const bool elects = worked_ && std::chrono::steady_clock::now() - *worked_ < ELECTION;
+    back_off_ = std::clamp(back_off_ * 2, LEAST_BACK_OFF, elects ? ELECTION_BACK_OFF : MOST_BACK_OFF);
     const bool has_more = !connection_ && next_ % options_.urls.size() != 0;
     return has_more ? milliseconds(1) : back_off_;
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,7 @@ class server_link
     // The owning thread alone:
     size_t next_ = 0; // server
     std::chrono::milliseconds back_off_{0};
+    std::optional<std::chrono::steady_clock::time_point> worked_; // for the last time
     std::chrono::steady_clock::time_point next_warning_;
 
     mutable std::mutex mutex_; // guards what follows

@@ -166,9 +166,9 @@ struct nats_connection::handles {
     std::mutex mutex; // guards what follows
     std::condition_variable confirmed;
     std::string refusal;
-    uint64_t round = 0; // of store_all; an answer to an earlier one is too late
-    std::vector<bool> stored;
-    size_t open = 0;    // messages without an answer
+    std::vector<nats_outcome> outcomes; // that nobody has asked for yet
+    size_t wanted = 0;                  // so many somebody waits for
+    bool closed = false;
     size_t callers = 0; // of our functions: subscriptions and the connection, until they say that it was the last time
 
     // On threads of libnats.
@@ -196,6 +196,7 @@ struct nats_connection::handles {
         of->confirmed.notify_all();
     }
     void on_confirmation(const nats_message &answer);
+    std::string take_refusal_of(const std::string &subject);
     natsSubscription *subscribe(const std::string &subject, std::function<void(nats_message)> see);
 
     ~handles()
@@ -226,26 +227,20 @@ static void check_confirmation(const nats_message &answer, const std::string &su
 
 void nats_connection::handles::on_confirmation(const nats_message &answer)
 {
-    // INBOX.ROUND.INDEX
-    const std::string_view tail = std::string_view(answer.subject).substr(inbox.size() + 1);
-    const size_t dot = tail.find('.');
-    const uint64_t of_round = std::strtoull(tail.data(), nullptr, 10);
-    const size_t index = dot == std::string_view::npos ? 0 : std::strtoull(tail.data() + dot + 1, nullptr, 10);
-    bool good = true;
+    // INBOX.NUMBER
+    nats_outcome outcome{std::strtoull(answer.subject.c_str() + inbox.size() + 1, nullptr, 10), true};
     std::string why;
     try {
         check_confirmation(answer, "cards");
     } catch (const nats_error &failure) {
-        good = false;
+        outcome.stored = false;
         why = failure.what();
     }
     std::lock_guard guard(mutex);
-    if (of_round != round || index >= stored.size() || open == 0)
-        return;
-    stored[index] = good;
-    if (!good)
+    outcomes.push_back(outcome);
+    if (!outcome.stored)
         refusal = why;
-    if (--open == 0)
+    if (outcomes.size() >= wanted)
         confirmed.notify_all();
 }
 
@@ -286,7 +281,7 @@ nats_connection::nats_connection(const nats_options &options) : handles_(std::ma
         made, [](natsConnection *, void *of) { handles::on_end(of); }, handles_.get()));
     check(nats().natsConnection_Connect(&handles_->connection, made), options.url);
     handles_->callers = 1;
-    subscribe(handles_->inbox + ".*.*",
+    subscribe(handles_->inbox + ".*",
               [of = handles_.get()](const nats_message &answer) { of->on_confirmation(answer); });
 }
 
@@ -301,7 +296,7 @@ void nats_connection::close()
 {
     nats().natsConnection_Close(handles_->connection);
     std::lock_guard guard(handles_->mutex);
-    handles_->open = 0; // no answer comes any more
+    handles_->closed = true;
     handles_->confirmed.notify_all();
 }
 
@@ -317,15 +312,23 @@ void nats_connection::publish(const nats_message &message)
     check(nats().natsConnection_PublishMsg(handles_->connection, handle.get()), message.subject);
 }
 
+// A refusal that names another subject, such as that of a card, is kept for those who ask for it.
+std::string nats_connection::handles::take_refusal_of(const std::string &subject)
+{
+    std::lock_guard guard(mutex);
+    if (refusal.find("Publish to") != std::string::npos && refusal.find(subject) == std::string::npos)
+        return {};
+    return std::exchange(refusal, {});
+}
+
 nats_message nats_connection::ask(const nats_message &message, int timeout_ms)
 {
     const message_handle handle = handle_of(message);
-    take_refusal(); // of something earlier
     natsMsg *answer = nullptr;
     const natsStatus status = nats().natsConnection_RequestMsg(&answer, handles_->connection, handle.get(), timeout_ms);
     const message_handle owner(answer);
     if (status != NATS_OK) {
-        const std::string refusal = take_refusal();
+        const std::string refusal = handles_->take_refusal_of(message.subject);
         if (!refusal.empty())
             throw nats_error(fmt::format("{}: {}", message.subject, refusal), true);
         if (status == NATS_NO_RESPONDERS)
@@ -360,24 +363,19 @@ void nats_connection::store(const nats_message &message, int timeout_ms)
     check_confirmation(ask(message, timeout_ms), message.subject);
 }
 
-std::vector<bool> nats_connection::store_all(std::vector<nats_message> messages, int timeout_ms)
+void nats_connection::send_to_store(nats_message message, uint64_t number)
 {
-    uint64_t round = 0;
-    {
-        std::lock_guard guard(handles_->mutex);
-        round = ++handles_->round;
-        handles_->stored.assign(messages.size(), false);
-        handles_->open = messages.size();
-        handles_->refusal.clear();
-    }
-    for (size_t i = 0; i < messages.size(); ++i) {
-        messages[i].reply = fmt::format("{}.{}.{}", handles_->inbox, round, i);
-        publish(messages[i]);
-    }
+    message.reply = fmt::format("{}.{}", handles_->inbox, number);
+    publish(message);
+}
+
+std::vector<nats_outcome> nats_connection::outcomes(size_t count, int timeout_ms)
+{
     std::unique_lock guard(handles_->mutex);
-    handles_->confirmed.wait_for(guard, std::chrono::milliseconds(timeout_ms), [&] { return handles_->open == 0; });
-    handles_->open = 0;
-    return handles_->stored;
+    handles_->wanted = count;
+    handles_->confirmed.wait_for(guard, std::chrono::milliseconds(timeout_ms),
+                                 [&] { return handles_->outcomes.size() >= count || handles_->closed; });
+    return std::exchange(handles_->outcomes, {});
 }
 
 // ------------------------------------------------------------------------------------------------------------ streams

@@ -40,6 +40,12 @@ struct nats_entry {
     uint64_t left = 0;   // messages that wait behind it
 };
 
+// What has become of a message that was sent to a stream.
+struct nats_outcome {
+    uint64_t number = 0; // that the sender has given it
+    bool stored = false;
+};
+
 struct nats_stream {
     std::string created; // tells a stream from a later one of its name
     uint64_t first = 0, last = 0;
@@ -58,7 +64,7 @@ struct nats_options {
 class nats_connection
 {
   public:
-    static constexpr size_t MOST_IN_FLIGHT = 256; // of store_all
+    static constexpr size_t MOST_IN_FLIGHT = 256; // messages of send_to_store, without an outcome yet
     static constexpr int CONNECT_MS = 2000;
     static constexpr int QUIET_MS = 2000; // after which a stream that is followed shows that it is there
 
@@ -81,8 +87,10 @@ class nats_connection
 
     // Stores a message in the stream that takes its subject, and waits until the stream has confirmed it.
     void store(const nats_message &message, int timeout_ms);
-    // The same for up to MOST_IN_FLIGHT messages at once. Returns which of them are confirmed.
-    std::vector<bool> store_all(std::vector<nats_message> messages, int timeout_ms);
+    // The same without the wait: outcomes() tells later what has become of it. Each message has a number of its own.
+    void send_to_store(nats_message message, uint64_t number);
+    // What has come since the last question. Waits for so many, but no longer than the timeout says.
+    std::vector<nats_outcome> outcomes(size_t count, int timeout_ms);
     nats_stream about(const std::string &stream, int timeout_ms);
     // Hands what the stream has to `see`, in order and each once, and later what comes, on a thread of libnats of its own:
     // from a number on, or with 0 the last message of each subject; without subjects, of all. Returns how many are there

@@ -137,6 +137,7 @@ void site::connect()
                     });
     link_.use(made);
     link_.joined();
+    give_up_in_flight();
     confirmed_at_ = clock::now();
     knows_cursor_ = made_streams_ = false;
     next_beat_ = next_site_ = next_compare_ = clock::now();
@@ -272,7 +273,7 @@ bool site::send_events()
 
 void site::mark(uint64_t id)
 {
-    if (!std::exchange(dirty_[id].dirty, true))
+    if (!std::exchange(cards_[id].dirty, true))
         to_send_.push_back(id);
 }
 
@@ -352,23 +353,64 @@ std::string site::card_document(uint64_t id, uint64_t rev)
     return text;
 }
 
-// At most so many as may be in flight; true if there are more that may go now.
+// Whether they were stored, nobody will say.
+void site::give_up_in_flight()
+{
+    for (const auto &[number, id] : in_flight_)
+        mark(id);
+    in_flight_.clear();
+    cards_answered_ = clock::now();
+}
+
+// What the bucket has said of cards that were sent, once there are so many answers or after a moment. Throws if it did not
+// take one, or says nothing any more.
+void site::take_outcomes(size_t wanted)
+{
+    constexpr int WAIT_MS = 100; // events and beats go on meanwhile
+    size_t stored = 0, refused = 0;
+    for (const nats_outcome &outcome : link_.connection()->outcomes(wanted, WAIT_MS)) {
+        const auto sent = in_flight_.find(outcome.number);
+        if (sent == in_flight_.end())
+            continue;
+        if (!outcome.stored)
+            mark(sent->second);
+        (outcome.stored ? stored : refused) += 1;
+        in_flight_.erase(sent);
+    }
+    const auto now = clock::now();
+    if (stored != 0)
+        confirmed_at_ = now;
+    if (stored + refused != 0 || in_flight_.empty())
+        cards_answered_ = now;
+    {
+        std::lock_guard guard(mutex_);
+        status_.cards += stored;
+        status_.cards_waiting = to_send_.size() + in_flight_.size();
+    }
+    if (refused == 0 && now - cards_answered_ <= milliseconds(SILENCE_MS))
+        return;
+    const std::string why = link_.connection()->take_refusal();
+    const size_t count = refused != 0 ? refused : in_flight_.size();
+    give_up_in_flight();
+    throw nats_error(fmt::format("{} cards were not stored{}{}", count, why.empty() ? "" : ": ", why), !why.empty());
+}
+
+// Fills what may be in flight; true if there are more that may go now.
 bool site::send_cards()
 {
+    take_outcomes(0);
     const auto now = clock::now();
     // All events up to here are in the documents that are read from now on.
     const uint64_t rev = all_->events->last_seq();
-    std::vector<uint64_t> ids;
-    std::vector<nats_message> messages;
     if (now >= next_tidy_) {
-        std::erase_if(dirty_, [now](const auto &entry) { return !entry.second.dirty && entry.second.earliest <= now; });
+        std::erase_if(cards_, [now](const auto &entry) { return !entry.second.dirty && entry.second.earliest <= now; });
         next_tidy_ = now + TIDY_EVERY;
     }
-    const size_t waiting = to_send_.size();
-    for (size_t left = waiting; left != 0 && messages.size() < nats_connection::MOST_IN_FLIGHT; --left) {
+    for (size_t left = to_send_.size(); left != 0 && in_flight_.size() < nats_connection::MOST_IN_FLIGHT; --left) {
         const uint64_t id = to_send_.front();
         to_send_.pop_front();
-        if (dirty_[id].earliest > now) {
+        card_state &state = cards_[id];
+        if (state.earliest > now) {
             to_send_.push_back(id);
             continue;
         }
@@ -377,43 +419,14 @@ bool site::send_cards()
         made.data = card_document(id, rev);
         if (made.data.empty())
             made.headers = {{"KV-Operation", "DEL"}};
-        ids.push_back(id);
-        messages.push_back(std::move(made));
+        state = {false, now + CARD_EVERY};
+        in_flight_.emplace(++card_number_, id);
+        link_.connection()->send_to_store(std::move(made), card_number_);
     }
-    if (messages.empty()) {
-        std::lock_guard guard(mutex_);
-        status_.cards_waiting = waiting;
-        return false;
-    }
-    std::vector<bool> stored(ids.size(), false);
-    try {
-        stored = link_.connection()->store_all(std::move(messages), SILENCE_MS);
-    } catch (const nats_error &) {
-        to_send_.insert(to_send_.end(), ids.begin(), ids.end());
-        throw;
-    }
-    size_t count = 0;
-    for (size_t i = 0; i < ids.size(); ++i) {
-        if (!stored[i]) {
-            to_send_.push_back(ids[i]);
-            continue;
-        }
-        dirty_[ids[i]] = {false, now + CARD_EVERY};
-        confirmed_at_ = clock::now();
-        ++count;
-    }
-    {
-        std::lock_guard guard(mutex_);
-        status_.cards += count;
-        status_.cards_waiting = waiting - count;
-    }
-    if (count < ids.size()) {
-        const std::string why = link_.connection()->take_refusal();
-        throw nats_error(fmt::format("{} of {} cards were not stored{}{}", ids.size() - count, ids.size(),
-                                     why.empty() ? "" : ": ", why),
-                         !why.empty() || count != 0);
-    }
-    return ids.size() == nats_connection::MOST_IN_FLIGHT;
+    const bool is_full = in_flight_.size() == nats_connection::MOST_IN_FLIGHT;
+    if (is_full)
+        take_outcomes(nats_connection::MOST_IN_FLIGHT / 2);
+    return is_full;
 }
 
 // ---------------------------------------------------------------------------------------------------------- the site

@@ -59,6 +59,8 @@ class site
     void freeze(batch next);
     void confirm();
     bool send_cards();
+    void take_outcomes(size_t wanted);
+    void give_up_in_flight();
     void mark_cards();
     void mark_all_cards();
     void look_at_bucket();
@@ -83,14 +85,17 @@ class site
     bool knows_cursor_ = false;
     std::optional<clock::time_point> low_since_; // the stream has said less than it had confirmed
     uint64_t losses_ = 0;   // of the stream; batches that it has lost go under other ids, which it does not know yet
-    uint64_t cards_cursor_; // of the ring, for dirty_
+    uint64_t cards_cursor_; // of the ring, for cards_
     struct card_state {
         bool dirty = false;
         clock::time_point earliest; // when it may go again
     };
-    std::unordered_map<uint64_t, card_state> dirty_; // cards to send, and those that were sent just now
-    std::deque<uint64_t> to_send_;                   // the dirty ones
-    std::optional<clock::time_point> delete_at_;     // cards of the past; empty: done
+    std::unordered_map<uint64_t, card_state> cards_;   // those to send, and those that were sent just now
+    std::deque<uint64_t> to_send_;                     // the dirty ones
+    std::unordered_map<uint64_t, uint64_t> in_flight_; // sent, without an outcome yet: its number, and the card
+    uint64_t card_number_ = 0;                         // of the last one that was sent
+    clock::time_point cards_answered_;                 // when the bucket has said something, or none was in flight
+    std::optional<clock::time_point> delete_at_;       // cards of the past; empty: done
     clock::time_point next_compare_, next_beat_, next_site_, last_site_, next_tidy_;
     std::string site_text_; // that was sent last, without its times
 

@@ -4,12 +4,14 @@ import base64
 import itertools
 import json
 import os
+import re
 import signal
 import socket
 import ssl
 import subprocess
 import tempfile
 import time
+from datetime import datetime
 
 from fabric import run, until
 
@@ -248,6 +250,15 @@ class Servers:
             return int(client.api(f"STREAM.INFO.{stream}")["cluster"]["leader"][1:])
         finally:
             client.close()
+
+    def elected(self, stream, since):
+        """How many seconds after a time() a server first wrote that it leads this stream; None: none has."""
+        told, found = re.compile(rf"\[\d+\] (\S+ \S+) \[INF\] JetStream cluster new stream leader for '.* > {stream}'"), []
+        for number in range(self.count):
+            with open(f"{self.dir}/{number}.log", encoding="utf-8") as log:
+                times = (datetime.strptime(line[1], "%Y/%m/%d %H:%M:%S.%f").timestamp() for line in map(told.match, log) if line)
+                found += [at - since for at in times if at >= since]
+        return min(found, default=None)
 
     def cut(self, off=True):
         run("ip", "link", "set", "fleet0", "down" if off else "up")
