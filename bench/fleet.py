@@ -261,7 +261,7 @@ def partition(stack, _):
         servers.isolate(alone, False)
         after = longest_silence(sites, 12)
     election = servers.elected(EVENTS, cut_off) or math.inf
-    row("from the cut until the servers have elected another leader", election, "s")
+    row("from the cut until the servers have elected another leader", election, "s", 25)
     row("from the heal until they have elected one again, if they have", servers.elected(EVENTS, healed) or 0, "s")
     # Two servers may refuse each other once or twice, for 4 to 9 s each.
     excuse = "late election" if LATE < election < math.inf else ""
