@@ -319,8 +319,14 @@ def kills(stack, nightly):
 
 def burst(stack, nightly):
     """all cards of a site change at once"""
-    cards = 65536 if nightly else 5000
-    servers, (site,) = fleet(stack, cards=cards, period=20000 if nightly else 2000)
+    burst_on(stack, 1, 65536 if nightly else 5000, 5)
+    if nightly:  # three servers that store each card take longer on two processors, whoever sends
+        stack.close()
+        burst_on(stack, 3, 65536, None)
+
+
+def burst_on(stack, copies, cards, limit):
+    servers, (site,) = fleet(stack, copies, cards=cards, period=20000 if cards > 5000 else 2000)
     client = stack.enter_context(contextlib.closing(servers.client()))
 
     def ends():
@@ -331,11 +337,12 @@ def burst(stack, nightly):
     batches, puts = (now - then for now, then in zip(ends(), before))
     subjects = [f"$JS.API.DIRECT.GET.{BUCKET}.$KV.fxm_cards_1.{site.name}.{card.replace(':', '')}" for card in site.vlans()]
     wrong = sum(answer.json()["vlan"] != site.vlan for answer in client.ask_all((subject, b"") for subject in subjects))
-    row(f"{cards:,} cards: from the tick until fxmd knows all changes", known, "s")
-    row("from there until the bucket and the stream have all", whole, "s", 5)
-    row("cards that are wrong in the bucket", wrong, limit=0)
-    row("puts into the bucket", puts, limit=cards)
-    row("batches", batches, limit=cards // 1000 + 66)
+    of = f"{cards:,} cards, {copies} server{'s' * (copies > 1)}"
+    row(f"{of}: from the tick until fxmd knows all changes", known, "s")
+    row(f"{of}: from there until the servers have all", whole, "s", limit)
+    row(f"{of}: cards that are wrong in the bucket", wrong, limit=0)
+    row(f"{of}: puts into the bucket", puts, limit=cards)
+    row(f"{of}: batches", batches, limit=cards // 1000 + 66)
 
 
 def reads(stack, nightly):
