@@ -440,7 +440,7 @@ def absent(stack, _):
 
 def large(stack, _):
     """1.3 million cards in the bucket, put there as sites would"""
-    os.environ["GOMEMLIMIT"] = "700MiB"
+    os.environ |= {"GOMEMLIMIT": "700MiB", "GLIBC_TUNABLES": "glibc.malloc.hugetlb=1"}  # as the unit of the room has it
     servers, _ = fleet(stack, servers=1, sites=0)
     with contextlib.ExitStack() as first:  # this one makes the streams
         maker = room_of(first, servers)

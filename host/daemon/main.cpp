@@ -1,5 +1,6 @@
 // fxmd: puts the parts together, and waits for signals. The main thread alone handles them.
 #include <fmt/format.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -371,6 +372,10 @@ static int run(const options &given)
         if (given.what == config_of::room) {
 #ifdef FXM_FLEET
             make_directory(fs::path(settings->socket).parent_path());
+            // A million documents: in the heaps of threads each page of them would be a system call.
+            constexpr int HEAP_STEP = 16 << 20;
+            mallopt(M_ARENA_MAX, 1);
+            mallopt(M_TOP_PAD, HEAP_STEP);
             fleet::room_daemon room(given.config_file, settings);
             return serve(signals, &room);
 #else

@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
+#include <thread>
 
 namespace fxm
 {
@@ -52,6 +53,7 @@ struct libnats {
     X(natsConnection_Subscribe)                                                                                        \
     X(natsSubscription_Destroy)                                                                                        \
     X(natsSubscription_SetPendingLimits)                                                                               \
+    X(natsSubscription_QueuedMsgs)                                                                                     \
     X(natsSubscription_SetOnCompleteCB)                                                                                \
     X(natsMsg_Create)                                                                                                  \
     X(natsMsg_Destroy)                                                                                                 \
@@ -149,10 +151,13 @@ struct nats_connection::handles {
     struct subscription {
         natsSubscription *handle = nullptr;
         std::function<void(nats_message)> see;
+        std::vector<message_handle> spent; // of its thread
+        int spent_bytes = 0;
     };
 
     // Of one stream; its thread writes, any thread reads.
     struct reading {
+        natsSubscription *handle = nullptr;
         uint64_t next = 1; // number of the delivery
         std::atomic<bool> broken{false};
         std::atomic<int64_t> heard_ms{0};
@@ -182,9 +187,19 @@ struct nats_connection::handles {
     }
     static void on_message(natsConnection *, natsSubscription *, natsMsg *message, void *to)
     {
-        const message_handle owner(message);
+        message_handle owner(message);
+        auto *of = static_cast<subscription *>(to);
         try {
-            static_cast<subscription *>(to)->see(message_of(message));
+            of->see(message_of(message));
+            // libnats wakes another thread to free a message, which costs as much as to take one: some go at once.
+            constexpr size_t MOST_SPENT = 64;
+            constexpr int MOST_SPENT_BYTES = 65536;
+            of->spent_bytes += nats().natsMsg_GetDataLength(message);
+            of->spent.push_back(std::move(owner));
+            if (of->spent.size() >= MOST_SPENT || of->spent_bytes > MOST_SPENT_BYTES) {
+                of->spent.clear();
+                of->spent_bytes = 0;
+            }
         } catch (const std::exception &) { // there is no memory for it; whoever has sent it gets no answer
         }
     }
@@ -436,6 +451,11 @@ static int64_t steady_ms()
         .count();
 }
 
+// When so many messages are to come, a wake of this thread for each would cost as much as what it does with one. So it
+// lets some gather.
+constexpr uint64_t MANY = 1000;
+constexpr auto GATHER = std::chrono::milliseconds(1);
+
 uint64_t nats_connection::follow(const std::string &stream, const std::string &subjects, uint64_t from,
                                  std::function<void(nats_entry)> see, int timeout_ms)
 {
@@ -454,7 +474,11 @@ uint64_t nats_connection::follow(const std::string &stream, const std::string &s
                 return;
             state->next += 1;
             entry.message = std::move(message);
+            const bool many = entry.left > MANY;
             see(std::move(entry));
+            uint64_t queued = 0;
+            if (many && nats().natsSubscription_QueuedMsgs(state->handle, &queued) == NATS_OK && queued == 0)
+                std::this_thread::sleep_for(GATHER);
             return;
         }
         // A sign of life, which says how far it is, or a question of the flow control. What names a subject wants an answer.
@@ -467,6 +491,7 @@ uint64_t nats_connection::follow(const std::string &stream, const std::string &s
         if (!answer.subject.empty())
             publish(answer);
     });
+    state->handle = handle; // before anything is asked for
     // The servers bound what they send before it is taken; a message that libnats dropped would be a hole.
     check(nats().natsSubscription_SetPendingLimits(handle, -1, -1), stream);
     constexpr int64_t NS = 1000000;

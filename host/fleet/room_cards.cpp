@@ -37,7 +37,7 @@ static void put_card(std::string *out, const std::string &of, const std::string 
         *out += fmt::format(R"("health":"{}")", word(card.known.state));
     else
         *out += fmt::format(R"("health":"silent","last_health":"{}")", word(card.known.state));
-    *out += card.row;
+    *out += card.row();
 }
 
 // A member of a list by its name, such as "channels.p0m0".
@@ -185,7 +185,7 @@ void show_room_card(const room_call &of)
                                        [&](const std::string &site, site_state state, const room_card &card) {
                                            reply.body = R"({"schema":"fxm/1",)";
                                            put_card(&reply.body, of.site, site, state, card);
-                                           reply.body += card.details + "}\n";
+                                           reply.body.append(card.details()).append("}\n");
                                        })) {
             of.call.answer(std::move(reply));
             return;
@@ -202,7 +202,7 @@ static void add_to_graph(const room_card &card, site_state state, fabric_graph *
     facts known = card.known;
     if (state != site_state::live)
         known.state = health::silent;
-    const json::value parsed = json::parse("{\"id\":0" + card.row + card.details + "}");
+    const json::value parsed = json::parse("{\"id\":0" + card.members + "}");
     const json::object &members = parsed.as_object();
     if (known.kind == card_class::fxio) {
         const json::value &multi_root = member_of(members, "multi_root");

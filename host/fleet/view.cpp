@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <set>
+#include <unordered_set>
 
 #include "common/card_id.h"
 #include "daemon/card.h"
@@ -166,9 +166,9 @@ void view::take_card(const std::string &site, uint64_t id, std::string_view docu
     const auto parsed = gone ? std::nullopt : object_of(document, &resource);
     room_card next;
     if (parsed) {
-        static const std::set<std::string_view> listed = [] {
+        static const std::unordered_set<std::string_view> listed = [] {
             const auto names = member_set::all().names();
-            return std::set<std::string_view>(names.begin(), names.end());
+            return std::unordered_set<std::string_view>(names.begin(), names.end());
         }();
         next.known.id = id;
         next.rev = number_of(*parsed, "rev");
@@ -177,15 +177,16 @@ void view::take_card(const std::string &site, uint64_t id, std::string_view docu
         std::string lineless;
         if (has_control(document))
             document = lineless = json::serialize(*parsed);
-        std::string row, details;
-        row.reserve(document.size());
-        details.reserve(document.size());
+        thread_local std::string row, details; // they keep their memory
+        row.clear();
+        details.clear();
         each_member(document, [&](std::string_view name, std::string_view member) {
             if (name != "schema" && name != "site" && name != "id" && name != "health")
                 (listed.count(name) != 0 ? row : details).append(1, ',').append(member);
         });
-        next.row.assign(row); // as large as it must be
-        next.details.assign(details);
+        next.members.reserve(row.size() + details.size()); // as large as it must be
+        next.members.append(row).append(details);
+        next.listed = static_cast<uint32_t>(row.size());
     }
     std::lock_guard guard(mutex_);
     known_site &of = at(site);
@@ -210,9 +211,8 @@ void view::take_card(const std::string &site, uint64_t id, std::string_view docu
     else if (pending != of.pending.end())
         pending->second.first = std::max(pending->second.first, next.rev + 1);
     next.reading = reading_;
-    room_card &place = known != of.cards.end() ? known->second : of.cards[id];
-    place = std::move(next);
-    count(&of, place, 1);
+    count(&of, next, 1);
+    of.cards.insert_or_assign(known, id, std::move(next));
 }
 
 void view::begin_cards()

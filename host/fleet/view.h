@@ -33,11 +33,14 @@ inline constexpr std::array<const char *, 4> site_state_words = {"live", "silent
 inline const char *word(site_state value) { return site_state_words[static_cast<size_t>(value)]; }
 
 struct room_card {
-    facts known;          // of the document
-    uint64_t rev = 0;     // number of the last event that is in it
-    std::string row;      // the members of a list behind "health", with a comma in front of each
-    std::string details;  // the other ones, in the same way
+    facts known;      // of the document
+    uint64_t rev = 0; // number of the last event that is in it
+    std::string
+        members; // of the document, with a comma in front of each: those of a list, behind "health", and the others
+    uint32_t listed = 0;  // bytes of those of a list
     uint32_t reading = 0; // the last whole reading of the bucket that named it
+    std::string_view row() const { return std::string_view(members).substr(0, listed); }
+    std::string_view details() const { return std::string_view(members).substr(listed); }
 };
 
 // An event, as its site has told it, or the room's own one that says what has become of a site.
