@@ -27,6 +27,8 @@ class Message:
 
 
 class Client:
+    NO_MESSAGE = 10037  # of that number, in the stream
+
     def __init__(self, port, host=FAR, timeout=5, ca=None, certificate=None):
         self.socket = socket.create_connection((host, port), timeout)
         self.numbers = itertools.count(1)
@@ -119,7 +121,10 @@ class Client:
         state = self.api(f"STREAM.INFO.{stream}")["state"]
         numbers = range(state["first_seq"], state["last_seq"] + 1)
         for answer in self.ask_all((f"$JS.API.STREAM.MSG.GET.{stream}", b'{"seq":%d}' % seq) for seq in numbers):
-            if found := answer.json().get("message"):
+            told = answer.json()
+            if told.get("error", {}).get("err_code", self.NO_MESSAGE) != self.NO_MESSAGE:
+                raise RuntimeError(f"{stream}: {told['error']}")
+            if found := told.get("message"):
                 lines = base64.b64decode(found.get("hdrs", "")).decode().split("\r\n")
                 headers = dict(line.split(": ", 1) for line in lines[1:] if ": " in line) | {"Nats-Sequence": found["seq"]}
                 yield Message(found["subject"], "", headers, base64.b64decode(found.get("data", "")))
