@@ -55,13 +55,13 @@ class Documents(HostTest):
         f = self.fabric()
         fits(f.send("PUT", f"/v1/cards/{SMALL}/registers/0x1000", {"value": 7}), "register_write")
         f.job(kind="eeprom-dump", card=SERVER, end=8)
-        self.store_a_minute(f)
+        stored_ms = self.store_a_minute(f)
         requests = {
             "status": "/v1/status", "ports": "/v1/ports", "stats": "/v1/stats", "cards": "/v1/cards",
             "card": f"/v1/cards/{SERVER}", "topology": "/v1/topology", "job": "/v1/jobs/1", "jobs": "/v1/jobs",
             "register": f"/v1/cards/{SERVER}/registers/eeprom.lock", "log": "/v1/log",
-            "register_range": f"/v1/cards/{SMALL}/registers?start=0xffc&end=0x1008", "minutes": "/v1/history/minutes?until_ms=60000",
-            "registers": "/v1/registers",
+            "register_range": f"/v1/cards/{SMALL}/registers?start=0xffc&end=0x1008", "registers": "/v1/registers",
+            "minutes": f"/v1/history/minutes?since_ms={stored_ms}&until_ms={stored_ms}",
         }
         for name, path in requests.items():
             with self.subTest(name):
@@ -88,10 +88,12 @@ class Documents(HostTest):
             self.assertEqual(page["next_seq"], None if "newest" in query else cut[-1])
 
     def store_a_minute(self, f):
-        """One of 1970: fxmd itself would take a minute for the first one."""
+        """One of an hour ago: fxmd itself would take a minute for its first one. Returns its time."""
         until(lambda: f.get("/v1/history?limit=1")["events"], "the history has a file")
         with contextlib.closing(sqlite3.connect(f"{f.dir}/state/history.db", timeout=30)) as file, file:
-            file.execute("INSERT INTO minutes VALUES(60000, 5, 4, 3, 2, 1, 181, 136, 12, 7, 5715)")
+            minute_ms = (int(time.time()) // 60 - 60) * 60000
+            file.execute("INSERT INTO minutes VALUES(?, 5, 4, 3, 2, 1, 181, 136, 12, 7, 5715)", (minute_ms,))
+        return minute_ms
 
     def test_lists_are_filtered_cut_and_continued(self):
         f = self.fabric()
@@ -499,7 +501,7 @@ class Life(HostTest):
                 "[library]", "[library]\ntag_max = 100"))
         f.daemon.send_signal(signal.SIGHUP)
         until(lambda: not f.get("/v1/status")["eeprom_writer"], "the reload is applied")
-        self.assertIn("a restart of fxmd is needed to change library.tag_max", f.log())
+        until(lambda: "a restart of fxmd is needed to change library.tag_max" in f.log(), "the log names the key")
 
     def test_the_sample_and_the_ranges_are_those_of_the_programs(self):
         for name, flags in (("fxmd", []), ("room", ["--fleet"])):
