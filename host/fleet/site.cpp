@@ -223,8 +223,16 @@ void site::ask_cursor()
         cursor_ = confirmed_ = 0;
         freeze(std::move(reset));
     }
+    tell_sent();
+}
+
+// The cards of events that were sent wait from now on: nobody shall see the one without the other.
+void site::tell_sent()
+{
+    mark_cards();
     std::lock_guard guard(mutex_);
     status_.sent = cursor_;
+    status_.cards_waiting = to_send_.size() + in_flight_.size();
 }
 
 void site::freeze(batch next)
@@ -246,8 +254,8 @@ void site::confirm()
 {
     cursor_ = confirmed_ = frozen_->events.last;
     confirmed_at_ = clock::now();
+    tell_sent();
     std::lock_guard guard(mutex_);
-    status_.sent = cursor_;
     status_.batches += 1;
     status_.gaps += frozen_->events.lost;
     frozen_.reset();

@@ -58,6 +58,7 @@ class site
     bool send_events();
     void freeze(batch next);
     void confirm();
+    void tell_sent();
     bool send_cards();
     void take_outcomes(size_t wanted);
     void give_up_in_flight();

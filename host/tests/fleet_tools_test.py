@@ -63,7 +63,7 @@ class Tools(unittest.TestCase):
             self.addCleanup(self.servers[name].wait)
             self.addCleanup(self.servers[name].kill)
         for name in self.servers:
-            until(lambda: "metadata leader" in self.read(f"{name}.log"), f"{name} has the others", 60)  # pylint: disable=cell-var-from-loop
+            until(lambda: "metadata leader" in self.read(f"{name}.log"), f"{name} has the others", 180)  # pylint: disable=cell-var-from-loop
 
     def client(self, user, host="127.0.0.1"):
         client = Client(4222, host, ca=f"{self.dir}/fleet/ca.pem", certificate=f"{self.dir}/fleet/{user}.pem")
