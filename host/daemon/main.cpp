@@ -234,9 +234,9 @@ class daemon
     void join_fleet(const config &settings)
     {
 #ifdef FXM_FLEET
-        site_ = std::make_unique<fleet::site>(fleet::site_options{settings.fleet_urls, settings.fleet_site,
-                                                                  settings.fleet_ca, settings.fleet_certificate,
-                                                                  role_of(settings.fleet_allow)},
+        site_ = std::make_unique<fleet::site>(fleet::member_options{settings.fleet_urls, settings.fleet_site,
+                                                                    settings.fleet_ca, settings.fleet_certificate,
+                                                                    role_of(settings.fleet_allow)},
                                               &all_);
         all_.site = [this] { return site_->status(); };
 #else

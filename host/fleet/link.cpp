@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "fleet/names.h"
+
 namespace fxm::fleet
 {
 
@@ -15,10 +17,20 @@ constexpr auto ELECTION = std::chrono::seconds(30);
 constexpr auto ELECTION_BACK_OFF = milliseconds(500);
 constexpr auto WARN_EVERY = std::chrono::minutes(1); // servers may be away for days
 
-std::shared_ptr<nats_connection> server_link::open()
+server_link::server_link(const member_options &of, std::string client, std::string meanwhile, logger *log)
+    : urls_(of.urls), meanwhile_(std::move(meanwhile)), log_(log)
 {
-    nats_options wanted = options_.each;
-    wanted.url = options_.urls[next_++ % options_.urls.size()];
+    each_.name = std::move(client);
+    each_.inbox = inbox_of(of.name);
+    each_.ca = of.ca;
+    each_.certificate = of.certificate;
+}
+
+std::shared_ptr<nats_connection> server_link::open(bool one_thread)
+{
+    nats_options wanted = each_;
+    wanted.one_thread = one_thread;
+    wanted.url = urls_[next_++ % urls_.size()];
     {
         std::lock_guard guard(mutex_);
         status_.server = wanted.url;
@@ -72,7 +84,7 @@ void server_link::failed(const std::string &why)
     if (now < next_warning_)
         return;
     next_warning_ = now + WARN_EVERY;
-    log_->warning("fleet: {}; {}", why, options_.meanwhile);
+    log_->warning("fleet: {}; {}", why, meanwhile_);
 }
 
 bool server_link::pause(milliseconds time)
@@ -85,7 +97,7 @@ milliseconds server_link::next_wait()
 {
     const bool elects = worked_ && std::chrono::steady_clock::now() - *worked_ < ELECTION;
     back_off_ = std::clamp(back_off_ * 2, LEAST_BACK_OFF, elects ? ELECTION_BACK_OFF : MOST_BACK_OFF);
-    const bool has_more = !connection_ && next_ % options_.urls.size() != 0;
+    const bool has_more = !connection_ && next_ % urls_.size() != 0;
     return has_more ? milliseconds(1) : back_off_;
 }
 

@@ -11,16 +11,19 @@
 #include <string>
 #include <vector>
 
+#include "daemon/caller.h"
 #include "daemon/log.h"
 #include "fleet/nats.h"
 
 namespace fxm::fleet
 {
 
-struct link_options {
+// A site or a room, to the servers.
+struct member_options {
     std::vector<std::string> urls;
-    nats_options each;     // of a connection, without the url
-    std::string meanwhile; // what goes on without a server, for the log
+    std::string name;            // of the site; of a room the user, whose rights the servers know
+    std::string ca, certificate; // files; the second one has the key too
+    role allow = role::view;     // the most that a site does for a request, and that a room asks for
 };
 
 struct link_status {
@@ -33,11 +36,13 @@ struct link_status {
 class server_link
 {
   public:
-    server_link(link_options options, logger *log) : options_(std::move(options)), log_(log) {}
+    // `client` is for the servers' lists. `meanwhile` is what goes on without a server, for the log.
+    server_link(const member_options &of, std::string client, std::string meanwhile, logger *log);
 
     // ------------------------------------------------------------------------------------- for the thread that owns it
     const std::shared_ptr<nats_connection> &connection() const { return connection_; }
-    std::shared_ptr<nats_connection> open();         // to the next server, not used yet; throws
+    // To the next server, not used yet; throws. `one_thread` is for all that is subscribed to.
+    std::shared_ptr<nats_connection> open(bool one_thread);
     void use(std::shared_ptr<nats_connection> next); // instead of the one that is there, which is closed; null: none
     void joined();                                   // what is asked at the beginning has been answered
     void works();                               // it does what it is for: the next failure waits for a moment again
@@ -49,11 +54,13 @@ class server_link
     std::shared_ptr<nats_connection> now() const;
     void stop(); // ends all waits
     link_status status() const;
-    size_t servers() const { return options_.urls.size(); }
+    size_t servers() const { return urls_.size(); }
 
   private:
-    const link_options options_;
+    const std::vector<std::string> urls_;
+    const std::string meanwhile_;
     logger *log_;
+    nats_options each_; // of a connection, without the url
 
     // The owning thread alone:
     size_t next_ = 0; // server

@@ -29,20 +29,9 @@ constexpr int FILL_MS = 1500;                  // for the history of a site
 constexpr int READ_MS = 30000;                 // for an answer; a card that is silent takes seconds
 constexpr int WRITE_MS = 130000;               // writes are tried again, up to a hundred times
 
-static link_options link_of(const room_options &options)
-{
-    link_options made;
-    made.urls = options.urls;
-    made.each.name = fmt::format("room {}", options.name);
-    made.each.inbox = inbox_of(options.name);
-    made.each.ca = options.ca;
-    made.each.certificate = options.certificate;
-    made.meanwhile = "the room goes on, and shows what it knows";
-    return made;
-}
-
-room::room(room_options options, services *all)
-    : options_(std::move(options)), all_(all), view_(all->log), link_(link_of(options_), all->log)
+room::room(member_options options, services *all)
+    : options_(std::move(options)), all_(all), view_(all->log),
+      link_(options_, fmt::format("room {}", options_.name), "the room goes on, and shows what it knows", all->log)
 {
     view_.on_append([this] { all_->server->events_appended(); });
 }
@@ -104,7 +93,7 @@ void room::run()
 
 void room::connect()
 {
-    const auto made = link_.open();
+    const auto made = link_.open(false);
     link_.use(made); // requests can go; a stop ends what follows
     make_streams(made.get());
     made->subscribe(beat_subject("*"), [this](const nats_message &beat) {

@@ -16,13 +16,6 @@
 namespace fxm::fleet
 {
 
-struct room_options {
-    std::vector<std::string> urls;
-    std::string name; // the user, whose rights the servers know
-    std::string ca, certificate;
-    role allow = role::view; // the most that this room asks for
-};
-
 struct room_status {
     link_status link;
     uint64_t cards = 0;                            // of the bucket that are read
@@ -34,7 +27,7 @@ struct room_status {
 class room
 {
   public:
-    room(room_options options, services *all);
+    room(member_options options, services *all);
     ~room();
     room(const room &) = delete;
     room &operator=(const room &) = delete;
@@ -42,7 +35,7 @@ class room
     void start();
     void stop();
 
-    const room_options &options() const { return options_; }
+    const member_options &options() const { return options_; }
     const view &sites() const { return view_; }
     room_status status() const;
     bool turns() const; // its thread does
@@ -63,7 +56,7 @@ class room
     void fill(nats_connection *connection, const view::batch &before, view::hole missing);
     nats_message request_to(const std::string &site, role as, const http_request &request) const;
 
-    const room_options options_;
+    const member_options options_;
     services *all_;
     view view_;
     server_link link_;

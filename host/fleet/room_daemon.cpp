@@ -33,8 +33,8 @@ room_daemon::room_daemon(std::string config_file, const std::shared_ptr<const co
         web_of(*settings, *all_.who()),
         [this](const http_request &request, const http_server::responder &answer) { handle(request, answer); });
     all_.server = server_.get();
-    room_ = std::make_unique<room>(room_options{settings->fleet_urls, settings->fleet_site, settings->fleet_ca,
-                                                settings->fleet_certificate, role_of(settings->fleet_allow)},
+    room_ = std::make_unique<room>(member_options{settings->fleet_urls, settings->fleet_site, settings->fleet_ca,
+                                                  settings->fleet_certificate, role_of(settings->fleet_allow)},
                                    &all_);
 }
 

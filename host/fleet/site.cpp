@@ -37,24 +37,12 @@ constexpr auto TIDY_EVERY = seconds(1);         // what is known of cards that w
 constexpr auto LOOK_EVERY = seconds(1);         // at what the document of the site says
 constexpr uint64_t REQUESTS_QUEUE = UINT64_MAX; // at the executor, for requests alone: no card has this id
 
-static link_options link_of(const site_options &options)
+site::site(member_options options, services *all)
+    : options_(std::move(options)), all_(all), feed_(all->events, all->past), desk_(all, options_.name, options_.allow),
+      link_(options_, fmt::format("fxmd of {}", options_.name), "fxmd goes on, and sends what it has later", all->log),
+      cards_cursor_(all->events->start_seq())
 {
-    link_options made;
-    made.urls = options.urls;
-    made.each.name = fmt::format("fxmd of {}", options.site);
-    made.each.inbox = inbox_of(options.site);
-    made.each.ca = options.ca;
-    made.each.certificate = options.certificate;
-    made.each.one_thread = true;
-    made.meanwhile = "fxmd goes on, and sends what it has later";
-    return made;
-}
-
-site::site(site_options options, services *all)
-    : options_(std::move(options)), all_(all), feed_(all->events, all->past), desk_(all, options_.site, options_.allow),
-      link_(link_of(options_), all->log), cards_cursor_(all->events->start_seq())
-{
-    status_.site = options_.site;
+    status_.site = options_.name;
 }
 
 site::~site() { stop(); }
@@ -117,10 +105,10 @@ void site::run()
 
 void site::connect()
 {
-    const auto made = link_.open();
+    const auto made = link_.open(true);
     // The answer goes over the connection that brought the request, if it is still there. A thread of libnats must not hold
     // the connection, whose end waits for that thread.
-    made->subscribe(requests_subject(options_.site),
+    made->subscribe(requests_subject(options_.name),
                     [this, on = made.get(), weak = std::weak_ptr(made)](const nats_message &request) {
                         const bool taken = all_->operations->submit(REQUESTS_QUEUE, [this, weak, request] {
                             desk_.take(request, [weak, log = all_->log](const nats_message &answer) {
@@ -180,7 +168,7 @@ std::optional<nats_message> site::last(const std::string &stream, const std::str
 // else does.
 void site::ask_cursor()
 {
-    const auto newest = last(EVENTS_STREAM, events_subject(options_.site));
+    const auto newest = last(EVENTS_STREAM, events_subject(options_.name));
     const uint64_t end = newest ? number_of(*newest, LAST) : 0;
     const auto now = clock::now();
     if (end < confirmed_) {
@@ -196,7 +184,7 @@ void site::ask_cursor()
     next_compare_ = now + COMPARE_EVERY;
     if (!std::exchange(knows_cursor_, true))
         all_->log->info("fleet: {} takes what the site {} sends, from number {} on", link_.status().server,
-                        options_.site, end + 1);
+                        options_.name, end + 1);
     if (end < confirmed_) {
         const uint64_t lost = confirmed_ - end;
         losses_ += 1;
@@ -238,8 +226,8 @@ void site::tell_sent()
 void site::freeze(batch next)
 {
     nats_message made;
-    made.subject = events_subject(options_.site);
-    made.headers = {{ID, fmt::format("{}.{}{}.{}", options_.site, all_->boot,
+    made.subject = events_subject(options_.name);
+    made.headers = {{ID, fmt::format("{}.{}{}.{}", options_.name, all_->boot,
                                      losses_ == 0 ? "" : fmt::format("-{}", losses_), next.first)},
                     {FIRST, std::to_string(next.first)},
                     {LAST, std::to_string(next.last)},
@@ -321,7 +309,7 @@ void site::look_at_bucket()
         0, 1, false, [](const card &) { return true; }, [&id](const card &known) { id = known.id; });
     if (id == 0)
         return;
-    const auto stored = last(cards_stream(BUCKET), card_subject(BUCKET, options_.site, id));
+    const auto stored = last(cards_stream(BUCKET), card_subject(BUCKET, options_.name, id));
     const std::string own = fmt::format(R"("boot":"{}")", all_->boot);
     if (!stored || stored->data.find(own) == std::string::npos)
         mark_all_cards();
@@ -350,7 +338,7 @@ std::string site::card_document(uint64_t id, uint64_t rev)
     try {
         all_->cards->with_card(id, [&](const card &known) {
             text =
-                fmt::format(R"({{"schema":"fxm/1","site":"{}","boot":"{}","rev":{},)", options_.site, all_->boot, rev);
+                fmt::format(R"({{"schema":"fxm/1","site":"{}","boot":"{}","rev":{},)", options_.name, all_->boot, rev);
             write_card(&text, known, member_set::all());
             write_details(&text, known);
             text += '}';
@@ -423,7 +411,7 @@ bool site::send_cards()
             continue;
         }
         nats_message made;
-        made.subject = card_subject(BUCKET, options_.site, id);
+        made.subject = card_subject(BUCKET, options_.name, id);
         made.data = card_document(id, rev);
         if (made.data.empty())
             made.headers = {{"KV-Operation", "DEL"}};
@@ -446,7 +434,7 @@ void site::send_site()
         return;
     next_site_ = now + LOOK_EVERY;
     json::object made = status_document(*all_);
-    json::object document{{"schema", SCHEMA},       {"site", options_.site},  {"version", FXM_VERSION},
+    json::object document{{"schema", SCHEMA},       {"site", options_.name},  {"version", FXM_VERSION},
                           {"boot", all_->boot},     {"bucket", BUCKET},       {"allow", word(options_.allow)},
                           {"cards", made["cards"]}, {"ports", made["ports"]}, {"library", made["library"]}};
     // What changes by itself all the time does not count as a change.
@@ -461,7 +449,7 @@ void site::send_site()
     document["seq"] = all_->events->last_seq();
     document["time_ms"] = clock_ms();
     nats_message message;
-    message.subject = site_subject(options_.site);
+    message.subject = site_subject(options_.name);
     message.data = json::serialize(document);
     link_.connection()->store(message, SILENCE_MS);
     site_text_ = std::move(text);
@@ -478,9 +466,9 @@ void site::send_beat()
         return;
     next_beat_ = now + BEAT_EVERY;
     nats_message message;
-    message.subject = beat_subject(options_.site);
+    message.subject = beat_subject(options_.name);
     message.data = fmt::format(
-        R"({{"schema":"fxm/1","site":"{}","boot":"{}","seq":{},"cards":{},"waiting":{},"time_ms":{}}})", options_.site,
+        R"({{"schema":"fxm/1","site":"{}","boot":"{}","seq":{},"cards":{},"waiting":{},"time_ms":{}}})", options_.name,
         all_->boot, all_->events->last_seq(), all_->cards->totals().all(), feed_.waiting(cursor_), clock_ms());
     try {
         link_.connection()->publish(message);

@@ -24,17 +24,10 @@
 namespace fxm::fleet
 {
 
-struct site_options {
-    std::vector<std::string> urls;
-    std::string site;
-    std::string ca, certificate; // files; the second one has the key too
-    role allow = role::view;     // the most that a request may have
-};
-
 class site
 {
   public:
-    site(site_options options, services *all);
+    site(member_options options, services *all);
     ~site();
     site(const site &) = delete;
     site &operator=(const site &) = delete;
@@ -71,7 +64,7 @@ class site
     std::string card_document(uint64_t id, uint64_t rev);
     void mark(uint64_t id);
 
-    const site_options options_;
+    const member_options options_;
     services *all_;
     const feed feed_;
     desk desk_;
