@@ -519,12 +519,13 @@ def main():
     fabric.run("ip", "link", "set", "lo", "up")
     print(f"{'case':<9} | {'figure':<66} | {'':<15} | {'limit':>6} | result", flush=True)
     for case in [CASES[word] for word in options.case] or (CASES.values() if options.nightly else QUICK):
-        case_name = case.__name__
+        case_name, began = case.__name__, time.monotonic()
         try:
             with contextlib.ExitStack() as stack:
                 case(stack, options.nightly)
         except (AssertionError, OSError, RuntimeError, fabric.Refused) as failure:
             row(f"broke off: {str(failure)[:400]}", 1, limit=0)
+        row("the whole case took", time.monotonic() - began, "s")
     print(f"load {os.getloadavg()[0]:.1f} at the end; " + (f"MISSED: {'; '.join(missed)}" if missed else "all limits hold"))
     sys.exit(1 if missed else 0)
 

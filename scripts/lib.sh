@@ -7,7 +7,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 FXM_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev liblog4cxx-dev libgtest-dev)
 # Of fxmd and fxmctl.
 FXM_BUILD_PACKAGES+=(libmicrohttpd-dev libboost-json1.81-dev libtomlplusplus-dev libcli11-dev
-    libfmt-dev libsqlite3-dev libsystemd-dev prometheus-cpp-dev libnats-dev)
+    libfmt-dev libsqlite3-dev libsystemd-dev prometheus-cpp-dev libnats-dev liblz4-dev)
 FXM_RUN_PACKAGES=(iproute2 util-linux python3 python3-jsonschema)
 # Of the tests alone.
 FXM_TEST_PACKAGES=(nats-server libpq-dev openssl postgresql prometheus tshark curl mandoc scdoc abigail-tools)

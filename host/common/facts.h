@@ -19,7 +19,7 @@ inline constexpr std::array<const char *, 6> health_words = {"well", "degraded",
 inline const char *word(card_class value) { return class_words[static_cast<size_t>(value)]; }
 inline const char *word(health value) { return health_words[static_cast<size_t>(value)]; }
 
-struct facts {
+struct plain_facts {
     uint64_t id = 0; // 0: no card; no filter matches it
     uint16_t vlan = 0;
     uint16_t vendor = 0; // of an FXIO card
@@ -29,6 +29,9 @@ struct facts {
     bool is_40g = false;
     uint8_t int_vector = 0;
     uint8_t partner_count = 0;
+};
+
+struct facts : plain_facts {
     std::array<uint64_t, 16> partners{}; // the first partner_count
 };
 

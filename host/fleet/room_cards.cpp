@@ -28,16 +28,16 @@ static std::string id_in(const std::string &of, const std::string &site, uint64_
     return of.empty() ? fmt::format("{}/{}", site, format_id(id)) : format_id(id);
 }
 
-// `"id":...,"site":...,"health":...` and the members of a list. A card of a silent site is never called well.
+// `"id":...,"site":...,"health":...` and the members `row` of a list. A card of a silent site is never called well.
 static void put_card(std::string *out, const std::string &of, const std::string &site, site_state state,
-                     const room_card &card)
+                     const room_card &card, std::string_view row)
 {
     *out += fmt::format(R"("id":"{}","site":"{}",)", id_in(of, site, card.known.id), site);
     if (state == site_state::live)
         *out += fmt::format(R"("health":"{}")", word(card.known.state));
     else
         *out += fmt::format(R"("health":"silent","last_health":"{}")", word(card.known.state));
-    *out += card.row();
+    *out += row;
 }
 
 // A member of a list by its name, such as "channels.p0m0".
@@ -94,7 +94,7 @@ class room_cards : public http_source
     void put(std::string *out, const std::string &site, site_state state, const room_card &card) const
     {
         std::string text = "{";
-        put_card(&text, site_, site, state, card);
+        put_card(&text, site_, site, state, card, card.members().row());
         text += '}';
         if (what_.shown || what_.rows) {
             const json::value parsed = json::parse(text);
@@ -184,8 +184,8 @@ void show_room_card(const room_call &of)
         if (of.asked.sites().with_card({where.site, id},
                                        [&](const std::string &site, site_state state, const room_card &card) {
                                            reply.body = R"({"schema":"fxm/1",)";
-                                           put_card(&reply.body, of.site, site, state, card);
-                                           reply.body.append(card.details()).append("}\n");
+                                           put_card(&reply.body, of.site, site, state, card, card.members().text);
+                                           reply.body += "}\n";
                                        })) {
             of.call.answer(std::move(reply));
             return;
@@ -199,10 +199,10 @@ void show_room_card(const room_call &of)
 // The graph of the cards that the room knows, made from their documents.
 static void add_to_graph(const room_card &card, site_state state, fabric_graph *graph)
 {
-    facts known = card.known;
+    facts known = card.all_facts();
     if (state != site_state::live)
         known.state = health::silent;
-    const json::value parsed = json::parse("{\"id\":0" + card.members + "}");
+    const json::value parsed = json::parse("{\"id\":0" + card.members().text + "}");
     const json::object &members = parsed.as_object();
     if (known.kind == card_class::fxio) {
         const json::value &multi_root = member_of(members, "multi_root");

@@ -4,12 +4,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <unordered_set>
 
 #include "common/card_id.h"
-#include "daemon/card.h"
 #include "daemon/ring.h"
+#include "fleet/document.h"
 #include "fleet/names.h"
 
 namespace fxm::fleet
@@ -30,124 +28,6 @@ uint32_t site_numbers::total() const
     return sum;
 }
 
-// ---------------------------------------------------------------------------------------------------------- documents
-
-static std::optional<json::object> object_of(std::string_view text, json::storage_ptr memory = {})
-{
-    boost::system::error_code error;
-    json::value parsed = json::parse({text.data(), text.size()}, error, std::move(memory), {.max_depth = 8});
-    if (error || !parsed.is_object())
-        return std::nullopt;
-    return std::move(parsed.as_object());
-}
-
-static std::string_view text_of(const json::object &from, std::string_view name)
-{
-    const json::value *value = from.if_contains(name);
-    const json::string *text = value != nullptr ? value->if_string() : nullptr;
-    return text != nullptr ? std::string_view(text->data(), text->size()) : std::string_view();
-}
-
-// 0 for what is no number, or below 0.
-static uint64_t number_of(const json::value *value)
-{
-    if (value != nullptr && value->is_uint64())
-        return value->get_uint64();
-    return value != nullptr && value->is_int64() && value->get_int64() > 0 ? static_cast<uint64_t>(value->get_int64())
-                                                                           : 0;
-}
-static uint64_t number_of(const json::object &from, std::string_view name) { return number_of(from.if_contains(name)); }
-
-template <typename Enum, size_t N>
-static Enum place_of(std::string_view text, const std::array<const char *, N> &words, Enum unknown)
-{
-    const auto found = std::find(words.begin(), words.end(), text);
-    return found != words.end() ? static_cast<Enum>(found - words.begin()) : unknown;
-}
-
-static uint16_t hex_of(const json::value &value)
-{
-    const json::string *text = value.if_string();
-    return text != nullptr ? static_cast<uint16_t>(std::strtoul(text->c_str(), nullptr, 16)) : 0;
-}
-
-// Takes one member of a document or of a change over. What a filter does not look at is passed over.
-static void set_fact(facts *of, std::string_view name, const json::value &value)
-{
-    const auto word = [&] {
-        const json::string *text = value.if_string();
-        return text != nullptr ? std::string_view(text->data(), text->size()) : std::string_view();
-    };
-    if (name == "class") {
-        of->kind = place_of(word(), class_words, card_class::fxsv);
-    } else if (name == "generation") {
-        of->is_40g = word() == "40G";
-    } else if (name == "vlan") {
-        of->vlan = static_cast<uint16_t>(number_of(&value));
-    } else if (name == "health") {
-        // A word of a newer site is no reason to call a card well.
-        of->state = place_of(word(), health_words, health::lost);
-        if (of->state == health::silent)
-            of->state = health::lost;
-    } else if (name == "int_vector") {
-        of->int_vector = static_cast<uint8_t>(number_of(&value));
-    } else if (name == "vendor") {
-        of->vendor = hex_of(value);
-    } else if (name == "device") {
-        of->device = hex_of(value);
-    } else if (name == "partners" && value.is_array()) {
-        of->partner_count = 0;
-        for (const json::value &partner : value.get_array()) {
-            const json::string *text = partner.if_string();
-            const auto id = text != nullptr ? parse_id(std::string_view(text->data(), text->size())) : std::nullopt;
-            if (id && of->partner_count < of->partners.size())
-                of->partners[of->partner_count++] = *id;
-        }
-    }
-}
-
-// Lists and events are lines. No site sends line ends in a document, but JSON allows them.
-static bool has_control(std::string_view text)
-{
-    return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' '; });
-}
-
-// Behind a string that begins at `at`.
-static size_t skip_string(std::string_view text, size_t at)
-{
-    while (text[++at] != '"')
-        at += text[at] == '\\' ? 1 : 0;
-    return at + 1;
-}
-
-// Hands each member of an object that has been parsed to `see`: its name, and the whole of it as it stands in the text.
-// A large fleet has a million documents, which need not be written anew.
-template <typename See> static void each_member(std::string_view text, See see)
-{
-    size_t at = text.find('{') + 1;
-    for (;;) {
-        const size_t begin = text.find_first_of("\"}", at);
-        if (text[begin] == '}')
-            return;
-        at = skip_string(text, begin);
-        const std::string_view name = text.substr(begin + 1, at - begin - 2);
-        for (size_t depth = 0; depth != 0 || (text[at] != ',' && text[at] != '}');) {
-            const char c = text[at];
-            if (c == '"') {
-                at = skip_string(text, at);
-                continue;
-            }
-            depth += c == '{' || c == '[' ? 1 : 0;
-            depth -= c == '}' || c == ']' ? 1 : 0;
-            ++at;
-        }
-        see(name, text.substr(begin, at - begin));
-        if (text[at] == '}')
-            return;
-        ++at;
-    }
-}
-
 // ------------------------------------------------------------------------------------------------------------- cards
 
 view::known_site &view::at(const std::string &name) { return sites_[name]; }
@@ -165,29 +45,8 @@ void view::take_card(const std::string &site, uint64_t id, std::string_view docu
     json::monotonic_resource resource(memory.data(), memory.size());
     const auto parsed = gone ? std::nullopt : object_of(document, &resource);
     room_card next;
-    if (parsed) {
-        static const std::unordered_set<std::string_view> listed = [] {
-            const auto names = member_set::all().names();
-            return std::unordered_set<std::string_view>(names.begin(), names.end());
-        }();
-        next.known.id = id;
-        next.rev = number_of(*parsed, "rev");
-        for (const auto &member : *parsed)
-            set_fact(&next.known, member.key(), member.value());
-        std::string lineless;
-        if (has_control(document))
-            document = lineless = json::serialize(*parsed);
-        thread_local std::string row, details; // they keep their memory
-        row.clear();
-        details.clear();
-        each_member(document, [&](std::string_view name, std::string_view member) {
-            if (name != "schema" && name != "site" && name != "id" && name != "health")
-                (listed.count(name) != 0 ? row : details).append(1, ',').append(member);
-        });
-        next.members.reserve(row.size() + details.size()); // as large as it must be
-        next.members.append(row).append(details);
-        next.listed = static_cast<uint32_t>(row.size());
-    }
+    if (parsed)
+        next = read_card(id, *parsed, document);
     std::lock_guard guard(mutex_);
     known_site &of = at(site);
     if (parsed && text_of(*parsed, "schema") != SCHEMA) {
@@ -262,7 +121,7 @@ std::optional<view::place> view::visit(const place &after, const std::string &of
             if (limit-- == 0)
                 return last;
             last = {site->first, card->first};
-            facts known = card->second.known;
+            facts known = card->second.all_facts();
             if (state != site_state::live)
                 known.state = health::silent;
             if (wanted(known))
@@ -497,7 +356,7 @@ void view::take_line(const batch &arrived, known_site *of, std::string_view line
     if (type == "change" && id) {
         const auto known = of->cards.find(*id);
         const bool is_known = known != of->cards.end();
-        facts now = is_known ? known->second.known : facts{};
+        facts now = is_known ? known->second.all_facts() : facts{};
         now.id = *id;
         event.is_change = true;
         std::tie(event.before, event.after) = facts_around(*parsed, now);

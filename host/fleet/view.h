@@ -22,6 +22,7 @@
 
 #include "common/facts.h"
 #include "daemon/log.h"
+#include "fleet/room_card.h"
 
 namespace fxm::fleet
 {
@@ -31,17 +32,6 @@ namespace fxm::fleet
 enum class site_state { live, silent, starting, refused };
 inline constexpr std::array<const char *, 4> site_state_words = {"live", "silent", "starting", "refused"};
 inline const char *word(site_state value) { return site_state_words[static_cast<size_t>(value)]; }
-
-struct room_card {
-    facts known;      // of the document
-    uint64_t rev = 0; // number of the last event that is in it
-    std::string
-        members; // of the document, with a comma in front of each: those of a list, behind "health", and the others
-    uint32_t listed = 0;  // bytes of those of a list
-    uint32_t reading = 0; // the last whole reading of the bucket that named it
-    std::string_view row() const { return std::string_view(members).substr(0, listed); }
-    std::string_view details() const { return std::string_view(members).substr(listed); }
-};
 
 // An event, as its site has told it, or the room's own one that says what has become of a site.
 struct room_event {
