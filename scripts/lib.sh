@@ -52,14 +52,15 @@ wrong_usage() {
 # need_packages NAME...: installs the missing packages with apt-get, as root or with sudo. Where it may not, it prints
 # the command to type. Services that a package brings are not started; only its programs are wanted.
 need_packages() {
-    local missing=() package as_root=()
+    local missing=() package as_root=() installed
     if ! command -v dpkg-query >/dev/null; then
         printf 'This machine has no dpkg. Install the equivalents of these Debian packages: %s\n' "$*" >&2
         return
     fi
+    # shellcheck disable=SC2016 # the expansions are dpkg-query's
+    installed=$(dpkg-query -W -f='${Package} ${db:Status-Status}\n' "$@" 2>/dev/null || true)
     for package in "$@"; do
-        # shellcheck disable=SC2016 # the expansion is dpkg-query's
-        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+        [[ $'\n'$installed$'\n' == *$'\n'"$package installed"$'\n'* ]] || missing+=("$package")
     done
     [ ${#missing[@]} -gt 0 ] || return 0
     say "Installing missing packages: ${missing[*]}"
