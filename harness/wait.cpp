@@ -1,5 +1,6 @@
 #include "wait.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -20,10 +21,11 @@ void harness_failed(const std::string &what) { on_failure(what); }
 bool poll_until(const std::function<bool()> &done)
 {
     const auto limit = std::chrono::steady_clock::now() + 30s;
-    while (!done()) {
+    std::chrono::microseconds pause = 1ms; // each look costs something, and what lasts long may be seen a little later
+    for (; !done(); pause = std::min<std::chrono::microseconds>(pause + pause / 8, 8ms)) {
         if (std::chrono::steady_clock::now() > limit)
             return false;
-        std::this_thread::sleep_for(1ms);
+        std::this_thread::sleep_for(pause);
     }
     return true;
 }

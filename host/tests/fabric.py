@@ -48,14 +48,15 @@ def run(*words):
 
 def until(condition, what, seconds=30):
     """Returns the first true value of the condition."""
-    end = time.monotonic() + seconds
+    end, pause = time.monotonic() + seconds, 0.01
     while True:
         value = condition()
         if value:
             return value
         if time.monotonic() > end:
             raise AssertionError(f"not within {seconds} s: {what}")
-        time.sleep(0.01)
+        time.sleep(pause)
+        pause = min(1.2 * pause, 0.05)  # each look costs fxmd something, too
 
 
 def fits(document, name):
@@ -223,7 +224,7 @@ class Fabric:
     def job(self, **request):
         """Runs a job to its end."""
         number = fits(self.send("POST", "/v1/jobs", request), "job")["job"]
-        return until(lambda: (job := fits(self.get(f"/v1/jobs/{number}"), "job"))["ended_ms"] and job, "the job ends", 120)
+        return fits(until(lambda: (job := self.get(f"/v1/jobs/{number}"))["ended_ms"] and job, "the job ends", 120), "job")
 
     def well(self, count):
         return until(lambda: self.get("/v1/status")["cards"]["well"] == count, f"{count} cards are well")

@@ -66,10 +66,10 @@ export async function openPage(browser, { url, tokens }, { role = 'operate', has
 // The first true value of the condition, or an error that says what was waited for.
 export async function until(condition, what, seconds = 30) {
   const end = Date.now() + 1000 * seconds
-  for (;;) {
+  for (let pause = 20; ; pause = Math.min(1.3 * pause, 150)) {
     const value = await condition()
     if (value) return value
     if (Date.now() > end) throw new Error(`not within ${seconds} s: ${what}`)
-    await new Promise((resume) => setTimeout(resume, 50))
+    await new Promise((resume) => setTimeout(resume, pause))
   }
 }
