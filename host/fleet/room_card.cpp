@@ -2,8 +2,6 @@
 
 #include <lz4.h>
 
-#include <algorithm>
-#include <array>
 #include <cstring>
 #include <memory>
 #include <unordered_set>
@@ -46,12 +44,13 @@ static void append_packed(std::string *out, std::string_view text)
         LZ4_loadDict(&made, common_text().data(), static_cast<int>(common_text().size()));
         return made;
     }();
-    LZ4_stream_t stream = prepared;  // 16 KiB; much less than to read the common text anew
-    thread_local std::string packed; // it keeps its memory
-    packed.resize(static_cast<size_t>(LZ4_compressBound(static_cast<int>(text.size()))));
-    const int size = LZ4_compress_fast_continue(&stream, text.data(), packed.data(), static_cast<int>(text.size()),
-                                                static_cast<int>(packed.size()), 1);
-    out->append(packed, 0, static_cast<size_t>(size));
+    LZ4_stream_t stream = prepared; // 16 KiB; much less than to read the common text anew
+    const size_t before = out->size();
+    const int most = LZ4_compressBound(static_cast<int>(text.size()));
+    out->resize(before + static_cast<size_t>(most));
+    const int size =
+        LZ4_compress_fast_continue(&stream, text.data(), out->data() + before, static_cast<int>(text.size()), most, 1);
+    out->resize(before + static_cast<size_t>(size));
 }
 
 static std::string unpacked(std::string_view from, size_t length)

@@ -18,7 +18,6 @@ struct card_members {
     std::string text;
     size_t listed = 0; // bytes of those that a list shows; they stand first
     std::string_view row() const { return std::string_view(text).substr(0, listed); }
-    std::string_view details() const { return std::string_view(text).substr(listed); }
 };
 
 struct room_card {
