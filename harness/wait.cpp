@@ -21,7 +21,7 @@ void harness_failed(const std::string &what) { on_failure(what); }
 bool poll_until(const std::function<bool()> &done)
 {
     const auto limit = std::chrono::steady_clock::now() + 30s;
-    std::chrono::microseconds pause = 1ms; // each look costs something, and what lasts long may be seen a little later
+    std::chrono::microseconds pause = 1ms; // it grows, because each look costs something
     for (; !done(); pause = std::min<std::chrono::microseconds>(pause + pause / 8, 8ms)) {
         if (std::chrono::steady_clock::now() > limit)
             return false;

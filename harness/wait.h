@@ -10,8 +10,8 @@
 void harness_failed(const std::string &what);
 extern void (*on_failure)(const std::string &what);
 
-// Calls `done` every millisecond until it holds. False after half a minute, which is far beyond what anything here
-// takes on a loaded machine with sanitizers.
+// Calls `done` until it holds: after a millisecond, and then after pauses that grow to 8 ms. False after half a minute,
+// which is far beyond what anything here takes on a loaded machine with sanitizers.
 bool poll_until(const std::function<bool()> &done);
 
 uint64_t now_ms(); // wall clock, as in the records of the library
