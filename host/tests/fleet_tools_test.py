@@ -62,8 +62,10 @@ class Tools(unittest.TestCase):
                 self.servers[name] = subprocess.Popen(["nats-server", "-c", f"fleet/{name}.conf"], cwd=self.dir, stdout=log, stderr=log)
             self.addCleanup(self.servers[name].wait)
             self.addCleanup(self.servers[name].kill)
-        for name in self.servers:
-            until(lambda: "metadata leader" in self.read(f"{name}.log"), f"{name} has the others", 180)  # pylint: disable=cell-var-from-loop
+        until(lambda: all("Server is ready" in self.read(f"{name}.log") for name in self.servers), "the servers listen", 180)
+        # Only the one that was elected is sure to say so: one that stood against it follows without a word.
+        until(lambda: any("Self is new JetStream cluster metadata leader" in self.read(f"{name}.log") for name in self.servers),
+              "the servers have elected a leader", 180)
 
     def client(self, user, host="127.0.0.1"):
         client = Client(4222, host, ca=f"{self.dir}/fleet/ca.pem", certificate=f"{self.dir}/fleet/{user}.pem")
