@@ -7,6 +7,7 @@
 #include <sys/random.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -52,6 +53,7 @@ struct libnats {
     X(natsConnection_RequestMsg)                                                                                       \
     X(natsConnection_Subscribe)                                                                                        \
     X(natsSubscription_Destroy)                                                                                        \
+    X(natsSubscription_Unsubscribe)                                                                                    \
     X(natsSubscription_SetPendingLimits)                                                                               \
     X(natsSubscription_QueuedMsgs)                                                                                     \
     X(natsSubscription_SetOnCompleteCB)                                                                                \
@@ -159,6 +161,7 @@ struct nats_connection::handles {
     struct reading {
         natsSubscription *handle = nullptr;
         uint64_t next = 1; // number of the delivery
+        std::atomic<bool> given_up{false};
         std::atomic<bool> broken{false};
         std::atomic<int64_t> heard_ms{0};
     };
@@ -456,14 +459,36 @@ static int64_t steady_ms()
 constexpr uint64_t MANY = 1000;
 constexpr auto GATHER = std::chrono::milliseconds(1);
 
+// One server holds the place of a reader. While a server is down, its part of those that are asked for is given to it, and
+// nobody answers. Another question may find another server; one that lives answers within milliseconds.
+constexpr std::array PATIENCE_MS = {1000, 1000, 2000, 2000, 4000, 4000};
+
 uint64_t nats_connection::follow(const std::string &stream, const std::string &subjects, uint64_t from,
-                                 std::function<void(nats_entry)> see, int timeout_ms)
+                                 const std::function<void(nats_entry)> &see)
+{
+    for (auto patience = PATIENCE_MS.begin();;) {
+        try {
+            return begin_reading(stream, subjects, from, see, *patience);
+        } catch (const nats_error &failure) {
+            handles::reading *late = handles_->readings.back().get();
+            late->given_up = true;
+            nats().natsSubscription_Unsubscribe(late->handle);
+            if (failure.refused || !is_up() || ++patience == PATIENCE_MS.end())
+                throw;
+        }
+    }
+}
+
+uint64_t nats_connection::begin_reading(const std::string &stream, const std::string &subjects, uint64_t from,
+                                        std::function<void(nats_entry)> see, int timeout_ms)
 {
     handles_->readings.push_back(std::make_unique<handles::reading>());
     handles::reading *state = handles_->readings.back().get();
     state->heard_ms = steady_ms();
     const std::string inbox = fmt::format("{}.{}", handles_->readings_inbox, handles_->readings.size());
     natsSubscription *handle = handles_->subscribe(inbox, [this, state, see = std::move(see)](nats_message message) {
+        if (state->given_up)
+            return;
         state->heard_ms = steady_ms();
         nats_entry entry;
         uint64_t delivery = 0;
@@ -519,7 +544,7 @@ bool nats_connection::reads_well() const
 {
     const int64_t now = steady_ms();
     return std::none_of(handles_->readings.begin(), handles_->readings.end(), [now](const auto &state) {
-        return state->broken || now - state->heard_ms > int64_t{3} * QUIET_MS;
+        return !state->given_up && (state->broken || now - state->heard_ms > int64_t{3} * QUIET_MS);
     });
 }
 

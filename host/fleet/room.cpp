@@ -151,15 +151,11 @@ template <typename Take> static auto only_of(const std::atomic<uint64_t> *curren
 void room::follow_sites(nats_connection *connection)
 {
     reading_ += 1;
-    connection->follow(SITES_STREAM, site_subject(">"), 0,
-                       only_of(&reading_,
-                               [this](const nats_entry &entry) {
-                                   const std::string site(word_of(entry.message.subject, 2));
-                                   if (is_site(site))
-                                       view_.take_site(site, entry.message.data, entry.time_ms,
-                                                       is_deleted(entry.message));
-                               }),
-                       ROOM_SILENCE_MS);
+    connection->follow(SITES_STREAM, site_subject(">"), 0, only_of(&reading_, [this](const nats_entry &entry) {
+                           const std::string site(word_of(entry.message.subject, 2));
+                           if (is_site(site))
+                               view_.take_site(site, entry.message.data, entry.time_ms, is_deleted(entry.message));
+                       }));
 }
 
 void room::follow_cards(nats_connection *connection)
@@ -176,23 +172,20 @@ void room::follow_cards(nats_connection *connection)
         sweeps_ = true;
     }
     // All of the bucket: it keeps the last message of each card, and a server looks for a million of those for 10 s.
-    const uint64_t there =
-        connection->follow(stream, "", goes_on ? cards_.last + 1 : 1,
-                           only_of(&reading_,
-                                   [this](const nats_entry &entry) {
-                                       const std::string site(word_of(entry.message.subject, 2));
-                                       const auto id = parse_id(word_of(entry.message.subject, 3));
-                                       if (id && is_site(site))
-                                           view_.take_card(site, *id, entry.message.data, is_deleted(entry.message));
-                                       cards_.last = entry.number;
-                                       cards_read_ += 1;
-                                       if (entry.left == 0) {
-                                           cards_wanted_ = 0;
-                                           if (sweeps_.exchange(false))
-                                               view_.end_cards();
-                                       }
-                                   }),
-                           ROOM_SILENCE_MS);
+    const uint64_t there = connection->follow(
+        stream, "", goes_on ? cards_.last + 1 : 1, only_of(&reading_, [this](const nats_entry &entry) {
+            const std::string site(word_of(entry.message.subject, 2));
+            const auto id = parse_id(word_of(entry.message.subject, 3));
+            if (id && is_site(site))
+                view_.take_card(site, *id, entry.message.data, is_deleted(entry.message));
+            cards_.last = entry.number;
+            cards_read_ += 1;
+            if (entry.left == 0) {
+                cards_wanted_ = 0;
+                if (sweeps_.exchange(false))
+                    view_.end_cards();
+            }
+        }));
     if (there == 0 && sweeps_.exchange(false))
         view_.end_cards();
     else if (sweeps_)
@@ -210,12 +203,10 @@ void room::follow_events(nats_connection *connection)
     events_.created = now.created;
     events_.last = std::max<uint64_t>(from, 1) - 1;
     connection->follow(EVENTS_STREAM, events_subject(">"), std::max<uint64_t>(from, 1),
-                       only_of(&reading_,
-                               [this, connection](const nats_entry &entry) {
-                                   take_events(connection, entry);
-                                   events_.last = entry.number;
-                               }),
-                       ROOM_SILENCE_MS);
+                       only_of(&reading_, [this, connection](const nats_entry &entry) {
+                           take_events(connection, entry);
+                           events_.last = entry.number;
+                       }));
 }
 
 static uint64_t header_number(const nats_message &message, const char *name)
