@@ -453,14 +453,15 @@ def large(stack, nightly):
     """1.3 million cards in the bucket, put there as sites would, and 400,000 updates; with --nightly a minute of them"""
     os.environ |= {"GOMEMLIMIT": "700MiB", "GLIBC_TUNABLES": "glibc.malloc.hugetlb=1"}  # as the unit of the room has it
     servers, _ = fleet(stack, servers=1, sites=0)
-    with contextlib.ExitStack() as first:  # this one makes the streams
-        maker = room_of(first, servers)
-        until(lambda: maker.get("/v1/status")["room"]["state"] == "connected", "the streams are there")
-        f = first.enter_context(contextlib.closing(Fabric(CARDS)))
-        f.start().well(5)
-        document = f.request("GET", f"/v1/cards/{DEVICE}").strip()
     servers.client_options["timeout"] = 60
     client = stack.enter_context(contextlib.closing(servers.client()))
+    with contextlib.closing(Fabric(CARDS)) as f:  # this one makes the streams, and has put one document
+        f.configure(history=joins(servers.urls, "first"))
+        f.start().well(5)
+        until(lambda: f.get("/v1/status")["fleet"]["cards_waiting"] == 0 and f.get("/v1/status")["fleet"]["state"] == "connected", "it has put all")
+        document = client.ask(f"$JS.API.DIRECT.GET.{BUCKET}.$KV.fxm_cards_1.first.{DEVICE.replace(':', '')}").data
+    document = document[document.index(b'"id"'):]
+    client.api(f"STREAM.PURGE.{BUCKET}")
 
     def put(places, rev, seconds=math.inf):
         """Returns how many it has put in that time."""
@@ -471,7 +472,7 @@ def large(stack, nightly):
             parts = []
             for site, number in places[start:start + 1000]:
                 key = f"020000{number:06x}"
-                data = b'{"schema":"fxm/1","site":"%s","boot":"0000abcd","rev":%d,' % (site.encode(), rev) + document[1:].replace(
+                data = b'{"schema":"fxm/1","site":"%s","boot":"0000abcd","rev":%d,' % (site.encode(), rev) + document.replace(
                     DEVICE.encode(), ":".join(re.findall("..", key)).encode(), 1)
                 parts.append(b"PUB $KV.fxm_cards_1.%s.%s %d\r\n%s\r\n" % (site.encode(), key.encode(), len(data), data))
             client.send(b"".join(parts[:-1]))

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <iterator>
 
@@ -435,6 +436,50 @@ void write_details(text *out, const card &card)
 {
     for (const member &member : shared_details)
         put_member(out, member, card);
+}
+
+card blank_card(card_class kind)
+{
+    card made;
+    if (kind == card_class::fxsv)
+        made.data = std::make_unique<fxm_fxsv_t>();
+    else
+        made.data = fxm_fxio_t{};
+    return made;
+}
+
+void write_brief(text *out, const card &card)
+{
+    using values = std::vector<text>; // of a blank card; nothing for what always stands there
+    const auto each = [](auto see) {
+        for (size_t i = 1; i < WHOLE; ++i)
+            see(members[i]);
+        for (const member &member : shared_details)
+            see(member);
+    };
+    static const std::array<values, class_words.size()> blanks = [&] {
+        std::array<values, class_words.size()> made;
+        for (size_t kind = 0; kind < made.size(); ++kind) {
+            const fxm::card blank = blank_card(static_cast<card_class>(kind));
+            each([&](const member &member) {
+                const std::string_view name = member.name;
+                member.put(&made[kind].emplace_back(), blank);
+                if (name == "class" || name == "health")
+                    made[kind].back().clear();
+            });
+        }
+        return made;
+    }();
+    auto blank = blanks[static_cast<size_t>(fxsv(card.data) != nullptr ? card_class::fxsv : card_class::fxio)].begin();
+    write_card(out, card, {});
+    each([&](const member &member) {
+        const size_t before = out->size();
+        put(out, FMT_COMPILE(",\"{}\":"), member.name);
+        const size_t value = out->size();
+        member.put(out, card);
+        if (std::string_view(*out).substr(value) == *blank++)
+            out->resize(before);
+    });
 }
 
 // ------------------------------------------------------------------------------------------------------------ changes

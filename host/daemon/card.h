@@ -68,6 +68,13 @@ void write_row(std::string *out, const card &card, const member_set &members);
 // Appends the members of the full document that write_card does not have, with a comma in front.
 void write_details(std::string *out, const card &card);
 
+// A card that has announced nothing: of the smaller generation, all else 0.
+card blank_card(card_class kind);
+
+// The full document in brief: without the members that have the value of a blank card of its class. `id`, `class` and
+// `health` always stand there.
+void write_brief(std::string *out, const card &card);
+
 // Appends what differs between two records of one card, as `"vlan":[100,300],...`.
 void write_changes(std::string *out, const card &before, const card &after);
 

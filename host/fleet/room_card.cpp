@@ -4,7 +4,9 @@
 
 #include <cstring>
 #include <memory>
+#include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "daemon/card.h"
 #include "fleet/document.h"
@@ -16,22 +18,24 @@ namespace json = boost::json;
 
 // -------------------------------------------------------------------------------------------------------- compression
 
+static std::string full_text(const card &of)
+{
+    std::string text;
+    write_card(&text, of, member_set::all());
+    write_details(&text, of);
+    return text;
+}
+
 // The documents of two cards that have announced nothing: every name stands in them. The longer one stands last, where
 // the compressor prefers to look. It is made by each process for itself and stored nowhere.
 static const std::string &common_text()
 {
     static const std::string made = [] {
-        std::string text;
-        card some;
-        some.data = fxm_fxio_t{};
-        write_card(&text, some, member_set::all());
-        write_details(&text, some);
         auto server = std::make_unique<fxm_fxsv_t>();
         server->fsv_card.fcd_type = 1; // it has all down ports
-        some.data = std::move(server);
-        write_card(&text, some, member_set::all());
-        write_details(&text, some);
-        return text;
+        card large;
+        large.data = std::move(server);
+        return full_text(blank_card(card_class::fxio)) + full_text(large);
     }();
     return made;
 }
@@ -99,12 +103,37 @@ template <typename See> static void each_member(std::string_view text, See see)
     }
 }
 
+// The document of a card that has announced nothing: its members, in their order, stand for those that are left out.
+struct blank_document {
+    enum class place : uint8_t { nowhere, row, details };
+    struct member {
+        std::string_view text;
+        place at;
+    };
+    std::string text;
+    std::vector<member> members;
+    std::unordered_map<std::string_view, size_t> numbers; // of the members, by name
+
+    explicit blank_document(card_class kind) : text('{' + full_text(blank_card(kind)) + '}')
+    {
+        const auto names = member_set::all().names();
+        const std::unordered_set<std::string_view> listed(names.begin(), names.end());
+        each_member(text, [&](std::string_view name, std::string_view of) {
+            numbers.emplace(name, members.size());
+            const bool apart = name == "id" || name == "health";
+            members.push_back({of, apart ? place::nowhere : listed.count(name) ? place::row : place::details});
+        });
+    }
+};
+
+static const blank_document &blank_of(card_class kind)
+{
+    static const blank_document server(card_class::fxsv), device(card_class::fxio);
+    return kind == card_class::fxsv ? server : device;
+}
+
 room_card read_card(uint64_t id, const json::object &parsed, std::string_view document)
 {
-    static const std::unordered_set<std::string_view> shown = [] {
-        const auto names = member_set::all().names();
-        return std::unordered_set<std::string_view>(names.begin(), names.end());
-    }();
     facts known;
     known.id = id;
     for (const auto &member : parsed)
@@ -112,14 +141,25 @@ room_card read_card(uint64_t id, const json::object &parsed, std::string_view do
     std::string lineless;
     if (has_control(document))
         document = lineless = json::serialize(parsed);
+    const blank_document &blank = blank_of(known.kind);
     thread_local std::string row, details, packed; // they keep their memory
+    thread_local std::vector<std::string_view> own;
     row.clear();
     details.clear();
     packed.clear();
+    own.assign(blank.members.size(), {});
     each_member(document, [&](std::string_view name, std::string_view member) {
-        if (name != "schema" && name != "site" && name != "id" && name != "health")
-            (shown.count(name) != 0 ? row : details).append(1, ',').append(member);
+        const auto number = blank.numbers.find(name);
+        if (number != blank.numbers.end())
+            own[number->second] = member;
+        else if (name != "schema" && name != "site")
+            details.append(1, ',').append(member);
     });
+    for (size_t i = 0; i < own.size(); ++i) {
+        const auto &[text, at] = blank.members[i];
+        if (at != blank_document::place::nowhere)
+            (at == blank_document::place::row ? row : details).append(1, ',').append(own[i].empty() ? text : own[i]);
+    }
     room_card made;
     made.known = known;
     made.rev = number_of(parsed, "rev");

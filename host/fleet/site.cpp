@@ -339,8 +339,7 @@ std::string site::card_document(uint64_t id, uint64_t rev)
         all_->cards->with_card(id, [&](const card &known) {
             text =
                 fmt::format(R"({{"schema":"fxm/1","site":"{}","boot":"{}","rev":{},)", options_.name, all_->boot, rev);
-            write_card(&text, known, member_set::all());
-            write_details(&text, known);
+            write_brief(&text, known);
             text += '}';
         });
     } catch (const api_error &) {

@@ -106,6 +106,9 @@ class Fleet(unittest.TestCase):
             own = f.get(f"/v1/cards/{card['id']}")
             self.assertEqual((stored["site"], stored["id"], stored["vlan"]), (SITE, card["id"], own["vlan"]))
             self.assertEqual(set(stored) - set(own), {"site", "boot", "rev"})
+            # What a card that has announced nothing has, too, is left out.
+            self.assertNotIn("server" if card["class"] == "fxsv" else "down_ports", stored)
+            self.assertLessEqual({"class", "health", "channels", "seen_ms", "partners" if card["partners"] else "vlan"}, set(stored))
         f.cards(f"remove {SERVER}")
         f.health(SERVER, "lost")
         f.request("DELETE", f"/v1/cards/{SERVER}")
