@@ -48,6 +48,11 @@ def progress(text):
         print(f"\r\033[K{case_name}: {text}" if text else "\r\033[K", end="", file=sys.stderr, flush=True)
 
 
+def settle(f):
+    until(lambda: (now := f.get("/v1/status"))["fleet"]["sent_seq"] == now["seq"] and now["fleet"]["cards_waiting"] == 0,
+          "the fleet has all of a site", 120)
+
+
 class Site(Fabric):
     """fxmd with many cards, which all change with each tick."""
 
@@ -71,8 +76,7 @@ class Site(Fabric):
         return self.get("/v1/status")["fleet"]["sent_seq"]
 
     def settle(self):
-        until(lambda: (now := self.get("/v1/status"))["fleet"]["sent_seq"] == now["seq"] and now["fleet"]["cards_waiting"] == 0,
-              f"the fleet has all of {self.name}", 120)
+        settle(self)
 
     def vlans(self, of=None, query=""):
         """What this site, or a room about it, says of each card."""
@@ -458,7 +462,7 @@ def large(stack, nightly):
     with contextlib.closing(Fabric(CARDS)) as f:  # this one makes the streams, and has put one document
         f.configure(history=joins(servers.urls, "first"))
         f.start().well(5)
-        until(lambda: f.get("/v1/status")["fleet"]["cards_waiting"] == 0 and f.get("/v1/status")["fleet"]["state"] == "connected", "it has put all")
+        settle(f)
         document = client.ask(f"$JS.API.DIRECT.GET.{BUCKET}.$KV.fxm_cards_1.first.{DEVICE.replace(':', '')}").data
     document = document[document.index(b'"id"'):]
     client.api(f"STREAM.PURGE.{BUCKET}")
