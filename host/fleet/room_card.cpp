@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <memory>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -107,22 +106,32 @@ template <typename See> static void each_member(std::string_view text, See see)
 struct blank_document {
     enum class place : uint8_t { nowhere, row, details };
     struct member {
-        std::string_view text;
+        std::string_view name, text;
         place at;
     };
     std::string text;
     std::vector<member> members;
-    std::unordered_map<std::string_view, size_t> numbers; // of the members, by name
 
     explicit blank_document(card_class kind) : text('{' + full_text(blank_card(kind)) + '}')
     {
         const auto names = member_set::all().names();
         const std::unordered_set<std::string_view> listed(names.begin(), names.end());
         each_member(text, [&](std::string_view name, std::string_view of) {
-            numbers.emplace(name, members.size());
             const bool apart = name == "id" || name == "health";
-            members.push_back({of, apart ? place::nowhere : listed.count(name) ? place::row : place::details});
+            members.push_back({name, of, apart ? place::nowhere : listed.count(name) ? place::row : place::details});
         });
+    }
+
+    // Of the member with that name, which mostly stands behind the last one that was found; members.size(): there is none.
+    size_t find(std::string_view name, size_t behind) const
+    {
+        for (const size_t from : {behind, size_t{0}}) {
+            for (size_t i = from; i < members.size(); ++i) {
+                if (members[i].name == name)
+                    return i;
+            }
+        }
+        return members.size();
     }
 };
 
@@ -141,33 +150,20 @@ room_card read_card(uint64_t id, const json::object &parsed, std::string_view do
     std::string lineless;
     if (has_control(document))
         document = lineless = json::serialize(parsed);
-    const blank_document &blank = blank_of(known.kind);
-    thread_local std::string row, details, packed; // they keep their memory
-    thread_local std::vector<std::string_view> own;
-    row.clear();
-    details.clear();
+    thread_local std::string own, packed; // they keep their memory
+    own = '{';
     packed.clear();
-    own.assign(blank.members.size(), {});
     each_member(document, [&](std::string_view name, std::string_view member) {
-        const auto number = blank.numbers.find(name);
-        if (number != blank.numbers.end())
-            own[number->second] = member;
-        else if (name != "schema" && name != "site")
-            details.append(1, ',').append(member);
+        if (name != "schema" && name != "site" && name != "id" && name != "health")
+            own.append(member).append(1, ',');
     });
-    for (size_t i = 0; i < own.size(); ++i) {
-        const auto &[text, at] = blank.members[i];
-        if (at != blank_document::place::nowhere)
-            (at == blank_document::place::row ? row : details).append(1, ',').append(own[i].empty() ? text : own[i]);
-    }
+    own += '}';
     room_card made;
     made.known = known;
     made.rev = number_of(parsed, "rev");
-    made.listed = static_cast<uint32_t>(row.size());
-    row += details;
-    made.length = static_cast<uint32_t>(row.size());
+    made.length = static_cast<uint32_t>(own.size());
     packed.append(reinterpret_cast<const char *>(known.partners.data()), known.partner_count * sizeof(uint64_t));
-    append_packed(&packed, row);
+    append_packed(&packed, own);
     made.packed = packed; // as large as it must be
     return made;
 }
@@ -182,7 +178,33 @@ facts room_card::all_facts() const
 
 card_members room_card::members() const
 {
-    return {unpacked(std::string_view(packed).substr(known.partner_count * sizeof(uint64_t)), length), listed};
+    using place = blank_document::place;
+    const std::string own = unpacked(std::string_view(packed).substr(known.partner_count * sizeof(uint64_t)), length);
+    const blank_document &blank = blank_of(known.kind);
+    thread_local std::vector<std::string_view> texts; // of the members of the blank document; it keeps its memory
+    thread_local std::string details;
+    texts.assign(blank.members.size(), {});
+    details.clear();
+    card_members made;
+    made.text.reserve(blank.text.size() + own.size());
+    size_t next = 0;
+    each_member(own, [&](std::string_view name, std::string_view member) {
+        const size_t number = blank.find(name, next);
+        if (number == texts.size()) {
+            details.append(1, ',').append(member);
+            return;
+        }
+        texts[number] = member;
+        next = number + 1;
+    });
+    for (size_t i = 0; i < texts.size(); ++i) {
+        const auto &[name, text, at] = blank.members[i];
+        if (at != place::nowhere)
+            (at == place::row ? made.text : details).append(1, ',').append(texts[i].empty() ? text : texts[i]);
+    }
+    made.listed = made.text.size();
+    made.text += details;
+    return made;
 }
 
 } // namespace fxm::fleet

@@ -24,9 +24,8 @@ struct room_card {
     plain_facts known;    // of the document
     uint64_t rev = 0;     // number of the last event that is in it
     uint32_t reading = 0; // the last whole reading of the bucket that named it
-    uint32_t length = 0;  // of the text of its members
-    uint32_t listed = 0;
-    std::string packed; // known.partner_count ids, and the compressed text
+    uint32_t length = 0;  // of the text
+    std::string packed;   // known.partner_count ids, and the compressed text of the members that were sent
 
     facts all_facts() const;
     card_members members() const;
