@@ -64,7 +64,7 @@ struct nats_options {
 class nats_connection
 {
   public:
-    static constexpr size_t MOST_IN_FLIGHT = 256; // messages of send_to_store, without an outcome yet
+    static constexpr size_t MOST_IN_FLIGHT = 2048; // messages of send_to_store, without an outcome yet
     static constexpr int CONNECT_MS = 2000;
     static constexpr int QUIET_MS = 2000; // after which a stream that is followed shows that it is there
 
