@@ -246,7 +246,8 @@ static void check_confirmation(const nats_message &answer, const std::string &su
 void nats_connection::handles::on_confirmation(const nats_message &answer)
 {
     // INBOX.NUMBER
-    nats_outcome outcome{std::strtoull(answer.subject.c_str() + inbox.size() + 1, nullptr, 10), true};
+    nats_outcome outcome{std::strtoull(answer.subject.c_str() + inbox.size() + 1, nullptr, 10), true,
+                         std::chrono::steady_clock::now()};
     std::string why;
     try {
         check_confirmation(answer, "cards");

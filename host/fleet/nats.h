@@ -2,6 +2,7 @@
 // the tree names its functions, so a program without a fleet neither needs nor loads it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -44,6 +45,7 @@ struct nats_entry {
 struct nats_outcome {
     uint64_t number = 0; // that the sender has given it
     bool stored = false;
+    std::chrono::steady_clock::time_point came; // when this was known
 };
 
 struct nats_stream {
@@ -64,7 +66,6 @@ struct nats_options {
 class nats_connection
 {
   public:
-    static constexpr size_t MOST_IN_FLIGHT = 2048; // messages of send_to_store, without an outcome yet
     static constexpr int CONNECT_MS = 2000;
     static constexpr int QUIET_MS = 2000; // after which a stream that is followed shows that it is there
 

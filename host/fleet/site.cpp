@@ -23,8 +23,15 @@ using std::chrono::seconds;
 
 constexpr auto BATCH_EVERY = milliseconds(100); // a full batch goes at once
 constexpr auto CARD_EVERY = seconds(1);         // of one card
-constexpr int SILENCE_MS = 3000;                // of the server, after which another one is tried
-constexpr int QUESTIONS = 6;                    // within that time
+// Cards are in flight by the hundred, as many as the servers answer in a moment: over a slow line, events would wait behind
+// more of them until the server seemed to be silent.
+constexpr size_t LEAST_IN_FLIGHT = 64;
+constexpr size_t FIRST_IN_FLIGHT = 512;
+constexpr size_t MOST_IN_FLIGHT = 2048;
+constexpr auto QUICK = milliseconds(300);
+constexpr auto SLOW = milliseconds(600);
+constexpr int SILENCE_MS = 3000; // of the server, after which another one is tried
+constexpr int QUESTIONS = 6;     // within that time
 constexpr auto BEAT_EVERY = seconds(5);
 constexpr auto BEAT_SLICE = seconds(1); // of a wait
 constexpr auto SITE_EVERY = seconds(30);
@@ -40,7 +47,7 @@ constexpr uint64_t REQUESTS_QUEUE = UINT64_MAX; // at the executor, for requests
 site::site(member_options options, services *all)
     : options_(std::move(options)), all_(all), feed_(all->events, all->past), desk_(all, options_.name, options_.allow),
       link_(options_, fmt::format("fxmd of {}", options_.name), "fxmd goes on, and sends what it has later", all->log),
-      cards_cursor_(all->events->start_seq())
+      cards_cursor_(all->events->start_seq()), window_(FIRST_IN_FLIGHT)
 {
     status_.site = options_.name;
 }
@@ -354,7 +361,18 @@ void site::give_up_in_flight()
     for (const auto &[number, id] : in_flight_)
         mark(id);
     in_flight_.clear();
+    window_ = FIRST_IN_FLIGHT;
+    probe_ = 0;
     cards_answered_ = clock::now();
+}
+
+// A full window was under way for so long.
+void site::adapt(clock::duration took)
+{
+    if (took < QUICK)
+        window_ = std::min(window_ * 2, MOST_IN_FLIGHT);
+    else if (took > SLOW)
+        window_ = std::max(window_ / 2, LEAST_IN_FLIGHT);
 }
 
 // What the bucket has said of cards that were sent, once there are so many answers or after a moment. Throws if it did not
@@ -367,6 +385,10 @@ void site::take_outcomes(size_t wanted)
         const auto sent = in_flight_.find(outcome.number);
         if (sent == in_flight_.end())
             continue;
+        if (outcome.number == probe_) {
+            adapt(outcome.came - probed_at_);
+            probe_ = 0;
+        }
         if (!outcome.stored)
             mark(sent->second);
         (outcome.stored ? stored : refused) += 1;
@@ -401,7 +423,7 @@ bool site::send_cards()
         std::erase_if(cards_, [now](const auto &entry) { return !entry.second.dirty && entry.second.earliest <= now; });
         next_tidy_ = now + TIDY_EVERY;
     }
-    for (size_t left = to_send_.size(); left != 0 && in_flight_.size() < nats_connection::MOST_IN_FLIGHT; --left) {
+    for (size_t left = to_send_.size(); left != 0 && in_flight_.size() < window_; --left) {
         const uint64_t id = to_send_.front();
         to_send_.pop_front();
         card_state &state = cards_[id];
@@ -417,10 +439,14 @@ bool site::send_cards()
         state = {false, now + CARD_EVERY};
         in_flight_.emplace(++card_number_, id);
         link_.connection()->send_to_store(std::move(made), card_number_);
+        if (probe_ == 0 && in_flight_.size() == window_) {
+            probe_ = card_number_;
+            probed_at_ = clock::now();
+        }
     }
-    const bool is_full = in_flight_.size() == nats_connection::MOST_IN_FLIGHT;
+    const bool is_full = in_flight_.size() >= window_;
     if (is_full)
-        take_outcomes(nats_connection::MOST_IN_FLIGHT / 2);
+        take_outcomes(window_ / 2);
     return is_full;
 }
 

@@ -54,6 +54,7 @@ class site
     void tell_sent();
     bool send_cards();
     void take_outcomes(size_t wanted);
+    void adapt(clock::duration took);
     void give_up_in_flight();
     void mark_cards();
     void mark_all_cards();
@@ -88,6 +89,9 @@ class site
     std::deque<uint64_t> to_send_;                     // the dirty ones
     std::unordered_map<uint64_t, uint64_t> in_flight_; // sent, without an outcome yet: its number, and the card
     uint64_t card_number_ = 0;                         // of the last one that was sent
+    size_t window_;                                    // so many may be in flight
+    uint64_t probe_ = 0;                               // the last one of a full window; 0: none
+    clock::time_point probed_at_;                      // when it was sent
     clock::time_point cards_answered_;                 // when the bucket has said something, or none was in flight
     std::optional<clock::time_point> delete_at_;       // cards of the past; empty: done
     clock::time_point next_compare_, next_beat_, next_site_, last_site_, next_tidy_;
