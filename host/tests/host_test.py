@@ -557,6 +557,7 @@ class Commands(HostTest):
             file.write(f.ctl("snapshot"))
         f.ctl("diff", "old.json")
         f.ctl("vlan", DEVICE, "300", "--verify", "--yes")
+        until(lambda: f.get(f"/v1/cards/{DEVICE}")["vlan"] == 300, "the card has announced it")
         f.ctl("diff", "old.json", code=1)
         self.assertIn(DEVICE, f.ctl("__complete", "--", "show", "02:00"))
         for code, words in ((2, ["nothing"]), (2, ["cards", "x"]), (2, ["show", "zz"]), (3, ["show", "020000999999"]),

@@ -67,8 +67,12 @@ export async function openPage(browser, { url, tokens }, { role = 'operate', has
 export async function until(condition, what, seconds = 30) {
   const end = Date.now() + 1000 * seconds
   for (let pause = 20; ; pause = Math.min(1.3 * pause, 150)) {
-    const value = await condition()
-    if (value) return value
+    try {
+      const value = await condition()
+      if (value) return value
+    } catch (failure) { // the page may be on its way to another address
+      if (!/Execution context was destroyed/.test(failure.message)) throw failure
+    }
     if (Date.now() > end) throw new Error(`not within ${seconds} s: ${what}`)
     await new Promise((resume) => setTimeout(resume, pause))
   }
