@@ -96,7 +96,7 @@ class nats_connection
     // Hands what the stream has to `see`, in order and each once, and later what comes, on a thread of libnats of its own:
     // from a number on, or with 0 the last message of each subject; without subjects, of all. Returns how many are there
     // now. When reads_well() is false, something is missing, and whoever reads makes another connection.
-    // A server that is down costs a few seconds.
+    // While a server is down, this may take a few seconds.
     uint64_t follow(const std::string &stream, const std::string &subjects, uint64_t from,
                     const std::function<void(nats_entry)> &see);
     bool reads_well() const;
